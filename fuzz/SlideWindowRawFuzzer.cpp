@@ -1,0 +1,15 @@
+// libFuzzer target: raw values into a sliding-window engine's receive path.
+#include <cstddef>
+#include <cstdint>
+
+#include "QueltLibrary/Log.h"
+#include "support/SlideWindowFuzz.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  qlt::setLogSink([](std::string_view) {});  // malformed frames are logged one by one
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  return qlt::fuzz::runRaw(data, size);
+}

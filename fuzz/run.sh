@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang in build/fuzz and runs each mode for N seconds
+# (default 60), starting from a copy of fuzz/corpus/<mode> (the seed corpus stays as it
+# is; new inputs collect under build/fuzz/corpus-<mode>). Crashes land in build/fuzz.
+#   fuzz/run.sh 30
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-60}
+build=build/fuzz
+CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DQLT_BUILD_FUZZERS=ON -DQLT_SANITIZE=address,undefined \
+  -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link \
+  -DQLT_BUILD_TESTS=OFF -DQLT_BUILD_BENCHMARKS=OFF -DQLT_BUILD_TOOLS=OFF -DQLT_WITH_BLUEZ=OFF >/dev/null
+cmake --build "$build" --target qlt_fuzz_slidewindow_raw qlt_fuzz_slidewindow_structured
+
+status=0
+for mode in raw structured; do
+  work="$build/corpus-$mode"
+  artifacts="$build/artifacts-$mode"
+  mkdir -p "$work"
+  rm -rf "$artifacts" && mkdir -p "$artifacts"
+  cp -n fuzz/corpus/$mode/* "$work"/ 2>/dev/null || true
+  echo "=== fuzzing $mode for $seconds s ==="
+  rc=0
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+    "$build/fuzz/qlt_fuzz_slidewindow_$mode" -max_total_time="$seconds" -print_final_stats=1 \
+    -max_len=1024 -artifact_prefix="$artifacts/" "$work" >"$build/fuzz-$mode.log" 2>&1 || rc=$?
+  grep -E 'stat::number_of_executed_units|ERROR|SUMMARY' "$build/fuzz-$mode.log" || true
+  if [ "$rc" -ne 0 ] || [ -n "$(ls -A "$artifacts")" ]; then
+    echo "fuzzing $mode failed (exit $rc); see $build/fuzz-$mode.log and $artifacts"
+    status=1
+  fi
+done
+exit $status

@@ -1,0 +1,108 @@
+// The transport contract, and BaseTransport, which owns a transport's worker thread.
+//
+// A transport sits between a connected peripheral's UART service and the application: it
+// cuts messages into frames that fit one characteristic write and asks its sender
+// delegate to write each one; it turns each received value, fed to receive(), back into
+// payloads that it announces to its delegates on their own queues.
+//
+// Usage: create, setSenderDelegate, addDelegate, start; feed every notified value to
+// receive(); sendTCP/sendUDP at any time; on disconnection stop, remove the delegate and
+// drop the transport. A transport serves one connection.
+//
+// Threads: start, stop, sendTCP and sendUDP run on the caller's thread; receive on the
+// thread that delivers notifications; run() on the transport's own worker thread. The
+// sender delegate is called from the worker thread and, for some frames, from the
+// receiving thread, so it must accept calls from any thread; it should return once the
+// write is queued (transports may call it while holding their queue lock).
+//
+// Lifetime: the worker thread holds the transport until it has ended, so a started
+// transport is never destroyed under its own thread; destroying a transport stops it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "QueltLibrary/Data.h"
+#include "QueltLibrary/QLT_Object.h"
+#include "QueltLibrary/ThreadBase.h"
+
+namespace qlt {
+
+class BaseTransport;
+
+// The operations every transport offers.
+class Transport {
+ public:
+  virtual ~Transport() = default;
+  virtual void start() = 0;
+  virtual void stop() = 0;
+  // Queues a reliable message of `length` bytes.
+  virtual void sendTCP(const uint8_t* bytes, uint64_t length) = 0;
+  // Sends a datagram.
+  virtual void sendUDP(const uint8_t* bytes, uint64_t length) = 0;
+  // Hands one finished frame to the sender delegate.
+  virtual void writeRequest(const uint8_t* bytes, uint64_t length) = 0;
+  // Feeds one received value in.
+  virtual void receive(const Data& value) = 0;
+  // The worker loop; returns when `thread` is closing.
+  virtual void run(const std::shared_ptr<ThreadBase>& thread) = 0;
+};
+
+// Who writes a transport's frames to the peer.
+class TransportSenderDelegate : public virtual Delegate {
+ public:
+  virtual void transport_requestWriteData(const std::shared_ptr<BaseTransport>& transport,
+                                          const Data& data) = 0;
+};
+
+// Who receives a transport's payloads (through its multicast delegate, on its own queue).
+class TransportDelegate : public virtual Delegate {
+ public:
+  virtual void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>& transport,
+                                         const Data& data) = 0;
+  virtual void transport_udpDataReceived(const std::shared_ptr<BaseTransport>& transport,
+                                         const Data& data) = 0;
+};
+
+class BaseTransport : public QLT_Object,
+                      public Transport,
+                      public ThreadBaseDelegate {
+ public:
+  // A transport whose loop does nothing; concrete transports derive from it.
+  static std::shared_ptr<BaseTransport> create();
+  ~BaseTransport() override;
+
+  void start() override;
+  void stop() override;
+  void sendTCP(const uint8_t* bytes, uint64_t length) override {}
+  void sendUDP(const uint8_t* bytes, uint64_t length) override {}
+  void writeRequest(const uint8_t* bytes, uint64_t length) override;
+  void receive(const Data& value) override {}
+  void run(const std::shared_ptr<ThreadBase>& thread) override {}
+
+  std::shared_ptr<TransportSenderDelegate> senderDelegate() const;
+  void setSenderDelegate(const std::shared_ptr<TransportSenderDelegate>& delegate);
+
+  // The current worker thread, or null.
+  std::shared_ptr<ThreadBase> thread() const;
+
+  // ThreadBaseDelegate
+  void threadStarted(const std::shared_ptr<ThreadBase>& thread) override {}
+  std::function<void()> threadRunloop(const std::shared_ptr<ThreadBase>& thread) override;
+  void threadStopped(const std::shared_ptr<ThreadBase>& thread) override;
+
+ protected:
+  explicit BaseTransport(std::string className);
+  std::shared_ptr<BaseTransport> sharedTransport() {
+    return std::static_pointer_cast<BaseTransport>(shared_from_this());
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::shared_ptr<ThreadBase> thread_;                    // guarded by mutex_
+  std::weak_ptr<TransportSenderDelegate> senderDelegate_;  // guarded by mutex_
+};
+
+}  // namespace qlt

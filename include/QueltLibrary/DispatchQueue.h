@@ -1,0 +1,86 @@
+// DispatchQueue: a serial queue of tasks.
+//
+// Tasks submitted to one queue run one at a time, in submission order, never two at once.
+// A queue owns no thread: when it has work it is handed to a process-wide pool of worker
+// threads, and when it is drained it is handed back, so thousands of idle queues cost
+// only their memory. The pool adds a worker whenever every worker is busy and work is
+// waiting, so a task that blocks (sleeps, waits in sync() on another queue) never holds
+// up other queues; idle workers beyond a small reserve retire after a few seconds.
+//
+// The main queue is served by one thread at a time: by default a thread of the library's
+// own, started on first use; or, after MainQueue::useApplicationThread(), by whichever
+// application thread calls MainQueue::run(), runFor() or runPending().
+//
+// - async(f): never runs f inside the call; f runs later on the queue.
+// - asyncAfter(d, f): as async, once d has passed.
+// - sync(f): runs f on the calling thread once the queue has finished everything submitted
+//   before it, and returns after f. When the caller is already running on this queue (also
+//   through nested sync calls), f runs at once, inline, so re-entrant code cannot deadlock.
+// - isCurrent(): whether the calling thread is running a task of this queue right now.
+//
+// Thread safety: every member may be called from any thread.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace qlt {
+
+class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
+ public:
+  using Task = std::function<void()>;
+
+  // A new serial queue. The label is for people: logs, debuggers, tests.
+  static std::shared_ptr<DispatchQueue> create(std::string label);
+  // The one main queue of the process.
+  static const std::shared_ptr<DispatchQueue>& main();
+
+  ~DispatchQueue();
+  DispatchQueue(const DispatchQueue&) = delete;
+  DispatchQueue& operator=(const DispatchQueue&) = delete;
+
+  const std::string& label() const;
+  void async(Task task);
+  // Submits `task` to this queue once `delay` has passed (measured on the monotonic
+  // clock by one library timer thread). There is no cancelling: a task that may have
+  // become pointless checks for itself when it runs.
+  void asyncAfter(std::chrono::nanoseconds delay, Task task);
+  void sync(const Task& task);
+  bool isCurrent() const;
+
+  // Queue-specific values: a key (any address) and an opaque value attached to this queue.
+  void setSpecific(const void* key, void* value);
+  // The value for `key` on the queue the calling thread runs now, or on any queue whose
+  // task is waiting for it in sync(); null when there is none.
+  static void* getSpecific(const void* key);
+  // The label of the queue the calling thread runs now, or "" outside any queue.
+  static std::string currentLabel();
+
+  struct State;  // private
+ private:
+  friend class QueueRunner;
+  explicit DispatchQueue(std::string label, bool isMain);
+  std::unique_ptr<State> state_;
+};
+
+// How the main queue is served. See DispatchQueue.
+class MainQueue {
+ public:
+  // From now on the application serves the main queue with run(), runFor() or
+  // runPending(); the library starts no thread for it. Call it before anything is put on
+  // the main queue.
+  static void useApplicationThread();
+  // Serves the main queue on the calling thread until stop() is called.
+  static void run();
+  // Makes run() return after the task it is running (if any).
+  static void stop();
+  // Serves the main queue for `duration`, then returns.
+  static void runFor(std::chrono::milliseconds duration);
+  // Runs the tasks that are waiting now and returns how many ran; does not wait.
+  static size_t runPending();
+};
+
+}  // namespace qlt

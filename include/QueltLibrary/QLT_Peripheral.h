@@ -1,0 +1,247 @@
+// QLT_Peripheral: the library's object for one remote device.
+//
+// It wraps the platform peripheral and is its delegate; it keeps the library's own
+// connection state, discovers the UART service (NUS) and its characteristics, and once
+// notifications are on it builds and starts its transport and becomes ready. Application
+// data goes writeTCPData/writeUDPData → transport → NUSService::write → the platform;
+// notified values come back platform → transport → QLT_Peripheral_didReceivedTCPData /
+// QLT_Peripheral_didReceivedUDPData on each delegate's queue.
+//
+// States (the integers are part of the interface; see convertStateToNSString):
+//   0 disconnected, 1 connecting, 2 connected, 3 disconnecting, 4 failedToConnect,
+//   5 discoveringServices, 6 discoveringCharacteristics, 7 unavailable (reserved),
+//   8 ready, 9 dfuInProgress (no NUS service, or an unknown platform state),
+//   10 notSupported (reserved).
+// A normal connection runs 1 2 5 6 8, then 3 0 on disconnect:, or 0 when the link drops;
+// 1 4 when connecting fails. Every setState() is applied and announced, also repeats.
+//
+// Ownership: whoever holds the QLT_Peripheral (normally the application) keeps it alive;
+// the platform peripheral refers to it weakly as its delegate, and the manager keeps no
+// list. It holds its platform peripheral, its services, its NUSService and its transport;
+// the transport refers back to it weakly. States 0 and 4 drop the services, the NUS
+// service and the transport (after the delegates have been told), and destroying the
+// QLT_Peripheral stops its transport.
+//
+// Threads and queues:
+// - Platform callbacks (discovery, notifications) arrive on the "QLT_BLEManager" queue.
+// - setState() may be called from any thread; the state is stored and announced on the
+//   main queue, in the order of the setState() calls (state() may lag until then).
+// - Transport payloads reach the peripheral on the main queue and each application
+//   delegate on the queue it registered with.
+// - writeTCPData/writeUDPData may be called from any thread.
+// Every field shared between these threads is atomic or guarded by the object's lock; no
+// user code and no platform call runs under that lock.
+//
+// Robustness beyond the classic design: discovery results that arrive after the link was
+// reported down (or after a new connection attempt began) are logged and ignored; a
+// disconnection announced late never tears down what a newer connection has built; a
+// transport replaced by a newer one is stopped; frames written by a transport that is no
+// longer the current one are dropped.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QueltLibrary/BLEService.h"
+#include "QueltLibrary/BaseTransport.h"
+#include "QueltLibrary/Data.h"
+#include "QueltLibrary/NUSService.h"
+#include "QueltLibrary/QLT_Object.h"
+#include "QueltLibrary/SlideWindowCounters.h"
+#include "QueltLibrary/platform/Platform.h"
+
+namespace qlt {
+
+class QLT_Peripheral;
+
+// Peripheral states, as passed to QLT_Peripheral_didChangeState.
+enum QLT_PeripheralState : int32_t {
+  QLT_PeripheralStateDisconnected = 0,
+  QLT_PeripheralStateConnecting = 1,
+  QLT_PeripheralStateConnected = 2,
+  QLT_PeripheralStateDisconnecting = 3,
+  QLT_PeripheralStateFailedToConnect = 4,
+  QLT_PeripheralStateDiscoveringServices = 5,
+  QLT_PeripheralStateDiscoveringCharacteristics = 6,
+  QLT_PeripheralStateUnavailable = 7,
+  QLT_PeripheralStateReady = 8,
+  QLT_PeripheralStateDfuInProgress = 9,
+  QLT_PeripheralStateNotSupported = 10,
+};
+
+// Application callbacks of a peripheral; a delegate inherits those it wants.
+class QLT_PeripheralDidChangeState : public virtual Delegate {
+ public:
+  virtual void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& peripheral,
+                                             int32_t state) = 0;
+};
+class QLT_PeripheralDidReceivedTCPData : public virtual Delegate {
+ public:
+  // One "TCP" payload: one segment (at most 120 bytes) with the sliding window, one
+  // notified value with the chunking transport. Payloads are not joined into messages.
+  virtual void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>& peripheral,
+                                                 const Data& data) = 0;
+};
+class QLT_PeripheralDidReceivedUDPData : public virtual Delegate {
+ public:
+  virtual void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>& peripheral,
+                                                 const Data& data) = 0;
+};
+
+class QLT_Peripheral : public QLT_Object,
+                       public platform::PeripheralDelegate,
+                       public TransportSenderDelegate,
+                       public TransportDelegate {
+ public:
+  using FrameTrace = std::function<void(bool outgoing, const Data& frame)>;
+
+  // initWithPeripheral: the state follows the platform peripheral's state (no
+  // announcement); the new object becomes the platform peripheral's delegate.
+  static std::shared_ptr<QLT_Peripheral> create(std::shared_ptr<platform::Peripheral> peripheral);
+  ~QLT_Peripheral() override;
+
+  // Platform link state → peripheral state: 0..3 map to themselves, anything else to 9.
+  static int32_t convertState(int64_t platformState);
+  static int32_t convertState(platform::PeripheralState platformState) {
+    return convertState(static_cast<int64_t>(platformState));
+  }
+  // The display string of a peripheral state. A value outside 0..10 is a programming
+  // error: it is reported on standard error and the process aborts.
+  static std::string convertStateToNSString(int32_t state);
+
+  const std::shared_ptr<platform::Peripheral>& basePeripheral() const { return basePeripheral_; }
+  int32_t state() const { return state_.load(std::memory_order_acquire); }
+  bool ready() const { return state() == QLT_PeripheralStateReady; }
+  // Logs "P state = %d" and hands the state to the main queue (notifyStateChange).
+  void setState(int32_t state);
+  // On the main queue: logs, stores, announces; 0 and 4 then tear the connection down.
+  void notifyStateChange(int32_t state);
+
+  std::optional<std::string> name() const;
+  void setName(std::optional<std::string> name);
+  int32_t RSSI() const { return rssi_.load(std::memory_order_relaxed); }
+  void setRSSI(int32_t rssi) { rssi_.store(rssi, std::memory_order_relaxed); }
+  // 0: the chunking transport; anything else: the sliding window. Read at startTransport.
+  int32_t transportType() const { return transportType_.load(std::memory_order_relaxed); }
+  void setTransportType(int32_t type) { transportType_.store(type, std::memory_order_relaxed); }
+  platform::AdvertisementData advertisementData() const;
+  void setAdvertisementData(platform::AdvertisementData advertisementData);
+  // The wrapped services of the last discovery (a copy of the list).
+  std::vector<std::shared_ptr<BLEService>> services() const;
+  // Declared for the application; the library never assigns them.
+  std::shared_ptr<platform::Characteristic> rx() const;
+  void setRx(std::shared_ptr<platform::Characteristic> rx);
+  std::shared_ptr<platform::Characteristic> tx() const;
+  void setTx(std::shared_ptr<platform::Characteristic> tx);
+
+  // Data path. Without a transport (not ready), the data is dropped silently.
+  void writeTCPData(const Data& data);
+  void writeUDPData(const Data& data);
+
+  // A new transport of the kind transportType() selects (not stored, not started).
+  std::shared_ptr<BaseTransport> createTransport();
+  void startTransport();
+  void stopTransport();
+
+  // Discovery (normally driven by QLT_BLEManager and the platform callbacks).
+  void discoverServices();
+  void discoverCharacteristics(const std::shared_ptr<BLEService>& service);
+  std::shared_ptr<BLEService> findBLEService(const std::shared_ptr<platform::Service>& service) const;
+
+  // Equal to its own platform peripheral, or to a QLT_Peripheral (exactly that class)
+  // wrapping a platform peripheral with the same identifier.
+  bool isEqual(const std::shared_ptr<platform::Peripheral>& other) const;
+  bool isEqual(const std::shared_ptr<QLT_Peripheral>& other) const;
+
+  // For tools: the counters of the current transport (sliding window only; empty with the
+  // chunking transport or none), and a hook that sees every frame the transport writes
+  // (outgoing) and every value it receives (incoming), on the thread doing it. The hook
+  // is handed to the current transport and to every transport built later; it must be
+  // quick and must not call back into the peripheral. An empty function turns it off.
+  std::optional<SlideWindowCounters> transportCounters() const;
+  void setFrameTrace(FrameTrace trace);
+
+  std::string description() const;
+
+  // platform::PeripheralDelegate
+  void peripheral_didDiscoverServices(const std::shared_ptr<platform::Peripheral>& peripheral,
+                                      const std::optional<platform::Error>& error) override;
+  void peripheral_didDiscoverCharacteristicsForService_error(
+      const std::shared_ptr<platform::Peripheral>& peripheral,
+      const std::shared_ptr<platform::Service>& service,
+      const std::optional<platform::Error>& error) override;
+  void peripheral_didUpdateNotificationStateForCharacteristic_error(
+      const std::shared_ptr<platform::Peripheral>& peripheral,
+      const std::shared_ptr<platform::Characteristic>& characteristic,
+      const std::optional<platform::Error>& error) override;
+  void peripheral_didUpdateValueForCharacteristic_error(
+      const std::shared_ptr<platform::Peripheral>& peripheral,
+      const std::shared_ptr<platform::Characteristic>& characteristic,
+      const std::optional<platform::Error>& error) override;
+  void peripheral_didWriteValueForCharacteristic_error(
+      const std::shared_ptr<platform::Peripheral>& peripheral,
+      const std::shared_ptr<platform::Characteristic>& characteristic,
+      const std::optional<platform::Error>& error) override;
+  void peripheralIsReadyToSendWriteWithoutResponse(
+      const std::shared_ptr<platform::Peripheral>& peripheral) override {}
+  void peripheral_didUpdateValueForDescriptor_error(
+      const std::shared_ptr<platform::Peripheral>& peripheral,
+      const std::optional<platform::Error>& error) override;
+  void peripheral_didWriteValueForDescriptor_error(
+      const std::shared_ptr<platform::Peripheral>& peripheral,
+      const std::optional<platform::Error>& error) override;
+
+  // TransportSenderDelegate
+  void transport_requestWriteData(const std::shared_ptr<BaseTransport>& transport,
+                                  const Data& data) override;
+  // TransportDelegate
+  void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>& transport,
+                                 const Data& data) override;
+  void transport_udpDataReceived(const std::shared_ptr<BaseTransport>& transport,
+                                 const Data& data) override;
+
+ private:
+  friend class QLT_BLEManager;
+  explicit QLT_Peripheral(std::shared_ptr<platform::Peripheral> peripheral);
+  std::shared_ptr<QLT_Peripheral> self() {
+    return std::static_pointer_cast<QLT_Peripheral>(shared_from_this());
+  }
+  // The state most recently handed to setState() (the state the main queue will reach).
+  int32_t latestState() const;
+  bool linkUp() const;
+  void applyState(int32_t state, uint64_t generation);
+  void tearDown(uint64_t generation);
+  static void installFrameTrace(const std::shared_ptr<BaseTransport>& transport, FrameTrace trace);
+
+  const std::shared_ptr<platform::Peripheral> basePeripheral_;
+  std::atomic<int32_t> state_;
+  std::atomic<int32_t> rssi_{0};
+  std::atomic<int32_t> transportType_{0};
+
+  mutable std::mutex mutex_;
+  int32_t latestState_;                                 // guarded by mutex_
+  // Each time the link comes up (state 2 after anything else) the generation advances;
+  // what a connection builds is tagged with it, and a teardown clears only what is as
+  // old as the disconnection that asked for it.
+  uint64_t linkGeneration_ = 0;                         // guarded by mutex_
+  bool linkUp_ = false;                                 // guarded by mutex_
+  std::optional<std::string> name_;                     // guarded by mutex_
+  platform::AdvertisementData advertisementData_;       // guarded by mutex_
+  std::vector<std::shared_ptr<BLEService>> services_;   // guarded by mutex_
+  uint64_t servicesGeneration_ = 0;                     // guarded by mutex_
+  std::shared_ptr<NUSService> nus_;                     // guarded by mutex_
+  uint64_t nusGeneration_ = 0;                          // guarded by mutex_
+  std::shared_ptr<BaseTransport> transport_;            // guarded by mutex_
+  uint64_t transportGeneration_ = 0;                    // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> rx_;        // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> tx_;        // guarded by mutex_
+  FrameTrace frameTrace_;                               // guarded by mutex_
+};
+
+}  // namespace qlt

@@ -1,0 +1,222 @@
+// The platform seam: the Bluetooth stack the library drives, as interfaces of its own.
+//
+// These classes are shaped by what the library's device model calls and nothing more: a
+// central that scans, connects and retrieves peripherals; peripherals with services and
+// characteristics; advertisement data. A backend implements them: the simulated radio
+// (the default, "sim") or BlueZ over D-Bus ("bluez"); the mobile platforms' stacks map
+// onto them one to one.
+//
+// Threads: a backend delivers every CentralDelegate and PeripheralDelegate call on the
+// queue given to createCentral(), serially, in the order the events happened. Calls into
+// the platform (scan, connect, write, ...) may come from any thread and never block for
+// long; their outcome arrives later as a delegate call.
+//
+// Lifetime: the central holds its peripherals for as long as it knows them; a peripheral
+// holds its services, a service its characteristics. Delegates are held weakly. Back
+// references (characteristic → service → peripheral) are weak.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QueltLibrary/Data.h"
+#include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/UUID.h"
+
+namespace qlt::platform {
+
+class Central;
+class Peripheral;
+class Service;
+class Characteristic;
+
+// An error handed to a delegate call; the device model logs it and otherwise ignores it.
+struct Error {
+  std::string domain;  // e.g. "org.bluez.Error.Failed" or "sim"
+  std::string message;
+  std::string description() const { return domain + ": " + message; }
+};
+
+// The power state of the central, numbered as the platforms number it.
+enum class CentralState : int64_t {
+  Unknown = 0,
+  Resetting = 1,
+  Unsupported = 2,
+  Unauthorized = 3,
+  PoweredOff = 4,
+  PoweredOn = 5,
+};
+
+// The link state of a peripheral, numbered as the platforms number it.
+enum class PeripheralState : int64_t {
+  Disconnected = 0,
+  Connecting = 1,
+  Connected = 2,
+  Disconnecting = 3,
+};
+
+// Characteristic property bits.
+enum CharacteristicProperty : uint32_t {
+  kPropertyBroadcast = 0x01,
+  kPropertyRead = 0x02,
+  kPropertyWriteWithoutResponse = 0x04,
+  kPropertyWrite = 0x08,
+  kPropertyNotify = 0x10,
+  kPropertyIndicate = 0x20,
+};
+
+enum class WriteType : int64_t {
+  WithResponse = 0,
+  WithoutResponse = 1,
+};
+
+// What one advertisement carried.
+struct AdvertisementData {
+  std::optional<std::string> localName;
+  std::optional<Data> manufacturerData;  // company identifier (little-endian) first
+  std::vector<UUID> serviceUUIDs;
+  std::map<UUID, Data> serviceData;
+  std::optional<int> txPowerLevel;
+  bool isConnectable = true;
+};
+
+class CentralDelegate {
+ public:
+  virtual ~CentralDelegate() = default;
+  virtual void centralManagerDidUpdateState(Central& central) = 0;
+  virtual void centralManager_didDiscoverPeripheral_advertisementData_RSSI(
+      Central& central, const std::shared_ptr<Peripheral>& peripheral,
+      const AdvertisementData& advertisementData, int rssi) = 0;
+  virtual void centralManager_didConnectPeripheral(Central& central,
+                                                   const std::shared_ptr<Peripheral>& peripheral) = 0;
+  virtual void centralManager_didFailToConnectPeripheral_error(
+      Central& central, const std::shared_ptr<Peripheral>& peripheral,
+      const std::optional<Error>& error) = 0;
+  virtual void centralManager_didDisconnectPeripheral_error(
+      Central& central, const std::shared_ptr<Peripheral>& peripheral,
+      const std::optional<Error>& error) = 0;
+};
+
+class PeripheralDelegate {
+ public:
+  virtual ~PeripheralDelegate() = default;
+  virtual void peripheral_didDiscoverServices(const std::shared_ptr<Peripheral>& peripheral,
+                                              const std::optional<Error>& error) {}
+  virtual void peripheral_didDiscoverCharacteristicsForService_error(
+      const std::shared_ptr<Peripheral>& peripheral, const std::shared_ptr<Service>& service,
+      const std::optional<Error>& error) {}
+  virtual void peripheral_didUpdateNotificationStateForCharacteristic_error(
+      const std::shared_ptr<Peripheral>& peripheral,
+      const std::shared_ptr<Characteristic>& characteristic, const std::optional<Error>& error) {}
+  virtual void peripheral_didUpdateValueForCharacteristic_error(
+      const std::shared_ptr<Peripheral>& peripheral,
+      const std::shared_ptr<Characteristic>& characteristic, const std::optional<Error>& error) {}
+  virtual void peripheral_didWriteValueForCharacteristic_error(
+      const std::shared_ptr<Peripheral>& peripheral,
+      const std::shared_ptr<Characteristic>& characteristic, const std::optional<Error>& error) {}
+  virtual void peripheralIsReadyToSendWriteWithoutResponse(
+      const std::shared_ptr<Peripheral>& peripheral) {}
+  virtual void peripheral_didUpdateValueForDescriptor_error(
+      const std::shared_ptr<Peripheral>& peripheral, const std::optional<Error>& error) {}
+  virtual void peripheral_didWriteValueForDescriptor_error(
+      const std::shared_ptr<Peripheral>& peripheral, const std::optional<Error>& error) {}
+};
+
+class Characteristic {
+ public:
+  virtual ~Characteristic() = default;
+  virtual UUID uuid() const = 0;
+  virtual uint32_t properties() const = 0;
+  // The value last received (notification or read); empty before any.
+  virtual std::optional<Data> value() const = 0;
+  virtual bool isNotifying() const = 0;
+  virtual std::shared_ptr<Service> service() const = 0;
+};
+
+class Service {
+ public:
+  virtual ~Service() = default;
+  virtual UUID uuid() const = 0;
+  virtual bool isPrimary() const { return true; }
+  virtual std::vector<std::shared_ptr<Characteristic>> characteristics() const = 0;
+  virtual std::shared_ptr<Peripheral> peripheral() const = 0;
+};
+
+class Peripheral {
+ public:
+  virtual ~Peripheral() = default;
+  virtual UUID identifier() const = 0;
+  virtual std::optional<std::string> name() const = 0;
+  virtual PeripheralState state() const = 0;
+  // The services found by the last discovery (empty before).
+  virtual std::vector<std::shared_ptr<Service>> services() const = 0;
+
+  // The delegate is held weakly; the device model compares its exact type.
+  virtual std::shared_ptr<PeripheralDelegate> delegate() const = 0;
+  virtual void setDelegate(const std::shared_ptr<PeripheralDelegate>& delegate) = 0;
+
+  // Empty optional: all services / characteristics.
+  virtual void discoverServices(const std::optional<std::vector<UUID>>& serviceUUIDs) = 0;
+  virtual void discoverCharacteristics(const std::optional<std::vector<UUID>>& uuids,
+                                       const std::shared_ptr<Service>& service) = 0;
+  virtual void writeValue(const Data& data, const std::shared_ptr<Characteristic>& characteristic,
+                          WriteType type) = 0;
+  virtual void readValue(const std::shared_ptr<Characteristic>& characteristic) = 0;
+  virtual void setNotifyValue(bool enabled,
+                              const std::shared_ptr<Characteristic>& characteristic) = 0;
+  // The largest value one write of this type carries on the current link.
+  virtual size_t maximumWriteValueLength(WriteType type) const = 0;
+
+  std::string description() const { return identifier().UUIDString(); }
+};
+
+struct CentralOptions {
+  bool showPowerAlert = false;
+};
+
+struct ScanOptions {
+  bool allowDuplicates = false;
+};
+
+class Central {
+ public:
+  virtual ~Central() = default;
+  virtual CentralState state() const = 0;
+  virtual void scanForPeripherals(const std::optional<std::vector<UUID>>& serviceUUIDs,
+                                  const ScanOptions& options) = 0;
+  virtual void stopScan() = 0;
+  virtual bool isScanning() const = 0;
+  virtual void connect(const std::shared_ptr<Peripheral>& peripheral) = 0;
+  virtual void cancelPeripheralConnection(const std::shared_ptr<Peripheral>& peripheral) = 0;
+  // The peripherals known by these identifiers (unknown ones are left out).
+  virtual std::vector<std::shared_ptr<Peripheral>> retrievePeripheralsWithIdentifiers(
+      const std::vector<UUID>& identifiers) = 0;
+};
+
+// A backend makes centrals.
+class Backend {
+ public:
+  virtual ~Backend() = default;
+  virtual std::string name() const = 0;
+  // `delegate` is held weakly; its calls arrive on `queue`.
+  virtual std::shared_ptr<Central> createCentral(const std::shared_ptr<CentralDelegate>& delegate,
+                                                 const std::shared_ptr<DispatchQueue>& queue,
+                                                 const CentralOptions& options) = 0;
+};
+
+// Choosing the backend. The library asks for it once, when QLT_BLEManager is first made.
+// Order: a backend installed with setBackend(); else the name in the environment variable
+// QLT_PLATFORM ("sim" or "bluez"); else the simulated radio.
+void setBackend(std::shared_ptr<Backend> backend);
+// Selects a built-in backend by name; false (with a log line) for an unknown name.
+bool setBackendByName(const std::string& name);
+std::shared_ptr<Backend> currentBackend();
+// The names of the built-in backends of this build.
+std::vector<std::string> availableBackends();
+
+}  // namespace qlt::platform

@@ -1,0 +1,79 @@
+// SimDeviceConfig: one simulated device: how it advertises, its GATT table and what it
+// does with the data written to it.
+//
+// Thread safety: plain value types.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QueltLibrary/Data.h"
+#include "QueltLibrary/UUID.h"
+#include "QueltLibrary/platform/Platform.h"
+#include "QueltLibrary/sim/AirFaults.h"
+
+namespace qlt::sim {
+
+// What the device does with the UART service (NUS): the central writes to 6E400002 and
+// receives notifications from 6E400003.
+enum class SimBehaviour {
+  None,       // accepts writes and does nothing
+  SwEcho,     // runs the library's sliding-window engine and echoes each TCP payload as
+              // TCP and each datagram as a datagram
+  ChunkEcho,  // notifies every written value back, as it came
+  Sink,       // swallows everything (and counts it)
+  Source,     // once notifications are on, sends sourceBytes of a known pattern
+              // (byte i is i mod 251) through the sliding window
+};
+
+// "none", "sw-echo", "chunk-echo", "sink", "source"
+std::string behaviourName(SimBehaviour behaviour);
+std::optional<SimBehaviour> behaviourFromName(const std::string& name);
+
+struct SimCharacteristicConfig {
+  UUID uuid;
+  uint32_t properties = 0;      // platform::CharacteristicProperty bits
+  std::optional<Data> value;    // what a read returns (empty when absent)
+};
+
+struct SimServiceConfig {
+  UUID uuid;
+  std::vector<SimCharacteristicConfig> characteristics;
+
+  // The UART service: tx 6E400002 with `txProperties`, rx 6E400003 with notify.
+  static SimServiceConfig nus(uint32_t txProperties = platform::kPropertyWriteWithoutResponse |
+                                                      platform::kPropertyWrite);
+  // The heart-rate service 180D: measurement 2A37 (notify), body sensor location 2A38 (read).
+  static SimServiceConfig heartRate();
+};
+
+// The three identifiers of the UART service.
+UUID nusServiceUUID();
+UUID nusTxCharacteristicUUID();  // written by the central
+UUID nusRxCharacteristicUUID();  // notified by the device
+
+struct SimDeviceConfig {
+  UUID identifier;
+  std::optional<std::string> localName;  // advertised and the peripheral's name()
+  std::optional<Data> manufacturerData;  // company identifier (little-endian) first
+  int rssi = -60;                        // dBm, the mean
+  int rssiVariation = 6;                 // each advertisement is rssi ± up to this
+  double advertisingInterval = 0.1;      // seconds between advertisements
+  // The service UUIDs put in the advertisement; empty optional: those of `services`.
+  std::optional<std::vector<UUID>> advertisedServices;
+  double connectDelay = 0.002;           // seconds from connect() to the outcome
+  size_t mtu = 185;                      // ATT MTU; a write carries up to mtu - 3 bytes
+  std::vector<SimServiceConfig> services{SimServiceConfig::nus()};
+  SimBehaviour behaviour = SimBehaviour::ChunkEcho;
+  uint64_t sourceBytes = 1 << 20;        // for SimBehaviour::Source
+  // Faults for this device's links; empty: the radio's.
+  std::optional<AirFaults> faults;
+
+  // The services as advertised (advertisedServices, or every service of the table).
+  std::vector<UUID> advertisedServiceUUIDs() const;
+  std::string description() const;  // "QLT-Echo (6E40...)"
+};
+
+}  // namespace qlt::sim

@@ -1,0 +1,124 @@
+#!/usr/bin/env bash
+# Model-checks the sliding-window protocol model (slidewindow.pml) with spin.
+#
+# Checks, each with the verdict it must reach:
+#   1. safety, window 3                       no assertion fails, no bad end state
+#   2. safety, window 3, queue filled late    same
+#   3. progress, window 3                     no non-progress cycle
+#   4. mutant: window 4                       a safety counterexample is found
+#   5. mutant: polls answered only by acks    a non-progress cycle is found
+#   6. rejection rewinding during a transfer  a safety counterexample is found
+#      round (receive: without the lock)      (a race of the engine; see README)
+#
+# Exit status 0 means every check reached its expected verdict.
+# Set KEEP_TMP=1 to keep the work directory (pan sources and trails).
+set -euo pipefail
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+model=slidewindow.pml
+
+for tool in spin gcc; do
+    command -v "$tool" >/dev/null || { echo "check.sh: $tool not found" >&2; exit 2; }
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/slidewindow.XXXXXX")
+if [[ "${KEEP_TMP:-0}" == 1 ]]; then
+    echo "work directory: $work"
+else
+    trap 'rm -rf "$work"' EXIT
+fi
+cp "$here/$model" "$work/"
+cd "$work"
+
+# pan memory limit in MB; the largest check stores about 5 million states.
+memlim=4096
+failures=0
+
+# run_check NAME EXPECT MODE MODEL_DEFINES...
+#   EXPECT: pass (no error allowed) or a pattern the error report must match
+#   MODE:   safety or progress
+run_check() {
+    local name=$1 expect=$2 mode=$3
+    shift 3
+    local dir="check$((++count))"
+    mkdir "$dir"
+    cp "$model" "$dir/"
+    local cflags=(-O2 "-DMEMLIM=$memlim") runflags=(-m2000000)
+    if [[ $mode == safety ]]; then
+        cflags+=(-DSAFETY)
+    else
+        cflags+=(-DNP)
+        runflags+=(-l)
+    fi
+
+    local start out status=0 verdict detail
+    start=$(date +%s%N)
+    (cd "$dir" && spin "$@" -a "$model" >spin.log 2>&1) \
+        || { echo "FAIL  $name: spin -a failed:"; cat "$dir/spin.log"; failures=$((failures + 1)); return; }
+    (cd "$dir" && gcc "${cflags[@]}" -o pan pan.c >gcc.log 2>&1) \
+        || { echo "FAIL  $name: pan did not compile:"; cat "$dir/gcc.log"; failures=$((failures + 1)); return; }
+    out=$(cd "$dir" && ./pan "${runflags[@]}" 2>&1) || status=$?
+    printf '%s\n' "$out" >"$dir/pan.log"
+    local ms=$((($(date +%s%N) - start) / 1000000))
+
+    local errors states first
+    errors=$(grep -oE 'errors: [0-9]+' <<<"$out" | grep -oE '[0-9]+' || true)
+    states=$(grep -oE '[0-9.e+]+ states, stored' <<<"$out" | grep -oE '^[0-9.e+]+' || true)
+    first=$(grep -m1 -E '^pan:[0-9]+: ' <<<"$out" | sed -E 's/^pan:[0-9]+: //' || true)
+
+    if [[ -z $errors || -z $states ]]; then
+        verdict=FAIL
+        detail="pan ended abnormally (status $status); see below"
+    elif grep -qE 'reached -DMEMLIM bound|out of memory|max search depth too small' <<<"$out"; then
+        verdict=FAIL
+        detail="search incomplete (memory or depth limit)"
+    elif [[ $expect == pass ]]; then
+        if [[ $errors == 0 ]]; then
+            verdict=PASS
+            detail="no errors"
+        else
+            verdict=FAIL
+            detail="unexpected error: $first"
+        fi
+    else
+        if [[ $errors != 0 ]] && grep -qE "$expect" <<<"$first"; then
+            verdict=PASS
+            detail="caught: $first"
+        elif [[ $errors != 0 ]]; then
+            verdict=FAIL
+            detail="wrong error: $first"
+        else
+            verdict=FAIL
+            detail="not caught"
+        fi
+    fi
+    printf '%-4s  %s: %s; %s states stored; %d.%01d s\n' \
+        "$verdict" "$name" "$detail" "$states" $((ms / 1000)) $((ms % 1000 / 100))
+    if [[ $verdict != PASS ]]; then
+        failures=$((failures + 1))
+        tail -n 40 "$dir/pan.log"
+        echo "      replay (with KEEP_TMP=1): cd $work/$dir && spin $* -t -p $model"
+    fi
+}
+count=0
+
+delivery='assertion violated .*(y==delivered|readPos<=delivered)'
+
+run_check "safety, window 3 (6 segments, 2 losses, 1 duplicate)" \
+    pass safety -DWINDOW=3 -DNSEG=6 -DLOSS=2 -DDUPS=1
+run_check "safety, window 3, segments queued one by one (6, 1 loss, 1 duplicate)" \
+    pass safety -DWINDOW=3 -DNSEG=6 -DLOSS=1 -DDUPS=1 -DTRICKLE
+run_check "progress, window 3 (6 segments, 1 loss, 1 duplicate)" \
+    pass progress -DWINDOW=3 -DNSEG=6 -DLOSS=1 -DDUPS=1
+run_check "mutant window 4" \
+    "$delivery" safety -DWINDOW=4 -DNSEG=6 -DLOSS=2 -DDUPS=1
+run_check "mutant: polls answered only by acknowledgements" \
+    'non-progress cycle' progress -DWINDOW=3 -DNSEG=6 -DLOSS=1 -DDUPS=1 -DPOLL_ACK_ONLY
+run_check "engine race: rejection rewinds ackWindow during a transfer round" \
+    "$delivery" safety -DWINDOW=3 -DNSEG=6 -DLOSS=1 -DDUPS=0 -DUNLOCKED_REWIND
+
+if ((failures > 0)); then
+    echo "check.sh: $failures check(s) did not reach the expected verdict"
+    exit 1
+fi
+echo "check.sh: all checks reached the expected verdict"

@@ -1,0 +1,240 @@
+#include "QueltLibrary/QLT_Database.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "QueltLibrary/Log.h"
+#include "QueltLibrary/QLT_Peripheral.h"
+
+namespace qlt {
+
+namespace {
+
+std::mutex& pathMutex() {
+  static std::mutex m;
+  return m;
+}
+std::optional<std::string>& pathOverride() {  // guarded by pathMutex()
+  static std::optional<std::string> p;
+  return p;
+}
+
+std::string directoryOf(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+// mkdir -p with mode 0700 for the directories it creates.
+bool makeDirectories(const std::string& dir) {
+  if (dir.empty() || dir == "/" || dir == ".") return true;
+  struct stat st{};
+  if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
+  if (!makeDirectories(directoryOf(dir))) return false;
+  return mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST;
+}
+
+std::string timestamp() {
+  const auto now = std::chrono::system_clock::now();
+  const std::time_t t = std::chrono::system_clock::to_time_t(now);
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y%m%dT%H%M%S", &tm);
+  char out[48];
+  std::snprintf(out, sizeof out, "%s.%03lld", buf, static_cast<long long>(ms));
+  return out;
+}
+
+void moveAside(const std::string& path, const std::string& why) {
+  const std::string aside = path + ".damaged-" + timestamp();
+  if (std::rename(path.c_str(), aside.c_str()) == 0) {
+    QLTLog("QLT_Database : %@ is damaged (%@); starting with an empty store, the file is kept as %@",
+           path, why, aside);
+  } else {
+    QLTLog("QLT_Database : %@ is damaged (%@); starting with an empty store (could not move it aside: %@)",
+           path, why, std::string(std::strerror(errno)));
+  }
+}
+
+std::vector<std::string> readStore(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    if (errno == ENOENT) return {};  // a fresh installation
+    QLTLog("QLT_Database : cannot read %@ (%@); starting with an empty store", path,
+           std::string(std::strerror(errno)));
+    return {};
+  }
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  if (in.bad()) {
+    moveAside(path, "read error");
+    return {};
+  }
+  nlohmann::json doc = nlohmann::json::parse(buffer.str(), nullptr, /*allow_exceptions=*/false);
+  if (doc.is_discarded() || !doc.is_object()) {
+    moveAside(path, "not a JSON object");
+    return {};
+  }
+  auto it = doc.find(QLT_Database::kStoreKey);
+  if (it == doc.end()) return {};
+  if (!it->is_array()) {
+    moveAside(path, std::string("\"") + QLT_Database::kStoreKey + "\" is not an array");
+    return {};
+  }
+  std::vector<std::string> list;
+  for (const auto& e : *it) {
+    if (e.is_string()) {
+      list.push_back(e.get<std::string>());
+    } else {
+      QLTLog("QLT_Database : passing over a stored entry that is not a string : %@", e.dump());
+    }
+  }
+  return list;
+}
+
+bool writeAll(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+QLT_Database::QLT_Database() : QLT_Object("QLT_Database") {}
+
+std::shared_ptr<QLT_Database> QLT_Database::create() {
+  auto db = std::shared_ptr<QLT_Database>(new QLT_Database());
+  auto list = readStore(storePath());
+  std::lock_guard lock(db->mutex_);
+  db->storedPeripheralIdentifiers_ = std::move(list);
+  return db;
+}
+
+std::string QLT_Database::storePath() {
+  {
+    std::lock_guard lock(pathMutex());
+    if (pathOverride()) return *pathOverride();
+  }
+  if (const char* p = std::getenv("QLT_STORE_PATH"); p && *p) return p;
+  const std::string tail = "/QueltLibrary/known-peripherals.json";
+  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg == '/') return xdg + tail;
+  const char* home = std::getenv("HOME");
+  if (!home || !*home) {
+    if (const passwd* pw = getpwuid(getuid())) home = pw->pw_dir;
+  }
+  return std::string(home ? home : ".") + "/.config" + tail;
+}
+
+void QLT_Database::setStorePath(std::optional<std::string> path) {
+  std::lock_guard lock(pathMutex());
+  if (path && path->empty()) path.reset();
+  pathOverride() = std::move(path);
+}
+
+bool QLT_Database::store(const std::shared_ptr<QLT_Peripheral>& peripheral) {
+  if (!peripheral || !peripheral->basePeripheral()) return false;
+  const std::string id = peripheral->basePeripheral()->identifier().UUIDString();
+  std::lock_guard lock(mutex_);
+  auto& list = storedPeripheralIdentifiers_;
+  if (std::find(list.begin(), list.end(), id) != list.end()) return false;
+  list.push_back(id);
+  return true;
+}
+
+std::vector<UUID> QLT_Database::loadAll() const {
+  const auto list = storedPeripheralIdentifiers();
+  std::vector<UUID> result;
+  result.reserve(list.size());
+  for (const auto& s : list) {
+    auto uuid = s.size() == 36 ? UUID::fromString(s) : std::nullopt;
+    if (uuid) {
+      result.push_back(*uuid);
+    } else {
+      QLTLog("QLT_Database : passing over a stored identifier that is not a UUID : \"%@\"", s);
+    }
+  }
+  return result;
+}
+
+bool QLT_Database::removePeripheralWithUUIDString(const std::string& uuidString) {
+  std::lock_guard lock(mutex_);
+  auto& list = storedPeripheralIdentifiers_;
+  auto it = std::find(list.begin(), list.end(), uuidString);
+  if (it == list.end()) return false;
+  list.erase(it);
+  return true;
+}
+
+void QLT_Database::removeAll() {
+  {
+    std::lock_guard lock(mutex_);
+    storedPeripheralIdentifiers_.clear();
+  }
+  synchronize();
+}
+
+std::vector<std::string> QLT_Database::storedPeripheralIdentifiers() const {
+  std::lock_guard lock(mutex_);
+  return storedPeripheralIdentifiers_;
+}
+
+bool QLT_Database::synchronize() {
+  nlohmann::json doc = nlohmann::json::object();
+  doc[kStoreKey] = storedPeripheralIdentifiers();
+  const std::string text = doc.dump(2) + "\n";
+
+  const std::string path = storePath();
+  const std::string dir = directoryOf(path);
+  if (!makeDirectories(dir)) {
+    QLTLog("QLT_Database : cannot create %@ (%@)", dir, std::string(std::strerror(errno)));
+    return false;
+  }
+  static std::atomic<unsigned> counter{0};
+  const std::string tmp = path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    QLTLog("QLT_Database : cannot write %@ (%@)", tmp, std::string(std::strerror(errno)));
+    return false;
+  }
+  bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, text) && ::fsync(fd) == 0;
+  const int savedErrno = errno;
+  ok = (::close(fd) == 0) && ok;
+  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
+    QLTLog("QLT_Database : cannot save %@ (%@)", path, std::string(std::strerror(ok ? errno : savedErrno)));
+    ::unlink(tmp.c_str());
+    return false;
+  }
+  // Make the rename itself durable.
+  const int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dfd >= 0) {
+    ::fsync(dfd);
+    ::close(dfd);
+  }
+  return true;
+}
+
+}  // namespace qlt

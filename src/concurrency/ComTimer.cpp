@@ -1,0 +1,24 @@
+#include "QueltLibrary/ComTimer.h"
+
+namespace qlt {
+
+ComTimer::ComTimer(double seconds, std::shared_ptr<Clock> clock)
+    : QLT_Object("ComTimer"), clock_(std::move(clock)), timeout_(seconds), tm_(0.0) {
+  start();
+}
+
+std::shared_ptr<ComTimer> ComTimer::timer(std::shared_ptr<Clock> clock) {
+  return timerWithTimeout(1.0, std::move(clock));
+}
+
+std::shared_ptr<ComTimer> ComTimer::timerWithTimeout(double seconds, std::shared_ptr<Clock> clock) {
+  return std::shared_ptr<ComTimer>(new ComTimer(seconds, std::move(clock)));
+}
+
+void ComTimer::start() { tm_.store(clock_->now(), std::memory_order_relaxed); }
+
+double ComTimer::elapse() const { return clock_->now() - tm_.load(std::memory_order_relaxed); }
+
+bool ComTimer::isTimeout() const { return elapse() > Timeout(); }
+
+}  // namespace qlt

@@ -1,0 +1,132 @@
+#include "QueltLibrary/Log.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <mutex>
+
+namespace qlt {
+
+namespace {
+
+std::mutex gSinkMutex;
+std::shared_ptr<const LogSink> gSink;  // guarded by gSinkMutex; empty = default sink
+
+void defaultSink(std::string_view line) {
+  using namespace std::chrono;
+  const auto now = system_clock::now();
+  const std::time_t secs = system_clock::to_time_t(now);
+  const auto ms = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
+  std::tm tm{};
+  localtime_r(&secs, &tm);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
+  // One fprintf per line, so lines from several threads do not interleave.
+  std::fprintf(stderr, "%s.%03d QueltLibrary[%d:%ld] %.*s\n", stamp, static_cast<int>(ms),
+               static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)),
+               static_cast<int>(line.size()), line.data());
+}
+
+}  // namespace
+
+LogSink setLogSink(LogSink sink) {
+  std::shared_ptr<const LogSink> next;
+  if (sink) next = std::make_shared<const LogSink>(std::move(sink));
+  std::lock_guard lock(gSinkMutex);
+  std::swap(gSink, next);
+  return next ? *next : LogSink();
+}
+
+void logLine(std::string_view line) {
+  std::shared_ptr<const LogSink> sink;
+  {
+    std::lock_guard lock(gSinkMutex);
+    sink = gSink;
+  }
+  if (sink) {
+    (*sink)(line);
+  } else {
+    defaultSink(line);
+  }
+}
+
+void failLoudly(std::string_view message) {
+  logLine(message);
+  std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
+  std::fflush(stderr);
+  std::abort();
+}
+
+namespace detail {
+
+std::string formatLog(std::string_view format, const LogArg* args, size_t count) {
+  std::string out;
+  out.reserve(format.size() + 16 * count);
+  size_t next = 0;
+  for (size_t i = 0; i < format.size(); ++i) {
+    const char c = format[i];
+    if (c != '%' || i + 1 >= format.size()) {
+      out.push_back(c);
+      continue;
+    }
+    if (format[i + 1] == '%') {
+      out.push_back('%');
+      ++i;
+      continue;
+    }
+    // Skip flags, width, precision and length modifiers; keep the conversion letter.
+    size_t j = i + 1;
+    while (j < format.size() && std::string_view("-+ #0123456789.lhzjqt").find(format[j]) !=
+                                    std::string_view::npos) {
+      ++j;
+    }
+    if (j >= format.size()) {
+      out.append(format.substr(i));
+      break;
+    }
+    const char conv = format[j];
+    i = j;
+    if (next >= count) {
+      out.append("(missing)");
+      continue;
+    }
+    const LogArg& a = args[next++];
+    char buf[64];
+    switch (a.kind) {
+      case LogArg::Kind::Signed:
+        if (conv == 'x' || conv == 'X') {
+          std::snprintf(buf, sizeof buf, conv == 'x' ? "%llx" : "%llX",
+                        static_cast<unsigned long long>(a.s));
+        } else {
+          std::snprintf(buf, sizeof buf, "%lld", a.s);
+        }
+        out.append(buf);
+        break;
+      case LogArg::Kind::Unsigned:
+        std::snprintf(buf, sizeof buf, conv == 'x' ? "%llx" : conv == 'X' ? "%llX" : "%llu", a.u);
+        out.append(buf);
+        break;
+      case LogArg::Kind::Float:
+        if (conv == 'd' || conv == 'i') {
+          std::snprintf(buf, sizeof buf, "%lld", static_cast<long long>(a.f));
+        } else {
+          std::snprintf(buf, sizeof buf, "%f", a.f);
+        }
+        out.append(buf);
+        break;
+      case LogArg::Kind::Text:
+        out.append(a.text);
+        break;
+    }
+  }
+  return out;
+}
+
+}  // namespace detail
+
+}  // namespace qlt

@@ -1,0 +1,71 @@
+#include "QueltLibrary/QLT_Object.h"
+
+#include "QueltLibrary/Log.h"
+
+namespace qlt {
+
+QLT_Object::QLT_Object(std::string className, std::shared_ptr<DispatchQueue> queue)
+    : moduleName_(std::move(className)),
+      moduleQueue_(queue ? std::move(queue) : DispatchQueue::create(moduleName_)),
+      multicastDelegate_(std::make_shared<GCDMulticastDelegate>()) {
+  moduleQueue_->setSpecific(&moduleQueueTag_, const_cast<char*>(&moduleQueueTag_));
+}
+
+QLT_Object::~QLT_Object() = default;
+
+bool QLT_Object::isOnModuleQueue() const {
+  return DispatchQueue::getSpecific(&moduleQueueTag_) != nullptr;
+}
+
+void QLT_Object::runOnModuleQueue(DispatchQueue::Task task, bool synchronously) {
+  if (isOnModuleQueue()) {
+    task();
+  } else if (synchronously) {
+    moduleQueue_->sync(task);
+  } else {
+    moduleQueue_->async(std::move(task));
+  }
+}
+
+void QLT_Object::addDelegate(const std::shared_ptr<Delegate>& delegate) {
+  addDelegate(delegate, DispatchQueue::main());
+}
+
+void QLT_Object::addDelegate(const std::shared_ptr<Delegate>& delegate,
+                             const std::shared_ptr<DispatchQueue>& delegateQueue) {
+  auto self = shared_from_this();
+  runOnModuleQueue(
+      [self, delegate, delegateQueue] {
+        self->removeDuplicateDelegate(delegate);
+        self->multicastDelegate_->addDelegate(delegate, delegateQueue);
+        self->deviceObject_delegate_attached(self.get(), delegate, true);
+      },
+      /*synchronously=*/false);
+}
+
+void QLT_Object::removeDelegate(const std::shared_ptr<Delegate>& delegate,
+                                const std::shared_ptr<DispatchQueue>& delegateQueue,
+                                bool synchronously) {
+  auto self = shared_from_this();
+  runOnModuleQueue(
+      [self, delegate, delegateQueue] {
+        self->multicastDelegate_->removeDelegate(delegate.get(), delegateQueue.get());
+        self->deviceObject_delegate_attached(self.get(), delegate, false);
+      },
+      synchronously);
+}
+
+void QLT_Object::removeDuplicateDelegate(const std::shared_ptr<Delegate>& delegate) {
+  if (!delegate) return;
+  auto e = multicastDelegate_->delegateEnumerator();
+  std::shared_ptr<Delegate> d;
+  while (e.getNextDelegate(&d, nullptr)) {
+    if (d == delegate) {
+      QLTLog("Already in the queue");
+      removeDelegate(delegate);
+      return;
+    }
+  }
+}
+
+}  // namespace qlt

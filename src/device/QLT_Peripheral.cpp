@@ -1,0 +1,458 @@
+#include "QueltLibrary/QLT_Peripheral.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <typeinfo>
+
+#include "QueltLibrary/Log.h"
+#include "QueltLibrary/NUSTransport.h"
+#include "QueltLibrary/QLT_UUID.h"
+#include "QueltLibrary/SWTransport.h"
+
+namespace qlt {
+
+namespace {
+
+constexpr const char* kStateNames[] = {
+    "disconnected", "connecting", "connected", "disconnecting",
+    "failedToConnect", "discoveringServices", "discoveringCharacteristics", "unavailable",
+    "ready", "dfuInProgress", "notSupported",
+};
+constexpr int32_t kStateCount = sizeof(kStateNames) / sizeof(kStateNames[0]);
+
+bool tearsDown(int32_t state) {
+  return state == QLT_PeripheralStateDisconnected || state == QLT_PeripheralStateFailedToConnect;
+}
+
+}  // namespace
+
+QLT_Peripheral::QLT_Peripheral(std::shared_ptr<platform::Peripheral> peripheral)
+    : QLT_Object("QLT_Peripheral"),
+      basePeripheral_(std::move(peripheral)),
+      state_(convertState(basePeripheral_ ? basePeripheral_->state()
+                                          : platform::PeripheralState::Disconnected)),
+      latestState_(state_.load()) {
+  if (basePeripheral_) name_ = basePeripheral_->name();
+  linkUp_ = latestState_ == QLT_PeripheralStateConnected;
+}
+
+std::shared_ptr<QLT_Peripheral> QLT_Peripheral::create(
+    std::shared_ptr<platform::Peripheral> peripheral) {
+  auto p = std::shared_ptr<QLT_Peripheral>(new QLT_Peripheral(std::move(peripheral)));
+  if (p->basePeripheral_) p->basePeripheral_->setDelegate(p);
+  return p;
+}
+
+QLT_Peripheral::~QLT_Peripheral() {
+  // A started transport is kept alive by its own worker thread; without this it would run
+  // on after its peripheral is gone.
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    transport = std::move(transport_);
+  }
+  if (transport) transport->stop();
+}
+
+int32_t QLT_Peripheral::convertState(int64_t platformState) {
+  switch (platformState) {
+    case 0: return QLT_PeripheralStateDisconnected;
+    case 1: return QLT_PeripheralStateConnecting;
+    case 2: return QLT_PeripheralStateConnected;
+    case 3: return QLT_PeripheralStateDisconnecting;
+    default: return QLT_PeripheralStateDfuInProgress;
+  }
+}
+
+std::string QLT_Peripheral::convertStateToNSString(int32_t state) {
+  if (state < 0 || state >= kStateCount) {
+    failLoudly(formatString(
+        "QLT_Peripheral::convertStateToNSString: %d is not a peripheral state (0..10); "
+        "this is a programming error",
+        state));
+  }
+  return kStateNames[state];
+}
+
+// ---- state ----
+
+int32_t QLT_Peripheral::latestState() const {
+  std::lock_guard lock(mutex_);
+  return latestState_;
+}
+
+bool QLT_Peripheral::linkUp() const {
+  std::lock_guard lock(mutex_);
+  return linkUp_;
+}
+
+void QLT_Peripheral::setState(int32_t state) {
+  QLTLog("P state = %d", state);
+  auto self = this->self();
+  std::lock_guard lock(mutex_);
+  if (state == QLT_PeripheralStateConnected && latestState_ != QLT_PeripheralStateConnected &&
+      latestState_ != QLT_PeripheralStateReady) {
+    ++linkGeneration_;
+    linkUp_ = true;
+  } else if (tearsDown(state) || state == QLT_PeripheralStateConnecting ||
+             state == QLT_PeripheralStateDisconnecting) {
+    linkUp_ = false;
+  }
+  latestState_ = state;
+  const uint64_t generation = linkGeneration_;
+  // Queued under the lock so that the main queue applies states in setState() order.
+  DispatchQueue::main()->async([self, state, generation] { self->applyState(state, generation); });
+}
+
+void QLT_Peripheral::notifyStateChange(int32_t state) {
+  uint64_t generation;
+  {
+    std::lock_guard lock(mutex_);
+    generation = linkGeneration_;
+  }
+  applyState(state, generation);
+}
+
+void QLT_Peripheral::applyState(int32_t state, uint64_t generation) {
+  QLTLog("Peripheral state : %@", convertStateToNSString(state));
+  state_.store(state, std::memory_order_release);
+  multicastDelegate()->invoke(&QLT_PeripheralDidChangeState::QLT_Peripheral_didChangeState, self(),
+                              state);
+  if (tearsDown(state)) tearDown(generation);
+}
+
+void QLT_Peripheral::tearDown(uint64_t generation) {
+  std::shared_ptr<NUSService> nus;
+  std::vector<std::shared_ptr<BLEService>> services;
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    if (nusGeneration_ <= generation) nus = std::move(nus_);
+    if (servicesGeneration_ <= generation) services.swap(services_);
+    if (transportGeneration_ <= generation) transport = std::move(transport_);
+  }
+  if (transport) {
+    transport->stop();
+    transport->multicastDelegate()->removeDelegate(this);
+  }
+  // nus, services and transport are released here, outside the lock.
+}
+
+// ---- properties ----
+
+std::optional<std::string> QLT_Peripheral::name() const {
+  std::lock_guard lock(mutex_);
+  return name_;
+}
+void QLT_Peripheral::setName(std::optional<std::string> name) {
+  std::lock_guard lock(mutex_);
+  name_ = std::move(name);
+}
+platform::AdvertisementData QLT_Peripheral::advertisementData() const {
+  std::lock_guard lock(mutex_);
+  return advertisementData_;
+}
+void QLT_Peripheral::setAdvertisementData(platform::AdvertisementData advertisementData) {
+  std::lock_guard lock(mutex_);
+  advertisementData_ = std::move(advertisementData);
+}
+std::vector<std::shared_ptr<BLEService>> QLT_Peripheral::services() const {
+  std::lock_guard lock(mutex_);
+  return services_;
+}
+std::shared_ptr<platform::Characteristic> QLT_Peripheral::rx() const {
+  std::lock_guard lock(mutex_);
+  return rx_;
+}
+void QLT_Peripheral::setRx(std::shared_ptr<platform::Characteristic> rx) {
+  std::lock_guard lock(mutex_);
+  rx_ = std::move(rx);
+}
+std::shared_ptr<platform::Characteristic> QLT_Peripheral::tx() const {
+  std::lock_guard lock(mutex_);
+  return tx_;
+}
+void QLT_Peripheral::setTx(std::shared_ptr<platform::Characteristic> tx) {
+  std::lock_guard lock(mutex_);
+  tx_ = std::move(tx);
+}
+
+void QLT_Peripheral::setFrameTrace(FrameTrace trace) {
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    frameTrace_ = trace;
+    transport = transport_;
+  }
+  installFrameTrace(transport, std::move(trace));
+}
+
+void QLT_Peripheral::installFrameTrace(const std::shared_ptr<BaseTransport>& transport,
+                                       FrameTrace trace) {
+  if (auto sw = std::dynamic_pointer_cast<SWTransport>(transport)) {
+    sw->setFrameTrace(std::move(trace));
+  } else if (auto nus = std::dynamic_pointer_cast<NUSTransport>(transport)) {
+    nus->setFrameTrace(std::move(trace));
+  }
+}
+
+std::optional<SlideWindowCounters> QLT_Peripheral::transportCounters() const {
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    transport = transport_;
+  }
+  if (auto sw = std::dynamic_pointer_cast<SWTransport>(transport)) return sw->counters();
+  return std::nullopt;
+}
+
+std::string QLT_Peripheral::description() const {
+  auto n = name();
+  return formatString("<QLT_Peripheral %@ \"%@\" %@>",
+                      basePeripheral_ ? basePeripheral_->identifier().UUIDString() : std::string("?"),
+                      n ? *n : std::string(), convertStateToNSString(state()));
+}
+
+bool QLT_Peripheral::isEqual(const std::shared_ptr<platform::Peripheral>& other) const {
+  if (!other || !basePeripheral_) return false;
+  return basePeripheral_->identifier() == other->identifier();
+}
+
+bool QLT_Peripheral::isEqual(const std::shared_ptr<QLT_Peripheral>& other) const {
+  if (!other || !basePeripheral_ || !other->basePeripheral_) return false;
+  const QLT_Peripheral& o = *other;
+  if (typeid(o) != typeid(QLT_Peripheral)) return false;
+  return basePeripheral_->identifier() == other->basePeripheral_->identifier();
+}
+
+// ---- discovery ----
+
+void QLT_Peripheral::discoverServices() {
+  QLTLog("Discover service : %d", services().size());
+  setState(QLT_PeripheralStateDiscoveringServices);
+  if (basePeripheral_) {
+    basePeripheral_->discoverServices(std::vector<UUID>{QLT_UUID::uartServiceUUID()});
+  }
+}
+
+void QLT_Peripheral::discoverCharacteristics(const std::shared_ptr<BLEService>& service) {
+  if (latestState() != QLT_PeripheralStateDiscoveringCharacteristics) {
+    setState(QLT_PeripheralStateDiscoveringCharacteristics);
+  }
+  if (basePeripheral_ && service) {
+    basePeripheral_->discoverCharacteristics(std::nullopt, service->baseService());
+  }
+}
+
+std::shared_ptr<BLEService> QLT_Peripheral::findBLEService(
+    const std::shared_ptr<platform::Service>& service) const {
+  if (!service) return nullptr;
+  const UUID id = service->uuid();
+  for (const auto& s : services()) {
+    if (s->baseService() && s->baseService()->uuid() == id) return s;
+  }
+  return nullptr;
+}
+
+void QLT_Peripheral::peripheral_didDiscoverServices(
+    const std::shared_ptr<platform::Peripheral>& peripheral,
+    const std::optional<platform::Error>& error) {
+  QLTLog("Did discover services");
+  if (!linkUp()) {
+    QLTLog("Ignoring services discovered after the link went down : %@", description());
+    return;
+  }
+  const UUID nusUUID = QLT_UUID::uartServiceUUID();
+  std::vector<std::shared_ptr<BLEService>> wrapped;
+  std::shared_ptr<NUSService> nus;
+  const auto platformServices =
+      peripheral ? peripheral->services() : std::vector<std::shared_ptr<platform::Service>>{};
+  {
+    std::lock_guard lock(mutex_);
+    services_.clear();
+    servicesGeneration_ = linkGeneration_;
+  }
+  for (const auto& ps : platformServices) {
+    if (!ps) continue;
+    std::shared_ptr<BLEService> service;
+    if (ps->uuid() == nusUUID) {
+      nus = NUSService::create(ps);
+      {
+        std::lock_guard lock(mutex_);
+        nus_ = nus;
+        nusGeneration_ = linkGeneration_;
+      }
+      service = nus;
+    } else {
+      service = BLEService::create("SVC", ps);
+    }
+    discoverCharacteristics(service);
+    std::lock_guard lock(mutex_);
+    services_.push_back(service);
+  }
+  if (services().empty()) setState(QLT_PeripheralStateDfuInProgress);
+}
+
+void QLT_Peripheral::peripheral_didDiscoverCharacteristicsForService_error(
+    const std::shared_ptr<platform::Peripheral>& peripheral,
+    const std::shared_ptr<platform::Service>& service,
+    const std::optional<platform::Error>& error) {
+  QLTLog("Did discover chars");
+  if (!linkUp()) {
+    QLTLog("Ignoring characteristics discovered after the link went down : %@", description());
+    return;
+  }
+  const auto platformCharacteristics =
+      service ? service->characteristics() : std::vector<std::shared_ptr<platform::Characteristic>>{};
+  if (platformCharacteristics.empty()) {
+    QLTLog("No chars found");
+    return;
+  }
+  auto wrapper = findBLEService(service);
+  if (!wrapper) return;
+  const std::string name = formatString("%@ Service Characteristic", wrapper->name());
+  std::vector<std::shared_ptr<BLECharacteristic>> list;
+  list.reserve(platformCharacteristics.size());
+  for (const auto& c : platformCharacteristics) list.push_back(BLECharacteristic::create(c, name));
+  wrapper->setCharacteristics(std::move(list));
+}
+
+void QLT_Peripheral::peripheral_didUpdateNotificationStateForCharacteristic_error(
+    const std::shared_ptr<platform::Peripheral>& peripheral,
+    const std::shared_ptr<platform::Characteristic>& characteristic,
+    const std::optional<platform::Error>& error) {
+  QLTLog("Did update notification state value for ch");
+  if (!linkUp()) {
+    QLTLog("Ignoring a notification state change after the link went down : %@", description());
+    return;
+  }
+  startTransport();
+  setState(QLT_PeripheralStateReady);
+}
+
+void QLT_Peripheral::peripheral_didUpdateValueForDescriptor_error(
+    const std::shared_ptr<platform::Peripheral>& peripheral,
+    const std::optional<platform::Error>& error) {
+  QLTLog("didUpdateValueForDescriptor");
+}
+
+void QLT_Peripheral::peripheral_didWriteValueForDescriptor_error(
+    const std::shared_ptr<platform::Peripheral>& peripheral,
+    const std::optional<platform::Error>& error) {
+  QLTLog("didWriteValueForDescriptor");
+}
+
+// ---- data path ----
+
+std::shared_ptr<BaseTransport> QLT_Peripheral::createTransport() {
+  if (transportType() == 0) return NUSTransport::create();
+  return SWTransport::create();
+}
+
+void QLT_Peripheral::startTransport() {
+  auto transport = createTransport();
+  FrameTrace trace;
+  {
+    std::lock_guard lock(mutex_);
+    trace = frameTrace_;
+  }
+  if (trace) installFrameTrace(transport, std::move(trace));
+  transport->setSenderDelegate(self());
+  // Registered directly with the multicast delegate (bound to the main queue) so that the
+  // peripheral is listening before the first frame can arrive.
+  transport->multicastDelegate()->addDelegate(self(), DispatchQueue::main());
+  std::shared_ptr<BaseTransport> previous;
+  {
+    std::lock_guard lock(mutex_);
+    previous = std::move(transport_);
+    transport_ = transport;
+    transportGeneration_ = linkGeneration_;
+  }
+  if (previous) {
+    // Its worker thread would keep it (and its polls on the air) alive forever.
+    previous->stop();
+    previous->multicastDelegate()->removeDelegate(this);
+  }
+  transport->start();
+}
+
+void QLT_Peripheral::stopTransport() {
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    transport = std::move(transport_);
+  }
+  if (!transport) return;
+  transport->stop();
+  transport->multicastDelegate()->removeDelegate(this);
+}
+
+void QLT_Peripheral::writeTCPData(const Data& data) {
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    transport = transport_;
+  }
+  if (transport) transport->sendTCP(data.bytes(), data.length());
+}
+
+void QLT_Peripheral::writeUDPData(const Data& data) {
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    transport = transport_;
+  }
+  if (transport) transport->sendUDP(data.bytes(), data.length());
+}
+
+void QLT_Peripheral::transport_requestWriteData(const std::shared_ptr<BaseTransport>& transport,
+                                                const Data& data) {
+  std::shared_ptr<NUSService> nus;
+  {
+    std::lock_guard lock(mutex_);
+    if (transport != transport_) return;  // a stopped or replaced transport
+    nus = nus_;
+  }
+  if (nus) nus->write(data);
+}
+
+void QLT_Peripheral::peripheral_didUpdateValueForCharacteristic_error(
+    const std::shared_ptr<platform::Peripheral>& peripheral,
+    const std::shared_ptr<platform::Characteristic>& characteristic,
+    const std::optional<platform::Error>& error) {
+  if (!characteristic) return;
+  auto wrapper = findBLEService(characteristic->service());
+  std::shared_ptr<NUSService> nus;
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    nus = nus_;
+    transport = transport_;
+  }
+  if (!wrapper || wrapper != nus) return;
+  auto value = nus->read();
+  if (value && transport) transport->receive(*value);
+}
+
+void QLT_Peripheral::peripheral_didWriteValueForCharacteristic_error(
+    const std::shared_ptr<platform::Peripheral>& peripheral,
+    const std::shared_ptr<platform::Characteristic>& characteristic,
+    const std::optional<platform::Error>& error) {
+  QLTLog("Did write value for ch");
+}
+
+void QLT_Peripheral::transport_tcpDataReceived(const std::shared_ptr<BaseTransport>& transport,
+                                               const Data& data) {
+  QLTLog("---> t-rcv : l=%d, %@", data.length(), data);
+  multicastDelegate()->invoke(&QLT_PeripheralDidReceivedTCPData::QLT_Peripheral_didReceivedTCPData,
+                              self(), data);
+}
+
+void QLT_Peripheral::transport_udpDataReceived(const std::shared_ptr<BaseTransport>& transport,
+                                               const Data& data) {
+  QLTLog("---> u-rcv : l=%d, %@", data.length(), data);
+  multicastDelegate()->invoke(&QLT_PeripheralDidReceivedUDPData::QLT_Peripheral_didReceivedUDPData,
+                              self(), data);
+}
+
+}  // namespace qlt

@@ -1,0 +1,287 @@
+#include "SimConfigLoader.h"
+
+#include <cmath>
+#include <limits>
+#include <set>
+#include <stdexcept>
+
+#include <nlohmann/json.hpp>
+
+namespace qlt::sim {
+
+namespace {
+
+using nlohmann::json;
+
+// Thrown inside this file only, caught by parseRadioConfig.
+struct ConfigError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+[[noreturn]] void fail(const std::string& path, const std::string& what) {
+  throw ConfigError(path + ": " + what);
+}
+
+void requireObject(const json& j, const std::string& path,
+                   std::initializer_list<const char*> allowed) {
+  if (!j.is_object()) fail(path, "expected an object");
+  for (const auto& [key, value] : j.items()) {
+    bool known = false;
+    for (const char* name : allowed) known = known || key == name;
+    if (!known) fail(path, "unknown key \"" + key + "\"");
+  }
+}
+
+std::string join(const std::string& path, const std::string& key) {
+  return path.empty() ? key : path + "." + key;
+}
+
+double number(const json& j, const std::string& path, double min, double max) {
+  if (!j.is_number()) fail(path, "expected a number");
+  const double v = j.get<double>();
+  if (!std::isfinite(v) || v < min || v > max) {
+    fail(path, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
+  }
+  return v;
+}
+
+uint64_t unsignedInteger(const json& j, const std::string& path, uint64_t min, uint64_t max) {
+  if (!j.is_number_unsigned() && !(j.is_number_integer() && j.get<int64_t>() >= 0)) {
+    fail(path, "expected a non-negative whole number");
+  }
+  const uint64_t v = j.get<uint64_t>();
+  if (v < min || v > max) {
+    fail(path, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
+  }
+  return v;
+}
+
+int integer(const json& j, const std::string& path, int min, int max) {
+  if (!j.is_number_integer()) fail(path, "expected a whole number");
+  const int64_t v = j.get<int64_t>();
+  if (v < min || v > max) {
+    fail(path, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
+  }
+  return static_cast<int>(v);
+}
+
+std::string text(const json& j, const std::string& path) {
+  if (!j.is_string()) fail(path, "expected a string");
+  return j.get<std::string>();
+}
+
+UUID uuid(const json& j, const std::string& path) {
+  const std::string t = text(j, path);
+  auto parsed = UUID::fromString(t);
+  if (!parsed) fail(path, "not a UUID: \"" + t + "\"");
+  return *parsed;
+}
+
+Data hexBytes(const json& j, const std::string& path) {
+  std::string t = text(j, path);
+  std::string digits;
+  for (char c : t) {
+    if (c == ' ' || c == ':' || c == '-') continue;
+    if (!std::isxdigit(static_cast<unsigned char>(c))) fail(path, "not hexadecimal: \"" + t + "\"");
+    digits.push_back(c);
+  }
+  if (digits.size() % 2 != 0) fail(path, "odd number of hexadecimal digits: \"" + t + "\"");
+  std::vector<uint8_t> bytes;
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  }
+  return Data(bytes.data(), bytes.size());
+}
+
+uint32_t properties(const json& j, const std::string& path) {
+  static const std::pair<const char*, uint32_t> kNames[] = {
+      {"broadcast", platform::kPropertyBroadcast},
+      {"read", platform::kPropertyRead},
+      {"writeWithoutResponse", platform::kPropertyWriteWithoutResponse},
+      {"write", platform::kPropertyWrite},
+      {"notify", platform::kPropertyNotify},
+      {"indicate", platform::kPropertyIndicate},
+  };
+  if (!j.is_array()) fail(path, "expected a list of property names");
+  uint32_t bits = 0;
+  for (size_t i = 0; i < j.size(); ++i) {
+    const std::string itemPath = path + "[" + std::to_string(i) + "]";
+    const std::string name = text(j[i], itemPath);
+    bool known = false;
+    for (const auto& [n, bit] : kNames) {
+      if (name == n) {
+        bits |= bit;
+        known = true;
+      }
+    }
+    if (!known) {
+      fail(itemPath, "unknown property \"" + name +
+                         "\" (broadcast, read, writeWithoutResponse, write, notify, indicate)");
+    }
+  }
+  return bits;
+}
+
+AirFaults faults(const json& j, const std::string& path) {
+  requireObject(j, path,
+                {"seed", "lostWritesWithoutResponse", "lostNotifications", "connectionIntervalMs",
+                 "dropAfterSeconds", "dropAfterPackets", "connectFailure", "writeRateLimit"});
+  AirFaults f;
+  const double kDay = 86400;
+  if (j.contains("seed")) {
+    f.seed = unsignedInteger(j["seed"], join(path, "seed"), 0, std::numeric_limits<uint64_t>::max());
+  }
+  if (j.contains("lostWritesWithoutResponse")) {
+    f.lostWritesWithoutResponse =
+        number(j["lostWritesWithoutResponse"], join(path, "lostWritesWithoutResponse"), 0, 1);
+  }
+  if (j.contains("lostNotifications")) {
+    f.lostNotifications = number(j["lostNotifications"], join(path, "lostNotifications"), 0, 1);
+  }
+  if (j.contains("connectionIntervalMs")) {
+    f.connectionInterval =
+        number(j["connectionIntervalMs"], join(path, "connectionIntervalMs"), 0, 4000) / 1000.0;
+  }
+  if (j.contains("dropAfterSeconds")) {
+    f.dropAfterSeconds = number(j["dropAfterSeconds"], join(path, "dropAfterSeconds"), 0, kDay);
+  }
+  if (j.contains("dropAfterPackets")) {
+    f.dropAfterPackets = unsignedInteger(j["dropAfterPackets"], join(path, "dropAfterPackets"), 1,
+                                         std::numeric_limits<uint64_t>::max());
+  }
+  if (j.contains("connectFailure")) {
+    f.connectFailure = number(j["connectFailure"], join(path, "connectFailure"), 0, 1);
+  }
+  if (j.contains("writeRateLimit")) {
+    f.writeRateLimit = number(j["writeRateLimit"], join(path, "writeRateLimit"), 1, 1e9);
+  }
+  return f;
+}
+
+SimServiceConfig service(const json& j, const std::string& path) {
+  if (j.is_string()) {
+    if (j.get<std::string>() == "nus") return SimServiceConfig::nus();
+    if (j.get<std::string>() == "heart-rate") return SimServiceConfig::heartRate();
+    fail(path, "unknown service shorthand \"" + j.get<std::string>() +
+                   "\" (\"nus\", \"heart-rate\", or an object)");
+  }
+  requireObject(j, path, {"uuid", "characteristics"});
+  if (!j.contains("uuid")) fail(path, "missing \"uuid\"");
+  SimServiceConfig s{uuid(j["uuid"], join(path, "uuid")), {}};
+  if (j.contains("characteristics")) {
+    const auto& list = j["characteristics"];
+    const std::string listPath = join(path, "characteristics");
+    if (!list.is_array()) fail(listPath, "expected a list");
+    for (size_t i = 0; i < list.size(); ++i) {
+      const std::string cPath = listPath + "[" + std::to_string(i) + "]";
+      requireObject(list[i], cPath, {"uuid", "properties", "value"});
+      if (!list[i].contains("uuid")) fail(cPath, "missing \"uuid\"");
+      SimCharacteristicConfig c;
+      c.uuid = uuid(list[i]["uuid"], join(cPath, "uuid"));
+      if (list[i].contains("properties")) {
+        c.properties = properties(list[i]["properties"], join(cPath, "properties"));
+      }
+      if (list[i].contains("value")) c.value = hexBytes(list[i]["value"], join(cPath, "value"));
+      s.characteristics.push_back(c);
+    }
+  }
+  return s;
+}
+
+SimDeviceConfig device(const json& j, const std::string& path) {
+  requireObject(j, path,
+                {"identifier", "name", "manufacturerData", "rssi", "rssiVariation",
+                 "advertisingIntervalMs", "advertisedServices", "connectDelayMs", "mtu",
+                 "services", "behaviour", "sourceBytes", "faults"});
+  if (!j.contains("identifier")) fail(path, "missing \"identifier\"");
+  SimDeviceConfig d;
+  d.identifier = uuid(j["identifier"], join(path, "identifier"));
+  if (j.contains("name")) d.localName = text(j["name"], join(path, "name"));
+  if (j.contains("manufacturerData")) {
+    d.manufacturerData = hexBytes(j["manufacturerData"], join(path, "manufacturerData"));
+  }
+  if (j.contains("rssi")) d.rssi = integer(j["rssi"], join(path, "rssi"), -127, 20);
+  if (j.contains("rssiVariation")) {
+    d.rssiVariation = integer(j["rssiVariation"], join(path, "rssiVariation"), 0, 60);
+  }
+  if (j.contains("advertisingIntervalMs")) {
+    d.advertisingInterval =
+        number(j["advertisingIntervalMs"], join(path, "advertisingIntervalMs"), 1, 10240) / 1000.0;
+  }
+  if (j.contains("advertisedServices")) {
+    const auto& list = j["advertisedServices"];
+    const std::string listPath = join(path, "advertisedServices");
+    if (!list.is_array()) fail(listPath, "expected a list");
+    std::vector<UUID> uuids;
+    for (size_t i = 0; i < list.size(); ++i) {
+      uuids.push_back(uuid(list[i], listPath + "[" + std::to_string(i) + "]"));
+    }
+    d.advertisedServices = uuids;
+  }
+  if (j.contains("connectDelayMs")) {
+    d.connectDelay = number(j["connectDelayMs"], join(path, "connectDelayMs"), 0, 60000) / 1000.0;
+  }
+  if (j.contains("mtu")) d.mtu = unsignedInteger(j["mtu"], join(path, "mtu"), 23, 517);
+  if (j.contains("services")) {
+    const auto& list = j["services"];
+    const std::string listPath = join(path, "services");
+    if (!list.is_array()) fail(listPath, "expected a list");
+    d.services.clear();
+    for (size_t i = 0; i < list.size(); ++i) {
+      d.services.push_back(service(list[i], listPath + "[" + std::to_string(i) + "]"));
+    }
+  }
+  if (j.contains("behaviour")) {
+    const std::string name = text(j["behaviour"], join(path, "behaviour"));
+    auto behaviour = behaviourFromName(name);
+    if (!behaviour) {
+      fail(join(path, "behaviour"),
+           "unknown behaviour \"" + name + "\" (sw-echo, chunk-echo, sink, source, none)");
+    }
+    d.behaviour = *behaviour;
+  }
+  if (j.contains("sourceBytes")) {
+    d.sourceBytes = unsignedInteger(j["sourceBytes"], join(path, "sourceBytes"), 0, 1ULL << 40);
+  }
+  if (j.contains("faults")) d.faults = faults(j["faults"], join(path, "faults"));
+  return d;
+}
+
+}  // namespace
+
+bool parseRadioConfig(std::string_view text, RadioConfig& config, std::string& error) {
+  try {
+    const json j = json::parse(text.begin(), text.end());
+    requireObject(j, "(top level)", {"powered", "faults", "devices"});
+    RadioConfig parsed;
+    if (j.contains("powered")) {
+      if (!j["powered"].is_boolean()) fail("powered", "expected true or false");
+      parsed.powered = j["powered"].get<bool>();
+    }
+    if (j.contains("faults")) parsed.faults = faults(j["faults"], "faults");
+    if (j.contains("devices")) {
+      const auto& list = j["devices"];
+      if (!list.is_array()) fail("devices", "expected a list");
+      std::set<UUID> seen;
+      for (size_t i = 0; i < list.size(); ++i) {
+        const std::string path = "devices[" + std::to_string(i) + "]";
+        SimDeviceConfig d = device(list[i], path);
+        if (!seen.insert(d.identifier).second) {
+          fail(path + ".identifier", "duplicate identifier " + d.identifier.UUIDString());
+        }
+        parsed.devices.push_back(std::move(d));
+      }
+    }
+    config = std::move(parsed);
+    return true;
+  } catch (const json::exception& e) {
+    error = std::string("not valid JSON: ") + e.what();
+  } catch (const ConfigError& e) {
+    error = e.what();
+  } catch (const std::exception& e) {
+    error = e.what();
+  }
+  return false;
+}
+
+}  // namespace qlt::sim

@@ -1,0 +1,265 @@
+#include "QueltLibrary/sim/SimRadio.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "SimBackend.h"
+#include "SimCentral.h"
+#include "SimConfigLoader.h"
+#include "SimLink.h"
+#include "SimRadioImpl.h"
+#include "QueltLibrary/Log.h"
+
+namespace qlt::sim {
+
+// ---- DeviceCounters, SimRadio::Impl ----
+
+SimDeviceStats DeviceCounters::snapshot() const {
+  SimDeviceStats s;
+  s.connections = connections.load();
+  s.writesReceived = writesReceived.load();
+  s.bytesReceived = bytesReceived.load();
+  s.writesLost = writesLost.load();
+  s.notificationsSent = notificationsSent.load();
+  s.bytesNotified = bytesNotified.load();
+  s.notificationsLost = notificationsLost.load();
+  s.payloadBytesReceived = payloadBytesReceived.load();
+  s.payloadBytesSent = payloadBytesSent.load();
+  return s;
+}
+
+bool SimRadio::Impl::isPowered() const {
+  std::lock_guard lock(mutex);
+  return powered;
+}
+
+std::optional<DeviceView> SimRadio::Impl::view(const UUID& identifier) const {
+  std::lock_guard lock(mutex);
+  auto it = devices.find(identifier);
+  if (it == devices.end()) return std::nullopt;
+  auto link = it->second.link.lock();
+  return DeviceView{it->second.config, it->second.config.faults.value_or(faults),
+                    link && link->isUp(), it->second.counters};
+}
+
+std::vector<UUID> SimRadio::Impl::deviceIdentifiers() const {
+  std::lock_guard lock(mutex);
+  std::vector<UUID> identifiers;
+  for (const auto& [identifier, record] : devices) identifiers.push_back(identifier);
+  return identifiers;
+}
+
+bool SimRadio::Impl::claim(const UUID& identifier, const std::shared_ptr<SimLink>& link) {
+  std::lock_guard lock(mutex);
+  auto it = devices.find(identifier);
+  if (it == devices.end()) return false;
+  auto current = it->second.link.lock();
+  if (current && current->isUp()) return false;
+  it->second.link = link;
+  it->second.counters->connections.fetch_add(1);
+  return true;
+}
+
+void SimRadio::Impl::release(const UUID& identifier, const SimLink* link) {
+  std::lock_guard lock(mutex);
+  auto it = devices.find(identifier);
+  if (it != devices.end() && it->second.link.lock().get() == link) it->second.link.reset();
+}
+
+void SimRadio::Impl::addCentral(const std::shared_ptr<SimCentral>& central) {
+  std::lock_guard lock(mutex);
+  std::erase_if(centrals, [](const auto& weak) { return weak.expired(); });
+  centrals.push_back(central);
+}
+
+std::vector<std::shared_ptr<SimCentral>> SimRadio::Impl::liveCentrals() {
+  std::lock_guard lock(mutex);
+  std::vector<std::shared_ptr<SimCentral>> live;
+  for (const auto& weak : centrals) {
+    if (auto central = weak.lock()) live.push_back(central);
+  }
+  return live;
+}
+
+std::vector<std::shared_ptr<SimLink>> SimRadio::Impl::liveLinks(
+    const std::optional<UUID>& identifier) const {
+  std::lock_guard lock(mutex);
+  std::vector<std::shared_ptr<SimLink>> links;
+  for (const auto& [id, record] : devices) {
+    if (identifier && id != *identifier) continue;
+    if (auto link = record.link.lock()) links.push_back(link);
+  }
+  return links;
+}
+
+// ---- SimRadio ----
+
+const std::shared_ptr<SimRadio>& SimRadio::shared() {
+  static const std::shared_ptr<SimRadio> radio = create(true);
+  return radio;
+}
+
+std::shared_ptr<SimRadio> SimRadio::create(bool withDefaultDevices) {
+  std::shared_ptr<SimRadio> radio(new SimRadio());
+  if (withDefaultDevices) {
+    for (const auto& device : defaultDevices()) radio->addDevice(device);
+  }
+  return radio;
+}
+
+SimRadio::SimRadio() : impl_(std::make_shared<Impl>()) {}
+
+SimRadio::~SimRadio() {
+  // Links end with the radio that carried them.
+  for (const auto& link : impl_->liveLinks()) link->lose("the simulated radio was destroyed");
+}
+
+std::vector<SimDeviceConfig> SimRadio::defaultDevices() {
+  auto make = [](const char* identifier, const char* name, SimBehaviour behaviour, int rssi) {
+    SimDeviceConfig d;
+    d.identifier = UUID::literal(identifier);
+    d.localName = name;
+    const uint8_t manufacturer[] = {0xFF, 0xFF, 0x51, 0x4C, 0x54};  // test company id, "QLT"
+    d.manufacturerData = Data(manufacturer, sizeof manufacturer);
+    d.rssi = rssi;
+    d.behaviour = behaviour;
+    return d;
+  };
+  std::vector<SimDeviceConfig> devices{
+      make("51D0E001-0000-4000-8000-0000000000E1", "QLT-Echo", SimBehaviour::SwEcho, -48),
+      make("51D0E001-0000-4000-8000-0000000000C1", "QLT-Chunk", SimBehaviour::ChunkEcho, -55),
+      make("51D0E001-0000-4000-8000-0000000000D1", "QLT-Sink", SimBehaviour::Sink, -62),
+      make("51D0E001-0000-4000-8000-0000000000A1", "QLT-Source", SimBehaviour::Source, -66),
+      make("51D0E001-0000-4000-8000-0000000000B1", "HR-Sensor", SimBehaviour::None, -71),
+  };
+  devices.back().services = {SimServiceConfig::heartRate()};
+  devices.back().manufacturerData.reset();
+  return devices;
+}
+
+std::shared_ptr<platform::Backend> SimRadio::backend() {
+  return std::make_shared<SimBackend>(impl_);
+}
+
+void SimRadio::setPowered(bool on) {
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->powered = on;
+  }
+  QLTLog("Simulated radio: powered %s", on ? "on" : "off");
+  for (const auto& central : impl_->liveCentrals()) central->radioPowerChanged(on);
+  if (!on) {
+    // Links of centrals that are gone end too.
+    for (const auto& link : impl_->liveLinks()) link->lose("the radio was powered off");
+  }
+}
+
+bool SimRadio::isPowered() const { return impl_->isPowered(); }
+
+bool SimRadio::addDevice(const SimDeviceConfig& device) {
+  bool added = false;
+  {
+    std::lock_guard lock(impl_->mutex);
+    Impl::DeviceRecord record;
+    record.config = device;
+    added = impl_->devices.try_emplace(device.identifier, std::move(record)).second;
+  }
+  if (!added) {
+    QLTLog("Simulated radio: a device with identifier %@ is already present", device.identifier);
+    return false;
+  }
+  for (const auto& central : impl_->liveCentrals()) central->deviceAdded(device.identifier);
+  return true;
+}
+
+bool SimRadio::removeDevice(const UUID& identifier) {
+  auto links = impl_->liveLinks(identifier);
+  bool removed = false;
+  {
+    std::lock_guard lock(impl_->mutex);
+    removed = impl_->devices.erase(identifier) > 0;
+  }
+  for (const auto& link : links) link->lose("the device went away");
+  return removed;
+}
+
+void SimRadio::removeAllDevices() {
+  auto links = impl_->liveLinks();
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->devices.clear();
+  }
+  for (const auto& link : links) link->lose("the device went away");
+}
+
+std::vector<SimDeviceConfig> SimRadio::devices() const {
+  std::lock_guard lock(impl_->mutex);
+  std::vector<SimDeviceConfig> devices;
+  for (const auto& [identifier, record] : impl_->devices) devices.push_back(record.config);
+  return devices;
+}
+
+std::optional<SimDeviceConfig> SimRadio::device(const UUID& identifier) const {
+  auto view = impl_->view(identifier);
+  if (!view) return std::nullopt;
+  return view->config;
+}
+
+SimDeviceStats SimRadio::stats(const UUID& identifier) const {
+  auto view = impl_->view(identifier);
+  return view ? view->counters->snapshot() : SimDeviceStats{};
+}
+
+void SimRadio::dropLink(const UUID& identifier) {
+  for (const auto& link : impl_->liveLinks(identifier)) link->lose("the device went out of range");
+}
+
+void SimRadio::setFaults(const AirFaults& faults) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->faults = faults;
+}
+
+AirFaults SimRadio::faults() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->faults;
+}
+
+namespace {
+void applyConfig(SimRadio& radio, const RadioConfig& config) {
+  radio.removeAllDevices();
+  radio.setFaults(config.faults);
+  for (const auto& device : config.devices) radio.addDevice(device);
+  if (config.powered != radio.isPowered()) radio.setPowered(config.powered);
+  QLTLog("Simulated radio: %zu devices configured (%s)", config.devices.size(),
+         config.faults.description());
+}
+
+bool refuse(const std::string& reason, std::string* error) {
+  QLTLog("Simulated radio: configuration refused: %s", reason);
+  if (error) *error = reason;
+  return false;
+}
+}  // namespace
+
+bool SimRadio::loadConfigString(const std::string& json, std::string* error) {
+  RadioConfig config;
+  std::string reason;
+  if (!parseRadioConfig(json, config, reason)) return refuse(reason, error);
+  applyConfig(*this, config);
+  return true;
+}
+
+bool SimRadio::loadConfig(const std::string& path, std::string* error) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return refuse("cannot open \"" + path + "\"", error);
+  std::ostringstream text;
+  text << file.rdbuf();
+  if (file.bad()) return refuse("cannot read \"" + path + "\"", error);
+  RadioConfig config;
+  std::string reason;
+  if (!parseRadioConfig(text.str(), config, reason)) return refuse(path + ": " + reason, error);
+  applyConfig(*this, config);
+  return true;
+}
+
+}  // namespace qlt::sim

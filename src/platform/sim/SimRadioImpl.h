@@ -1,0 +1,70 @@
+// The inside of SimRadio, shared by the radio, its backend, centrals and links.
+//
+// Lock order: SimRadio::Impl::mutex is a leaf: nothing else is locked while it is held,
+// and no code runs under it but bookkeeping.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "QueltLibrary/sim/SimRadio.h"
+
+namespace qlt::sim {
+
+class SimCentral;
+class SimLink;
+
+// The counters of one device, updated by its links from any thread.
+struct DeviceCounters {
+  std::atomic<uint64_t> connections{0};
+  std::atomic<uint64_t> writesReceived{0};
+  std::atomic<uint64_t> bytesReceived{0};
+  std::atomic<uint64_t> writesLost{0};
+  std::atomic<uint64_t> notificationsSent{0};
+  std::atomic<uint64_t> bytesNotified{0};
+  std::atomic<uint64_t> notificationsLost{0};
+  std::atomic<uint64_t> payloadBytesReceived{0};
+  std::atomic<uint64_t> payloadBytesSent{0};
+
+  SimDeviceStats snapshot() const;
+};
+
+// What a central needs to know of a device at one moment.
+struct DeviceView {
+  SimDeviceConfig config;
+  AirFaults faults;  // the device's own, or the radio's
+  bool linked = false;
+  std::shared_ptr<DeviceCounters> counters;
+};
+
+struct SimRadio::Impl {
+  struct DeviceRecord {
+    SimDeviceConfig config;
+    std::shared_ptr<DeviceCounters> counters = std::make_shared<DeviceCounters>();
+    std::weak_ptr<SimLink> link;
+  };
+
+  mutable std::mutex mutex;
+  bool powered = true;                               // guarded by mutex
+  AirFaults faults;                                  // guarded by mutex
+  std::map<UUID, DeviceRecord> devices;              // guarded by mutex
+  std::vector<std::weak_ptr<SimCentral>> centrals;   // guarded by mutex
+
+  bool isPowered() const;
+  std::optional<DeviceView> view(const UUID& identifier) const;
+  std::vector<UUID> deviceIdentifiers() const;
+  // Makes `link` the device's link unless it has a live one; false when busy or gone.
+  bool claim(const UUID& identifier, const std::shared_ptr<SimLink>& link);
+  void release(const UUID& identifier, const SimLink* link);
+  void addCentral(const std::shared_ptr<SimCentral>& central);
+  std::vector<std::shared_ptr<SimCentral>> liveCentrals();
+  // The live links (of all devices, or of one).
+  std::vector<std::shared_ptr<SimLink>> liveLinks(const std::optional<UUID>& identifier = {}) const;
+};
+
+}  // namespace qlt::sim

@@ -1,0 +1,82 @@
+#include "QueltLibrary/NUSTransport.h"
+
+#include <algorithm>
+
+namespace qlt {
+
+NUSTransport::NUSTransport() : BaseTransport("NUSTransport") {}
+
+std::shared_ptr<NUSTransport> NUSTransport::create() {
+  return std::shared_ptr<NUSTransport>(new NUSTransport());
+}
+
+void NUSTransport::start() {
+  clearBuffer();
+  BaseTransport::start();
+}
+
+void NUSTransport::clearBuffer() {
+  std::lock_guard lock(txMutex_);
+  txBuffer_.clear();
+}
+
+void NUSTransport::sendTCP(const uint8_t* bytes, uint64_t length) {
+  if (length == 0 || bytes == nullptr) return;
+  std::lock_guard lock(txMutex_);
+  while (length > 0) {
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(kChunkSize, length));
+    txBuffer_.emplace_back(bytes, n);
+    bytes += n;
+    length -= n;
+  }
+}
+
+void NUSTransport::sendUDP(const uint8_t* bytes, uint64_t length) { sendTCP(bytes, length); }
+
+void NUSTransport::receive(const Data& value) {
+  trace(false, value);
+  multicastDelegate()->invoke(&TransportDelegate::transport_tcpDataReceived, sharedTransport(),
+                              value);
+}
+
+void NUSTransport::run(const std::shared_ptr<ThreadBase>& thread) {
+  while (!thread || !thread->isClosing()) transfer();
+}
+
+void NUSTransport::transfer() {
+  Data chunk;
+  {
+    std::lock_guard lock(txMutex_);
+    if (txBuffer_.empty()) return;
+    chunk = std::move(txBuffer_.front());
+    txBuffer_.pop_front();
+  }
+  // Only the worker transfers, so chunks still leave oldest first.
+  trace(true, chunk);
+  writeRequest(chunk.bytes(), chunk.length());
+}
+
+size_t NUSTransport::queuedChunks() const {
+  std::lock_guard lock(txMutex_);
+  return txBuffer_.size();
+}
+
+void NUSTransport::trace(bool outgoing, const Data& frame) {
+  if (!tracing_.load(std::memory_order_acquire)) return;
+  std::shared_ptr<const std::function<void(bool, const Data&)>> hook;
+  {
+    std::lock_guard lock(traceMutex_);
+    hook = trace_;
+  }
+  if (hook && *hook) (*hook)(outgoing, frame);
+}
+
+void NUSTransport::setFrameTrace(std::function<void(bool, const Data&)> trace) {
+  std::shared_ptr<const std::function<void(bool, const Data&)>> hook;
+  if (trace) hook = std::make_shared<const std::function<void(bool, const Data&)>>(std::move(trace));
+  std::lock_guard lock(traceMutex_);
+  trace_ = std::move(hook);
+  tracing_.store(trace_ != nullptr, std::memory_order_release);
+}
+
+}  // namespace qlt

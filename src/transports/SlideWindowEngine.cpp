@@ -1,0 +1,286 @@
+#include "transports/SlideWindowEngine.h"
+
+#include <algorithm>
+
+#include "QueltLibrary/Log.h"
+#include "QueltLibrary/SlideWindowFrame.h"
+
+namespace qlt {
+
+SlideWindowEngine::SlideWindowEngine(Face& face, SlideWindowParameters parameters,
+                                     std::shared_ptr<Clock> clock)
+    : face_(face),
+      parameters_{std::clamp<size_t>(parameters.segmentSize, 1, kMaxSlideWindowSegment),
+                  parameters.pollTimeout},
+      timer_(ComTimer::timerWithTimeout(parameters.pollTimeout, std::move(clock))) {
+  initState();
+}
+
+void SlideWindowEngine::initState() {
+  {
+    std::lock_guard lock(txMutex_);
+    txBuffer_.clear();
+    bytesQueued_ = 0;
+    neverSentFrom_ = 0;
+    counters_.bytesQueued.store(0, std::memory_order_relaxed);
+    readPos_.store(0, std::memory_order_release);
+    ackWindow_.store(0, std::memory_order_release);
+  }
+  setPendingWork(0);
+}
+
+void SlideWindowEngine::sendTCP(const uint8_t* bytes, uint64_t length) {
+  if (length == 0 || bytes == nullptr) return;
+  std::lock_guard lock(txMutex_);
+  while (length > 0) {
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(parameters_.segmentSize, length));
+    txBuffer_.emplace_back(bytes, n);
+    bytes += n;
+    length -= n;
+    bytesQueued_ += n;
+  }
+  counters_.bytesQueued.store(bytesQueued_, std::memory_order_relaxed);
+}
+
+void SlideWindowEngine::sendUDP(const uint8_t* bytes, uint64_t length) {
+  if (length >= parameters_.segmentSize) {
+    QLTLog("UDP data length is too large than %d", static_cast<int>(parameters_.segmentSize));
+    return;
+  }
+  std::array<uint8_t, kMaxSlideWindowSegment + 1> frame{};
+  const size_t n = buildDatagram(
+      std::span(frame.data(), parameters_.segmentSize + 1),
+      std::span(bytes, bytes ? static_cast<size_t>(length) : 0));
+  write(frame.data(), n);
+}
+
+void SlideWindowEngine::releaseLocked(uint64_t count) {
+  count = std::min<uint64_t>(count, txBuffer_.size());
+  for (uint64_t i = 0; i < count; ++i) {
+    bytesQueued_ -= txBuffer_.front().length();
+    txBuffer_.pop_front();
+  }
+  readPos_.fetch_add(count, std::memory_order_acq_rel);
+  counters_.bytesQueued.store(bytesQueued_, std::memory_order_relaxed);
+}
+
+void SlideWindowEngine::ackReceived(uint64_t count) {
+  std::lock_guard lock(txMutex_);
+  releaseLocked(count);
+}
+
+void SlideWindowEngine::transfer() {
+  struct Pending {
+    uint8_t sequence = 0;
+    Data payload;  // shares the queued bytes: no copy, no allocation
+  };
+  std::array<Pending, kSlideWindowSize> batch;
+  size_t count = 0;
+  {
+    std::lock_guard lock(txMutex_);
+    if (txBuffer_.empty()) return;
+    const uint64_t readPos = readPos_.load(std::memory_order_relaxed);
+    uint8_t ackWindow = ackWindow_.load(std::memory_order_relaxed);
+    uint8_t inFlight = sequenceDistance(readPos & 3, ackWindow);
+    while (inFlight < kSlideWindowSize && inFlight < txBuffer_.size()) {
+      const uint64_t index = readPos + inFlight;
+      if (index < neverSentFrom_) {
+        bump(counters_.segmentsResent);
+      } else {
+        neverSentFrom_ = index + 1;
+      }
+      batch[count++] = {ackWindow, txBuffer_[inFlight]};
+      ++inFlight;
+      ackWindow = (ackWindow + 1) & 3;
+    }
+    ackWindow_.store(ackWindow, std::memory_order_release);
+  }
+  // Written outside the lock, so that no user code runs under it.
+  std::array<uint8_t, kMaxSlideWindowSegment + 1> frame;
+  for (size_t i = 0; i < count; ++i) {
+    const size_t n = buildSegment(std::span(frame.data(), parameters_.segmentSize + 1),
+                                  batch[i].sequence, batch[i].payload.span());
+    bump(counters_.segmentsSent);
+    write(frame.data(), n);
+    timer_->start();
+  }
+}
+
+void SlideWindowEngine::checkControl() {
+  // Idle test without the lock: nothing in flight, or the acknowledgement is not late.
+  if (ackWindow_.load(std::memory_order_acquire) ==
+      (readPos_.load(std::memory_order_acquire) & 3)) {
+    return;
+  }
+  if (!timer_->isTimeout()) return;
+  uint8_t oldest, next;
+  {
+    std::lock_guard lock(txMutex_);  // one consistent pair for the poll
+    oldest = readPos_.load(std::memory_order_relaxed) & 3;
+    next = ackWindow_.load(std::memory_order_relaxed);
+  }
+  if (oldest == next) return;
+  std::array<uint8_t, kPollFrameLength> frame;
+  const size_t n = buildPoll(frame, oldest, next);
+  bump(counters_.pollsSent);
+  write(frame.data(), n);
+  timer_->start();
+}
+
+void SlideWindowEngine::doPendingWork() {
+  if ((pendingWork_.load(std::memory_order_acquire) & 1) == 0) return;
+  // Clear the bit first: a segment accepted from now on sets it again and is acknowledged
+  // next round, so no acknowledgement is lost between the test and the clear.
+  if ((pendingWork_.fetch_and(~uint64_t{1}, std::memory_order_acq_rel) & 1) == 0) return;
+  bump(counters_.acksSent);
+  writeControl(ackHeader(remoteAck_.load(std::memory_order_acquire)));
+}
+
+void SlideWindowEngine::receive(const Data& value) {
+  bump(counters_.framesReceived);
+  trace(false, value.bytes(), value.length());
+  const ParsedFrame frame = parseFrame(value.span());
+  switch (frame.kind) {
+    case FrameKind::Malformed:
+    case FrameKind::OtherControl:
+      bump(counters_.malformedIgnored);
+      QLTLog("Slide window ignored a frame: %s", describeFrame(value.span(), false));
+      return;
+
+    case FrameKind::Poll: {
+      // Answer only when our receive sequence lies in the peer's window [a, b].
+      unsigned a = frame.pollFirst, b = frame.pollNext, r = remoteAck_.load(std::memory_order_acquire);
+      const uint8_t reply = static_cast<uint8_t>(r);
+      if (b < a) b += 4;
+      if (r < a) r += 4;
+      if (a <= r && r <= b) {
+        if (r >= b) {
+          bump(counters_.acksSent);
+          writeControl(ackHeader(reply));
+        } else {
+          bump(counters_.rejectionsSent);
+          writeControl(rejectHeader(reply));
+        }
+      }
+      return;
+    }
+
+    case FrameKind::Ack: {
+      bump(counters_.acksReceived);
+      bool honoured = false;
+      {
+        std::lock_guard lock(txMutex_);
+        const uint8_t a = readPos_.load(std::memory_order_relaxed) & 3;
+        const uint8_t b = ackWindow_.load(std::memory_order_relaxed);
+        if (inWindowInclusive(a, frame.sequence, b)) {
+          unsigned x = frame.sequence;
+          if (x < a) x += 4;
+          releaseLocked(x - a);
+          honoured = true;
+        }
+      }
+      if (honoured) timer_->start();
+      return;
+    }
+
+    case FrameKind::Reject: {
+      bump(counters_.rejectionsReceived);
+      bool honoured = false;
+      {
+        std::lock_guard lock(txMutex_);
+        const uint8_t a = readPos_.load(std::memory_order_relaxed) & 3;
+        const uint8_t b = ackWindow_.load(std::memory_order_relaxed);
+        if (inWindowExclusive(a, frame.sequence, b)) {
+          ackWindow_.store(frame.sequence & 3, std::memory_order_release);
+          honoured = true;
+        }
+      }
+      if (honoured) {
+        bump(counters_.rejectionsHonoured);
+        timer_->start();
+      }
+      return;
+    }
+
+    case FrameKind::Datagram:
+      bump(counters_.udpDelivered);
+      face_.deliverUDP(Data(frame.payload));
+      return;
+
+    case FrameKind::Segment: {
+      uint8_t expected = remoteAck_.load(std::memory_order_acquire);
+      if (frame.sequence != expected ||
+          !remoteAck_.compare_exchange_strong(expected, (expected + 1) & 3,
+                                              std::memory_order_acq_rel)) {
+        bump(counters_.rejectionsSent);
+        writeControl(rejectHeader(expected));
+        timer_->start();
+        return;
+      }
+      Data payload(frame.payload);
+      pendingWork_.fetch_or(1, std::memory_order_acq_rel);
+      bump(counters_.tcpDelivered);
+      face_.deliverTCP(payload);
+      return;
+    }
+  }
+}
+
+void SlideWindowEngine::writeControl(uint8_t header) { write(&header, 1); }
+
+void SlideWindowEngine::write(const uint8_t* bytes, size_t length) {
+  bump(counters_.framesSent);
+  trace(true, bytes, length);
+  face_.writeFrame(bytes, length);
+}
+
+void SlideWindowEngine::trace(bool outgoing, const uint8_t* bytes, size_t length) {
+  if (!tracing_.load(std::memory_order_acquire)) return;
+  std::shared_ptr<const FrameTrace> hook;
+  {
+    std::lock_guard lock(traceMutex_);
+    hook = trace_;
+  }
+  if (hook && *hook) (*hook)(outgoing, Data(bytes, length));
+}
+
+void SlideWindowEngine::setFrameTrace(FrameTrace trace) {
+  std::shared_ptr<const FrameTrace> hook;
+  if (trace) hook = std::make_shared<const FrameTrace>(std::move(trace));
+  std::lock_guard lock(traceMutex_);
+  trace_ = std::move(hook);
+  tracing_.store(trace_ != nullptr, std::memory_order_release);
+}
+
+size_t SlideWindowEngine::queuedSegments() const {
+  std::lock_guard lock(txMutex_);
+  return txBuffer_.size();
+}
+
+uint8_t SlideWindowEngine::inFlight() const {
+  std::lock_guard lock(txMutex_);
+  return sequenceDistance(readPos_.load(std::memory_order_relaxed) & 3,
+                          ackWindow_.load(std::memory_order_relaxed));
+}
+
+SlideWindowCounters SlideWindowEngine::counters() const {
+  auto get = [](const std::atomic<uint64_t>& c) { return c.load(std::memory_order_relaxed); };
+  SlideWindowCounters c;
+  c.framesSent = get(counters_.framesSent);
+  c.framesReceived = get(counters_.framesReceived);
+  c.segmentsSent = get(counters_.segmentsSent);
+  c.segmentsResent = get(counters_.segmentsResent);
+  c.pollsSent = get(counters_.pollsSent);
+  c.acksSent = get(counters_.acksSent);
+  c.rejectionsSent = get(counters_.rejectionsSent);
+  c.rejectionsReceived = get(counters_.rejectionsReceived);
+  c.rejectionsHonoured = get(counters_.rejectionsHonoured);
+  c.acksReceived = get(counters_.acksReceived);
+  c.malformedIgnored = get(counters_.malformedIgnored);
+  c.tcpDelivered = get(counters_.tcpDelivered);
+  c.udpDelivered = get(counters_.udpDelivered);
+  c.bytesQueued = get(counters_.bytesQueued);
+  return c;
+}
+
+}  // namespace qlt

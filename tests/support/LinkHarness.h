@@ -1,0 +1,153 @@
+// LinkHarness: two sliding-window endpoints back to back over a simulated radio link.
+//
+// A discrete-event simulation on a ManualClock. Each endpoint's worker rounds (transfer,
+// checkControl, doPendingWork) run every `roundPeriod` seconds of simulated time, B's
+// offset by `phaseB`, as two real workers would run unsynchronised. Every frame an
+// endpoint writes goes through the LinkModel of its direction (loss, in-order duplication,
+// delay, jitter, write-rate limit) and is fed to the other endpoint's receive() at its
+// delivery time. For robustness runs the harness can also break the link's promises:
+// reorder frames (extra delay that ignores FIFO), corrupt them (flip bits) and inject
+// garbage values. Everything is seeded: the same options replay the same run.
+//
+// Endpoints are the engine itself (fast, deliveries recorded synchronously) or the public
+// SWTransport / BLESlideWindow objects (deliveries through their multicast delegates).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <queue>
+#include <random>
+#include <span>
+#include <vector>
+
+#include "QueltLibrary/Clock.h"
+#include "QueltLibrary/Data.h"
+#include "QueltLibrary/SlideWindowCounters.h"
+#include "platform/sim/LinkModel.h"
+#include "transports/SlideWindowEngine.h"
+
+namespace qlt::test {
+
+// One side of the link, whatever it is made of.
+class LinkEndpoint {
+ public:
+  virtual ~LinkEndpoint() = default;
+  virtual void sendTCP(std::span<const uint8_t> bytes) = 0;
+  virtual void receive(const Data& value) = 0;
+  virtual void round() = 0;
+  virtual SlideWindowCounters counters() const = 0;
+  virtual uint8_t inFlight() const = 0;
+  virtual size_t queuedSegments() const = 0;
+  // The "TCP" payloads delivered so far, in order.
+  virtual std::vector<Data> delivered() = 0;
+  // Set by the harness: called with every frame the endpoint writes.
+  std::function<void(const Data&)> output;
+};
+
+std::unique_ptr<LinkEndpoint> makeEngineEndpoint(SlideWindowParameters parameters,
+                                                 std::shared_ptr<Clock> clock);
+std::unique_ptr<LinkEndpoint> makeSWTransportEndpoint(std::shared_ptr<Clock> clock);
+std::unique_ptr<LinkEndpoint> makeBLESlideWindowEndpoint(std::shared_ptr<Clock> clock);
+
+// SWTransport's constants, for engine endpoints.
+SlideWindowParameters transportParameters();
+
+struct HarnessOptions {
+  sim::LinkConfig aToB;
+  sim::LinkConfig bToA;
+  uint64_t seed = 1;
+  double roundPeriod = 0.001;
+  double phaseB = 0.0005;
+  // Faults beyond what a BLE link does (robustness runs only).
+  double reorderProbability = 0.0;  // per frame: held back by up to reorderDelay
+  double reorderDelay = 0.02;
+  double corruptProbability = 0.0;  // per frame: 1 to 3 bits flipped
+  double garbageProbability = 0.0;  // per round and side: a random value of 0..24 bytes
+};
+
+struct HarnessStats {
+  uint64_t events = 0;
+  uint64_t framesCarried = 0;   // handed to a link (before loss)
+  size_t maxPendingFrames = 0;  // frames on the links at once
+  uint8_t maxInFlight = 0;      // largest window seen on either side
+};
+
+class LinkHarness {
+ public:
+  enum Side { A = 0, B = 1 };
+
+  // Two engine endpoints with SWTransport's constants.
+  explicit LinkHarness(HarnessOptions options);
+  // Endpoints made by `make` (called once per side with the harness clock).
+  LinkHarness(HarnessOptions options,
+              const std::function<std::unique_ptr<LinkEndpoint>(Side, std::shared_ptr<Clock>)>& make);
+
+  LinkEndpoint& endpoint(Side side) { return *endpoints_[side]; }
+  LinkEndpoint& a() { return *endpoints_[A]; }
+  LinkEndpoint& b() { return *endpoints_[B]; }
+  double now() const { return clock_->now(); }
+  const HarnessStats& stats() const { return stats_; }
+
+  // Processes every event up to `seconds` from now, in time order.
+  void runFor(double seconds);
+  // Runs until both send queues are empty and the links are quiet of segments, or until
+  // `limit` seconds have passed; true when drained.
+  bool runUntilDrained(double limit);
+
+ private:
+  struct Event {
+    double at;
+    uint64_t order;
+    int to;
+    Data frame;
+    bool operator>(const Event& o) const { return at != o.at ? at > o.at : order > o.order; }
+  };
+
+  void carry(int from, const Data& frame);
+  void step();
+  double nextTime() const;
+  Data garbage();
+
+  HarnessOptions options_;
+  std::shared_ptr<ManualClock> clock_;
+  std::unique_ptr<LinkEndpoint> endpoints_[2];
+  sim::LinkModel links_[2];  // links_[from]
+  std::mt19937_64 rng_;
+  std::uniform_real_distribution<double> unit_{0.0, 1.0};
+  std::priority_queue<Event, std::vector<Event>, std::greater<Event>> events_;
+  uint64_t order_ = 0;
+  double nextRound_[2];
+  HarnessStats stats_;
+};
+
+// The bytes of `payloads`, joined.
+std::vector<uint8_t> joined(const std::vector<Data>& payloads);
+
+}  // namespace qlt::test
+
+namespace qlt::test {
+
+// A seeded exchange: each side sends `messagesPerSide` messages of 1 byte to
+// `maxMessage` bytes (sizes log-uniform, contents random), spread over the first
+// fractions of a second, then the harness runs until both queues drain or `limit`.
+struct ExchangeSpec {
+  int messagesPerSide = 3;
+  size_t maxMessage = 10 * 1024;
+  double limit = 600.0;  // simulated seconds
+  std::function<std::unique_ptr<LinkEndpoint>(LinkHarness::Side, std::shared_ptr<Clock>)> make;
+};
+
+struct ExchangeResult {
+  bool drained = false;
+  bool exact[2] = {false, false};   // [from A, from B]: delivered == sent
+  bool prefix[2] = {false, false};  // delivered is a prefix of sent (nothing wrong yet)
+  size_t bytesSent[2] = {0, 0};
+  double simSeconds = 0;
+  HarnessStats stats;
+  SlideWindowCounters counters[2];
+};
+
+ExchangeResult runExchange(const HarnessOptions& options, const ExchangeSpec& exchange);
+
+}  // namespace qlt::test

@@ -1,0 +1,66 @@
+#include "support/TestSupport.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <thread>
+
+namespace qlt::test {
+
+LogCapture::LogCapture() {
+  previous_ = setLogSink([this](std::string_view line) {
+    std::lock_guard lock(mutex_);
+    lines_.emplace_back(line);
+    cv_.notify_all();
+  });
+}
+
+LogCapture::~LogCapture() { setLogSink(previous_); }
+
+std::vector<std::string> LogCapture::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+size_t LogCapture::count(const std::string& line) const {
+  std::lock_guard lock(mutex_);
+  return static_cast<size_t>(std::count(lines_.begin(), lines_.end(), line));
+}
+
+bool LogCapture::waitFor(const std::string& line, std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return cv_.wait_for(lock, timeout, [&] {
+    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
+  });
+}
+
+void LogCapture::clear() {
+  std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
+size_t osThreadCount() {
+  size_t n = 0;
+  if (DIR* dir = opendir("/proc/self/task")) {
+    while (dirent* e = readdir(dir)) {
+      if (e->d_name[0] != '.') ++n;
+    }
+    closedir(dir);
+  }
+  return n;
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace qlt::test

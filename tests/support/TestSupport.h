@@ -1,0 +1,44 @@
+// Helpers shared by the test suites.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "QueltLibrary/Log.h"
+
+namespace qlt::test {
+
+// Captures every log line while it lives (restores the previous sink afterwards).
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  std::vector<std::string> lines() const;
+  size_t count(const std::string& line) const;
+  bool contains(const std::string& line) const { return count(line) > 0; }
+  // Waits until `line` has been logged (true) or `timeout` has passed (false).
+  bool waitFor(const std::string& line, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  void clear();
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable cv_;
+  std::vector<std::string> lines_;
+  LogSink previous_;
+};
+
+// Number of OS threads of this process (from /proc/self/task).
+size_t osThreadCount();
+
+// Polls `condition` every millisecond until true (returns true) or until `timeout`.
+bool eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Seconds since `start`, as a double.
+double secondsSince(std::chrono::steady_clock::time_point start);
+
+}  // namespace qlt::test

@@ -1,0 +1,36 @@
+// Running the built qlt binary from a test, as a user would: with arguments, a private
+// known-device store, captured stdout and stderr, and a time limit.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace qlt::test {
+
+struct ToolRun {
+  int exitCode = -1;  // -1: killed at the time limit
+  std::string out;
+  std::string err;
+  double seconds = 0;
+};
+
+// A fresh, empty directory under /tmp for the known-device store; removed on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// Runs qlt with `args` (stdin empty), QLT_STORE_PATH=`storePath`, killing it after
+// `limitS` seconds.
+ToolRun runTool(const std::vector<std::string>& args, const std::string& storePath, double limitS = 60);
+
+// The lines of `text`.
+std::vector<std::string> splitLines(const std::string& text);
+
+}  // namespace qlt::test

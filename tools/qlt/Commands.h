@@ -1,0 +1,38 @@
+// The qlt commands. Each command file adds one subcommand (options, help text with an
+// example) and returns what to run once the command line has been parsed.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace qlt::cli {
+
+// Options that every command takes.
+struct CommonOptions {
+  std::string platform = "sim";  // --platform sim|bluez
+  std::string simConfig;         // --sim-config FILE: simulated devices and air faults
+  bool verbose = false;          // --verbose: the library's log lines on stderr
+  std::string logFile;           // --log FILE: the library's log lines appended to FILE
+  bool trace = false;            // --trace: one decoded line per frame (data-moving commands)
+};
+
+// A parsed command, ready to run; returns the exit code (or throws Failure / UsageError).
+using CommandAction = std::function<int()>;
+
+// Adds --platform, --sim-config, --verbose, --log and (for commands that move data)
+// --trace to `command`.
+void addCommonOptions(CLI::App& command, CommonOptions& options, bool movesData);
+
+CommandAction addDemoCommand(CLI::App& app);
+CommandAction addScanCommand(CLI::App& app);
+CommandAction addChatCommand(CLI::App& app);
+CommandAction addSendCommand(CLI::App& app);
+CommandAction addReceiveCommand(CLI::App& app);
+CommandAction addBenchCommand(CLI::App& app);
+CommandAction addKnownCommand(CLI::App& app);
+
+}  // namespace qlt::cli

@@ -1,0 +1,387 @@
+#include "Session.h"
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+
+#include "Errors.h"
+#include "LogRouting.h"
+#include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/QLT_BLEManager.h"
+#include "QueltLibrary/QLT_Peripheral.h"
+#include "QueltLibrary/SlideWindowFrame.h"
+#include "QueltLibrary/UUID.h"
+#include "QueltLibrary/platform/Platform.h"
+#include "QueltLibrary/sim/SimRadio.h"
+#include "Terminal.h"
+#include "Waiter.h"
+
+namespace qlt::cli {
+namespace {
+
+std::string lower(std::string s) {
+  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+  return s;
+}
+
+bool advertisesNUS(const platform::AdvertisementData& ad) {
+  const auto nus = sim::nusServiceUUID();
+  return std::find(ad.serviceUUIDs.begin(), ad.serviceUUIDs.end(), nus) != ad.serviceUUIDs.end();
+}
+
+DeviceInfo describe(const std::shared_ptr<QLT_Peripheral>& p) {
+  DeviceInfo d;
+  d.identifier = p->basePeripheral()->identifier().UUIDString();
+  d.name = p->name().value_or("");
+  d.rssi = p->RSSI();
+  d.nus = advertisesNUS(p->advertisementData());
+  return d;
+}
+
+}  // namespace
+
+// ---- Session ----
+
+// The tool's delegate of the manager: power state and discovered peripherals.
+struct Session::Impl : QLT_BLEManagerDidChangedState, QLT_BLEManagerDidDiscoveredPeripheral {
+  Waiter waiter;
+  int32_t managerState = -1;  // guarded by waiter
+  bool showStates = false;    // guarded by waiter
+  // Every peripheral seen while scanning, by identifier (guarded by waiter); holding them
+  // keeps the library's wrappers alive (the manager keeps no list).
+  std::map<std::string, std::shared_ptr<QLT_Peripheral>> seen;
+  std::vector<std::string> order;  // guarded by waiter
+  std::function<void(const DeviceInfo&, bool)> onDevice;  // set while scanning
+
+  void manager_didChangedState(const std::shared_ptr<QLT_BLEManager>&, int32_t state) override {
+    bool show = false;
+    waiter.update([&] {
+      managerState = state;
+      show = showStates;
+    });
+    if (show) printLine("  manager: " + QLT_BLEManager::convertStateToNSString(state));
+  }
+
+  void manager_didDiscoveredPeripheral(const std::shared_ptr<QLT_BLEManager>&,
+                                       const std::shared_ptr<QLT_Peripheral>& p) override {
+    const DeviceInfo info = describe(p);
+    bool first = false;
+    std::function<void(const DeviceInfo&, bool)> callback;
+    waiter.update([&] {
+      first = seen.emplace(info.identifier, p).second;
+      if (!first) seen[info.identifier] = p;
+      if (first) order.push_back(info.identifier);
+      callback = onDevice;
+    });
+    if (callback) callback(info, first);
+  }
+};
+
+Session::Session(const CommonOptions& options, const SimLinkSettings& link)
+    : options_(options), link_(link), queue_(DispatchQueue::create("qlt")), impl_(std::make_shared<Impl>()) {
+  routeLibraryLog(options.verbose, options.logFile);
+
+  if (options.platform == "sim") {
+    const auto& radio = sim::SimRadio::shared();
+    if (!options.simConfig.empty()) {
+      std::string error;
+      if (!radio->loadConfig(options.simConfig, &error))
+        throw UsageError("cannot use the simulated-radio config '" + options.simConfig + "': " + error);
+    }
+    if (link.startPoweredOff) radio->setPowered(false);
+    if (link.loss || link.intervalMs) {
+      sim::AirFaults faults = radio->faults();
+      if (link.loss) {
+        faults.lostWritesWithoutResponse = *link.loss;
+        faults.lostNotifications = *link.loss;
+      }
+      if (link.intervalMs) faults.connectionInterval = *link.intervalMs / 1000.0;
+      radio->setFaults(faults);
+      // Devices with faults of their own get the command line's settings too.
+      for (auto device : radio->devices()) {
+        if (!device.faults) continue;
+        if (link.loss) {
+          device.faults->lostWritesWithoutResponse = *link.loss;
+          device.faults->lostNotifications = *link.loss;
+        }
+        if (link.intervalMs) device.faults->connectionInterval = *link.intervalMs / 1000.0;
+        radio->removeDevice(device.identifier);
+        radio->addDevice(device);
+      }
+    }
+  } else if (link.loss || link.intervalMs) {
+    throw UsageError("--loss and --interval-ms shape the simulated radio; they need --platform sim");
+  }
+  if (!platform::setBackendByName(options.platform)) {
+    std::string names;
+    for (const auto& n : platform::availableBackends()) names += (names.empty() ? "" : ", ") + n;
+    throw UsageError("the '" + options.platform + "' platform is not available in this build (available: " +
+                     names + ")");
+  }
+  auto manager = QLT_BLEManager::sharedInstance();
+  manager->addDelegate(impl_, queue_);
+  // Adding runs on the manager's module queue; once that has drained, every later callback
+  // reaches the tool.
+  manager->moduleQueue()->sync([] {});
+}
+
+Session::~Session() {
+  auto manager = QLT_BLEManager::sharedInstance();
+  manager->stopDiscover();
+  manager->removeDelegate(impl_);
+  queue_->sync([] {});  // let callbacks already queued finish before the state goes
+}
+
+void Session::powerOn(double timeoutS, bool show) {
+  auto manager = QLT_BLEManager::sharedInstance();
+  impl_->waiter.update([&] {
+    impl_->showStates = show;
+    if (impl_->managerState < 0) impl_->managerState = manager->state();
+  });
+  if (show) printLine("  manager: " + QLT_BLEManager::convertStateToNSString(manager->state()));
+  if (options_.platform == "sim" && !sim::SimRadio::shared()->isPowered()) {
+    if (show) printLine("  switching the simulated radio on");
+    sim::SimRadio::shared()->setPowered(true);
+  }
+  // Idle (1) is where discovery starts; scanning (2) left over from an earlier run is fine too.
+  const bool on = impl_->waiter.waitUntil(
+      [&] {
+        auto up = [](int32_t s) { return s == QLT_BLEManagerStateIdle || s == QLT_BLEManagerStateScanning; };
+        // The announcement, when states are shown (so that every one is printed); else the
+        // stored state will do.
+        return up(impl_->managerState) || (!show && up(manager->state()));
+      },
+      timeoutS);
+  impl_->waiter.update([&] { impl_->showStates = false; });
+  if (!on) {
+    std::string hint;
+    if (options_.platform == "bluez")
+      hint = "; is bluetoothd running, with a powered adapter, on the system bus?";
+    if (!options_.verbose) hint += " (--verbose shows the library's log)";
+    throw Failure("Bluetooth did not power on within " + seconds(timeoutS) + " (manager state: " +
+                  QLT_BLEManager::convertStateToNSString(manager->state()) + ")" + hint);
+  }
+}
+
+std::vector<DeviceInfo> Session::scan(const std::string& nameContains, bool nusOnly, double durationS,
+                                      const std::function<void(const DeviceInfo&, bool)>& onDevice) {
+  auto manager = QLT_BLEManager::sharedInstance();
+  const std::string needle = lower(nameContains);
+  impl_->waiter.update([&] {
+    impl_->onDevice = onDevice;
+    impl_->order.clear();
+    impl_->seen.clear();
+  });
+  // The filter runs on the library's central queue for every advertisement.
+  manager->startDiscover([needle, nusOnly](const std::shared_ptr<platform::Peripheral>&,
+                                           const std::optional<std::string>& localName,
+                                           const platform::AdvertisementData& ad, int) {
+    if (nusOnly && !advertisesNUS(ad)) return false;
+    if (!needle.empty() && lower(localName.value_or("")).find(needle) == std::string::npos) return false;
+    return true;
+  });
+  impl_->waiter.waitUntil([] { return false; }, durationS);
+  manager->stopDiscover();
+  queue_->sync([] {});  // advertisements already delivered are counted
+  std::vector<DeviceInfo> out;
+  impl_->waiter.update([&] {
+    impl_->onDevice = nullptr;
+    for (const auto& id : impl_->order) out.push_back(describe(impl_->seen[id]));
+  });
+  return out;
+}
+
+std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double timeoutS) {
+  auto manager = QLT_BLEManager::sharedInstance();
+  const auto uuid = UUID::fromString(device);
+  std::string wanted = device;
+  if (uuid) {
+    wanted = uuid->UUIDString();
+    // A peripheral seen in this run, or one the system knows by identifier.
+    std::shared_ptr<QLT_Peripheral> known;
+    impl_->waiter.read([&] {
+      if (auto it = impl_->seen.find(wanted); it != impl_->seen.end()) known = it->second;
+    });
+    if (known) return known;
+    if (auto p = QLT_BLEManager::retrievePeripheralWithUUID(wanted)) return p;
+  }
+  // Scan until a device with that identifier or exactly that name shows up.
+  std::shared_ptr<QLT_Peripheral> found;
+  impl_->waiter.update([&] {
+    impl_->onDevice = nullptr;
+    impl_->seen.clear();
+    impl_->order.clear();
+  });
+  manager->startDiscover();
+  impl_->waiter.waitUntil(
+      [&] {
+        for (const auto& [id, p] : impl_->seen) {
+          if (id == wanted || (!uuid && p->name() == device)) {
+            found = p;
+            return true;
+          }
+        }
+        return false;
+      },
+      timeoutS);
+  manager->stopDiscover();
+  if (!found) {
+    if (uuid) throw Failure("no device with identifier " + wanted + " found within " + seconds(timeoutS));
+    throw Failure("no device named '" + device + "' found within " + seconds(timeoutS));
+  }
+  return found;
+}
+
+LinkTiming Session::linkTiming() const {
+  LinkTiming t;
+  if (options_.platform != "sim") return t;
+  const auto faults = sim::SimRadio::shared()->faults();
+  t.oneWayS = faults.connectionInterval;
+  if (faults.writeRateLimit && *faults.writeRateLimit > 0) t.pacingS = 1.0 / *faults.writeRateLimit;
+  return t;
+}
+
+double Session::airLoss() const {
+  if (options_.platform != "sim") return 0;
+  const auto faults = sim::SimRadio::shared()->faults();
+  return std::max(faults.lostWritesWithoutResponse, faults.lostNotifications);
+}
+
+// ---- Connection ----
+
+TransportKind parseTransport(const std::string& text) {
+  if (text == "sw") return TransportKind::SlidingWindow;
+  if (text == "nus") return TransportKind::NUS;
+  throw UsageError("unknown transport '" + text + "' (use sw or nus)");
+}
+
+std::string transportName(TransportKind kind) { return kind == TransportKind::NUS ? "nus" : "sw"; }
+
+struct Connection::Delegate : QLT_PeripheralDidChangeState,
+                              QLT_PeripheralDidReceivedTCPData,
+                              QLT_PeripheralDidReceivedUDPData {
+  Waiter waiter;
+  int32_t state = -1;          // guarded by waiter
+  bool opened = false;         // guarded by waiter: ready was reached
+  bool dropped = false;        // guarded by waiter: the link went down after ready
+  ConnectionEvents events;
+
+  void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>&, int32_t s) override {
+    // Shown before the waiting command wakes, so that its next line comes after this one.
+    if (events.onState) events.onState(s, QLT_Peripheral::convertStateToNSString(s));
+    waiter.update([&] {
+      state = s;
+      if (s == QLT_PeripheralStateReady) opened = true;
+      if (opened && (s == QLT_PeripheralStateDisconnected || s == QLT_PeripheralStateFailedToConnect))
+        dropped = true;
+    });
+  }
+  void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>&, const Data& d) override {
+    if (events.onData) events.onData(d, false);
+  }
+  void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>&, const Data& d) override {
+    if (events.onData) events.onData(d, true);
+  }
+};
+
+Connection::Connection(Session& session, std::shared_ptr<QLT_Peripheral> peripheral, TransportKind transport,
+                       ConnectionEvents events)
+    : session_(session), peripheral_(std::move(peripheral)), transport_(transport),
+      delegate_(std::make_shared<Delegate>()) {
+  delegate_->events = std::move(events);
+  peripheral_->setTransportType(transport == TransportKind::NUS ? 0 : 1);
+  if (session.options().trace) {
+    const bool sw = transport == TransportKind::SlidingWindow;
+    peripheral_->setFrameTrace([sw](bool outgoing, const Data& frame) {
+      if (sw) {
+        printLine(describeFrame(frame.span(), outgoing));
+      } else {
+        printLine(std::string(outgoing ? "→ " : "← ") + "chunk " + std::to_string(frame.size()) + " B");
+      }
+    });
+  }
+  peripheral_->addDelegate(delegate_, session.queue());
+  peripheral_->moduleQueue()->sync([] {});  // attached before anything is asked of it
+}
+
+Connection::~Connection() {
+  try {
+    if (opened_ && !dropped()) close(2.0);
+  } catch (...) {
+    // Leaving anyway: the process is about to end or an error is already on its way.
+  }
+  peripheral_->setFrameTrace(nullptr);
+  peripheral_->removeDelegate(delegate_);
+}
+
+void Connection::open(double timeoutS) {
+  opened_ = true;
+  QLT_BLEManager::sharedInstance()->connect(peripheral_);
+  int32_t last = -1;
+  const bool settled = delegate_->waiter.waitUntil(
+      [&] {
+        last = delegate_->state;
+        return last == QLT_PeripheralStateReady || last == QLT_PeripheralStateFailedToConnect ||
+               last == QLT_PeripheralStateDfuInProgress ||
+               (last == QLT_PeripheralStateDisconnected && delegate_->opened);
+      },
+      timeoutS);
+  const std::string name = "'" + deviceName() + "'";
+  if (!settled) {
+    QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
+    throw Failure(name + " did not become ready within " + seconds(timeoutS) + " (last state: " +
+                  (last < 0 ? std::string("none") : QLT_Peripheral::convertStateToNSString(last)) + ")");
+  }
+  if (last == QLT_PeripheralStateFailedToConnect) throw Failure("could not connect to " + name);
+  if (last == QLT_PeripheralStateDfuInProgress) {
+    QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
+    throw Failure(name + " does not offer the UART service");
+  }
+  if (last != QLT_PeripheralStateReady) throw Failure("the link to " + name + " dropped while connecting");
+}
+
+void Connection::close(double timeoutS) {
+  opened_ = false;  // asked once, whatever happens while waiting
+  QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
+  const bool closed = delegate_->waiter.waitUntil(
+      [&] { return delegate_->state == QLT_PeripheralStateDisconnected; }, timeoutS);
+  session_.queue()->sync([] {});  // payloads delivered before the disconnection are handled
+  if (!closed) throw Failure("'" + deviceName() + "' did not disconnect within " + seconds(timeoutS));
+}
+
+bool Connection::ready() const {
+  bool r = false;
+  delegate_->waiter.read([&] { r = delegate_->state == QLT_PeripheralStateReady; });
+  return r;
+}
+
+bool Connection::dropped() const {
+  bool d = false;
+  delegate_->waiter.read([&] { d = delegate_->dropped; });
+  return d;
+}
+
+void Connection::sendTCP(const Data& data) { peripheral_->writeTCPData(data); }
+void Connection::sendUDP(const Data& data) { peripheral_->writeUDPData(data); }
+
+TransferCounters Connection::counters() const {
+  TransferCounters c;
+  if (const auto s = peripheral_->transportCounters()) {
+    c.retransmissions = s->segmentsResent;
+    c.pollsSent = s->pollsSent;
+    c.rejectionsSent = s->rejectionsSent;
+    c.rejectionsReceived = s->rejectionsReceived;
+    c.bytesQueued = s->bytesQueued;
+  }
+  return c;
+}
+
+std::string Connection::deviceName() const {
+  return peripheral_->name().value_or(deviceIdentifier());
+}
+
+std::string Connection::deviceIdentifier() const {
+  return peripheral_->basePeripheral()->identifier().UUIDString();
+}
+
+}  // namespace qlt::cli

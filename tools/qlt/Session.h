@@ -1,0 +1,150 @@
+// The tool's use of the library: one Session per command run (the radio, the manager, the
+// known-device store), and one Connection per connected device.
+//
+// Everything here goes through QueltLibrary's public headers only, in the order an
+// application follows: take the manager, wait for power, scan with a filter, connect,
+// follow the peripheral's state to ready, write, receive callbacks, disconnect.
+//
+// Threads: library callbacks reach the tool on one serial queue of its own ("qlt"); they
+// update state guarded by a Waiter, and the command's thread waits on that. Callbacks
+// given in ConnectionEvents and to scan() run on that queue, one at a time, in order.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "QueltLibrary/Data.h"
+#include "Stats.h"
+
+namespace qlt {
+class QLT_Peripheral;
+class DispatchQueue;
+}  // namespace qlt
+
+namespace qlt::cli {
+
+// One device as scan shows it.
+struct DeviceInfo {
+  std::string identifier;  // upper-case UUID text
+  std::string name;        // advertised name ("" when none)
+  int rssi = 0;
+  bool nus = false;        // advertises the Nordic UART Service
+};
+
+// Link settings a command may put on the simulated radio (over --sim-config).
+struct SimLinkSettings {
+  std::optional<double> loss;        // fraction of frames lost on the air, 0..1
+  std::optional<double> intervalMs;  // connection interval: the one-way delay of a frame
+  // Start with the radio switched off, so that powerOn() shows the manager coming up.
+  bool startPoweredOff = false;
+};
+
+// Transport counters of a connection, as the tool reports them.
+struct TransferCounters {
+  uint64_t retransmissions = 0;
+  uint64_t pollsSent = 0;
+  uint64_t rejectionsSent = 0;
+  uint64_t rejectionsReceived = 0;
+  uint64_t bytesQueued = 0;  // payload bytes in the send queue (sent but unacknowledged, or unsent)
+};
+
+class Session {
+ public:
+  // Chooses the backend (--platform), describes the simulated devices (--sim-config, then
+  // `link`), routes the library's log lines. Throws UsageError for a bad platform or
+  // config file.
+  Session(const CommonOptions& options, const SimLinkSettings& link = {});
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  const CommonOptions& options() const { return options_; }
+
+  // Waits until Bluetooth is powered on and the manager is idle (switching the simulated
+  // radio on if it was started off). Prints each manager state when `show` is set. Throws
+  // Failure after `timeoutS`.
+  void powerOn(double timeoutS, bool show = false);
+
+  // Scans for `durationS` seconds. `nameContains` (case-insensitive) and `nusOnly` make up
+  // the filter handed to the library. `onDevice` runs for every accepted advertisement,
+  // with `first` set the first time a device is seen. Returns the devices seen, in the
+  // order first seen.
+  std::vector<DeviceInfo> scan(const std::string& nameContains, bool nusOnly, double durationS,
+                               const std::function<void(const DeviceInfo&, bool first)>& onDevice);
+
+  // Finds DEVICE, an identifier (UUID text, any case) or a device name, by retrieving it
+  // or by scanning. Throws Failure "no device named 'foo' found within 5.0 s".
+  std::shared_ptr<QLT_Peripheral> find(const std::string& device, double timeoutS);
+
+  // What limits a round trip on the link to the simulated devices (for the bench bound).
+  LinkTiming linkTiming() const;
+  // The air loss the simulated radio applies (0 on real hardware).
+  double airLoss() const;
+
+  // The serial queue on which the tool receives the library's callbacks.
+  const std::shared_ptr<DispatchQueue>& queue() const { return queue_; }
+
+  struct Impl;
+
+ private:
+  CommonOptions options_;
+  SimLinkSettings link_;
+  std::shared_ptr<DispatchQueue> queue_;
+  std::shared_ptr<Impl> impl_;
+};
+
+struct ConnectionEvents {
+  // Each peripheral state as it is announced: its number and display string.
+  std::function<void(int32_t state, const std::string& text)> onState;
+  // Each received payload ("TCP" segment or "UDP" datagram), in order.
+  std::function<void(const Data& payload, bool datagram)> onData;
+};
+
+enum class TransportKind { SlidingWindow, NUS };
+// Parses "sw" / "nus" (throws UsageError otherwise).
+TransportKind parseTransport(const std::string& text);
+std::string transportName(TransportKind kind);
+
+class Connection {
+ public:
+  Connection(Session& session, std::shared_ptr<QLT_Peripheral> peripheral, TransportKind transport,
+             ConnectionEvents events);
+  // Disconnects (without waiting long) if still connected.
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Connects and waits until the peripheral is ready. Throws Failure on failure to
+  // connect, an unexpected state (a device without the UART service), or time-out.
+  void open(double timeoutS);
+  // Disconnects and waits for the disconnected state. Throws Failure on time-out.
+  void close(double timeoutS);
+
+  bool ready() const;
+  // Whether the link is gone (disconnected or failed) after having been opened.
+  bool dropped() const;
+
+  void sendTCP(const Data& data);
+  void sendUDP(const Data& data);
+
+  TransferCounters counters() const;
+  std::string deviceName() const;
+  std::string deviceIdentifier() const;
+  const std::shared_ptr<QLT_Peripheral>& peripheral() const { return peripheral_; }
+
+  struct Delegate;
+
+ private:
+  Session& session_;
+  std::shared_ptr<QLT_Peripheral> peripheral_;
+  TransportKind transport_;
+  std::shared_ptr<Delegate> delegate_;
+  bool opened_ = false;
+};
+
+}  // namespace qlt::cli

@@ -1,0 +1,177 @@
+#include "Terminal.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace qlt::cli {
+namespace {
+
+std::mutex& outputLock() {
+  static std::mutex m;
+  return m;
+}
+
+// The bar currently on screen (guarded by the output lock); lines printed meanwhile go
+// above it.
+ProgressBar* activeBar = nullptr;
+std::string activeBarText;  // guarded by the output lock
+
+std::string fixed(double v, int decimals) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.*f", decimals, v);
+  return buf;
+}
+
+void writeRaw(std::string_view s) {
+  std::fwrite(s.data(), 1, s.size(), stdout);
+}
+
+}  // namespace
+
+bool stdoutIsTerminal() {
+  static const bool terminal = [] {
+    if (!::isatty(STDOUT_FILENO)) return false;
+    const char* term = std::getenv("TERM");
+    return !(term && std::strcmp(term, "dumb") == 0);
+  }();
+  return terminal;
+}
+
+void printLine(std::string_view line) {
+  std::lock_guard lock(outputLock());
+  if (activeBar) writeRaw("\r\033[K");
+  writeRaw(line);
+  writeRaw("\n");
+  if (activeBar) writeRaw(activeBarText);
+  std::fflush(stdout);
+}
+
+std::string formatBytes(double bytes) {
+  if (bytes < 1000) return fixed(bytes, 0) + " B";
+  if (bytes < 1000 * 1000) return fixed(bytes / 1000, 1) + " kB";
+  if (bytes < 1000.0 * 1000 * 1000) return fixed(bytes / 1e6, 2) + " MB";
+  return fixed(bytes / 1e9, 2) + " GB";
+}
+
+std::string formatRate(double bytesPerSecond) { return formatBytes(bytesPerSecond) + "/s"; }
+
+std::string formatSeconds(double seconds) {
+  if (seconds < 1.0) return fixed(seconds * 1000, 1) + " ms";
+  return fixed(seconds, 2) + " s";
+}
+
+std::string describePayload(std::string_view bytes) {
+  const bool printable = std::all_of(bytes.begin(), bytes.end(), [](char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return (u >= 0x20 && u < 0x7f) || u == '\t';
+  });
+  if (printable) return std::string(bytes);
+  std::string out = "hex:";
+  char buf[4];
+  for (char c : bytes) {
+    std::snprintf(buf, sizeof buf, "%02x", static_cast<unsigned char>(c));
+    out += ' ';
+    out += buf;
+  }
+  return out;
+}
+
+// ---- ProgressBar ----
+
+ProgressBar::ProgressBar(std::string label, uint64_t total)
+    : label_(std::move(label)),
+      total_(total),
+      started_(std::chrono::steady_clock::now()),
+      enabled_(stdoutIsTerminal()) {
+  if (!enabled_) return;
+  std::lock_guard lock(outputLock());
+  if (!activeBar) activeBar = this;
+  drawLocked(true);
+}
+
+ProgressBar::~ProgressBar() { finish(); }
+
+void ProgressBar::update(uint64_t done) {
+  if (!enabled_) return;
+  std::lock_guard lock(outputLock());
+  if (finished_) return;
+  done_ = std::min(done, total_);
+  drawLocked(false);
+}
+
+void ProgressBar::finish() {
+  if (!enabled_) return;
+  std::lock_guard lock(outputLock());
+  if (finished_) return;
+  drawLocked(true);
+  finished_ = true;
+  if (activeBar == this) {
+    activeBar = nullptr;
+    activeBarText.clear();
+  }
+  writeRaw("\n");
+  std::fflush(stdout);
+}
+
+void ProgressBar::drawLocked(bool force) {
+  const auto now = std::chrono::steady_clock::now();
+  if (!force && now - lastDraw_ < std::chrono::milliseconds(50) && done_ < total_) return;
+  lastDraw_ = now;
+
+  constexpr int kWidth = 24;
+  const double fraction = total_ ? static_cast<double>(done_) / static_cast<double>(total_) : 1.0;
+  const int filled = static_cast<int>(fraction * kWidth);
+  const double seconds = std::chrono::duration<double>(now - started_).count();
+  std::string text = "\r\033[K  " + label_ + " [" + std::string(filled, '#') +
+                     std::string(kWidth - filled, '.') + "] " +
+                     fixed(fraction * 100, 0) + "%  " + formatBytes(static_cast<double>(done_)) +
+                     " / " + formatBytes(static_cast<double>(total_));
+  if (seconds > 0.05) text += "  " + formatRate(static_cast<double>(done_) / seconds);
+  if (activeBar == this) activeBarText = text;
+  writeRaw(text);
+  std::fflush(stdout);
+}
+
+// ---- LiveTable ----
+
+LiveTable::LiveTable(std::vector<std::string> headers) : headers_(std::move(headers)) {}
+
+std::vector<std::string> LiveTable::render(const std::vector<std::vector<std::string>>& rows) const {
+  std::vector<size_t> widths(headers_.size());
+  for (size_t c = 0; c < headers_.size(); ++c) widths[c] = headers_[c].size();
+  for (const auto& row : rows)
+    for (size_t c = 0; c < row.size() && c < widths.size(); ++c)
+      widths[c] = std::max(widths[c], row[c].size());
+
+  auto line = [&](const std::vector<std::string>& cells) {
+    std::string out;
+    for (size_t c = 0; c < widths.size(); ++c) {
+      const std::string cell = c < cells.size() ? cells[c] : "";
+      out += cell;
+      if (c + 1 < widths.size()) out += std::string(widths[c] - cell.size() + 2, ' ');
+    }
+    while (!out.empty() && out.back() == ' ') out.pop_back();
+    return out;
+  };
+  std::vector<std::string> lines{line(headers_)};
+  for (const auto& row : rows) lines.push_back(line(row));
+  return lines;
+}
+
+void LiveTable::show(const std::vector<std::vector<std::string>>& rows) {
+  if (!stdoutIsTerminal()) return;
+  const auto lines = render(rows);
+  std::lock_guard lock(outputLock());
+  std::string out;
+  if (linesOnScreen_ > 0) out += "\033[" + std::to_string(linesOnScreen_) + "F";  // up, column 0
+  for (const auto& l : lines) out += "\033[K" + l + "\n";
+  linesOnScreen_ = lines.size();
+  writeRaw(out);
+  std::fflush(stdout);
+}
+
+}  // namespace qlt::cli
