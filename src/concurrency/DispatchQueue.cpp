@@ -9,8 +9,12 @@
 #include "QueltLibrary/DispatchQueue.h"
 
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -66,6 +70,29 @@ class FrameScope {
 };
 
 void nameThisThread(const char* name) { pthread_setname_np(pthread_self(), name); }
+
+// Whether the kernel has the thread `tid` of this process asleep (blocked in a wait, a
+// sleep or I/O) rather than running or waiting for a CPU. Unknown counts as asleep.
+bool threadIsAsleep(pid_t tid) {
+#ifdef __linux__
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/self/task/%d/stat", static_cast<int>(tid));
+  FILE* file = std::fopen(path, "re");
+  if (file == nullptr) return true;
+  char line[512];
+  const bool read = std::fgets(line, sizeof line, file) != nullptr;
+  std::fclose(file);
+  // "tid (name) S ...": the name may hold spaces and parentheses, so look after the last ')'.
+  const char* close = read ? std::strrchr(line, ')') : nullptr;
+  if (close == nullptr || close[1] != ' ') return true;
+  return close[2] != 'R';
+#else
+  (void)tid;
+  return true;
+#endif
+}
+
+pid_t currentTid() { return static_cast<pid_t>(::syscall(SYS_gettid)); }
 
 }  // namespace
 
@@ -139,14 +166,32 @@ class ThreadPool {
   static constexpr auto kStallAfter = std::chrono::milliseconds(10);
 
   // Up to this many workers are started on demand; beyond it, only when work waits while
-  // no task finishes for kStallAfter (the workers are blocked, not busy).
+  // no task finishes for kStallAfter and every worker is asleep (blocked, not busy).
   const size_t softLimit_ = std::max<size_t>(4, std::thread::hardware_concurrency());
+
+  struct Worker {
+    std::thread thread;
+    pid_t tid = 0;  // set by the worker itself before it takes any work
+  };
 
   void spawnLocked() {
     ++threads_;
     std::thread worker([this] { work(); });
     const auto id = worker.get_id();
-    workers_.emplace(id, std::move(worker));
+    workers_[id].thread = std::move(worker);
+  }
+
+  // On a loaded machine busy workers can go without a CPU for longer than kStallAfter;
+  // they are runnable, not blocked, and another worker would only add to the load.
+  bool everyWorkerAsleep(std::unique_lock<std::mutex>& lock) {
+    std::vector<pid_t> tids;
+    tids.reserve(workers_.size());
+    for (const auto& [id, worker] : workers_) tids.push_back(worker.tid);
+    lock.unlock();  // a worker waiting for mutex_ would otherwise look blocked
+    const bool asleep = std::all_of(tids.begin(), tids.end(),
+                                    [](pid_t tid) { return tid == 0 || threadIsAsleep(tid); });
+    lock.lock();
+    return asleep;
   }
 
   void monitor() {
@@ -159,14 +204,18 @@ class ThreadPool {
       }
       const uint64_t before = gTasksRun.load(std::memory_order_relaxed);
       monitorCv_.wait_for(lock, kStallAfter);
-      const bool stalled = gTasksRun.load(std::memory_order_relaxed) == before;
-      if (!ready_.empty() && idle_ <= wakeups_ && stalled && threads_ < kMaxThreads) spawnLocked();
+      const auto waiting = [&] {
+        return !ready_.empty() && idle_ <= wakeups_ && threads_ < kMaxThreads &&
+               gTasksRun.load(std::memory_order_relaxed) == before;
+      };
+      if (waiting() && everyWorkerAsleep(lock) && waiting()) spawnLocked();
     }
   }
 
   void work() {
     nameThisThread("qlt.pool");
     std::unique_lock lock(mutex_);
+    workers_[std::this_thread::get_id()].tid = currentTid();
     for (;;) {
       if (!ready_.empty()) {
         auto queue = std::move(ready_.front());
@@ -195,7 +244,7 @@ class ThreadPool {
         // Retire: hand our own handle to a worker that stays, which joins it.
         --threads_;
         auto self = workers_.find(std::this_thread::get_id());
-        retired_.push_back(std::move(self->second));
+        retired_.push_back(std::move(self->second.thread));
         workers_.erase(self);
         cv_.notify_all();
         return;
@@ -209,7 +258,7 @@ class ThreadPool {
   size_t threads_ = 0;                                         // guarded by mutex_
   size_t idle_ = 0;                                            // guarded by mutex_
   size_t wakeups_ = 0;                                         // guarded by mutex_
-  std::unordered_map<std::thread::id, std::thread> workers_;  // guarded by mutex_
+  std::unordered_map<std::thread::id, Worker> workers_;       // guarded by mutex_
   std::vector<std::thread> retired_;                           // guarded by mutex_
   std::condition_variable monitorCv_;
   std::thread monitor_;  // guarded by mutex_; started when the soft limit is first reached
