@@ -6,6 +6,7 @@
 // hardware, run with QLT_PLATFORM=bluez and a device that echoes over the UART service.
 #include <QueltLibrary/QueltLibrary.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
@@ -23,17 +24,18 @@ class EchoClient : public qlt::QLT_BLEManagerDidChangedState,
 
   void start() {
     manager_->addDelegate(shared_from_this(), queue_);
-    // A power-on that happened before we listened is visible in state().
-    queue_->async([self = shared_from_this()] {
-      if (self->manager_->state() == qlt::QLT_BLEManagerStateIdle) self->scan();
+    // addDelegate takes effect on the manager's own queue. Looking at the state there, after
+    // it, means a power-on is either seen now or announced to us later: never missed.
+    manager_->moduleQueue()->async([self = shared_from_this()] {
+      if (self->manager_->state() != qlt::QLT_BLEManagerStateIdle) return;
+      self->queue_->async([self] { self->scan(); });
     });
   }
 
-  // Blocks until the echo is complete (or the device went away).
-  bool wait() {
+  // Blocks until the echo is complete, the device went away, or `seconds` have passed.
+  bool wait(int seconds) {
     std::unique_lock lock(mutex_);
-    cv_.wait(lock, [&] { return done_; });
-    return received_ == message_;
+    return cv_.wait_for(lock, std::chrono::seconds(seconds), [&] { return done_; }) && echoed_;
   }
 
   void manager_didChangedState(const std::shared_ptr<qlt::QLT_BLEManager>&, int32_t state) override {
@@ -69,12 +71,18 @@ class EchoClient : public qlt::QLT_BLEManagerDidChangedState,
     received_ += data.toString();  // payloads arrive one segment at a time
     if (received_.size() >= message_.size()) {
       std::printf("echoed: %s\n", received_.c_str());
+      {
+        std::lock_guard lock(mutex_);
+        echoed_ = received_ == message_;
+      }
       manager_->disconnect(peripheral);
     }
   }
 
  private:
   void scan() {
+    if (scanStarted_) return;  // both the look at the state and the announcement may ask
+    scanStarted_ = true;
     std::printf("scanning\n");
     manager_->startDiscover([](const std::shared_ptr<qlt::platform::Peripheral>&,
                                const std::optional<std::string>& localName,
@@ -93,9 +101,11 @@ class EchoClient : public qlt::QLT_BLEManagerDidChangedState,
   const std::shared_ptr<qlt::DispatchQueue> queue_ = qlt::DispatchQueue::create("example");
   std::shared_ptr<qlt::QLT_Peripheral> peripheral_;  // on queue_ only
   std::string received_;                             // on queue_ only
+  bool scanStarted_ = false;                         // on queue_ only
   std::mutex mutex_;
   std::condition_variable cv_;
-  bool done_ = false;  // guarded by mutex_
+  bool done_ = false;    // guarded by mutex_
+  bool echoed_ = false;  // guarded by mutex_
 };
 
 }  // namespace
@@ -106,7 +116,7 @@ int main() {
       "Hello from QueltLibrary! This message is longer than one 120-byte segment, so it "
       "travels as several segments through the sliding window and comes back in order.");
   client->start();
-  const bool ok = client->wait();
+  const bool ok = client->wait(30);
   std::printf("%s\n", ok ? "done" : "the echo did not complete");
   return ok ? 0 : 1;
 }

@@ -63,7 +63,7 @@ class BLESlideWindow : public QLT_Object, public ThreadBaseDelegate {
   void stop();
 
   // ThreadBaseDelegate
-  void threadStarted(const std::shared_ptr<ThreadBase>& thread) override {}
+  void threadStarted(const std::shared_ptr<ThreadBase>& /*thread*/) override {}
   std::function<void()> threadRunloop(const std::shared_ptr<ThreadBase>& thread) override;
   void threadStopped(const std::shared_ptr<ThreadBase>& thread) override;
 

@@ -76,11 +76,11 @@ class BaseTransport : public QLT_Object,
 
   void start() override;
   void stop() override;
-  void sendTCP(const uint8_t* bytes, uint64_t length) override {}
-  void sendUDP(const uint8_t* bytes, uint64_t length) override {}
+  void sendTCP(const uint8_t* /*bytes*/, uint64_t /*length*/) override {}
+  void sendUDP(const uint8_t* /*bytes*/, uint64_t /*length*/) override {}
   void writeRequest(const uint8_t* bytes, uint64_t length) override;
-  void receive(const Data& value) override {}
-  void run(const std::shared_ptr<ThreadBase>& thread) override {}
+  void receive(const Data& /*value*/) override {}
+  void run(const std::shared_ptr<ThreadBase>& /*thread*/) override {}
 
   std::shared_ptr<TransportSenderDelegate> senderDelegate() const;
   void setSenderDelegate(const std::shared_ptr<TransportSenderDelegate>& delegate);
@@ -89,7 +89,7 @@ class BaseTransport : public QLT_Object,
   std::shared_ptr<ThreadBase> thread() const;
 
   // ThreadBaseDelegate
-  void threadStarted(const std::shared_ptr<ThreadBase>& thread) override {}
+  void threadStarted(const std::shared_ptr<ThreadBase>& /*thread*/) override {}
   std::function<void()> threadRunloop(const std::shared_ptr<ThreadBase>& thread) override;
   void threadStopped(const std::shared_ptr<ThreadBase>& thread) override;
 

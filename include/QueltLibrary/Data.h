@@ -30,7 +30,7 @@ class Data {
   size_t size() const { return length_; }
   bool empty() const { return length_ == 0; }
   std::span<const uint8_t> span() const { return {bytes(), length_}; }
-  uint8_t operator[](size_t i) const { return storage_[i]; }
+  uint8_t operator[](size_t i) const { return bytes()[i]; }
   // A new Data with bytes [offset, offset + count) of this one (clamped to its length).
   Data subdata(size_t offset, size_t count) const;
 

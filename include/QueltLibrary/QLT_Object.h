@@ -55,9 +55,9 @@ class QLT_Object : public std::enable_shared_from_this<QLT_Object> {
   explicit QLT_Object(std::string className, std::shared_ptr<DispatchQueue> queue = nullptr);
 
   // Hook called on the module queue after each addition (true) and removal (false).
-  virtual void deviceObject_delegate_attached(QLT_Object* module,
-                                              const std::shared_ptr<Delegate>& delegate,
-                                              bool attached) {}
+  virtual void deviceObject_delegate_attached(QLT_Object* /*module*/,
+                                              const std::shared_ptr<Delegate>& /*delegate*/,
+                                              bool /*attached*/) {}
 
  private:
   void runOnModuleQueue(DispatchQueue::Task task, bool synchronously);

@@ -189,7 +189,7 @@ class QLT_Peripheral : public QLT_Object,
       const std::shared_ptr<platform::Characteristic>& characteristic,
       const std::optional<platform::Error>& error) override;
   void peripheralIsReadyToSendWriteWithoutResponse(
-      const std::shared_ptr<platform::Peripheral>& peripheral) override {}
+      const std::shared_ptr<platform::Peripheral>& /*peripheral*/) override {}
   void peripheral_didUpdateValueForDescriptor_error(
       const std::shared_ptr<platform::Peripheral>& peripheral,
       const std::optional<platform::Error>& error) override;

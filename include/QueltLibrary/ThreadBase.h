@@ -28,10 +28,10 @@ class ThreadBase;
 class ThreadBaseDelegate {
  public:
   virtual ~ThreadBaseDelegate() = default;
-  virtual void threadStarted(const std::shared_ptr<ThreadBase>& thread) {}
+  virtual void threadStarted(const std::shared_ptr<ThreadBase>& /*thread*/) {}
   // The thread's loop, or an empty function ("No runloop was defined!!!" is logged).
   virtual std::function<void()> threadRunloop(const std::shared_ptr<ThreadBase>& thread) = 0;
-  virtual void threadStopped(const std::shared_ptr<ThreadBase>& thread) {}
+  virtual void threadStopped(const std::shared_ptr<ThreadBase>& /*thread*/) {}
 };
 
 class ThreadBase : public std::enable_shared_from_this<ThreadBase> {

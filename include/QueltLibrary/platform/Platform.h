@@ -105,26 +105,26 @@ class CentralDelegate {
 class PeripheralDelegate {
  public:
   virtual ~PeripheralDelegate() = default;
-  virtual void peripheral_didDiscoverServices(const std::shared_ptr<Peripheral>& peripheral,
-                                              const std::optional<Error>& error) {}
+  virtual void peripheral_didDiscoverServices(const std::shared_ptr<Peripheral>& /*peripheral*/,
+                                              const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didDiscoverCharacteristicsForService_error(
-      const std::shared_ptr<Peripheral>& peripheral, const std::shared_ptr<Service>& service,
-      const std::optional<Error>& error) {}
+      const std::shared_ptr<Peripheral>& /*peripheral*/, const std::shared_ptr<Service>& /*service*/,
+      const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didUpdateNotificationStateForCharacteristic_error(
-      const std::shared_ptr<Peripheral>& peripheral,
-      const std::shared_ptr<Characteristic>& characteristic, const std::optional<Error>& error) {}
+      const std::shared_ptr<Peripheral>& /*peripheral*/,
+      const std::shared_ptr<Characteristic>& /*characteristic*/, const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didUpdateValueForCharacteristic_error(
-      const std::shared_ptr<Peripheral>& peripheral,
-      const std::shared_ptr<Characteristic>& characteristic, const std::optional<Error>& error) {}
+      const std::shared_ptr<Peripheral>& /*peripheral*/,
+      const std::shared_ptr<Characteristic>& /*characteristic*/, const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didWriteValueForCharacteristic_error(
-      const std::shared_ptr<Peripheral>& peripheral,
-      const std::shared_ptr<Characteristic>& characteristic, const std::optional<Error>& error) {}
+      const std::shared_ptr<Peripheral>& /*peripheral*/,
+      const std::shared_ptr<Characteristic>& /*characteristic*/, const std::optional<Error>& /*error*/) {}
   virtual void peripheralIsReadyToSendWriteWithoutResponse(
-      const std::shared_ptr<Peripheral>& peripheral) {}
+      const std::shared_ptr<Peripheral>& /*peripheral*/) {}
   virtual void peripheral_didUpdateValueForDescriptor_error(
-      const std::shared_ptr<Peripheral>& peripheral, const std::optional<Error>& error) {}
+      const std::shared_ptr<Peripheral>& /*peripheral*/, const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didWriteValueForDescriptor_error(
-      const std::shared_ptr<Peripheral>& peripheral, const std::optional<Error>& error) {}
+      const std::shared_ptr<Peripheral>& /*peripheral*/, const std::optional<Error>& /*error*/) {}
 };
 
 class Characteristic {

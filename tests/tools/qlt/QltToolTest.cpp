@@ -72,7 +72,9 @@ TEST_F(TheQltTool, RunsTheDemoToAVerifiedSummary) {
                                "every byte came back exactly once and in order"}) {
     EXPECT_NE(run.out.find(expected), std::string::npos) << "missing '" << expected << "' in:\n" << run.out;
   }
-  EXPECT_LT(run.seconds, 15.0);
+  // The demo aims at well under 15 s; the bound here leaves room for sanitizers and a
+  // loaded machine, and only catches a demo that hangs on its way to the summary.
+  EXPECT_LT(run.seconds, 60.0);
   // Piped output carries no progress bar or cursor movement.
   EXPECT_EQ(run.out.find('\r'), std::string::npos);
   EXPECT_EQ(run.out.find("\033["), std::string::npos);
