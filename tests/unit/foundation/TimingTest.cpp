@@ -87,11 +87,11 @@ TEST(AnEvent, WaitsWithATimeout) {
   EXPECT_LT(test::secondsSince(start), 0.5);
 
   auto late = HANDLE::createAutoEvent();
+  start = Clk::now();  // before the setter starts its 100 ms
   std::thread setter([&] {
     std::this_thread::sleep_for(100ms);
     late->set();
   });
-  start = Clk::now();
   EXPECT_TRUE(late->waitTimeout(-1));
   EXPECT_GE(test::secondsSince(start), 0.1);
   setter.join();

@@ -163,6 +163,7 @@ TEST_F(ASimulatedRadio, FailsAConnectionWhenTheFaultSaysSo) {
   AirFaults faults;
   faults.connectFailure = 1.0;
   device.faults = faults;
+  device.connectDelay = 1.0;  // long enough to see the peripheral connecting first
   radio->addDevice(device);
   start();
   auto p = retrieve(1);
