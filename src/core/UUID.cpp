@@ -3,23 +3,18 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/Hex.h"
+
 namespace qlt {
 
 namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 // Reads 2*n hex digits from text into out; false on any non-hex character.
 bool readHex(std::string_view text, uint8_t* out, size_t n) {
   if (text.size() != 2 * n) return false;
   for (size_t i = 0; i < n; ++i) {
-    const int hi = hexValue(text[2 * i]);
-    const int lo = hexValue(text[2 * i + 1]);
+    const int hi = hexDigitValue(text[2 * i]);
+    const int lo = hexDigitValue(text[2 * i + 1]);
     if (hi < 0 || lo < 0) return false;
     out[i] = static_cast<uint8_t>(hi << 4 | lo);
   }

@@ -3,18 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "core/Hex.h"
+
 namespace qlt::bluez {
-
-namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-}  // namespace
 
 std::optional<Address> parseAddress(std::string_view text) {
   if (text.size() != 17) return std::nullopt;
@@ -22,8 +13,8 @@ std::optional<Address> parseAddress(std::string_view text) {
   for (size_t i = 0; i < out.size(); ++i) {
     const size_t at = i * 3;
     if (i > 0 && text[at - 1] != ':') return std::nullopt;
-    const int hi = hexValue(text[at]);
-    const int lo = hexValue(text[at + 1]);
+    const int hi = hexDigitValue(text[at]);
+    const int lo = hexDigitValue(text[at + 1]);
     if (hi < 0 || lo < 0) return std::nullopt;
     out[i] = static_cast<uint8_t>(hi << 4 | lo);
   }
