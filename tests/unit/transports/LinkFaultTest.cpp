@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <ostream>
 
 #include "support/LinkHarness.h"
 #include "support/TestSupport.h"
@@ -19,6 +20,10 @@ struct FaultConfig {
   double loss;
   double duplication;
 };
+
+void PrintTo(const FaultConfig& c, std::ostream* os) {
+  *os << "loss " << c.loss << ", duplication " << c.duplication;
+}
 
 std::string configName(const ::testing::TestParamInfo<FaultConfig>& info) {
   char buf[64];
@@ -76,6 +81,11 @@ struct Breakage {
   const char* name;
   double reorder, corrupt, garbage;
 };
+
+void PrintTo(const Breakage& b, std::ostream* os) {
+  *os << b.name << ": reorder " << b.reorder << ", corrupt " << b.corrupt << ", garbage "
+      << b.garbage;
+}
 
 class OverABrokenLink : public ::testing::TestWithParam<Breakage> {};
 
