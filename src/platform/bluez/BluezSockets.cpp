@@ -204,7 +204,10 @@ void BluezCentral::fallBackToMethod(const Address& address, const std::string& p
   if (dev == devices_.end()) return;
   auto ch = dev->second.writeChannels.find(path);
   if (ch == dev->second.writeChannels.end() || ch->second.path != WritePath::Socket) return;
-  QLTLog("BlueZ: %s: %s; writing with WriteValue for the rest of this link", path, why);
+  // While a disconnection is under way bluetoothd closing its end is expected: no news.
+  if (dev->second.phase == Phase::Connected) {
+    QLTLog("BlueZ: %s: %s; writing with WriteValue for the rest of this link", path, why);
+  }
   loop_.unwatch(ch->second.socket.watch);
   ch->second.socket = AcquiredSocket{};
   ch->second.path = WritePath::Method;
@@ -273,8 +276,12 @@ void BluezCentral::readNotifySocket(const Address& address, const std::string& p
   if (dev == devices_.end()) return;
   Device& device = dev->second;
   auto socket = device.notifySockets.find(path);
+  if (socket == device.notifySockets.end()) return;
   auto ch = device.characteristics.find(path);
-  if (socket == device.notifySockets.end() || ch == device.characteristics.end()) return;
+  if (ch == device.characteristics.end()) {
+    closeNotifySocket(address, path, "its characteristic is gone");  // else it would spin
+    return;
+  }
   const int fd = socket->second.fd.get();
   auto peripheral = peripheralFor(address);
   auto characteristic = ch->second;
@@ -314,7 +321,9 @@ void BluezCentral::closeNotifySocket(const Address& address, const std::string& 
   Device& device = dev->second;
   auto socket = device.notifySockets.find(path);
   if (socket == device.notifySockets.end()) return;
-  QLTLog("BlueZ: notifications of %s stopped: their socket closed (%s)", path, why);
+  if (device.phase == Phase::Connected) {
+    QLTLog("BlueZ: notifications of %s stopped: their socket closed (%s)", path, why);
+  }
   loop_.unwatch(socket->second.watch);
   device.notifySockets.erase(socket);
   device.notifying.erase(path);
