@@ -350,38 +350,36 @@ void BluezCentral::setNotifyByMethod(const std::shared_ptr<BluezPeripheral>& per
   auto it = devices_.find(peripheral->address());
   if (it == devices_.end()) return;
   const uint64_t generation = characteristic->generation();
-  {
-    const std::string path = characteristic->path();
-    // Values may arrive before the reply: accept them from now on.
-    if (enabled) it->second.notifying.insert(path);
-    const Address address = peripheral->address();
-    call(
-        path, kCharacteristicInterface, enabled ? "StartNotify" : "StopNotify", {},
-        options_.callTimeout,
-        [this, address, generation, peripheral, characteristic, enabled, path](
-            sdbus::MethodReply*, const Error* error) {
-          auto dev = devices_.find(address);
-          if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
-          std::optional<Error> failure;
-          if (error) {
-            failure = *error;
-            QLTLog("BlueZ: %s of %s failed: %s", enabled ? "StartNotify" : "StopNotify", path,
-                   error->description());
-            if (enabled) dev->second.notifying.erase(path);
-          } else if (!enabled) {
-            dev->second.notifying.erase(path);
-          }
-          deliverToPeripheral(
-              peripheral,
-              [peripheral, characteristic, failure](platform::PeripheralDelegate& d) {
-                d.peripheral_didUpdateNotificationStateForCharacteristic_error(
-                    peripheral, characteristic, failure);
-              },
-              [characteristic, enabled, failure] {
-                if (!failure) characteristic->setNotifying(enabled);
-              });
-        });
-  }
+  const std::string path = characteristic->path();
+  // Values may arrive before the reply: accept them from now on.
+  if (enabled) it->second.notifying.insert(path);
+  const Address address = peripheral->address();
+  call(
+      path, kCharacteristicInterface, enabled ? "StartNotify" : "StopNotify", {},
+      options_.callTimeout,
+      [this, address, generation, peripheral, characteristic, enabled, path](
+          sdbus::MethodReply*, const Error* error) {
+        auto dev = devices_.find(address);
+        if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
+        std::optional<Error> failure;
+        if (error) {
+          failure = *error;
+          QLTLog("BlueZ: %s of %s failed: %s", enabled ? "StartNotify" : "StopNotify", path,
+                 error->description());
+          if (enabled) dev->second.notifying.erase(path);
+        } else if (!enabled) {
+          dev->second.notifying.erase(path);
+        }
+        deliverToPeripheral(
+            peripheral,
+            [peripheral, characteristic, failure](platform::PeripheralDelegate& d) {
+              d.peripheral_didUpdateNotificationStateForCharacteristic_error(
+                  peripheral, characteristic, failure);
+            },
+            [characteristic, enabled, failure] {
+              if (!failure) characteristic->setNotifying(enabled);
+            });
+      });
 }
 
 // ------------------------------------------------------------------------------------------

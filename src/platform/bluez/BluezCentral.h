@@ -9,6 +9,9 @@
 //     current connection. Every connection attempt gets a new generation number; replies,
 //     timers and objects of an older generation are recognised and ignored, so the tail
 //     of one connection never tears down the next.
+//   - The socket data path (BluezSockets.cpp): writes without response and notifications
+//     over the sockets of AcquireWrite/AcquireNotify when bluetoothd offers them, owned per
+//     link and closed when it ends; the method calls otherwise.
 //   - The library-side objects (BluezPeripheral & co.), updated and announced on the
 //     central's queue.
 //
