@@ -206,7 +206,7 @@ class SimDevice:
         self.address_type = str(options.get('AddressType', 'random'))
         self.acquire = bool(options.get('Acquire', ACQUIRE_DEFAULT))
         self.acquired = {}              # role ('tx', 'rx') -> (our socket end, GLib watch id)
-        self.acquire_fault = ''         # '', 'pipe' or 'mtu0': what a broken daemon hands out
+        self.acquire_fault = ''         # '', 'pipe', 'mtu0' or 'types': what a broken daemon hands out
         self.request_delay_ms = REQUEST_DELAY_MS
         primary = NUS_SERVICE_UUID if behaviour in NUS_BEHAVIOURS else HEART_RATE_UUID
         self.uuids = [normalise_uuid(u) for u in options.get('UUIDs', [primary])]
@@ -475,6 +475,9 @@ class SimDevice:
             if iface == GATT_CHRC_IFACE:
                 for name, func in CHRC_METHODS.items():
                     install_method(obj, iface, name, func)
+                if self.acquire_fault == 'types':
+                    install_method(obj, iface, 'AcquireWrite', chrc_acquire_write_wrong_types)
+                    install_method(obj, iface, 'AcquireNotify', chrc_acquire_notify_wrong_types)
                 self.notify_senders[path] = set()
             elif iface == GATT_DESC_IFACE:
                 install_method(obj, iface, 'ReadValue', desc_read_value)
@@ -832,6 +835,17 @@ def chrc_acquire_write(self, options):
 @dbus.service.method(GATT_CHRC_IFACE, in_signature='a{sv}', out_signature='hq')
 def chrc_acquire_notify(self, options):
     return _device(self).acquire_socket(self, 'AcquireNotify')
+
+
+# A broken daemon's AcquireWrite/AcquireNotify (fault 'types'): a reply of other types.
+@dbus.service.method(GATT_CHRC_IFACE, in_signature='a{sv}', out_signature='sq')
+def chrc_acquire_write_wrong_types(self, options):
+    return (dbus.String('not a descriptor'), dbus.UInt16(_device(self).mtu))
+
+
+@dbus.service.method(GATT_CHRC_IFACE, in_signature='a{sv}', out_signature='sq')
+def chrc_acquire_notify_wrong_types(self, options):
+    return (dbus.String('not a descriptor'), dbus.UInt16(_device(self).mtu))
 
 
 @dbus.service.method(GATT_DESC_IFACE, in_signature='a{sv}', out_signature='ay')
@@ -1199,9 +1213,10 @@ class TestControl(dbus.service.Object):
 
     @dbus.service.method(TEST_IFACE, in_signature='ss', out_signature='')
     def SetAcquireFault(self, address, fault):
-        """AcquireWrite/AcquireNotify hand out a pipe ('pipe') or MTU 0 ('mtu0'); '' for none."""
-        if fault not in ('', 'pipe', 'mtu0'):
-            raise test_error('InvalidArguments', f'unknown fault "{fault}", expected "", "pipe" or "mtu0"')
+        """AcquireWrite/AcquireNotify hand out a pipe ('pipe'), MTU 0 ('mtu0') or a reply of
+        other types ('types', from the next connection on); '' for none."""
+        if fault not in ('', 'pipe', 'mtu0', 'types'):
+            raise test_error('InvalidArguments', f'unknown fault "{fault}", expected "", "pipe", "mtu0" or "types"')
         self.world.device(address).acquire_fault = str(fault)
 
     @dbus.service.method(TEST_IFACE, in_signature='s', out_signature='')

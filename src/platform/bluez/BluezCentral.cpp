@@ -335,9 +335,21 @@ void BluezCentral::setNotifyValue(std::shared_ptr<BluezPeripheral> peripheral,
           [characteristic, enabled] { characteristic->setNotifying(enabled); });
       return;
     }
+    if (!enabled && device.notifyAcquiring.erase(path)) {
+      // Switched off before AcquireNotify answered: its reply is dropped (and its socket
+      // closed) when it comes.
+      deliverToPeripheral(
+          peripheral,
+          [peripheral, characteristic](platform::PeripheralDelegate& d) {
+            d.peripheral_didUpdateNotificationStateForCharacteristic_error(peripheral, characteristic,
+                                                                           std::nullopt);
+          },
+          [characteristic] { characteristic->setNotifying(false); });
+      return;
+    }
     const PropertyMap* props = properties(path, kCharacteristicInterface);
     if (enabled && props && props->count("NotifyAcquired")) {
-      acquireNotify(peripheral, characteristic);
+      if (device.notifyAcquiring.insert(path).second) acquireNotify(peripheral, characteristic);
       return;
     }
     setNotifyByMethod(peripheral, characteristic, enabled);

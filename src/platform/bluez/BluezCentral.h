@@ -128,6 +128,7 @@ class BluezCentral final : public platform::Central,
     std::deque<PendingRequest> commands;  // writes without response not yet sent
     std::map<std::string, WriteChannel> writeChannels;     // by characteristic path
     std::map<std::string, AcquiredSocket> notifySockets;  // by characteristic path
+    std::set<std::string> notifyAcquiring;  // AcquireNotify sent, its reply still wanted
   };
 
   using Reply = std::function<void(sdbus::MethodReply* reply, const platform::Error* error)>;

@@ -97,6 +97,7 @@ void BluezCentral::closeSockets(Device& device) {
   device.writeChannels.clear();
   for (auto& [path, socket] : device.notifySockets) loop_.unwatch(socket.watch);
   device.notifySockets.clear();
+  device.notifyAcquiring.clear();
 }
 
 // ------------------------------------------------------------------------------------------
@@ -241,6 +242,7 @@ void BluezCentral::acquireNotify(const std::shared_ptr<BluezPeripheral>& periphe
         auto dev = devices_.find(address);
         if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
         Device& device = dev->second;
+        if (!device.notifyAcquiring.erase(path)) return;  // switched off meanwhile
         std::optional<AcquiredSocket> socket;
         if (error) {
           QLTLog("BlueZ: AcquireNotify of %s failed: %s; asking with StartNotify", path,
@@ -251,9 +253,6 @@ void BluezCentral::acquireNotify(const std::shared_ptr<BluezPeripheral>& periphe
         if (!socket) {
           setNotifyByMethod(peripheral, characteristic, true);
           return;
-        }
-        if (auto old = device.notifySockets.find(path); old != device.notifySockets.end()) {
-          loop_.unwatch(old->second.watch);  // two requests crossed: keep the newer socket
         }
         socket->watch = loop_.watch(socket->fd.get(), POLLIN, [this, address, path](short revents) {
           readNotifySocket(address, path, revents);

@@ -427,12 +427,28 @@ TEST_F(BluezBackendTest, AcquiredSocketsCarryTheDataAndFallBackWhenClosed) {
   ASSERT_TRUE(injected);
   EXPECT_EQ(injected->value, Data(std::vector<uint8_t>{7, 0, 7}));
   EXPECT_EQ(mock_.control("GetWriteStats", "s", {kChunk})["acquired-notifications"], kBurst + 2);
+
+  // Off, then on and at once off again, before AcquireNotify answers: off it stays, and the
+  // socket of that late reply is closed (the device cannot notify into it).
+  chunk->setNotifyValue(false, link.rx);
+  ASSERT_TRUE(recorder_->waitFor("notify-state", notifyStates + 2));
+  const size_t sockets = openSockets();
+  chunk->setNotifyValue(true, link.rx);
+  chunk->setNotifyValue(false, link.rx);
+  auto last = recorder_->waitFor("notify-state", notifyStates + 3);
+  ASSERT_TRUE(last);
+  EXPECT_FALSE(last->notifying);
+  EXPECT_TRUE(eventually([&] {
+    return !mock_.control("InjectNotification", "say", {kChunk, std::vector<int>{1}}).get<bool>();
+  }));
+  EXPECT_EQ(openSockets(), sockets);
+  EXPECT_FALSE(link.rx->isNotifying());
 }
 
-// A daemon that hands out something unusable (a pipe, an MTU of 0) is logged and the
-// method calls carry the data instead.
+// A daemon that hands out something unusable (a pipe, an MTU of 0, a reply of other
+// types) is logged and the method calls carry the data instead.
 TEST_F(BluezBackendTest, AnUnusableAcquiredSocketFallsBackToMethodCalls) {
-  for (const std::string fault : {"pipe", "mtu0"}) {
+  for (const std::string fault : {"pipe", "mtu0", "types"}) {
     SCOPED_TRACE(fault);
     LogCapture logs;
     recorder_->clear();
@@ -449,8 +465,9 @@ TEST_F(BluezBackendTest, AnUnusableAcquiredSocketFallsBackToMethodCalls) {
     EXPECT_EQ(stats["command"], 5);
     EXPECT_EQ(stats["acquired-writes"], 0);
     EXPECT_EQ(stats["acquired-notifications"], 0);
-    const std::string what = fault == "pipe" ? "returned a descriptor that is not a packet socket"
-                                             : "returned the unusable MTU 0";
+    const std::string what = fault == "pipe"   ? "returned a descriptor that is not a packet socket"
+                             : fault == "mtu0" ? "returned the unusable MTU 0"
+                                               : "returned an unreadable reply";
     EXPECT_TRUE(logged(logs, "BlueZ: AcquireWrite of " + std::string(kChunkPath) + "/service000a/char000b " + what));
     EXPECT_TRUE(logged(logs, "BlueZ: AcquireNotify of " + std::string(kChunkPath) + "/service000a/char000d " + what));
     chunk->setDelegate(nullptr);
