@@ -23,6 +23,7 @@ import logging
 import os
 import random
 import re
+import socket
 import sys
 import time
 
@@ -86,6 +87,11 @@ REQUEST_DELAY_MS = 20        # time a write request stays outstanding
 FIRST_SCAN_TICK_MS = 20
 SCAN_TICK_MS = 100           # advertising report period while discovering
 WRITE_LOG_LIMIT = 4096       # values kept for TakeWrites()
+NOTIFY_SEND_TIMEOUT_S = 1.0  # a notification waits this long for room in an acquired socket
+
+# Whether NUS devices offer AcquireWrite/AcquireNotify (WriteAcquired/NotifyAcquired), unless
+# a device says otherwise (option Acquire, control method SetAcquire).
+ACQUIRE_DEFAULT = os.environ.get('QLT_MOCK_BLUEZ_ACQUIRE', '1') != '0'
 
 ADDRESS_RE = re.compile(r'^([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}$')
 FILTER_KEYS = {
@@ -198,6 +204,9 @@ class SimDevice:
         self.rssi = int(rssi)
         self.mtu = int(options.get('Mtu', DEFAULT_MTU))
         self.address_type = str(options.get('AddressType', 'random'))
+        self.acquire = bool(options.get('Acquire', ACQUIRE_DEFAULT))
+        self.acquired = {}              # role ('tx', 'rx') -> (our socket end, GLib watch id)
+        self.acquire_fault = ''         # '', 'pipe', 'mtu0' or 'types': what a broken daemon hands out
         self.request_delay_ms = REQUEST_DELAY_MS
         primary = NUS_SERVICE_UUID if behaviour in NUS_BEHAVIOURS else HEART_RATE_UUID
         self.uuids = [normalise_uuid(u) for u in options.get('UUIDs', [primary])]
@@ -244,13 +253,13 @@ class SimDevice:
         self.stats = {
             'command': 0, 'request': 0, 'untyped': 0, 'failed': 0, 'in-progress': 0,
             'bytes': 0, 'lost-writes': 0, 'notifications': 0, 'lost-notifications': 0,
-            'last-type': '', 'last-options': {},
+            'last-type': '', 'last-options': {}, 'acquired-writes': 0, 'acquired-notifications': 0,
         }
         self.writes = []
 
     def to_json(self):
         return {'address': self.address, 'name': self.name, 'behaviour': self.behaviour,
-                'rssi': self.base_rssi, 'mtu': self.mtu}
+                'rssi': self.base_rssi, 'mtu': self.mtu, 'acquire': self.acquire}
 
     # -------------------------------------------------------------- D-Bus object
 
@@ -393,6 +402,7 @@ class SimDevice:
         if self.peer is not None:
             self.peer.stop()
             self.peer = None
+        self.release_all_acquired()
         if self.pending_connect:
             _, err = self.pending_connect
             self.pending_connect = None
@@ -429,6 +439,10 @@ class SimDevice:
                 'MTU': mtu, 'Handle': dbus.UInt16(handle)}
             if 'notify' in flags or 'indicate' in flags:
                 props['Notifying'] = dbus.Boolean(False)
+            if self.acquire and role == 'tx':
+                props['WriteAcquired'] = dbus.Boolean(False)
+            if self.acquire and role == 'rx':
+                props['NotifyAcquired'] = dbus.Boolean(False)
             return (rel, GATT_CHRC_IFACE, props, role)
 
         def desc(chrc_rel, handle, uuid):
@@ -461,6 +475,9 @@ class SimDevice:
             if iface == GATT_CHRC_IFACE:
                 for name, func in CHRC_METHODS.items():
                     install_method(obj, iface, name, func)
+                if self.acquire_fault == 'types':
+                    install_method(obj, iface, 'AcquireWrite', chrc_acquire_write_wrong_types)
+                    install_method(obj, iface, 'AcquireNotify', chrc_acquire_notify_wrong_types)
                 self.notify_senders[path] = set()
             elif iface == GATT_DESC_IFACE:
                 install_method(obj, iface, 'ReadValue', desc_read_value)
@@ -470,6 +487,7 @@ class SimDevice:
             interfaces_added(path, {iface: props})
 
     def remove_gatt_objects(self, emit=True):
+        self.release_all_acquired()
         # Children first, as bluetoothd does.
         for path in reversed(self.gatt_paths):
             obj = mockobject.objects.get(path)
@@ -571,11 +589,125 @@ class SimDevice:
         if probability > 0 and rng.random() < probability:
             self.stats['lost-notifications'] += 1
             return False
+        if role in self.acquired:
+            return self._notify_on_socket(role, bytes(value))
         data = dbus.ByteArray(bytes(value))
         props['Value'] = byte_array(value)
         self.stats['notifications'] += 1
         props_changed(chrc_obj.path, GATT_CHRC_IFACE, {'Value': data})
         return True
+
+    # -------------------------------------------------------------- acquired sockets
+
+    def acquire_socket(self, chrc_obj, method):
+        """AcquireWrite / AcquireNotify: a SOCK_SEQPACKET pair, one end for the client."""
+        role = next((r for r, o in self.gatt_objs.items() if o is chrc_obj), None)
+        prop = 'WriteAcquired' if method == 'AcquireWrite' else 'NotifyAcquired'
+        props = chrc_obj.props[GATT_CHRC_IFACE]
+        if prop not in props or role is None:
+            log.warning('%s: %s on %s which does not offer it', self.name, method, chrc_obj.path)
+            raise bluez_error('NotSupported', 'Operation is not supported')
+        if role in self.acquired or (method == 'AcquireNotify' and props.get('Notifying')):
+            raise bluez_error('NotPermitted', 'Notify already acquired' if role == 'rx' else 'Write already acquired')
+        if self.acquire_fault:
+            return self._faulty_acquire(method)
+        ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        ours.setblocking(False)
+        conditions = GLib.IO_HUP | GLib.IO_ERR
+        if role == 'tx':
+            conditions |= GLib.IO_IN
+        watch = GLib.io_add_watch(ours.fileno(), GLib.PRIORITY_DEFAULT, conditions,
+                                  self._on_acquired_socket, role)
+        self.acquired[role] = (ours, watch)
+        set_prop(chrc_obj, GATT_CHRC_IFACE, prop, dbus.Boolean(True))
+        if role == 'rx' and not props.get('Notifying'):
+            set_prop(chrc_obj, GATT_CHRC_IFACE, 'Notifying', dbus.Boolean(True))
+        log.info('%s: %s on %s (MTU %d)', self.name, method, chrc_obj.path, self.mtu)
+        fd = dbus.types.UnixFd(theirs)   # a duplicate, sent with the reply
+        theirs.close()
+        return (fd, dbus.UInt16(self.mtu))
+
+    def _faulty_acquire(self, method):
+        log.info('%s: %s answered with the fault %r as requested', self.name, method, self.acquire_fault)
+        if self.acquire_fault == 'pipe':
+            r, w = os.pipe()
+            fd = dbus.types.UnixFd(r)
+            os.close(r)
+            os.close(w)
+            return (fd, dbus.UInt16(self.mtu))
+        ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        fd = dbus.types.UnixFd(theirs)
+        theirs.close()
+        ours.close()
+        return (fd, dbus.UInt16(0))
+
+    def _on_acquired_socket(self, fd, condition, role):
+        entry = self.acquired.get(role)
+        if entry is None:
+            return False
+        sock = entry[0]
+        if condition & GLib.IO_IN:
+            chrc_obj = self.gatt_objs.get(role)
+            while True:
+                try:
+                    value = sock.recv(4096)
+                except BlockingIOError:
+                    break
+                except OSError:
+                    value = b''
+                if not value:
+                    condition |= GLib.IO_HUP
+                    break
+                self.stats['acquired-writes'] += 1
+                self.handle_write(chrc_obj, value, {'type': dbus.String('command')},
+                                  lambda: None, lambda e: None)
+        if condition & (GLib.IO_HUP | GLib.IO_ERR):
+            log.info('%s: the client closed its %s socket', self.name, role)
+            self.release_acquired(role, remove_watch=False)
+            return False
+        return True
+
+    def _notify_on_socket(self, role, value):
+        sock = self.acquired[role][0]
+        try:
+            sock.settimeout(NOTIFY_SEND_TIMEOUT_S)   # as the air would, wait for room a while
+            sock.send(value)
+        except (BlockingIOError, socket.timeout):
+            self.stats['lost-notifications'] += 1
+            return False
+        except OSError as e:
+            log.info('%s: notification socket failed: %s', self.name, e)
+            self.release_acquired(role)
+            return False
+        finally:
+            if role in self.acquired:
+                sock.setblocking(False)
+        self.stats['notifications'] += 1
+        self.stats['acquired-notifications'] += 1
+        return True
+
+    def release_acquired(self, role, remove_watch=True):
+        """Closes our end of an acquired socket (the client sees its end hang up)."""
+        entry = self.acquired.pop(role, None)
+        if entry is None:
+            return
+        sock, watch = entry
+        if remove_watch:
+            GLib.source_remove(watch)
+        sock.close()
+        chrc_obj = self.gatt_objs.get(role)
+        if chrc_obj is None or mockobject.objects.get(chrc_obj.path) is not chrc_obj:
+            return
+        props = chrc_obj.props[GATT_CHRC_IFACE]
+        prop = 'WriteAcquired' if role == 'tx' else 'NotifyAcquired'
+        if prop in props:
+            set_prop(chrc_obj, GATT_CHRC_IFACE, prop, dbus.Boolean(False))
+        if role == 'rx' and props.get('Notifying') and not self.notify_senders.get(chrc_obj.path):
+            set_prop(chrc_obj, GATT_CHRC_IFACE, 'Notifying', dbus.Boolean(False))
+
+    def release_all_acquired(self):
+        for role in list(self.acquired):
+            self.release_acquired(role)
 
     def start_notify(self, chrc_obj, sender, ok, err):
         flags = [str(f) for f in chrc_obj.props[GATT_CHRC_IFACE]['Flags']]
@@ -695,6 +827,27 @@ def chrc_stop_notify(self, sender=None, ok=None, err=None):
     _device(self).stop_notify(self, sender, ok, err)
 
 
+@dbus.service.method(GATT_CHRC_IFACE, in_signature='a{sv}', out_signature='hq')
+def chrc_acquire_write(self, options):
+    return _device(self).acquire_socket(self, 'AcquireWrite')
+
+
+@dbus.service.method(GATT_CHRC_IFACE, in_signature='a{sv}', out_signature='hq')
+def chrc_acquire_notify(self, options):
+    return _device(self).acquire_socket(self, 'AcquireNotify')
+
+
+# A broken daemon's AcquireWrite/AcquireNotify (fault 'types'): a reply of other types.
+@dbus.service.method(GATT_CHRC_IFACE, in_signature='a{sv}', out_signature='sq')
+def chrc_acquire_write_wrong_types(self, options):
+    return (dbus.String('not a descriptor'), dbus.UInt16(_device(self).mtu))
+
+
+@dbus.service.method(GATT_CHRC_IFACE, in_signature='a{sv}', out_signature='sq')
+def chrc_acquire_notify_wrong_types(self, options):
+    return (dbus.String('not a descriptor'), dbus.UInt16(_device(self).mtu))
+
+
 @dbus.service.method(GATT_DESC_IFACE, in_signature='a{sv}', out_signature='ay')
 def desc_read_value(self, options):
     return self.props[GATT_DESC_IFACE]['Value']
@@ -705,6 +858,8 @@ CHRC_METHODS = {
     'ReadValue': chrc_read_value,
     'StartNotify': chrc_start_notify,
     'StopNotify': chrc_stop_notify,
+    'AcquireWrite': chrc_acquire_write,
+    'AcquireNotify': chrc_acquire_notify,
 }
 
 
@@ -984,7 +1139,7 @@ class TestControl(dbus.service.Object):
 
     @dbus.service.method(TEST_IFACE, in_signature='sssna{sv}', out_signature='o')
     def AddDeviceWithOptions(self, address, name, behaviour, rssi, options):
-        known = {'ManufacturerData', 'ServiceData', 'UUIDs', 'Mtu', 'AddressType'}
+        known = {'ManufacturerData', 'ServiceData', 'UUIDs', 'Mtu', 'AddressType', 'Acquire'}
         unknown = sorted(str(k) for k in set(options) - known)
         if unknown:
             raise test_error('InvalidArguments', f'unknown device options {unknown}; known: {sorted(known)}')
@@ -1050,6 +1205,24 @@ class TestControl(dbus.service.Object):
             obj = mockobject.objects.get(path)
             if obj is not None and GATT_CHRC_IFACE in obj.props:
                 set_prop(obj, GATT_CHRC_IFACE, 'MTU', dbus.UInt16(dev.mtu))
+
+    @dbus.service.method(TEST_IFACE, in_signature='sb', out_signature='')
+    def SetAcquire(self, address, offered):
+        """Whether the device offers AcquireWrite/AcquireNotify from its next connection on."""
+        self.world.device(address).acquire = bool(offered)
+
+    @dbus.service.method(TEST_IFACE, in_signature='ss', out_signature='')
+    def SetAcquireFault(self, address, fault):
+        """AcquireWrite/AcquireNotify hand out a pipe ('pipe'), MTU 0 ('mtu0') or a reply of
+        other types ('types', from the next connection on); '' for none."""
+        if fault not in ('', 'pipe', 'mtu0', 'types'):
+            raise test_error('InvalidArguments', f'unknown fault "{fault}", expected "", "pipe", "mtu0" or "types"')
+        self.world.device(address).acquire_fault = str(fault)
+
+    @dbus.service.method(TEST_IFACE, in_signature='s', out_signature='')
+    def CloseAcquired(self, address):
+        """bluetoothd closes its ends of the device's acquired sockets; the link stays."""
+        self.world.device(address).release_all_acquired()
 
     @dbus.service.method(TEST_IFACE, in_signature='su', out_signature='')
     def SetWriteResponseDelay(self, address, milliseconds):
@@ -1166,7 +1339,8 @@ def main(argv=None):
 
     saved = os.environ.pop('QLT_MOCK_BLUEZ_WORLD', None)
     if saved:   # after Restart(): the same devices are still on the air
-        devices = [(d['address'], d['name'], d['behaviour'], d['rssi'], {'Mtu': d['mtu']})
+        devices = [(d['address'], d['name'], d['behaviour'], d['rssi'],
+                    {'Mtu': d['mtu'], 'Acquire': d.get('acquire', ACQUIRE_DEFAULT)})
                    for d in json.loads(saved)]
     if not args.no_adapter:
         WORLD.add_adapter(powered=not args.unpowered)

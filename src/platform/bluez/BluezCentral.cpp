@@ -242,20 +242,12 @@ void BluezCentral::writeValue(std::shared_ptr<BluezPeripheral> peripheral,
       }
       return;
     }
-    const int mtu = peripheral->mtu();
-    if (mtu > 0 && data.size() > static_cast<size_t>(mtu - 3) && !withResponse) {
-      QLTLog("BlueZ: write without response of %zu bytes to %s does not fit the link: at most "
-             "%d bytes (MTU %d - 3); bluetoothd will refuse it",
-             data.size(), characteristic->path(), mtu - 3, mtu);
-    }
     if (withResponse) {
       it->second.requests.push_back(PendingRequest{characteristic, data});
       pumpRequests(peripheral->address());
       return;
     }
-    it->second.commands.push_back(PendingRequest{characteristic, data});
-    devicesWithCommands_.insert(peripheral->address());
-    pumpCommands();
+    sendCommand(peripheral->address(), PendingRequest{characteristic, data});
   });
 }
 
@@ -325,37 +317,81 @@ void BluezCentral::setNotifyValue(std::shared_ptr<BluezPeripheral> peripheral,
       });
       return;
     }
+    Device& device = it->second;
     const std::string path = characteristic->path();
-    // Values may arrive before the reply: accept them from now on.
-    if (enabled) it->second.notifying.insert(path);
-    const Address address = peripheral->address();
-    call(
-        path, kCharacteristicInterface, enabled ? "StartNotify" : "StopNotify", {},
-        options_.callTimeout,
-        [this, address, generation, peripheral, characteristic, enabled, path](
-            sdbus::MethodReply*, const Error* error) {
-          auto dev = devices_.find(address);
-          if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
-          std::optional<Error> failure;
-          if (error) {
-            failure = *error;
-            QLTLog("BlueZ: %s of %s failed: %s", enabled ? "StartNotify" : "StopNotify", path,
-                   error->description());
-            if (enabled) dev->second.notifying.erase(path);
-          } else if (!enabled) {
-            dev->second.notifying.erase(path);
-          }
-          deliverToPeripheral(
-              peripheral,
-              [peripheral, characteristic, failure](platform::PeripheralDelegate& d) {
-                d.peripheral_didUpdateNotificationStateForCharacteristic_error(
-                    peripheral, characteristic, failure);
-              },
-              [characteristic, enabled, failure] {
-                if (!failure) characteristic->setNotifying(enabled);
-              });
-        });
+    if (auto socket = device.notifySockets.find(path); socket != device.notifySockets.end()) {
+      // Notifications come on an acquired socket: closing it is what stops them.
+      if (!enabled) {
+        loop_.unwatch(socket->second.watch);
+        device.notifySockets.erase(socket);
+        device.notifying.erase(path);
+      }
+      deliverToPeripheral(
+          peripheral,
+          [peripheral, characteristic](platform::PeripheralDelegate& d) {
+            d.peripheral_didUpdateNotificationStateForCharacteristic_error(peripheral, characteristic,
+                                                                           std::nullopt);
+          },
+          [characteristic, enabled] { characteristic->setNotifying(enabled); });
+      return;
+    }
+    if (!enabled && device.notifyAcquiring.erase(path)) {
+      // Switched off before AcquireNotify answered: its reply is dropped (and its socket
+      // closed) when it comes.
+      deliverToPeripheral(
+          peripheral,
+          [peripheral, characteristic](platform::PeripheralDelegate& d) {
+            d.peripheral_didUpdateNotificationStateForCharacteristic_error(peripheral, characteristic,
+                                                                           std::nullopt);
+          },
+          [characteristic] { characteristic->setNotifying(false); });
+      return;
+    }
+    const PropertyMap* props = properties(path, kCharacteristicInterface);
+    if (enabled && props && props->count("NotifyAcquired")) {
+      if (device.notifyAcquiring.insert(path).second) acquireNotify(peripheral, characteristic);
+      return;
+    }
+    setNotifyByMethod(peripheral, characteristic, enabled);
   });
+}
+
+void BluezCentral::setNotifyByMethod(const std::shared_ptr<BluezPeripheral>& peripheral,
+                                     const std::shared_ptr<BluezCharacteristic>& characteristic,
+                                     bool enabled) {
+  auto it = devices_.find(peripheral->address());
+  if (it == devices_.end()) return;
+  const uint64_t generation = characteristic->generation();
+  const std::string path = characteristic->path();
+  // Values may arrive before the reply: accept them from now on.
+  if (enabled) it->second.notifying.insert(path);
+  const Address address = peripheral->address();
+  call(
+      path, kCharacteristicInterface, enabled ? "StartNotify" : "StopNotify", {},
+      options_.callTimeout,
+      [this, address, generation, peripheral, characteristic, enabled, path](
+          sdbus::MethodReply*, const Error* error) {
+        auto dev = devices_.find(address);
+        if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
+        std::optional<Error> failure;
+        if (error) {
+          failure = *error;
+          QLTLog("BlueZ: %s of %s failed: %s", enabled ? "StartNotify" : "StopNotify", path,
+                 error->description());
+          if (enabled) dev->second.notifying.erase(path);
+        } else if (!enabled) {
+          dev->second.notifying.erase(path);
+        }
+        deliverToPeripheral(
+            peripheral,
+            [peripheral, characteristic, failure](platform::PeripheralDelegate& d) {
+              d.peripheral_didUpdateNotificationStateForCharacteristic_error(
+                  peripheral, characteristic, failure);
+            },
+            [characteristic, enabled, failure] {
+              if (!failure) characteristic->setNotifying(enabled);
+            });
+      });
 }
 
 // ------------------------------------------------------------------------------------------
@@ -643,15 +679,20 @@ void BluezCentral::characteristicChanged(const std::string& path,
     if (!device.notifying.count(path)) return;
     auto value = reader_.bytes(*props, path, "Value");
     if (!value) return;
-    const Data data = *value;
-    deliverToPeripheral(
-        peripheral,
-        [peripheral, characteristic](platform::PeripheralDelegate& d) {
-          d.peripheral_didUpdateValueForCharacteristic_error(peripheral, characteristic,
-                                                             std::nullopt);
-        },
-        [characteristic, data] { characteristic->setValue(data); });
+    deliverNotification(peripheral, characteristic, *value);
   }
+}
+
+void BluezCentral::deliverNotification(const std::shared_ptr<BluezPeripheral>& peripheral,
+                                       const std::shared_ptr<BluezCharacteristic>& characteristic,
+                                       Data data) {
+  deliverToPeripheral(
+      peripheral,
+      [peripheral, characteristic](platform::PeripheralDelegate& d) {
+        d.peripheral_didUpdateValueForCharacteristic_error(peripheral, characteristic,
+                                                           std::nullopt);
+      },
+      [characteristic, data = std::move(data)] { characteristic->setValue(data); });
 }
 
 // ------------------------------------------------------------------------------------------
@@ -1014,6 +1055,7 @@ void BluezCentral::endLink(const Address& address, std::optional<Error> error) {
   device.requests.clear();
   device.requestInFlight = false;
   device.commands.clear();
+  closeSockets(device);
   device.notifying.clear();
   device.services.clear();
   device.characteristics.clear();

@@ -9,6 +9,9 @@
 //     current connection. Every connection attempt gets a new generation number; replies,
 //     timers and objects of an older generation are recognised and ignored, so the tail
 //     of one connection never tears down the next.
+//   - The socket data path (BluezSockets.cpp): writes without response and notifications
+//     over the sockets of AcquireWrite/AcquireNotify when bluetoothd offers them, owned per
+//     link and closed when it ends; the method calls otherwise.
 //   - The library-side objects (BluezPeripheral & co.), updated and announced on the
 //     central's queue.
 //
@@ -91,6 +94,22 @@ class BluezCentral final : public platform::Central,
     Data data;
   };
 
+  // A socket handed out by AcquireWrite or AcquireNotify, watched on the bus thread.
+  struct AcquiredSocket {
+    OwnedFd fd;
+    uint16_t mtu = 0;  // the ATT MTU bluetoothd returned with it
+    BusLoop::WatchId watch = 0;
+  };
+
+  // How writes without response reach one characteristic: on an acquired socket when
+  // bluetoothd offers one (WriteAcquired), else (or once the socket failed) by WriteValue.
+  enum class WritePath { Untried, Acquiring, Socket, Method };
+  struct WriteChannel {
+    WritePath path = WritePath::Untried;
+    AcquiredSocket socket;
+    std::deque<PendingRequest> held;  // writes waiting for the AcquireWrite reply
+  };
+
   // Bus-thread bookkeeping of one device.
   struct Device {
     std::string path;  // the Device1 object; empty while bluetoothd does not list it
@@ -107,6 +126,9 @@ class BluezCentral final : public platform::Central,
     std::deque<PendingRequest> requests;  // writes with response, one in flight
     bool requestInFlight = false;
     std::deque<PendingRequest> commands;  // writes without response not yet sent
+    std::map<std::string, WriteChannel> writeChannels;     // by characteristic path
+    std::map<std::string, AcquiredSocket> notifySockets;  // by characteristic path
+    std::set<std::string> notifyAcquiring;  // AcquireNotify sent, its reply still wanted
   };
 
   using Reply = std::function<void(sdbus::MethodReply* reply, const platform::Error* error)>;
@@ -145,6 +167,25 @@ class BluezCentral final : public platform::Central,
   void fulfilServiceDiscovery(const Address& address, std::optional<std::vector<UUID>> uuids);
   void pumpRequests(const Address& address);
   void pumpCommands();
+  void sendCommand(const Address& address, PendingRequest write);
+  void acquireWrite(const Address& address, const std::string& path);
+  // Sends one write on the channel's socket; false when the socket failed (it is closed
+  // then, and the channel falls back to WriteValue).
+  bool sendOnSocket(const Address& address, WriteChannel& channel, const PendingRequest& write);
+  void fallBackToMethod(const Address& address, const std::string& path, const char* why);
+  void noteDroppedWrite(const std::string& path);
+  // The socket and MTU of an Acquire* reply, checked; nullopt (logged) when unusable.
+  std::optional<AcquiredSocket> adoptSocket(sdbus::MethodReply& reply, const std::string& path,
+                                            const char* method);
+  void setNotifyByMethod(const std::shared_ptr<BluezPeripheral>& peripheral,
+                         const std::shared_ptr<BluezCharacteristic>& characteristic, bool enabled);
+  void acquireNotify(const std::shared_ptr<BluezPeripheral>& peripheral,
+                     const std::shared_ptr<BluezCharacteristic>& characteristic);
+  void readNotifySocket(const Address& address, const std::string& path, short revents);
+  void closeNotifySocket(const Address& address, const std::string& path, const char* why);
+  void closeSockets(Device& device);
+  void deliverNotification(const std::shared_ptr<BluezPeripheral>& peripheral,
+                           const std::shared_ptr<BluezCharacteristic>& characteristic, Data data);
   void updateMtu(const Address& address, const std::string& characteristicPath);
 
   bool call(const std::string& path, const char* interface, const char* method,
@@ -195,6 +236,9 @@ class BluezCentral final : public platform::Central,
   static constexpr size_t kMaxCommandsInFlight = 48;
   std::shared_ptr<size_t> commandsInFlight_ = std::make_shared<size_t>(0);
   std::set<Address> devicesWithCommands_;
+  // Writes dropped because an acquired socket was full, counted between two log lines.
+  uint64_t droppedWrites_ = 0;
+  std::chrono::steady_clock::time_point lastDropLog_{};
 
   // Last, so that it stops (and joins its thread) before anything above is destroyed.
   BusLoop loop_;

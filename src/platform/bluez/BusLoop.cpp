@@ -123,6 +123,32 @@ void BusLoop::cancel(TimerId id) {
   timers_.erase(it);
 }
 
+BusLoop::WatchId BusLoop::watch(int fd, short events, FdCallback callback) {
+  const WatchId id = nextWatch_++;
+  watches_.emplace(id, Watch{fd, events, std::move(callback)});
+  return id;
+}
+
+void BusLoop::unwatch(WatchId id) { watches_.erase(id); }
+
+void BusLoop::runWatches(const std::vector<pollfd>& fds, const std::vector<WatchId>& ids,
+                         size_t first) {
+  for (size_t i = first; i < fds.size(); ++i) {
+    if (!fds[i].revents) continue;
+    // A callback may have unwatched this one (or any other) earlier in the round.
+    auto it = watches_.find(ids[i - first]);
+    if (it == watches_.end() || it->second.fd != fds[i].fd) continue;
+    FdCallback callback = it->second.callback;  // a copy: the callback may unwatch itself
+    const short revents = fds[i].revents;
+    guard("a descriptor watch", [&] { callback(revents); });
+  }
+}
+
+void OwnedFd::reset() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
 sdbus::IProxy* BusLoop::proxy(const std::string& service, const std::string& path) {
   if (!connection_) return nullptr;
   const std::string key = service + "|" + path;
@@ -249,9 +275,10 @@ void BusLoop::run(Hooks hooks) {
     released_.clear();
     if (!connection_ && Clock::now() >= nextConnectAttempt_) openConnection(hooks);
 
-    pollfd fds[2];
-    nfds_t count = 0;
-    if (wakeFd_ >= 0) fds[count++] = {wakeFd_, POLLIN, 0};
+    std::vector<pollfd> fds;
+    fds.reserve(2 + watches_.size());
+    if (wakeFd_ >= 0) fds.push_back({wakeFd_, POLLIN, 0});
+    int busIndex = -1;
     int timeout = pollTimeoutMs();
     if (connection_) {
       bool broken = false;
@@ -260,7 +287,8 @@ void BusLoop::run(Hooks hooks) {
         }
         released_.clear();
         const auto data = connection_->getEventLoopPollData();
-        fds[count++] = {data.fd, data.events, 0};
+        busIndex = static_cast<int>(fds.size());
+        fds.push_back({data.fd, data.events, 0});
         const int busTimeout = data.getPollTimeout();
         if (busTimeout >= 0) timeout = timeout < 0 ? busTimeout : std::min(timeout, busTimeout);
       } catch (const sdbus::Error& e) {
@@ -277,7 +305,14 @@ void BusLoop::run(Hooks hooks) {
       if (stopping_) break;
       if (!tasks_.empty()) timeout = 0;
     }
-    const int ready = ::poll(fds, count, timeout);
+    const size_t firstWatch = fds.size();
+    std::vector<WatchId> watchIds;
+    watchIds.reserve(watches_.size());
+    for (const auto& [id, w] : watches_) {
+      fds.push_back({w.fd, w.events, 0});
+      watchIds.push_back(id);
+    }
+    const int ready = ::poll(fds.data(), fds.size(), timeout);
     if (ready < 0 && errno != EINTR) {
       QLTLog("BlueZ: poll failed (errno %d)", errno);
       ::usleep(10000);
@@ -287,10 +322,11 @@ void BusLoop::run(Hooks hooks) {
       ssize_t n = ::read(wakeFd_, &value, sizeof value);
       (void)n;
     }
-    if (connection_ && count > 1) {
+    if (ready > 0) runWatches(fds, watchIds, firstWatch);
+    if (connection_ && busIndex >= 0) {
       // sd-bus normally reports a hang-up from processPendingRequest; should it keep quiet,
       // do not spin on a dead socket.
-      if (fds[count - 1].revents & (POLLERR | POLLHUP | POLLNVAL)) {
+      if (fds[busIndex].revents & (POLLERR | POLLHUP | POLLNVAL)) {
         if (++hangups_ > 3) {
           QLTLog("BlueZ: lost the system bus (the connection hung up)");
           closeConnection(hooks, false);
@@ -304,6 +340,7 @@ void BusLoop::run(Hooks hooks) {
   if (connection_) closeConnection(hooks, true);
   timers_.clear();
   timerOrder_.clear();
+  watches_.clear();
   std::deque<Task> dropped;
   {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -11,6 +11,10 @@
 // its owner through `lost`, keeps running tasks and timers, and tries again every
 // `reconnectInterval`; each new connection is announced through `connected`.
 //
+// Other file descriptors (the sockets of acquired characteristics) are polled in the same
+// round through watch(): their callbacks run on the loop thread, guarded like every other.
+// The loop never owns a watched descriptor; its owner unwatches it before closing it.
+//
 // Every sdbus-c++ callback the owner installs must catch its own exceptions: a C++
 // exception must never unwind through sd-bus. guard() helps with that.
 //
@@ -28,7 +32,10 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
+
+#include <poll.h>
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -38,6 +45,9 @@ class BusLoop {
  public:
   using Task = std::function<void()>;
   using TimerId = uint64_t;
+  using WatchId = uint64_t;
+  // Called with the poll() result bits (POLLIN, POLLHUP, POLLERR, ...) of the descriptor.
+  using FdCallback = std::function<void(short revents)>;
   using Clock = std::chrono::steady_clock;
 
   struct Hooks {
@@ -61,6 +71,9 @@ class BusLoop {
   // ---- loop thread only
   TimerId runAfter(std::chrono::milliseconds delay, Task task);
   void cancel(TimerId id);
+  // Polls `fd` for `events` (POLLHUP and POLLERR are always reported) until unwatch().
+  WatchId watch(int fd, short events, FdCallback callback);
+  void unwatch(WatchId id);
   sdbus::IConnection* connection() const { return connection_.get(); }
   // A proxy for calls to `path` of `service` (kept for reuse). Null without a connection
   // or for a malformed name or path (logged).
@@ -79,6 +92,7 @@ class BusLoop {
   void closeConnection(const Hooks& hooks, bool stopping);
   void runTasks();
   void runDueTimers();
+  void runWatches(const std::vector<pollfd>& fds, const std::vector<WatchId>& ids, size_t first);
   int pollTimeoutMs();
   void wake();
 
@@ -98,9 +112,38 @@ class BusLoop {
   std::multimap<Clock::time_point, TimerId> timerOrder_;
   std::map<TimerId, std::pair<Clock::time_point, Task>> timers_;
   TimerId nextTimer_ = 1;
+  struct Watch {
+    int fd;
+    short events;
+    FdCallback callback;
+  };
+  std::map<WatchId, Watch> watches_;
+  WatchId nextWatch_ = 1;
   Clock::time_point nextConnectAttempt_{};
   int hangups_ = 0;
   bool connectFailureReported_ = false;
+};
+
+// A file descriptor owned by one object: closed when it is reset or destroyed.
+class OwnedFd {
+ public:
+  OwnedFd() = default;
+  explicit OwnedFd(int fd) : fd_(fd) {}
+  ~OwnedFd() { reset(); }
+  OwnedFd(OwnedFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  OwnedFd& operator=(OwnedFd&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+  }
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  void reset();
+
+ private:
+  int fd_ = -1;
 };
 
 }  // namespace qlt::bluez

@@ -5,6 +5,7 @@
 TEST(BluezBackend, NotBuilt) { GTEST_SKIP() << "built without the BlueZ backend (sdbus-c++ not found)"; }
 #else
 
+#include <filesystem>
 #include <thread>
 
 #include "MockBluez.h"
@@ -292,9 +293,11 @@ TEST_F(BluezBackendTest, ConnectDiscoverNotifyAndWrite) {
 }
 
 // Many full-size frames in a row, as the transports send them: every one echoed, in order.
-// The rate is printed for comparison (D-Bus messages both ways, no file descriptors).
+// The rate is printed for comparison (D-Bus messages both ways, no file descriptors: a
+// device without AcquireWrite/AcquireNotify, whose writes are never dropped for lack of room).
 TEST_F(BluezBackendTest, FullSizeFramesKeepTheirOrderUnderLoad) {
   powerOn();
+  mock_.control("SetAcquire", "sb", {kChunk, false});
   auto chunk = find("QLT-Chunk");
   auto link = connectNus(chunk);
   ASSERT_TRUE(link.tx);
@@ -314,6 +317,10 @@ TEST_F(BluezBackendTest, FullSizeFramesKeepTheirOrderUnderLoad) {
   const double seconds = secondsSince(start);
   auto values = recorder_->events("value");
   for (int i = 0; i < kFrames; ++i) ASSERT_EQ(values[i].value, sent[i]) << "frame " << i;
+  auto stats = mock_.control("GetWriteStats", "s", {kChunk});
+  EXPECT_EQ(stats["command"], kFrames);
+  EXPECT_EQ(stats["acquired-writes"], 0);
+  EXPECT_EQ(stats["acquired-notifications"], 0);
   std::cout << "[ measure  ] " << kFrames << " frames of 161 bytes echoed in " << seconds << " s: "
             << kFrames * 161 / seconds / 1024 << " KiB/s each way\n";
   RecordProperty("echo_kib_per_s", std::to_string(kFrames * 161 / seconds / 1024));
@@ -322,6 +329,7 @@ TEST_F(BluezBackendTest, FullSizeFramesKeepTheirOrderUnderLoad) {
 TEST_F(BluezBackendTest, AWriteThatDoesNotFitTheLinkIsLoggedNotLost) {
   LogCapture logs;
   powerOn();
+  mock_.control("SetAcquire", "sb", {kChunk, false});
   auto chunk = find("QLT-Chunk");
   auto link = connectNus(chunk);
   ASSERT_TRUE(link.tx);
@@ -340,6 +348,182 @@ TEST_F(BluezBackendTest, AWriteThatDoesNotFitTheLinkIsLoggedNotLost) {
     }
     return false;
   }));
+}
+
+// ---- the socket data path (AcquireWrite / AcquireNotify)
+
+// True once a logged line contains `fragment` (waits up to five seconds).
+bool logged(const LogCapture& logs, const std::string& fragment) {
+  return eventually([&] {
+    for (const auto& line : logs.lines()) {
+      if (line.find(fragment) != std::string::npos) return true;
+    }
+    return false;
+  });
+}
+
+// Sockets this process holds open (the library makes other descriptors, eventfds, lazily
+// and keeps them; sockets are what a connection acquires).
+size_t openSockets() {
+  size_t n = 0;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    if (std::filesystem::read_symlink(entry.path(), error).string().rfind("socket:", 0) == 0) ++n;
+  }
+  return n;
+}
+
+// Writes and notifications go over the acquired sockets, in order and each delegate call
+// seeing its own value; a write longer than the socket's MTU is refused with a log line;
+// when bluetoothd closes its ends, writes fall back to WriteValue, notifications stop, and
+// switching them on again acquires a fresh socket.
+TEST_F(BluezBackendTest, AcquiredSocketsCarryTheDataAndFallBackWhenClosed) {
+  LogCapture logs;
+  powerOn();
+  auto chunk = find("QLT-Chunk");
+  auto link = connectNus(chunk);
+  ASSERT_TRUE(link.tx);
+  const std::string tx = std::string(kChunkPath) + "/service000a/char000b";
+
+  const int kBurst = 60;
+  for (int i = 0; i < kBurst; ++i) {
+    chunk->writeValue(bytes("frame " + std::to_string(i)), link.tx, WriteType::WithoutResponse);
+  }
+  ASSERT_TRUE(recorder_->waitFor("value", kBurst));
+  auto values = recorder_->events("value");
+  for (int i = 0; i < kBurst; ++i) EXPECT_EQ(values[i].value, bytes("frame " + std::to_string(i)));
+  auto stats = mock_.control("GetWriteStats", "s", {kChunk});
+  EXPECT_EQ(stats["acquired-writes"], kBurst);
+  EXPECT_EQ(stats["acquired-notifications"], kBurst);
+  EXPECT_TRUE(logged(logs, tx + ": writing without response on an acquired socket (MTU 185)"));
+
+  chunk->writeValue(Data(std::vector<uint8_t>(183, 0xAB)), link.tx, WriteType::WithoutResponse);
+  EXPECT_TRUE(logged(logs, "write without response of 183 bytes to " + tx +
+                               " does not fit the acquired socket: at most 182 bytes (MTU 185 - 3); not sent"));
+  // A request still goes by WriteValue, and is not overtaken by the socket.
+  chunk->writeValue(bytes("request"), link.tx, WriteType::WithResponse);
+  ASSERT_TRUE(recorder_->waitFor("write", 1));
+  ASSERT_TRUE(recorder_->waitFor("value", kBurst + 1));
+  stats = mock_.control("GetWriteStats", "s", {kChunk});
+  EXPECT_EQ(stats["acquired-writes"], kBurst) << "the oversized write reached the device";
+  EXPECT_EQ(stats["request"], 1);
+
+  mock_.control("CloseAcquired", "s", {kChunk});
+  EXPECT_TRUE(logged(logs, tx + ": bluetoothd closed the write socket; writing with WriteValue"));
+  EXPECT_TRUE(eventually([&] { return !link.rx->isNotifying(); }));
+  EXPECT_EQ(chunk->state(), platform::PeripheralState::Connected);
+  chunk->writeValue(bytes("by method"), link.tx, WriteType::WithoutResponse);
+  EXPECT_TRUE(eventually([&] { return mock_.control("GetWriteStats", "s", {kChunk})["command"] == kBurst + 1; }));
+
+  const size_t notifyStates = countOf("notify-state");
+  chunk->setNotifyValue(true, link.rx);
+  auto on = recorder_->waitFor("notify-state", notifyStates + 1);
+  ASSERT_TRUE(on);
+  EXPECT_FALSE(on->error);
+  EXPECT_TRUE(on->notifying);
+  const size_t before = countOf("value");
+  EXPECT_TRUE(mock_.control("InjectNotification", "say", {kChunk, std::vector<int>{7, 0, 7}}).get<bool>());
+  auto injected = recorder_->waitFor("value", before + 1);
+  ASSERT_TRUE(injected);
+  EXPECT_EQ(injected->value, Data(std::vector<uint8_t>{7, 0, 7}));
+  EXPECT_EQ(mock_.control("GetWriteStats", "s", {kChunk})["acquired-notifications"], kBurst + 2);
+
+  // Off, then on and at once off again, before AcquireNotify answers: off it stays, and the
+  // socket of that late reply is closed (the device cannot notify into it).
+  chunk->setNotifyValue(false, link.rx);
+  ASSERT_TRUE(recorder_->waitFor("notify-state", notifyStates + 2));
+  const size_t sockets = openSockets();
+  chunk->setNotifyValue(true, link.rx);
+  chunk->setNotifyValue(false, link.rx);
+  auto last = recorder_->waitFor("notify-state", notifyStates + 3);
+  ASSERT_TRUE(last);
+  EXPECT_FALSE(last->notifying);
+  EXPECT_TRUE(eventually([&] {
+    return !mock_.control("InjectNotification", "say", {kChunk, std::vector<int>{1}}).get<bool>();
+  }));
+  EXPECT_EQ(openSockets(), sockets);
+  EXPECT_FALSE(link.rx->isNotifying());
+}
+
+// A daemon that hands out something unusable (a pipe, an MTU of 0, a reply of other
+// types) is logged and the method calls carry the data instead.
+TEST_F(BluezBackendTest, AnUnusableAcquiredSocketFallsBackToMethodCalls) {
+  for (const std::string fault : {"pipe", "mtu0", "types"}) {
+    SCOPED_TRACE(fault);
+    LogCapture logs;
+    recorder_->clear();
+    powerOn();
+    mock_.control("SetAcquireFault", "ss", {kChunk, fault});
+    auto chunk = find("QLT-Chunk");
+    auto link = connectNus(chunk);
+    ASSERT_TRUE(link.tx);
+    for (int i = 0; i < 5; ++i) chunk->writeValue(bytes("w" + std::to_string(i)), link.tx, WriteType::WithoutResponse);
+    ASSERT_TRUE(recorder_->waitFor("value", 5));
+    auto values = recorder_->events("value");
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(values[i].value, bytes("w" + std::to_string(i)));
+    auto stats = mock_.control("GetWriteStats", "s", {kChunk});
+    EXPECT_EQ(stats["command"], 5);
+    EXPECT_EQ(stats["acquired-writes"], 0);
+    EXPECT_EQ(stats["acquired-notifications"], 0);
+    const std::string what = fault == "pipe"   ? "returned a descriptor that is not a packet socket"
+                             : fault == "mtu0" ? "returned the unusable MTU 0"
+                                               : "returned an unreadable reply";
+    EXPECT_TRUE(logged(logs, "BlueZ: AcquireWrite of " + std::string(kChunkPath) + "/service000a/char000b " + what));
+    EXPECT_TRUE(logged(logs, "BlueZ: AcquireNotify of " + std::string(kChunkPath) + "/service000a/char000d " + what));
+    chunk->setDelegate(nullptr);
+    release(central_, queue_);
+    mock_.control("Reset");
+  }
+}
+
+// Connections that end every way a link ends (disconnect, link loss, bluetoothd leaving,
+// the central's end) leave no descriptor behind.
+TEST_F(BluezBackendTest, AcquiredSocketsAreClosedWhenTheLinkEnds) {
+  const size_t beforeCentral = openSockets();
+  powerOn();
+  auto chunk = find("QLT-Chunk");
+  ASSERT_TRUE(chunk);
+  const size_t baseline = openSockets();
+  auto exchange = [&](int round) {
+    auto link = connectNus(chunk);
+    if (!link.tx) return false;
+    const size_t values = countOf("value");
+    chunk->writeValue(bytes("round " + std::to_string(round)), link.tx, WriteType::WithoutResponse);
+    auto echoed = recorder_->waitFor("value", values + 1);
+    return echoed && echoed->value == bytes("round " + std::to_string(round));
+  };
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(exchange(round));
+    EXPECT_GT(openSockets(), baseline) << "no socket was acquired";
+    const size_t disconnects = countOf("disconnect");
+    if (round == 1) {
+      mock_.control("DropLink", "s", {kChunk});
+    } else {
+      central_->cancelPeripheralConnection(chunk);
+    }
+    ASSERT_TRUE(recorder_->waitFor("disconnect", disconnects + 1));
+    EXPECT_TRUE(eventually([&] { return openSockets() == baseline; }))
+        << openSockets() << " sockets open, " << baseline << " before round " << round;
+  }
+  EXPECT_EQ(mock_.control("GetWriteStats", "s", {kChunk})["acquired-writes"], 3);
+
+  // bluetoothd leaving the bus, and the central's own end, close them too (the test's own sockets are all made before).
+  ASSERT_TRUE(exchange(3));
+  const size_t disconnects = countOf("disconnect");
+  mock_.request({{"op", "stop_mock"}});
+  ASSERT_TRUE(recorder_->waitFor("disconnect", disconnects + 1));
+  EXPECT_TRUE(eventually([&] { return openSockets() == baseline; }));
+  mock_.request({{"op", "start_mock"}});
+  ASSERT_TRUE(eventually([&] { return central_->state() == CentralState::PoweredOn; }));
+  recorder_->clear();  // the new daemon lists the device once a scan has seen it again
+  chunk = find("QLT-Chunk");
+  ASSERT_TRUE(exchange(4));
+  EXPECT_GT(openSockets(), baseline);
+  chunk->setDelegate(nullptr);
+  chunk.reset();
+  release(central_, queue_);
+  EXPECT_TRUE(eventually([&] { return openSockets() == beforeCentral; }))
+      << openSockets() << " sockets open after the central's end, " << beforeCentral << " before it";
 }
 
 TEST_F(BluezBackendTest, ADroppedLinkEndsTheConnectionAndItsObjects) {

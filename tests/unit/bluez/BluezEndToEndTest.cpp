@@ -109,9 +109,12 @@ TEST_F(OnBlueZ, PowerScanConnectEchoThroughTheSlidingWindowAndDisconnect) {
   ASSERT_TRUE(app_->waitForUdp(1));
   EXPECT_EQ(app_->udp().front().toString(), "a datagram");
 
-  // Writes went out without response, explicitly typed; the device saw no malformed frame.
+  // Writes went out without response on the acquired socket, and the echo came back on
+  // the notification socket; the device saw no malformed frame.
   auto stats = mock_.control("GetWriteStats", "s", {"C0:FF:EE:00:00:01"});
   EXPECT_GT(stats["command"].get<int>(), 85);
+  EXPECT_EQ(stats["acquired-writes"], stats["command"]);
+  EXPECT_GT(stats["acquired-notifications"].get<int>(), 85);
   EXPECT_EQ(stats["untyped"], 0);
   EXPECT_EQ(stats["failed"], 0);
   auto peer = mock_.control("GetPeerStats", "s", {"C0:FF:EE:00:00:01"});
@@ -120,6 +123,25 @@ TEST_F(OnBlueZ, PowerScanConnectEchoThroughTheSlidingWindowAndDisconnect) {
   manager_->disconnect(p);
   ASSERT_TRUE(app_->waitForState(QLT_PeripheralStateDisconnected));
   EXPECT_EQ(app_->states(), (std::vector<int32_t>{1, 2, 5, 6, 8, 3, 0}));
+}
+
+// The same through WriteValue and PropertiesChanged, on a device whose daemon offers no
+// AcquireWrite/AcquireNotify.
+TEST_F(OnBlueZ, TheSlidingWindowEchoesTenKilobytesWithoutAcquiredSockets) {
+  mock_.control("SetAcquire", "sb", {"C0:FF:EE:00:00:01", false});
+  auto p = find("QLT-Echo");
+  ASSERT_TRUE(p);
+  follow(p);
+  p->setTransportType(1);
+  ASSERT_TRUE(connectReady(p));
+  const std::string message = pattern(10 * 1024, 5);
+  p->writeTCPData(Data::fromString(message));
+  ASSERT_TRUE(app_->waitForTcpBytes(message.size(), 60s));
+  EXPECT_EQ(app_->tcpJoined(), message);
+  auto stats = mock_.control("GetWriteStats", "s", {"C0:FF:EE:00:00:01"});
+  EXPECT_GT(stats["command"].get<int>(), 85);
+  EXPECT_EQ(stats["acquired-writes"], 0);
+  EXPECT_EQ(stats["acquired-notifications"], 0);
 }
 
 TEST_F(OnBlueZ, TheChunkingTransportEchoesTenKilobytes) {
