@@ -48,13 +48,23 @@ class OnBlueZ : public ::testing::Test {
     if (HasFailure() && !mock_.address().empty()) std::cerr << "mock log:\n" << mock_.log();
   }
 
+  // The adapter is powered on only once the application listens: addDelegate takes effect on
+  // the manager's queue, and a power report that comes first is not announced to it.
   void makeManager(bluez::BluezOptions options = {}) {
+    mock_.control("SetPowered", "b", {false});
     manager_ = QLT_BLEManager::create(bluez::makeBackend(options));
     manager_->addDelegate(app_, appQueue_);
     manager_->moduleQueue()->sync([] {});
-    ASSERT_TRUE(eventually([&] { return manager_->state() == QLT_BLEManagerStateIdle; }))
-        << "the manager never became idle";
-    // The announcement reaches the application's queue a little after the state changes.
+    // The central's state is set by the task on its queue that reports it; once it shows,
+    // draining that queue and then the application's leaves no report on its way.
+    ASSERT_TRUE(eventually([&] {
+      auto central = manager_->centralManager();
+      return central && central->state() == platform::CentralState::PoweredOff;
+    })) << "the backend never reported the adapter";
+    manager_->centralQueue()->sync([] {});
+    appQueue_->sync([] {});
+    app_->clear();
+    mock_.control("SetPowered", "b", {true});
     ASSERT_TRUE(app_->waitForManagerState(QLT_BLEManagerStateIdle)) << "idle was never announced";
   }
 
