@@ -311,10 +311,7 @@ void BluezCentral::setNotifyValue(std::shared_ptr<BluezPeripheral> peripheral,
     if (it == devices_.end() || !linkUsable(it->second, generation)) {
       QLTLog("BlueZ: %s of %s refused: its connection is gone",
              enabled ? "StartNotify" : "StopNotify", characteristic->path());
-      deliverToPeripheral(peripheral, [peripheral, characteristic](platform::PeripheralDelegate& d) {
-        d.peripheral_didUpdateNotificationStateForCharacteristic_error(
-            peripheral, characteristic, backendError("not connected"));
-      });
+      reportNotifying(peripheral, characteristic, enabled, backendError("not connected"));
       return;
     }
     Device& device = it->second;
@@ -326,25 +323,13 @@ void BluezCentral::setNotifyValue(std::shared_ptr<BluezPeripheral> peripheral,
         device.notifySockets.erase(socket);
         device.notifying.erase(path);
       }
-      deliverToPeripheral(
-          peripheral,
-          [peripheral, characteristic](platform::PeripheralDelegate& d) {
-            d.peripheral_didUpdateNotificationStateForCharacteristic_error(peripheral, characteristic,
-                                                                           std::nullopt);
-          },
-          [characteristic, enabled] { characteristic->setNotifying(enabled); });
+      reportNotifying(peripheral, characteristic, enabled);
       return;
     }
     if (!enabled && device.notifyAcquiring.erase(path)) {
       // Switched off before AcquireNotify answered: its reply is dropped (and its socket
       // closed) when it comes.
-      deliverToPeripheral(
-          peripheral,
-          [peripheral, characteristic](platform::PeripheralDelegate& d) {
-            d.peripheral_didUpdateNotificationStateForCharacteristic_error(peripheral, characteristic,
-                                                                           std::nullopt);
-          },
-          [characteristic] { characteristic->setNotifying(false); });
+      reportNotifying(peripheral, characteristic, false);
       return;
     }
     const PropertyMap* props = properties(path, kCharacteristicInterface);
@@ -382,15 +367,21 @@ void BluezCentral::setNotifyByMethod(const std::shared_ptr<BluezPeripheral>& per
         } else if (!enabled) {
           dev->second.notifying.erase(path);
         }
-        deliverToPeripheral(
-            peripheral,
-            [peripheral, characteristic, failure](platform::PeripheralDelegate& d) {
-              d.peripheral_didUpdateNotificationStateForCharacteristic_error(
-                  peripheral, characteristic, failure);
-            },
-            [characteristic, enabled, failure] {
-              if (!failure) characteristic->setNotifying(enabled);
-            });
+        reportNotifying(peripheral, characteristic, enabled, failure);
+      });
+}
+
+void BluezCentral::reportNotifying(const std::shared_ptr<BluezPeripheral>& peripheral,
+                                   const std::shared_ptr<BluezCharacteristic>& characteristic,
+                                   bool enabled, std::optional<platform::Error> failure) {
+  deliverToPeripheral(
+      peripheral,
+      [peripheral, characteristic, failure](platform::PeripheralDelegate& d) {
+        d.peripheral_didUpdateNotificationStateForCharacteristic_error(peripheral, characteristic,
+                                                                       failure);
+      },
+      [characteristic, enabled, failure] {
+        if (!failure) characteristic->setNotifying(enabled);
       });
 }
 

@@ -186,6 +186,10 @@ class BluezCentral final : public platform::Central,
   void closeSockets(Device& device);
   void deliverNotification(const std::shared_ptr<BluezPeripheral>& peripheral,
                            const std::shared_ptr<BluezCharacteristic>& characteristic, Data data);
+  // The notification-state callback; the characteristic says `enabled` unless it failed.
+  void reportNotifying(const std::shared_ptr<BluezPeripheral>& peripheral,
+                       const std::shared_ptr<BluezCharacteristic>& characteristic, bool enabled,
+                       std::optional<platform::Error> failure = std::nullopt);
   void updateMtu(const Address& address, const std::string& characteristicPath);
 
   bool call(const std::string& path, const char* interface, const char* method,

@@ -259,13 +259,7 @@ void BluezCentral::acquireNotify(const std::shared_ptr<BluezPeripheral>& periphe
         });
         device.notifySockets[path] = std::move(*socket);
         device.notifying.insert(path);
-        deliverToPeripheral(
-            peripheral,
-            [peripheral, characteristic](platform::PeripheralDelegate& d) {
-              d.peripheral_didUpdateNotificationStateForCharacteristic_error(
-                  peripheral, characteristic, std::nullopt);
-            },
-            [characteristic] { characteristic->setNotifying(true); });
+        reportNotifying(peripheral, characteristic, true);
       });
 }
 
