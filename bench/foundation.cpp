@@ -109,10 +109,12 @@ void BM_IdleWorkerCost(benchmark::State& state) {
       }
     });
     const double seconds = 2.0;
-    const double w0 = threadCpuSeconds(transport->native), b0 = threadCpuSeconds(bare.native_handle());
+    const double w0 = threadCpuSeconds(transport->native),
+                 b0 = threadCpuSeconds(bare.native_handle());
     const long wr0 = transport->rounds, br0 = bareRounds;
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    const double w1 = threadCpuSeconds(transport->native), b1 = threadCpuSeconds(bare.native_handle());
+    const double w1 = threadCpuSeconds(transport->native),
+                 b1 = threadCpuSeconds(bare.native_handle());
     const long wr1 = transport->rounds, br1 = bareRounds;
     stop = true;
     bare.join();

@@ -31,7 +31,8 @@ class Link final : public platform::CentralDelegate,
     link->radio_->addDevice(device);
     link->central_ = link->radio_->backend()->createCentral(link, link->queue_, {});
     link->waitFor([&] { return link->powered_; });
-    link->peripheral_ = link->central_->retrievePeripheralsWithIdentifiers({device.identifier}).at(0);
+    link->peripheral_ =
+        link->central_->retrievePeripheralsWithIdentifiers({device.identifier}).at(0);
     link->peripheral_->setDelegate(link);
     link->central_->connect(link->peripheral_);
     link->waitFor([&] { return link->subscribed_; });
@@ -54,8 +55,12 @@ class Link final : public platform::CentralDelegate,
     tcpBytes_ = 0;
     notifications_ = 0;
   }
-  void waitForTcp(size_t bytes) { waitFor([&] { return tcpBytes_ >= bytes; }); }
-  void waitForNotifications(size_t n) { waitFor([&] { return notifications_ >= n; }); }
+  void waitForTcp(size_t bytes) {
+    waitFor([&] { return tcpBytes_ >= bytes; });
+  }
+  void waitForNotifications(size_t n) {
+    waitFor([&] { return notifications_ >= n; });
+  }
 
   // Central and peripheral callbacks, on the central's queue.
   void centralManagerDidUpdateState(platform::Central& c) override {
@@ -64,8 +69,8 @@ class Link final : public platform::CentralDelegate,
   void centralManager_didDiscoverPeripheral_advertisementData_RSSI(
       platform::Central&, const std::shared_ptr<platform::Peripheral>&,
       const platform::AdvertisementData&, int) override {}
-  void centralManager_didConnectPeripheral(platform::Central&,
-                                           const std::shared_ptr<platform::Peripheral>& p) override {
+  void centralManager_didConnectPeripheral(
+      platform::Central&, const std::shared_ptr<platform::Peripheral>& p) override {
     p->discoverServices(std::nullopt);
   }
   void centralManager_didFailToConnectPeripheral_error(
@@ -87,12 +92,14 @@ class Link final : public platform::CentralDelegate,
     }
   }
   void peripheral_didUpdateNotificationStateForCharacteristic_error(
-      const std::shared_ptr<platform::Peripheral>&, const std::shared_ptr<platform::Characteristic>&,
+      const std::shared_ptr<platform::Peripheral>&,
+      const std::shared_ptr<platform::Characteristic>&,
       const std::optional<platform::Error>&) override {
     signal([&] { subscribed_ = true; });
   }
   void peripheral_didUpdateValueForCharacteristic_error(
-      const std::shared_ptr<platform::Peripheral>&, const std::shared_ptr<platform::Characteristic>& c,
+      const std::shared_ptr<platform::Peripheral>&,
+      const std::shared_ptr<platform::Characteristic>& c,
       const std::optional<platform::Error>&) override {
     if (transport_) {
       transport_->receive(c->value().value_or(Data()));
@@ -101,7 +108,8 @@ class Link final : public platform::CentralDelegate,
     }
   }
   // Transport callbacks.
-  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& data) override {
+  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&,
+                                  const Data& data) override {
     write(data);
   }
   void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& data) override {
@@ -132,10 +140,10 @@ class Link final : public platform::CentralDelegate,
   std::shared_ptr<SWTransport> transport_;
   std::mutex mutex_;
   std::condition_variable cv_;
-  bool powered_ = false;     // guarded by mutex_
-  bool subscribed_ = false;  // guarded by mutex_
-  size_t tcpBytes_ = 0;      // guarded by mutex_
-  size_t notifications_ = 0; // guarded by mutex_
+  bool powered_ = false;      // guarded by mutex_
+  bool subscribed_ = false;   // guarded by mutex_
+  size_t tcpBytes_ = 0;       // guarded by mutex_
+  size_t notifications_ = 0;  // guarded by mutex_
 };
 
 // One 20-byte write echoed as one notification (chunk-echo), one at a time.

@@ -43,7 +43,8 @@ struct Bench {
     d.connectDelay = 0.0;
     radio->addDevice(d);
     manager = QLT_BLEManager::create(radio->backend());
-    while (manager->state() != QLT_BLEManagerStateIdle) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    while (manager->state() != QLT_BLEManagerStateIdle)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     auto found = manager->centralManager()->retrievePeripheralsWithIdentifiers({d.identifier});
     peripheral = QLT_Peripheral::create(found.at(0));
     peripheral->setTransportType(1);

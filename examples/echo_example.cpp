@@ -38,16 +38,19 @@ class EchoClient : public qlt::QLT_BLEManagerDidChangedState,
     return cv_.wait_for(lock, std::chrono::seconds(seconds), [&] { return done_; }) && echoed_;
   }
 
-  void manager_didChangedState(const std::shared_ptr<qlt::QLT_BLEManager>&, int32_t state) override {
+  void manager_didChangedState(const std::shared_ptr<qlt::QLT_BLEManager>&,
+                               int32_t state) override {
     std::printf("manager: %s\n", qlt::QLT_BLEManager::convertStateToNSString(state).c_str());
     if (state == qlt::QLT_BLEManagerStateIdle && !peripheral_) scan();
   }
 
-  void manager_didDiscoveredPeripheral(const std::shared_ptr<qlt::QLT_BLEManager>& manager,
-                                       const std::shared_ptr<qlt::QLT_Peripheral>& peripheral) override {
+  void manager_didDiscoveredPeripheral(
+      const std::shared_ptr<qlt::QLT_BLEManager>& manager,
+      const std::shared_ptr<qlt::QLT_Peripheral>& peripheral) override {
     if (peripheral_) return;  // advertisements keep coming until the scan stops
     peripheral_ = peripheral;
-    std::printf("found %s (RSSI %d)\n", peripheral->name().value_or("?").c_str(), peripheral->RSSI());
+    std::printf("found %s (RSSI %d)\n", peripheral->name().value_or("?").c_str(),
+                peripheral->RSSI());
     manager->stopDiscover();
     peripheral->setTransportType(1);  // the sliding window
     peripheral->addDelegate(shared_from_this(), queue_);
@@ -84,11 +87,10 @@ class EchoClient : public qlt::QLT_BLEManagerDidChangedState,
     if (scanStarted_) return;  // both the look at the state and the announcement may ask
     scanStarted_ = true;
     std::printf("scanning\n");
-    manager_->startDiscover([](const std::shared_ptr<qlt::platform::Peripheral>&,
-                               const std::optional<std::string>& localName,
-                               const qlt::platform::AdvertisementData&, int rssi) {
-      return localName == std::string("QLT-Echo") && rssi > -100;
-    });
+    manager_->startDiscover(
+        [](const std::shared_ptr<qlt::platform::Peripheral>&,
+           const std::optional<std::string>& localName, const qlt::platform::AdvertisementData&,
+           int rssi) { return localName == std::string("QLT-Echo") && rssi > -100; });
   }
   void finish() {
     std::lock_guard lock(mutex_);

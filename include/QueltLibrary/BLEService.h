@@ -52,8 +52,8 @@ class BLEService : public std::enable_shared_from_this<BLEService> {
  private:
   const std::shared_ptr<platform::Service> baseService_;
   mutable std::mutex mutex_;
-  bool enabled_ = false;                                         // guarded by mutex_
-  std::string name_;                                             // guarded by mutex_
+  bool enabled_ = false;                                             // guarded by mutex_
+  std::string name_;                                                 // guarded by mutex_
   std::vector<std::shared_ptr<BLECharacteristic>> characteristics_;  // guarded by mutex_
 };
 

@@ -108,7 +108,7 @@ class BLESlideWindow : public QLT_Object, public ThreadBaseDelegate {
   }
 
   mutable std::mutex mutex_;
-  std::shared_ptr<ThreadBase> thread_;                         // guarded by mutex_
+  std::shared_ptr<ThreadBase> thread_;                          // guarded by mutex_
   std::weak_ptr<BLESlideWindowSenderDelegate> senderDelegate_;  // guarded by mutex_
   std::unique_ptr<Face> face_;
   std::unique_ptr<SlideWindowEngine> engine_;

@@ -66,9 +66,7 @@ class TransportDelegate : public virtual Delegate {
                                          const Data& data) = 0;
 };
 
-class BaseTransport : public QLT_Object,
-                      public Transport,
-                      public ThreadBaseDelegate {
+class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDelegate {
  public:
   // A transport whose loop does nothing; concrete transports derive from it.
   static std::shared_ptr<BaseTransport> create();
@@ -101,7 +99,7 @@ class BaseTransport : public QLT_Object,
 
  private:
   mutable std::mutex mutex_;
-  std::shared_ptr<ThreadBase> thread_;                    // guarded by mutex_
+  std::shared_ptr<ThreadBase> thread_;                     // guarded by mutex_
   std::weak_ptr<TransportSenderDelegate> senderDelegate_;  // guarded by mutex_
 };
 

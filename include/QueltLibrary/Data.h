@@ -37,7 +37,9 @@ class Data {
   // "<01020304 05>": hexadecimal, grouped by four bytes, as the log lines print data.
   std::string description() const;
   // The bytes as text (no validation).
-  std::string toString() const { return std::string(reinterpret_cast<const char*>(bytes()), length_); }
+  std::string toString() const {
+    return std::string(reinterpret_cast<const char*>(bytes()), length_);
+  }
 
   friend bool operator==(const Data& a, const Data& b);
 

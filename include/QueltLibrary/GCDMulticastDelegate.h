@@ -170,15 +170,15 @@ class GCDMulticastDelegate {
   void invoke(void (Callback::*method)(Params...), const Args&... args) const {
     bool sawGone = false;
     for (const auto& node : snapshot()) {
-      const bool alive = node->deliver(
-          [](Delegate* d) { return dynamic_cast<Callback*>(d) != nullptr; },
-          [&](std::shared_ptr<Delegate> d) {
-            return [d = std::move(d), method,
-                    call = std::tuple<std::decay_t<Params>...>(args...)]() mutable {
-              auto* target = dynamic_cast<Callback*>(d.get());
-              std::apply([&](auto&... a) { (target->*method)(a...); }, call);
-            };
-          });
+      const bool alive =
+          node->deliver([](Delegate* d) { return dynamic_cast<Callback*>(d) != nullptr; },
+                        [&](std::shared_ptr<Delegate> d) {
+                          return [d = std::move(d), method,
+                                  call = std::tuple<std::decay_t<Params>...>(args...)]() mutable {
+                            auto* target = dynamic_cast<Callback*>(d.get());
+                            std::apply([&](auto&... a) { (target->*method)(a...); }, call);
+                          };
+                        });
       if (!alive) sawGone = true;
     }
     if (sawGone) pruneGoneDelegates();

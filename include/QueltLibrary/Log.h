@@ -74,10 +74,16 @@ LogArg toLogArg(const T& v) {
     }
   } else if constexpr (HasDescription<D>) {
     return LogArg::txt(v.description());
-  } else if constexpr (requires { v.get(); *v; }) {  // smart pointers
+  } else if constexpr (requires {
+                         v.get();
+                         *v;
+                       }) {  // smart pointers
     if (!v) return LogArg::txt("(null)");
     return toLogArg(*v);
-  } else if constexpr (requires { v.has_value(); *v; }) {  // optionals
+  } else if constexpr (requires {
+                         v.has_value();
+                         *v;
+                       }) {  // optionals
     if (!v.has_value()) return LogArg::txt("(null)");
     return toLogArg(*v);
   } else if constexpr (std::is_pointer_v<D>) {

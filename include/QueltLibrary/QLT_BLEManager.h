@@ -60,23 +60,25 @@ class QLT_BLEManagerDidDiscoveredPeripheral : public virtual Delegate {
   // Sent for every accepted advertisement, repeatedly for the same peripheral (the same
   // wrapper while the application holds it), with its name, RSSI and advertisement
   // data refreshed.
-  virtual void manager_didDiscoveredPeripheral(const std::shared_ptr<QLT_BLEManager>& manager,
-                                               const std::shared_ptr<QLT_Peripheral>& peripheral) = 0;
+  virtual void manager_didDiscoveredPeripheral(
+      const std::shared_ptr<QLT_BLEManager>& manager,
+      const std::shared_ptr<QLT_Peripheral>& peripheral) = 0;
 };
 
 class QLT_BLEManager : public QLT_Object, public platform::CentralDelegate {
  public:
   // Keeps (true) or drops (false) one advertisement; called on the central queue.
-  using DiscoveryFilter = std::function<bool(const std::shared_ptr<platform::Peripheral>& peripheral,
-                                             const std::optional<std::string>& localName,
-                                             const platform::AdvertisementData& advertisementData,
-                                             int rssi)>;
+  using DiscoveryFilter =
+      std::function<bool(const std::shared_ptr<platform::Peripheral>& peripheral,
+                         const std::optional<std::string>& localName,
+                         const platform::AdvertisementData& advertisementData, int rssi)>;
 
   // The process-wide manager, made on the first call (once, also under concurrent calls).
   static std::shared_ptr<QLT_BLEManager> sharedInstance();
   // A manager of its own over `backend` (the current backend when null). Applications use
   // sharedInstance(); this exists for tests and tools that need an isolated central.
-  static std::shared_ptr<QLT_BLEManager> create(std::shared_ptr<platform::Backend> backend = nullptr);
+  static std::shared_ptr<QLT_BLEManager> create(
+      std::shared_ptr<platform::Backend> backend = nullptr);
 
   // A fresh QLT_Peripheral for a peripheral the system knows by this identifier (UUID
   // text), without scanning; null when it knows none. Malformed text is logged and gives
@@ -143,8 +145,8 @@ class QLT_BLEManager : public QLT_Object, public platform::CentralDelegate {
   const std::shared_ptr<DispatchQueue> centralQueue_;
   std::atomic<int32_t> state_{QLT_BLEManagerStateUnavailable};
   mutable std::mutex mutex_;
-  DiscoveryFilter scanFilter_;                          // guarded by mutex_
-  std::shared_ptr<platform::Central> centralManager_;   // guarded by mutex_
+  DiscoveryFilter scanFilter_;                         // guarded by mutex_
+  std::shared_ptr<platform::Central> centralManager_;  // guarded by mutex_
 };
 
 }  // namespace qlt

@@ -152,7 +152,8 @@ class QLT_Peripheral : public QLT_Object,
   // Discovery (normally driven by QLT_BLEManager and the platform callbacks).
   void discoverServices();
   void discoverCharacteristics(const std::shared_ptr<BLEService>& service);
-  std::shared_ptr<BLEService> findBLEService(const std::shared_ptr<platform::Service>& service) const;
+  std::shared_ptr<BLEService> findBLEService(
+      const std::shared_ptr<platform::Service>& service) const;
 
   // Equal to its own platform peripheral, or to a QLT_Peripheral (exactly that class)
   // wrapping a platform peripheral with the same identifier.
@@ -225,23 +226,23 @@ class QLT_Peripheral : public QLT_Object,
   std::atomic<int32_t> transportType_{0};
 
   mutable std::mutex mutex_;
-  int32_t latestState_;                                 // guarded by mutex_
+  int32_t latestState_;  // guarded by mutex_
   // Each time the link comes up (state 2 after anything else) the generation advances;
   // what a connection builds is tagged with it, and a teardown clears only what is as
   // old as the disconnection that asked for it.
-  uint64_t linkGeneration_ = 0;                         // guarded by mutex_
-  bool linkUp_ = false;                                 // guarded by mutex_
-  std::optional<std::string> name_;                     // guarded by mutex_
-  platform::AdvertisementData advertisementData_;       // guarded by mutex_
-  std::vector<std::shared_ptr<BLEService>> services_;   // guarded by mutex_
-  uint64_t servicesGeneration_ = 0;                     // guarded by mutex_
-  std::shared_ptr<NUSService> nus_;                     // guarded by mutex_
-  uint64_t nusGeneration_ = 0;                          // guarded by mutex_
-  std::shared_ptr<BaseTransport> transport_;            // guarded by mutex_
-  uint64_t transportGeneration_ = 0;                    // guarded by mutex_
-  std::shared_ptr<platform::Characteristic> rx_;        // guarded by mutex_
-  std::shared_ptr<platform::Characteristic> tx_;        // guarded by mutex_
-  FrameTrace frameTrace_;                               // guarded by mutex_
+  uint64_t linkGeneration_ = 0;                        // guarded by mutex_
+  bool linkUp_ = false;                                // guarded by mutex_
+  std::optional<std::string> name_;                    // guarded by mutex_
+  platform::AdvertisementData advertisementData_;      // guarded by mutex_
+  std::vector<std::shared_ptr<BLEService>> services_;  // guarded by mutex_
+  uint64_t servicesGeneration_ = 0;                    // guarded by mutex_
+  std::shared_ptr<NUSService> nus_;                    // guarded by mutex_
+  uint64_t nusGeneration_ = 0;                         // guarded by mutex_
+  std::shared_ptr<BaseTransport> transport_;           // guarded by mutex_
+  uint64_t transportGeneration_ = 0;                   // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> rx_;       // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> tx_;       // guarded by mutex_
+  FrameTrace frameTrace_;                              // guarded by mutex_
 };
 
 }  // namespace qlt

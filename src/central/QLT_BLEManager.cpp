@@ -69,10 +69,10 @@ void QLT_BLEManager::onCentralQueue(const std::function<void()>& work) {
 
 std::string QLT_BLEManager::convertStateToNSString(int32_t state) {
   if (state < 0 || state > 3) {
-    failLoudly(formatString(
-        "QLT_BLEManager::convertStateToNSString: %d is not a manager state (0..3); "
-        "this is a programming error",
-        state));
+    failLoudly(
+        formatString("QLT_BLEManager::convertStateToNSString: %d is not a manager state (0..3); "
+                     "this is a programming error",
+                     state));
   }
   return kManagerStateNames[state];
 }
@@ -80,7 +80,8 @@ std::string QLT_BLEManager::convertStateToNSString(int32_t state) {
 void QLT_BLEManager::updateState(int32_t state) {
   state_.store(state, std::memory_order_release);
   QLTLog("State : %@", convertStateToNSString(state));
-  multicastDelegate()->invoke(&QLT_BLEManagerDidChangedState::manager_didChangedState, self(), state);
+  multicastDelegate()->invoke(&QLT_BLEManagerDidChangedState::manager_didChangedState, self(),
+                              state);
   if (this->state() == QLT_BLEManagerStateReady) updateState(QLT_BLEManagerStateIdle);
 }
 
@@ -126,8 +127,8 @@ void QLT_BLEManager::centralManager_didDiscoverPeripheral_advertisementData_RSSI
   wrapper->setRSSI(rssi);
   wrapper->setName(localName);
   wrapper->setAdvertisementData(advertisementData);
-  multicastDelegate()->invoke(&QLT_BLEManagerDidDiscoveredPeripheral::manager_didDiscoveredPeripheral,
-                              self(), wrapper);
+  multicastDelegate()->invoke(
+      &QLT_BLEManagerDidDiscoveredPeripheral::manager_didDiscoveredPeripheral, self(), wrapper);
 }
 
 std::shared_ptr<QLT_Peripheral> QLT_BLEManager::findPeripheralObject(

@@ -43,7 +43,7 @@ std::string directoryOf(const std::string& path) {
 // mkdir -p with mode 0700 for the directories it creates.
 bool makeDirectories(const std::string& dir) {
   if (dir.empty() || dir == "/" || dir == ".") return true;
-  struct stat st{};
+  struct stat st {};
   if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
   if (!makeDirectories(directoryOf(dir))) return false;
   return mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST;
@@ -52,7 +52,8 @@ bool makeDirectories(const std::string& dir) {
 std::string timestamp() {
   const auto now = std::chrono::system_clock::now();
   const std::time_t t = std::chrono::system_clock::to_time_t(now);
-  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  const auto ms =
+      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
   std::tm tm{};
   localtime_r(&t, &tm);
   char buf[32];
@@ -65,11 +66,14 @@ std::string timestamp() {
 void moveAside(const std::string& path, const std::string& why) {
   const std::string aside = path + ".damaged-" + timestamp();
   if (std::rename(path.c_str(), aside.c_str()) == 0) {
-    QLTLog("QLT_Database : %@ is damaged (%@); starting with an empty store, the file is kept as %@",
-           path, why, aside);
+    QLTLog(
+        "QLT_Database : %@ is damaged (%@); starting with an empty store, the file is kept as %@",
+        path, why, aside);
   } else {
-    QLTLog("QLT_Database : %@ is damaged (%@); starting with an empty store (could not move it aside: %@)",
-           path, why, std::string(std::strerror(errno)));
+    QLTLog(
+        "QLT_Database : %@ is damaged (%@); starting with an empty store (could not move it aside: "
+        "%@)",
+        path, why, std::string(std::strerror(errno)));
   }
 }
 
@@ -214,7 +218,8 @@ bool QLT_Database::synchronize() {
     return false;
   }
   static std::atomic<unsigned> counter{0};
-  const std::string tmp = path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+  const std::string tmp =
+      path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (fd < 0) {
     QLTLog("QLT_Database : cannot write %@ (%@)", tmp, std::string(std::strerror(errno)));
@@ -224,7 +229,8 @@ bool QLT_Database::synchronize() {
   const int savedErrno = errno;
   ok = (::close(fd) == 0) && ok;
   if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    QLTLog("QLT_Database : cannot save %@ (%@)", path, std::string(std::strerror(ok ? errno : savedErrno)));
+    QLTLog("QLT_Database : cannot save %@ (%@)", path,
+           std::string(std::strerror(ok ? errno : savedErrno)));
     ::unlink(tmp.c_str());
     return false;
   }

@@ -13,10 +13,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
 #include <atomic>
 #include <condition_variable>
+#include <cstdio>
+#include <cstring>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -227,8 +227,8 @@ class ThreadPool {
         continue;
       }
       ++idle_;
-      const bool woken = cv_.wait_for(lock, kRetireAfter,
-                                      [this] { return !ready_.empty() || !retired_.empty(); });
+      const bool woken =
+          cv_.wait_for(lock, kRetireAfter, [this] { return !ready_.empty() || !retired_.empty(); });
       --idle_;
       if (wakeups_ > 0) --wakeups_;
       if (!retired_.empty()) {
@@ -254,12 +254,12 @@ class ThreadPool {
 
   std::mutex mutex_;
   std::condition_variable cv_;
-  std::deque<std::shared_ptr<DispatchQueue>> ready_;          // guarded by mutex_
-  size_t threads_ = 0;                                         // guarded by mutex_
-  size_t idle_ = 0;                                            // guarded by mutex_
-  size_t wakeups_ = 0;                                         // guarded by mutex_
-  std::unordered_map<std::thread::id, Worker> workers_;       // guarded by mutex_
-  std::vector<std::thread> retired_;                           // guarded by mutex_
+  std::deque<std::shared_ptr<DispatchQueue>> ready_;     // guarded by mutex_
+  size_t threads_ = 0;                                   // guarded by mutex_
+  size_t idle_ = 0;                                      // guarded by mutex_
+  size_t wakeups_ = 0;                                   // guarded by mutex_
+  std::unordered_map<std::thread::id, Worker> workers_;  // guarded by mutex_
+  std::vector<std::thread> retired_;                     // guarded by mutex_
   std::condition_variable monitorCv_;
   std::thread monitor_;  // guarded by mutex_; started when the soft limit is first reached
 };

@@ -21,7 +21,8 @@ ThreadBase::~ThreadBase() {
   if (thread_.get_id() == std::this_thread::get_id()) {
     auto finishing = std::make_shared<std::thread>(std::move(thread_));
     // Never destroyed: a worker may end while the process exits, after static destructors.
-    static const auto* reaper = new std::shared_ptr<DispatchQueue>(DispatchQueue::create("ThreadBase.reaper"));
+    static const auto* reaper =
+        new std::shared_ptr<DispatchQueue>(DispatchQueue::create("ThreadBase.reaper"));
     (*reaper)->async([finishing] { finishing->join(); });
   } else {
     thread_.join();
@@ -44,8 +45,7 @@ void ThreadBase::stop() {
 bool ThreadBase::isClosing() { return hExit_->waitTimeout(0.001); }
 
 void ThreadBase::run() {
-  while (!isClosing()) {
-  }
+  while (!isClosing()) {}
 }
 
 std::shared_ptr<ThreadBaseDelegate> ThreadBase::delegate() const {

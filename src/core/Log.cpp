@@ -81,8 +81,8 @@ std::string formatLog(std::string_view format, const LogArg* args, size_t count)
     }
     // Skip flags, width, precision and length modifiers; keep the conversion letter.
     size_t j = i + 1;
-    while (j < format.size() && std::string_view("-+ #0123456789.lhzjqt").find(format[j]) !=
-                                    std::string_view::npos) {
+    while (j < format.size() &&
+           std::string_view("-+ #0123456789.lhzjqt").find(format[j]) != std::string_view::npos) {
       ++j;
     }
     if (j >= format.size()) {

@@ -21,7 +21,8 @@ std::shared_ptr<platform::Characteristic> BLECharacteristic::characteristic() co
   return characteristic_;
 }
 
-void BLECharacteristic::setCharacteristic(std::shared_ptr<platform::Characteristic> characteristic) {
+void BLECharacteristic::setCharacteristic(
+    std::shared_ptr<platform::Characteristic> characteristic) {
   std::lock_guard lock(mutex_);
   characteristic_ = std::move(characteristic);
 }

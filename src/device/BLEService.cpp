@@ -34,7 +34,8 @@ std::vector<std::shared_ptr<BLECharacteristic>> BLEService::characteristics() co
   return characteristics_;
 }
 
-void BLEService::setCharacteristics(std::vector<std::shared_ptr<BLECharacteristic>> characteristics) {
+void BLEService::setCharacteristics(
+    std::vector<std::shared_ptr<BLECharacteristic>> characteristics) {
   std::lock_guard lock(mutex_);
   characteristics_ = std::move(characteristics);
 }

@@ -33,7 +33,8 @@ void NUSService::setTx(std::shared_ptr<BLECharacteristic> tx) {
   tx_ = std::move(tx);
 }
 
-void NUSService::setCharacteristics(std::vector<std::shared_ptr<BLECharacteristic>> characteristics) {
+void NUSService::setCharacteristics(
+    std::vector<std::shared_ptr<BLECharacteristic>> characteristics) {
   BLEService::setCharacteristics(characteristics);
   const UUID rxUUID = QLT_UUID::rxCharacteristicUUID();
   const UUID txUUID = QLT_UUID::txCharacteristicUUID();

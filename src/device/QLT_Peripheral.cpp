@@ -14,9 +14,17 @@ namespace qlt {
 namespace {
 
 constexpr const char* kStateNames[] = {
-    "disconnected", "connecting", "connected", "disconnecting",
-    "failedToConnect", "discoveringServices", "discoveringCharacteristics", "unavailable",
-    "ready", "dfuInProgress", "notSupported",
+    "disconnected",
+    "connecting",
+    "connected",
+    "disconnecting",
+    "failedToConnect",
+    "discoveringServices",
+    "discoveringCharacteristics",
+    "unavailable",
+    "ready",
+    "dfuInProgress",
+    "notSupported",
 };
 constexpr int32_t kStateCount = sizeof(kStateNames) / sizeof(kStateNames[0]);
 
@@ -56,11 +64,16 @@ QLT_Peripheral::~QLT_Peripheral() {
 
 int32_t QLT_Peripheral::convertState(int64_t platformState) {
   switch (platformState) {
-    case 0: return QLT_PeripheralStateDisconnected;
-    case 1: return QLT_PeripheralStateConnecting;
-    case 2: return QLT_PeripheralStateConnected;
-    case 3: return QLT_PeripheralStateDisconnecting;
-    default: return QLT_PeripheralStateDfuInProgress;
+    case 0:
+      return QLT_PeripheralStateDisconnected;
+    case 1:
+      return QLT_PeripheralStateConnecting;
+    case 2:
+      return QLT_PeripheralStateConnected;
+    case 3:
+      return QLT_PeripheralStateDisconnecting;
+    default:
+      return QLT_PeripheralStateDfuInProgress;
   }
 }
 
@@ -208,9 +221,10 @@ std::optional<SlideWindowCounters> QLT_Peripheral::transportCounters() const {
 
 std::string QLT_Peripheral::description() const {
   auto n = name();
-  return formatString("<QLT_Peripheral %@ \"%@\" %@>",
-                      basePeripheral_ ? basePeripheral_->identifier().UUIDString() : std::string("?"),
-                      n ? *n : std::string(), convertStateToNSString(state()));
+  return formatString(
+      "<QLT_Peripheral %@ \"%@\" %@>",
+      basePeripheral_ ? basePeripheral_->identifier().UUIDString() : std::string("?"),
+      n ? *n : std::string(), convertStateToNSString(state()));
 }
 
 bool QLT_Peripheral::isEqual(const std::shared_ptr<platform::Peripheral>& other) const {
@@ -303,7 +317,8 @@ void QLT_Peripheral::peripheral_didDiscoverCharacteristicsForService_error(
     return;
   }
   const auto platformCharacteristics =
-      service ? service->characteristics() : std::vector<std::shared_ptr<platform::Characteristic>>{};
+      service ? service->characteristics()
+              : std::vector<std::shared_ptr<platform::Characteristic>>{};
   if (platformCharacteristics.empty()) {
     QLTLog("No chars found");
     return;

@@ -70,8 +70,8 @@ std::shared_ptr<Backend> currentBackend() {
   if (env && *env) {
     chosen = makeBuiltin(env);
     if (!chosen) {
-      QLTLog("Unknown platform backend \"%s\" in QLT_PLATFORM (available: %s); using \"sim\"",
-             env, joined(availableBackends()));
+      QLTLog("Unknown platform backend \"%s\" in QLT_PLATFORM (available: %s); using \"sim\"", env,
+             joined(availableBackends()));
     }
   }
   if (!chosen) chosen = makeBuiltin("sim");

@@ -98,8 +98,12 @@ void BLESlideWindow::setSenderDelegate(
 void BLESlideWindow::initState() { engine_->initState(); }
 void BLESlideWindow::receive(const Data& value) { engine_->receive(value); }
 void BLESlideWindow::ackReceived(uint64_t count) { engine_->ackReceived(count); }
-void BLESlideWindow::sendTCP(const uint8_t* bytes, uint64_t length) { engine_->sendTCP(bytes, length); }
-void BLESlideWindow::sendUDP(const uint8_t* bytes, uint64_t length) { engine_->sendUDP(bytes, length); }
+void BLESlideWindow::sendTCP(const uint8_t* bytes, uint64_t length) {
+  engine_->sendTCP(bytes, length);
+}
+void BLESlideWindow::sendUDP(const uint8_t* bytes, uint64_t length) {
+  engine_->sendUDP(bytes, length);
+}
 void BLESlideWindow::transfer() { engine_->transfer(); }
 void BLESlideWindow::checkControl() { engine_->checkControl(); }
 void BLESlideWindow::doPendingWork() { engine_->doPendingWork(); }

@@ -19,8 +19,7 @@ void BaseTransport::start() {
   {
     std::lock_guard lock(mutex_);
     if (!thread_) {
-      thread_ = ThreadBase::create(
-          std::static_pointer_cast<BaseTransport>(shared_from_this()));
+      thread_ = ThreadBase::create(std::static_pointer_cast<BaseTransport>(shared_from_this()));
     }
     t = thread_;
   }

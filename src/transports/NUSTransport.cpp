@@ -73,7 +73,8 @@ void NUSTransport::trace(bool outgoing, const Data& frame) {
 
 void NUSTransport::setFrameTrace(std::function<void(bool, const Data&)> trace) {
   std::shared_ptr<const std::function<void(bool, const Data&)>> hook;
-  if (trace) hook = std::make_shared<const std::function<void(bool, const Data&)>>(std::move(trace));
+  if (trace)
+    hook = std::make_shared<const std::function<void(bool, const Data&)>>(std::move(trace));
   std::lock_guard lock(traceMutex_);
   trace_ = std::move(hook);
   tracing_.store(trace_ != nullptr, std::memory_order_release);

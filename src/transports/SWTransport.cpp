@@ -37,8 +37,12 @@ std::shared_ptr<SWTransport> SWTransport::create(std::shared_ptr<Clock> clock) {
   return std::shared_ptr<SWTransport>(new SWTransport(std::move(clock)));
 }
 
-void SWTransport::sendTCP(const uint8_t* bytes, uint64_t length) { engine_->sendTCP(bytes, length); }
-void SWTransport::sendUDP(const uint8_t* bytes, uint64_t length) { engine_->sendUDP(bytes, length); }
+void SWTransport::sendTCP(const uint8_t* bytes, uint64_t length) {
+  engine_->sendTCP(bytes, length);
+}
+void SWTransport::sendUDP(const uint8_t* bytes, uint64_t length) {
+  engine_->sendUDP(bytes, length);
+}
 void SWTransport::receive(const Data& value) { engine_->receive(value); }
 
 void SWTransport::run(const std::shared_ptr<ThreadBase>& thread) {

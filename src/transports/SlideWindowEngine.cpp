@@ -48,9 +48,8 @@ void SlideWindowEngine::sendUDP(const uint8_t* bytes, uint64_t length) {
     return;
   }
   std::array<uint8_t, kMaxSlideWindowSegment + 1> frame{};
-  const size_t n = buildDatagram(
-      std::span(frame.data(), parameters_.segmentSize + 1),
-      std::span(bytes, bytes ? static_cast<size_t>(length) : 0));
+  const size_t n = buildDatagram(std::span(frame.data(), parameters_.segmentSize + 1),
+                                 std::span(bytes, bytes ? static_cast<size_t>(length) : 0));
   write(frame.data(), n);
 }
 
@@ -149,7 +148,8 @@ void SlideWindowEngine::receive(const Data& value) {
 
     case FrameKind::Poll: {
       // Answer only when our receive sequence lies in the peer's window [a, b].
-      unsigned a = frame.pollFirst, b = frame.pollNext, r = remoteAck_.load(std::memory_order_acquire);
+      unsigned a = frame.pollFirst, b = frame.pollNext,
+               r = remoteAck_.load(std::memory_order_acquire);
       const uint8_t reply = static_cast<uint8_t>(r);
       if (b < a) b += 4;
       if (r < a) r += 4;

@@ -104,9 +104,8 @@ class SlideWindowEngine {
  private:
   struct Counters {
     std::atomic<uint64_t> framesSent{0}, framesReceived{0}, segmentsSent{0}, segmentsResent{0},
-        pollsSent{0}, acksSent{0}, rejectionsSent{0}, rejectionsReceived{0},
-        rejectionsHonoured{0}, acksReceived{0}, malformedIgnored{0}, tcpDelivered{0},
-        udpDelivered{0}, bytesQueued{0};
+        pollsSent{0}, acksSent{0}, rejectionsSent{0}, rejectionsReceived{0}, rejectionsHonoured{0},
+        acksReceived{0}, malformedIgnored{0}, tcpDelivered{0}, udpDelivered{0}, bytesQueued{0};
   };
   static void bump(std::atomic<uint64_t>& c) { c.fetch_add(1, std::memory_order_relaxed); }
 
@@ -120,13 +119,13 @@ class SlideWindowEngine {
   const std::shared_ptr<ComTimer> timer_;
 
   mutable std::mutex txMutex_;
-  std::deque<Data> txBuffer_;                // guarded by txMutex_
-  uint64_t bytesQueued_ = 0;                 // guarded by txMutex_ (mirrored in counters_)
-  uint64_t neverSentFrom_ = 0;               // guarded by txMutex_: first index never sent
-  std::atomic<uint64_t> readPos_{0};         // written under txMutex_
-  std::atomic<uint8_t> ackWindow_{0};        // written under txMutex_
-  std::atomic<uint8_t> remoteAck_{0};        // written by receive() only
-  std::atomic<uint64_t> pendingWork_{0};     // bit 0: an acknowledgement is owed
+  std::deque<Data> txBuffer_;             // guarded by txMutex_
+  uint64_t bytesQueued_ = 0;              // guarded by txMutex_ (mirrored in counters_)
+  uint64_t neverSentFrom_ = 0;            // guarded by txMutex_: first index never sent
+  std::atomic<uint64_t> readPos_{0};      // written under txMutex_
+  std::atomic<uint8_t> ackWindow_{0};     // written under txMutex_
+  std::atomic<uint8_t> remoteAck_{0};     // written by receive() only
+  std::atomic<uint64_t> pendingWork_{0};  // bit 0: an acknowledgement is owed
 
   std::mutex traceMutex_;
   std::shared_ptr<const FrameTrace> trace_;  // guarded by traceMutex_

@@ -71,7 +71,8 @@ std::string describeFrame(std::span<const uint8_t> frame, bool outgoing) {
   const std::string size = std::to_string(frame.size()) + " B";
   switch (p.kind) {
     case FrameKind::Segment:
-      line += "seg seq=" + std::to_string(p.sequence) + " " + std::to_string(p.payload.size()) + " B";
+      line +=
+          "seg seq=" + std::to_string(p.sequence) + " " + std::to_string(p.payload.size()) + " B";
       break;
     case FrameKind::Datagram:
       line += "dgram " + std::to_string(p.payload.size()) + " B";

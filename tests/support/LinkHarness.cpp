@@ -17,7 +17,9 @@ class EngineEndpoint final : public LinkEndpoint, private SlideWindowEngine::Fac
  public:
   EngineEndpoint(SlideWindowParameters parameters, std::shared_ptr<Clock> clock)
       : engine_(*this, parameters, std::move(clock)) {}
-  void sendTCP(std::span<const uint8_t> bytes) override { engine_.sendTCP(bytes.data(), bytes.size()); }
+  void sendTCP(std::span<const uint8_t> bytes) override {
+    engine_.sendTCP(bytes.data(), bytes.size());
+  }
   void receive(const Data& value) override { engine_.receive(value); }
   void round() override { engine_.round(); }
   SlideWindowCounters counters() const override { return engine_.counters(); }
@@ -43,7 +45,8 @@ class Forwarder : public TransportSenderDelegate, public BLESlideWindowSenderDel
   void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& d) override {
     if (endpoint_.output) endpoint_.output(d);
   }
-  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
+  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&,
+                                    const Data& d) override {
     if (endpoint_.output) endpoint_.output(d);
   }
 
@@ -63,7 +66,9 @@ class ObjectEndpoint final : public LinkEndpoint {
     object_->addDelegate(inbox_, inbox_->queue());
     object_->moduleQueue()->sync([] {});
   }
-  void sendTCP(std::span<const uint8_t> bytes) override { object_->sendTCP(bytes.data(), bytes.size()); }
+  void sendTCP(std::span<const uint8_t> bytes) override {
+    object_->sendTCP(bytes.data(), bytes.size());
+  }
   void receive(const Data& value) override { object_->receive(value); }
   void round() override {
     object_->transfer();
@@ -204,7 +209,8 @@ namespace qlt::test {
 ExchangeResult runExchange(const HarnessOptions& options, const ExchangeSpec& exchange) {
   LinkHarness h = exchange.make ? LinkHarness(options, exchange.make) : LinkHarness(options);
   std::mt19937_64 rng(options.seed * 7919 + 17);
-  std::uniform_real_distribution<double> logSize(0.0, std::log(static_cast<double>(exchange.maxMessage)));
+  std::uniform_real_distribution<double> logSize(
+      0.0, std::log(static_cast<double>(exchange.maxMessage)));
   std::uniform_int_distribution<int> byte(0, 255);
   std::uniform_real_distribution<double> pause(0.0, 0.2);
 
@@ -230,8 +236,8 @@ ExchangeResult runExchange(const HarnessOptions& options, const ExchangeSpec& ex
     const auto got = joined(receiver.delivered());
     r.bytesSent[from] = sent[from].size();
     r.exact[from] = got == sent[from];
-    r.prefix[from] = got.size() <= sent[from].size() &&
-                     std::equal(got.begin(), got.end(), sent[from].begin());
+    r.prefix[from] =
+        got.size() <= sent[from].size() && std::equal(got.begin(), got.end(), sent[from].begin());
     r.counters[from] = h.endpoint(static_cast<LinkHarness::Side>(from)).counters();
   }
   return r;

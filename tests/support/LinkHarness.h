@@ -80,8 +80,9 @@ class LinkHarness {
   // Two engine endpoints with SWTransport's constants.
   explicit LinkHarness(HarnessOptions options);
   // Endpoints made by `make` (called once per side with the harness clock).
-  LinkHarness(HarnessOptions options,
-              const std::function<std::unique_ptr<LinkEndpoint>(Side, std::shared_ptr<Clock>)>& make);
+  LinkHarness(
+      HarnessOptions options,
+      const std::function<std::unique_ptr<LinkEndpoint>(Side, std::shared_ptr<Clock>)>& make);
 
   LinkEndpoint& endpoint(Side side) { return *endpoints_[side]; }
   LinkEndpoint& a() { return *endpoints_[A]; }

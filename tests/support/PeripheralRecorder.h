@@ -29,7 +29,8 @@ class PeripheralRecorder : public QLT_PeripheralDidChangeState,
     return f();
   }
 
-  void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& p, int32_t state) override {
+  void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& p,
+                                     int32_t state) override {
     std::function<void(const std::shared_ptr<QLT_Peripheral>&, int32_t)> hook;
     {
       std::lock_guard lock(mutex_);
@@ -39,7 +40,8 @@ class PeripheralRecorder : public QLT_PeripheralDidChangeState,
     cv_.notify_all();
     if (hook) hook(p, state);
   }
-  void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>&, const Data& d) override {
+  void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>&,
+                                         const Data& d) override {
     {
       std::lock_guard lock(mutex_);
       tcp_.push_back(d);
@@ -47,7 +49,8 @@ class PeripheralRecorder : public QLT_PeripheralDidChangeState,
     }
     cv_.notify_all();
   }
-  void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>&, const Data& d) override {
+  void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>&,
+                                         const Data& d) override {
     {
       std::lock_guard lock(mutex_);
       udp_.push_back(d);
@@ -77,12 +80,24 @@ class PeripheralRecorder : public QLT_PeripheralDidChangeState,
     onState_ = std::move(hook);
   }
 
-  std::vector<int32_t> states() const { return locked([&] { return states_; }); }
-  std::vector<int32_t> managerStates() const { return locked([&] { return managerStates_; }); }
-  std::vector<Data> tcp() const { return locked([&] { return tcp_; }); }
-  std::vector<Data> udp() const { return locked([&] { return udp_; }); }
-  std::vector<std::shared_ptr<QLT_Peripheral>> discovered() const { return locked([&] { return discovered_; }); }
-  std::vector<int32_t> discoveredRSSI() const { return locked([&] { return discoveredRSSI_; }); }
+  std::vector<int32_t> states() const {
+    return locked([&] { return states_; });
+  }
+  std::vector<int32_t> managerStates() const {
+    return locked([&] { return managerStates_; });
+  }
+  std::vector<Data> tcp() const {
+    return locked([&] { return tcp_; });
+  }
+  std::vector<Data> udp() const {
+    return locked([&] { return udp_; });
+  }
+  std::vector<std::shared_ptr<QLT_Peripheral>> discovered() const {
+    return locked([&] { return discovered_; });
+  }
+  std::vector<int32_t> discoveredRSSI() const {
+    return locked([&] { return discoveredRSSI_; });
+  }
   std::string tcpJoined() const {
     std::lock_guard lock(mutex_);
     std::string s;
@@ -112,8 +127,10 @@ class PeripheralRecorder : public QLT_PeripheralDidChangeState,
   bool waitForStateCount(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
     return waitUntil([&] { return states_.size() >= n; }, timeout);
   }
-  bool waitForManagerState(int32_t state, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    return waitUntil([&] { return !managerStates_.empty() && managerStates_.back() == state; }, timeout);
+  bool waitForManagerState(int32_t state,
+                           std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    return waitUntil([&] { return !managerStates_.empty() && managerStates_.back() == state; },
+                     timeout);
   }
   bool waitForTcpBytes(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
     return waitUntil([&] { return tcpBytes_ >= n; }, timeout);
@@ -141,26 +158,46 @@ class PeripheralRecorder : public QLT_PeripheralDidChangeState,
 // Whether `states` is a sequence the peripheral state machine can produce, starting from
 // `from`: discovery states (5 6 8 9) only inside a connection that reached 2, and never
 // after 0 or 4 until a new 1. `why` explains the first offending step.
-inline bool isLegalStateSequence(const std::vector<int32_t>& states, int32_t from, std::string* why) {
+inline bool isLegalStateSequence(const std::vector<int32_t>& states, int32_t from,
+                                 std::string* why) {
   bool linked = from == 2 || from == 5 || from == 6 || from == 8 || from == 9;
   int32_t prev = from;
   for (size_t i = 0; i < states.size(); ++i) {
     const int32_t s = states[i];
     bool ok = true;
     switch (s) {
-      case 0: case 1: case 3: case 4: ok = true; break;
-      case 2: ok = prev == 1 || prev == 2 || prev == 8 || prev == 5 || prev == 6 || prev == 9 || prev == 3; break;
-      case 5: ok = linked && prev == 2; break;
+      case 0:
+      case 1:
+      case 3:
+      case 4:
+        ok = true;
+        break;
+      case 2:
+        ok =
+            prev == 1 || prev == 2 || prev == 8 || prev == 5 || prev == 6 || prev == 9 || prev == 3;
+        break;
+      case 5:
+        ok = linked && prev == 2;
+        break;
       // A wrapper made while its device is connected may adopt a discovery that an
       // earlier wrapper of the same device started: its first step may be 6.
-      case 6: ok = linked && (prev == 5 || prev == 6 || (i == 0 && from == 2)); break;
-      case 8: ok = linked && (prev == 6 || prev == 8 || prev == 2); break;
-      case 9: ok = linked && prev == 5; break;
-      default: ok = false;
+      case 6:
+        ok = linked && (prev == 5 || prev == 6 || (i == 0 && from == 2));
+        break;
+      case 8:
+        ok = linked && (prev == 6 || prev == 8 || prev == 2);
+        break;
+      case 9:
+        ok = linked && prev == 5;
+        break;
+      default:
+        ok = false;
     }
     if (s == 4 && !(prev == 1 || prev == 3)) ok = false;
     if (!ok) {
-      if (why) *why = "step " + std::to_string(i) + ": " + std::to_string(prev) + " -> " + std::to_string(s);
+      if (why)
+        *why =
+            "step " + std::to_string(i) + ": " + std::to_string(prev) + " -> " + std::to_string(s);
       return false;
     }
     if (s == 2) linked = true;

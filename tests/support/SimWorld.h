@@ -75,9 +75,8 @@ struct SimWorld {
     const size_t before = app->discovered().size();
     manager->startDiscover([name](const std::shared_ptr<platform::Peripheral>&,
                                   const std::optional<std::string>& localName,
-                                  const platform::AdvertisementData&, int) {
-      return localName == name;
-    });
+                                  const platform::AdvertisementData&,
+                                  int) { return localName == name; });
     EXPECT_TRUE(app->waitForDiscoveries(before + 1));
     manager->stopDiscover();
     auto found = app->discovered().back();

@@ -18,16 +18,17 @@ namespace {
   std::fprintf(stderr, "slide-window invariant broken: %s\n", what);
   std::abort();
 }
-#define QLT_FUZZ_CHECK(cond) \
-  do {                       \
+#define QLT_FUZZ_CHECK(cond)    \
+  do {                          \
     if (!(cond)) broken(#cond); \
   } while (0)
 
 // One engine, a model of its receiving side, and the checks.
 class Rig final : private SlideWindowEngine::Face {
  public:
-  Rig() : clock_(std::make_shared<ManualClock>()),
-          engine_(*this, {SWTransport::kSegmentSize, SWTransport::kPollTimeout}, clock_) {
+  Rig()
+      : clock_(std::make_shared<ManualClock>()),
+        engine_(*this, {SWTransport::kSegmentSize, SWTransport::kPollTimeout}, clock_) {
     std::vector<uint8_t> msg(600);
     for (size_t i = 0; i < msg.size(); ++i) msg[i] = static_cast<uint8_t>(i);
     send(msg.data(), msg.size());
@@ -163,9 +164,11 @@ int runStructured(const uint8_t* data, size_t size) {
                                  : static_cast<uint8_t>(in.next() & 0xF0);
         std::copy(payload, payload + got, frame + 1);
         for (size_t i = got; i < n; ++i) frame[1 + i] = static_cast<uint8_t>(i);
-        if (frame[0] >> 4 == rig.modelR()) running = (rig.modelR() + 1) & 3;
-        else if ((op & 7) == 0) running = (running + 1) & 3;  // one the receiver missed
-        if (arg & 1) running = rig.modelR();                  // the peer goes back
+        if (frame[0] >> 4 == rig.modelR())
+          running = (rig.modelR() + 1) & 3;
+        else if ((op & 7) == 0)
+          running = (running + 1) & 3;        // one the receiver missed
+        if (arg & 1) running = rig.modelR();  // the peer goes back
         rig.receive(frame, 1 + n);
         break;
       }
@@ -179,7 +182,8 @@ int runStructured(const uint8_t* data, size_t size) {
       }
       case 4: {  // a poll: around our receive sequence, or fuzzed; sometimes cut short
         frame[0] = static_cast<uint8_t>(0x01 | (in.next() & 0xF0));
-        frame[1] = (arg & 1) ? in.next() : static_cast<uint8_t>((rig.modelR() + 4 - (arg >> 1 & 3)) & 3);
+        frame[1] =
+            (arg & 1) ? in.next() : static_cast<uint8_t>((rig.modelR() + 4 - (arg >> 1 & 3)) & 3);
         frame[2] = (arg & 1) ? in.next() : static_cast<uint8_t>((frame[1] + (arg >> 3 & 3)) & 3);
         rig.receive(frame, (arg & 0x10) ? (arg & 3) : 3);
         break;

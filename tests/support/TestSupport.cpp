@@ -29,9 +29,8 @@ size_t LogCapture::count(const std::string& line) const {
 
 bool LogCapture::waitFor(const std::string& line, std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
-  return cv_.wait_for(lock, timeout, [&] {
-    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
-  });
+  return cv_.wait_for(
+      lock, timeout, [&] { return std::find(lines_.begin(), lines_.end(), line) != lines_.end(); });
 }
 
 void LogCapture::clear() {

@@ -21,7 +21,8 @@ class LogCapture {
   size_t count(const std::string& line) const;
   bool contains(const std::string& line) const { return count(line) > 0; }
   // Waits until `line` has been logged (true) or `timeout` has passed (false).
-  bool waitFor(const std::string& line, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  bool waitFor(const std::string& line,
+               std::chrono::milliseconds timeout = std::chrono::seconds(5));
   void clear();
 
  private:

@@ -20,10 +20,12 @@ class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDel
     Data data;
     std::chrono::steady_clock::time_point at;
   };
-  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& data) override {
+  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&,
+                                  const Data& data) override {
     add(data);
   }
-  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&, const Data& data) override {
+  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&,
+                                    const Data& data) override {
     add(data);
   }
   // Every frame so far, and forgets them.
@@ -58,10 +60,18 @@ class PayloadInbox : public TransportDelegate, public BLESlideWindowDelegate {
   PayloadInbox() : queue_(DispatchQueue::create("PayloadInbox")) {}
   const std::shared_ptr<DispatchQueue>& queue() const { return queue_; }
 
-  void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& d) override { addTcp(d); }
-  void transport_udpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& d) override { addUdp(d); }
-  void slideWindow_tcpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override { addTcp(d); }
-  void slideWindow_udpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override { addUdp(d); }
+  void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& d) override {
+    addTcp(d);
+  }
+  void transport_udpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& d) override {
+    addUdp(d);
+  }
+  void slideWindow_tcpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
+    addTcp(d);
+  }
+  void slideWindow_udpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
+    addUdp(d);
+  }
 
   // The payloads so far, after every delivery queued before this call has run.
   std::vector<Data> tcp() {

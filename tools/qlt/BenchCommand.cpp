@@ -43,8 +43,9 @@ int runBench(const BenchOptions& o) {
 
   // The simulated radio's echo devices: QLT-Echo runs a sliding window of its own and
   // echoes each payload; QLT-Chunk sends every written value back as it came.
-  const std::string target =
-      !o.device.empty() ? o.device : transport == TransportKind::NUS ? "QLT-Chunk" : "QLT-Echo";
+  const std::string target = !o.device.empty()                 ? o.device
+                             : transport == TransportKind::NUS ? "QLT-Chunk"
+                                                               : "QLT-Echo";
 
   EchoSink sink;
   ConnectionEvents events;
@@ -57,14 +58,17 @@ int runBench(const BenchOptions& o) {
   const EchoRun run = echoTransfer(connection, sink, payload, o.timeoutS, !o.json, "bench");
   const TransferCounters after = connection.counters();
   std::vector<double> latencies;
-  if (run.verified && o.pings > 0) latencies = echoLatencies(connection, sink, o.pings, 16, o.timeoutS);
+  if (run.verified && o.pings > 0)
+    latencies = echoLatencies(connection, sink, o.pings, 16, o.timeoutS);
   connection.close(5.0);
 
   const double goodput = run.seconds > 0 && run.verified ? run.bytes / run.seconds : 0;
   // What the transport's design allows on this link (see the help text and docs/qlt.md).
   const LinkTiming timing = session.linkTiming();
   const bool sw = transport == TransportKind::SlidingWindow;
-  const double bound = o.common.platform != "sim" ? 0 : sw ? windowBoundBps({}, timing) : chunkerBoundBps(timing);
+  const double bound = o.common.platform != "sim" ? 0
+                       : sw                       ? windowBoundBps({}, timing)
+                                                  : chunkerBoundBps(timing);
   const double intervalMs = timing.oneWayS * 1000;
   const TransferCounters c{after.retransmissions - before.retransmissions,
                            after.pollsSent - before.pollsSent,
@@ -94,25 +98,28 @@ int runBench(const BenchOptions& o) {
     if (!run.verified) j["problem"] = run.problem;
     printLine(j.dump());
   } else {
-    printLine("bench: " + std::to_string(run.bytes) + " bytes echoed by '" + connection.deviceName() +
-              "' over " + transportName(transport));
-    printLine("  verified         " + std::string(run.verified ? "yes, byte for byte" : "NO: " + run.problem));
+    printLine("bench: " + std::to_string(run.bytes) + " bytes echoed by '" +
+              connection.deviceName() + "' over " + transportName(transport));
+    printLine("  verified         " +
+              std::string(run.verified ? "yes, byte for byte" : "NO: " + run.problem));
     printLine("  time             " + formatSeconds(run.seconds));
     printLine("  goodput          " + formatRate(goodput) + " (measured)");
     if (bound > 0 && sw)
       printLine("  bound            " + formatRate(bound) + " (3 × 120 B per round trip of " +
                 formatSeconds(windowRoundTripS({}, timing)) + ")");
-    if (bound > 0 && !sw) printLine("  bound            " + formatRate(bound) + " (one 20 B chunk per worker round)");
-    printLine("  echo latency     p50 " + formatSeconds(percentile(latencies, 50) / 1000) + ", p99 " +
-              formatSeconds(percentile(latencies, 99) / 1000) + " (" + std::to_string(latencies.size()) +
-              " round trips of 16 B)");
+    if (bound > 0 && !sw)
+      printLine("  bound            " + formatRate(bound) + " (one 20 B chunk per worker round)");
+    printLine("  echo latency     p50 " + formatSeconds(percentile(latencies, 50) / 1000) +
+              ", p99 " + formatSeconds(percentile(latencies, 99) / 1000) + " (" +
+              std::to_string(latencies.size()) + " round trips of 16 B)");
     printLine("  retransmissions  " + std::to_string(c.retransmissions));
     printLine("  polls            " + std::to_string(c.pollsSent) + " sent");
     printLine("  rejections       " + std::to_string(c.rejectionsSent) + " sent, " +
               std::to_string(c.rejectionsReceived) + " received");
     char loss[32];
     std::snprintf(loss, sizeof loss, "%g%%", session.airLoss() * 100);
-    printLine("  link             loss " + std::string(loss) + ", interval " + formatSeconds(timing.oneWayS));
+    printLine("  link             loss " + std::string(loss) + ", interval " +
+              formatSeconds(timing.oneWayS));
   }
   return run.verified ? kExitOk : kExitFailure;
 }
@@ -125,9 +132,10 @@ CommandAction addBenchCommand(CLI::App& app) {
       "bench",
       "Measure goodput (bytes echoed back complete and in order / time), echo latency p50/p99 "
       "and the transport counters, beside the bound that the sliding window allows on the link");
-  cmd->add_option("--device", o->device,
-                  "A device that echoes what it receives (default on the simulated radio: QLT-Echo, "
-                  "or QLT-Chunk with --transport nus)");
+  cmd->add_option(
+      "--device", o->device,
+      "A device that echoes what it receives (default on the simulated radio: QLT-Echo, "
+      "or QLT-Chunk with --transport nus)");
   cmd->add_option("--bytes", o->bytes, "Payload size")
       ->check(CLI::Range(uint64_t{1}, uint64_t{64} << 20))
       ->capture_default_str();
@@ -144,10 +152,11 @@ CommandAction addBenchCommand(CLI::App& app) {
   cmd->add_option("--timeout", o->timeoutS, "Seconds to connect; also how long the echo may stall")
       ->check(CLI::Range(0.1, 600.0))
       ->capture_default_str();
-  cmd->add_flag("--json", o->json,
-                "Print one JSON object: transport, bytes, seconds, goodput_Bps, bound_Bps, verified, "
-                "latency_p50_ms, latency_p99_ms, retransmissions, polls_sent, rejections_sent, "
-                "rejections_received, loss, interval_ms (and a few more)");
+  cmd->add_flag(
+      "--json", o->json,
+      "Print one JSON object: transport, bytes, seconds, goodput_Bps, bound_Bps, verified, "
+      "latency_p50_ms, latency_p99_ms, retransmissions, polls_sent, rejections_sent, "
+      "rejections_received, loss, interval_ms (and a few more)");
   addCommonOptions(*cmd, o->common, /*movesData=*/true);
   cmd->footer(
       "The bound (bound_Bps). The sender may have 3 segments of 120 bytes in flight; the\n"

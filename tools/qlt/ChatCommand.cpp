@@ -100,7 +100,8 @@ int runChat(const ChatOptions& o) {
       acknowledgeInterrupt();
       break;
     }
-    if (connection.dropped()) throw Failure("the connection to '" + connection.deviceName() + "' was lost");
+    if (connection.dropped())
+      throw Failure("the connection to '" + connection.deviceName() + "' was lost");
     const auto r = reader.next(line, 100);
     if (r == LineReader::Result::End) {
       endOfInput = true;
@@ -112,7 +113,8 @@ int runChat(const ChatOptions& o) {
     const Data data = Data::fromString(line);
     if (o.udp) {
       if (line.size() > 119) {
-        printLine("(a datagram carries at most 119 bytes; this line has " + std::to_string(line.size()) + ")");
+        printLine("(a datagram carries at most 119 bytes; this line has " +
+                  std::to_string(line.size()) + ")");
         continue;
       }
       connection.sendUDP(data);
@@ -125,7 +127,8 @@ int runChat(const ChatOptions& o) {
     // answer arrive, before disconnecting, so that `echo hi | qlt chat DEVICE` shows the echo.
     Waiter pause;
     const auto sent = [&] { return connection.counters().bytesQueued == 0; };
-    for (int i = 0; i < 100 && !sent() && !connection.dropped(); ++i) pause.waitUntil([] { return false; }, 0.05);
+    for (int i = 0; i < 100 && !sent() && !connection.dropped(); ++i)
+      pause.waitUntil([] { return false; }, 0.05);
     uint64_t seen = received->load();
     for (int quiet = 0; quiet < 4 && !connection.dropped();) {  // 200 ms without a payload
       pause.waitUntil([] { return false; }, 0.05);
@@ -151,7 +154,8 @@ CommandAction addChatCommand(CLI::App& app) {
                   "sw: the sliding window (acknowledged, ordered); nus: plain 20-byte chunks")
       ->check(CLI::IsMember({"sw", "nus"}))
       ->capture_default_str();
-  cmd->add_flag("--udp", o->udp, "Send each line as a datagram (unacknowledged, at most 119 bytes)");
+  cmd->add_flag("--udp", o->udp,
+                "Send each line as a datagram (unacknowledged, at most 119 bytes)");
   cmd->add_option("--timeout", o->timeoutS, "Seconds to find and connect to the device")
       ->check(CLI::Range(0.1, 600.0))
       ->capture_default_str();

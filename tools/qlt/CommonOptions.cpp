@@ -6,11 +6,13 @@ namespace qlt::cli {
 
 void addCommonOptions(CLI::App& command, CommonOptions& o, bool movesData) {
   command.option_defaults()->always_capture_default();
-  command.add_option("--platform", o.platform, "Bluetooth backend: sim (the simulated radio) or bluez")
+  command
+      .add_option("--platform", o.platform, "Bluetooth backend: sim (the simulated radio) or bluez")
       ->check(CLI::IsMember({"sim", "bluez"}))
       ->group("Common options");
-  command.add_option("--sim-config", o.simConfig,
-                     "JSON file describing the simulated devices and air faults (see docs/qlt.md)")
+  command
+      .add_option("--sim-config", o.simConfig,
+                  "JSON file describing the simulated devices and air faults (see docs/qlt.md)")
       ->check(CLI::ExistingFile)
       ->group("Common options");
   command.add_flag("--verbose,-v", o.verbose, "Show the library's own log lines on stderr")

@@ -14,7 +14,7 @@ namespace {
 
 struct DemoOptions {
   CommonOptions common;
-  double loss = -1;  // < 0: the simulated radio's own (none unless --sim-config says)
+  double loss = -1;        // < 0: the simulated radio's own (none unless --sim-config says)
   double intervalMs = -1;  // < 0: the simulated device's own interval
   uint64_t bytes = 64 * 1024;
   std::string message = "Hello from qlt";
@@ -23,8 +23,9 @@ struct DemoOptions {
 
 void printSummary(const EchoRun& run, const TransferCounters& c) {
   printLine("summary");
-  printLine("  bytes            " + std::to_string(run.bytes) + " sent, " + std::to_string(run.echoed) +
-            " echoed back, " + (run.verified ? "identical" : "NOT identical"));
+  printLine("  bytes            " + std::to_string(run.bytes) + " sent, " +
+            std::to_string(run.echoed) + " echoed back, " +
+            (run.verified ? "identical" : "NOT identical"));
   printLine("  time             " + formatSeconds(run.seconds));
   printLine("  goodput          " + formatRate(run.seconds > 0 ? run.bytes / run.seconds : 0) +
             " (measured: bytes echoed back / time)");
@@ -36,8 +37,9 @@ void printSummary(const EchoRun& run, const TransferCounters& c) {
 
 int runDemo(const DemoOptions& o) {
   if (o.common.platform != "sim")
-    throw UsageError("the demo runs on the simulated radio only; against hardware use "
-                     "'qlt bench --platform bluez --device DEVICE'");
+    throw UsageError(
+        "the demo runs on the simulated radio only; against hardware use "
+        "'qlt bench --platform bluez --device DEVICE'");
   SimLinkSettings link;
   link.startPoweredOff = true;  // so that the demo shows the manager powering on
   if (o.loss >= 0) link.loss = o.loss;
@@ -54,13 +56,15 @@ int runDemo(const DemoOptions& o) {
   const auto devices = session.scan("", /*nusOnly=*/true, o.scanS, nullptr);
   std::vector<std::vector<std::string>> rows;
   for (const auto& d : devices)
-    rows.push_back({d.identifier, d.name.empty() ? "(no name)" : d.name, std::to_string(d.rssi), d.nus ? "yes" : "no"});
+    rows.push_back({d.identifier, d.name.empty() ? "(no name)" : d.name, std::to_string(d.rssi),
+                    d.nus ? "yes" : "no"});
   for (const auto& line : table.render(rows)) printLine("  " + line);
 
   const DeviceInfo* echo = nullptr;
   for (const auto& d : devices)
     if (d.name.find("Echo") != std::string::npos) echo = &d;
-  if (!echo) throw Failure("no echo device found among " + std::to_string(devices.size()) + " devices");
+  if (!echo)
+    throw Failure("no echo device found among " + std::to_string(devices.size()) + " devices");
 
   printLine("connecting to '" + echo->name + "' (sliding-window transport)");
   EchoSink sink;
@@ -99,7 +103,8 @@ CommandAction addDemoCommand(CLI::App& app) {
       "The library's main job on the simulated radio: power on, scan with a filter, connect to "
       "the echo device, send a short message and a 64 kB payload through the sliding window, "
       "verify the echo byte for byte, show the summary, disconnect");
-  cmd->add_option("--loss", o->loss, "Fraction of frames lost on the air (0..1), to watch the recovery")
+  cmd->add_option("--loss", o->loss,
+                  "Fraction of frames lost on the air (0..1), to watch the recovery")
       ->check(CLI::Range(0.0, 0.9));
   cmd->add_option("--interval-ms", o->intervalMs,
                   "Connection interval of the simulated link in ms (the one-way delay of a frame)")

@@ -8,7 +8,8 @@
 namespace qlt::cli {
 
 void EchoSink::onData(const Data& payload, bool /*datagram*/) {
-  waiter_.update([&] { bytes_.insert(bytes_.end(), payload.bytes(), payload.bytes() + payload.size()); });
+  waiter_.update(
+      [&] { bytes_.insert(bytes_.end(), payload.bytes(), payload.bytes() + payload.size()); });
 }
 
 uint64_t EchoSink::received() {
@@ -33,8 +34,8 @@ bool EchoSink::waitFor(uint64_t bytes, double stallS, ProgressBar* bar) {
       seen = now;
       lastProgress = std::chrono::steady_clock::now();
       if (bar) bar->update(seen);
-    } else if (std::chrono::duration<double>(std::chrono::steady_clock::now() - lastProgress).count() >
-               stallS) {
+    } else if (std::chrono::duration<double>(std::chrono::steady_clock::now() - lastProgress)
+                   .count() > stallS) {
       return false;
     }
   }
@@ -46,7 +47,8 @@ bool EchoSink::matches(const std::vector<uint8_t>& sent, std::string& why) {
   waiter_.read([&] {
     const auto mismatch = std::mismatch(sent.begin(), sent.end(), bytes_.begin(), bytes_.end());
     if (bytes_.size() != sent.size()) {
-      why = std::to_string(bytes_.size()) + " bytes came back for " + std::to_string(sent.size()) + " sent";
+      why = std::to_string(bytes_.size()) + " bytes came back for " + std::to_string(sent.size()) +
+            " sent";
     } else if (mismatch.first != sent.end()) {
       why = "the echo differs from what was sent at byte " +
             std::to_string(mismatch.first - sent.begin());
@@ -101,7 +103,9 @@ std::vector<double> echoLatencies(Connection& connection, EchoSink& sink, int co
       throw Failure("no echo of a " + std::to_string(messageBytes) + "-byte message within " +
                     cli::seconds(stallS));
     }
-    out.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+    out.push_back(
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+            .count());
     std::string why;
     if (!sink.matches(message, why)) throw Failure("latency probe: " + why);
   }

@@ -41,11 +41,11 @@ class EchoSink {
 std::vector<uint8_t> makePattern(size_t length, uint32_t seed = 1);
 
 struct EchoRun {
-  uint64_t bytes = 0;      // sent
-  uint64_t echoed = 0;     // came back
-  double seconds = 0;      // from the first write to the last echoed byte
+  uint64_t bytes = 0;   // sent
+  uint64_t echoed = 0;  // came back
+  double seconds = 0;   // from the first write to the last echoed byte
   bool verified = false;
-  std::string problem;     // when not verified
+  std::string problem;  // when not verified
 };
 
 // Writes `payload` as one message and waits for its echo (see EchoSink::waitFor).

@@ -74,9 +74,10 @@ int runClear(const KnownOptions& o) {
 CommandAction addKnownCommand(CLI::App& app) {
   auto o = std::make_shared<KnownOptions>();
   auto* cmd = app.add_subcommand(
-      "known", "The known-device store: identifiers remembered across runs, for reconnecting "
-               "without a scan (the store is the file $QLT_STORE_PATH, else "
-               "~/.config/QueltLibrary/known-peripherals.json)");
+      "known",
+      "The known-device store: identifiers remembered across runs, for reconnecting "
+      "without a scan (the store is the file $QLT_STORE_PATH, else "
+      "~/.config/QueltLibrary/known-peripherals.json)");
   cmd->require_subcommand(1, 1);
   cmd->footer(
       "Examples:\n"
@@ -86,7 +87,8 @@ CommandAction addKnownCommand(CLI::App& app) {
       "  qlt known clear");
 
   auto which = std::make_shared<int>(0);
-  auto* list = cmd->add_subcommand("list", "Print the known identifiers, one per line, oldest first");
+  auto* list =
+      cmd->add_subcommand("list", "Print the known identifiers, one per line, oldest first");
   addCommonOptions(*list, o->common, false);
   list->callback([which] { *which = 1; });
 
@@ -107,10 +109,14 @@ CommandAction addKnownCommand(CLI::App& app) {
 
   return [o, which] {
     switch (*which) {
-      case 1: return runList(*o);
-      case 2: return runAdd(*o);
-      case 3: return runRemove(*o);
-      case 4: return runClear(*o);
+      case 1:
+        return runList(*o);
+      case 2:
+        return runAdd(*o);
+      case 3:
+        return runRemove(*o);
+      case 4:
+        return runClear(*o);
     }
     return static_cast<int>(kExitUsage);
   };

@@ -27,7 +27,8 @@ nlohmann::json toJson(const DeviceInfo& d) {
 }
 
 std::vector<std::string> toRow(const DeviceInfo& d) {
-  return {d.identifier, d.name.empty() ? "(no name)" : d.name, std::to_string(d.rssi), d.nus ? "yes" : "no"};
+  return {d.identifier, d.name.empty() ? "(no name)" : d.name, std::to_string(d.rssi),
+          d.nus ? "yes" : "no"};
 }
 
 int runScan(const ScanOptions& o) {
@@ -39,20 +40,21 @@ int runScan(const ScanOptions& o) {
   std::map<std::string, DeviceInfo> latest;  // only touched on the tool's queue, then here
 
   if (live) table.show({});
-  const auto devices = session.scan(o.name, o.nusOnly, o.timeoutS, [&](const DeviceInfo& d, bool first) {
-    if (first) order.push_back(d.identifier);
-    latest[d.identifier] = d;
-    if (o.json) {
-      if (first) printLine(toJson(d).dump());
-    } else if (live) {
-      std::vector<std::vector<std::string>> rows;
-      for (const auto& id : order) rows.push_back(toRow(latest[id]));
-      table.show(rows);
-    } else if (first) {
-      printLine(d.identifier + "  " + (d.name.empty() ? "(no name)" : d.name) + "  RSSI " +
-                std::to_string(d.rssi) + "  NUS " + (d.nus ? "yes" : "no"));
-    }
-  });
+  const auto devices =
+      session.scan(o.name, o.nusOnly, o.timeoutS, [&](const DeviceInfo& d, bool first) {
+        if (first) order.push_back(d.identifier);
+        latest[d.identifier] = d;
+        if (o.json) {
+          if (first) printLine(toJson(d).dump());
+        } else if (live) {
+          std::vector<std::vector<std::string>> rows;
+          for (const auto& id : order) rows.push_back(toRow(latest[id]));
+          table.show(rows);
+        } else if (first) {
+          printLine(d.identifier + "  " + (d.name.empty() ? "(no name)" : d.name) + "  RSSI " +
+                    std::to_string(d.rssi) + "  NUS " + (d.nus ? "yes" : "no"));
+        }
+      });
   if (!o.json && !live && devices.empty()) printLine("no devices found");
   if (live) printLine(std::to_string(devices.size()) + " device(s) in " + seconds(o.timeoutS));
   return kExitOk;
@@ -63,9 +65,11 @@ int runScan(const ScanOptions& o) {
 CommandAction addScanCommand(CLI::App& app) {
   auto o = std::make_shared<ScanOptions>();
   auto* cmd = app.add_subcommand(
-      "scan", "Scan for devices: a live table of identifier, name, RSSI and whether the UART "
-              "service (NUS) is advertised; or one JSON object per device with --json");
-  cmd->add_option("--name", o->name, "Keep only devices whose name contains TEXT (any case)")->type_name("TEXT");
+      "scan",
+      "Scan for devices: a live table of identifier, name, RSSI and whether the UART "
+      "service (NUS) is advertised; or one JSON object per device with --json");
+  cmd->add_option("--name", o->name, "Keep only devices whose name contains TEXT (any case)")
+      ->type_name("TEXT");
   cmd->add_option("--timeout", o->timeoutS, "How long to scan, in seconds")
       ->check(CLI::Range(0.1, 3600.0))
       ->capture_default_str();

@@ -50,7 +50,7 @@ struct Session::Impl : QLT_BLEManagerDidChangedState, QLT_BLEManagerDidDiscovere
   // Every peripheral seen while scanning, by identifier (guarded by waiter); holding them
   // keeps the library's wrappers alive (the manager keeps no list).
   std::map<std::string, std::shared_ptr<QLT_Peripheral>> seen;
-  std::vector<std::string> order;  // guarded by waiter
+  std::vector<std::string> order;                         // guarded by waiter
   std::function<void(const DeviceInfo&, bool)> onDevice;  // set while scanning
 
   void manager_didChangedState(const std::shared_ptr<QLT_BLEManager>&, int32_t state) override {
@@ -78,7 +78,10 @@ struct Session::Impl : QLT_BLEManagerDidChangedState, QLT_BLEManagerDidDiscovere
 };
 
 Session::Session(const CommonOptions& options, const SimLinkSettings& link)
-    : options_(options), link_(link), queue_(DispatchQueue::create("qlt")), impl_(std::make_shared<Impl>()) {
+    : options_(options),
+      link_(link),
+      queue_(DispatchQueue::create("qlt")),
+      impl_(std::make_shared<Impl>()) {
   routeLibraryLog(options.verbose, options.logFile);
 
   if (options.platform == "sim") {
@@ -86,7 +89,8 @@ Session::Session(const CommonOptions& options, const SimLinkSettings& link)
     if (!options.simConfig.empty()) {
       std::string error;
       if (!radio->loadConfig(options.simConfig, &error))
-        throw UsageError("cannot use the simulated-radio config '" + options.simConfig + "': " + error);
+        throw UsageError("cannot use the simulated-radio config '" + options.simConfig +
+                         "': " + error);
     }
     if (link.startPoweredOff) radio->setPowered(false);
     if (link.loss || link.intervalMs) {
@@ -110,13 +114,14 @@ Session::Session(const CommonOptions& options, const SimLinkSettings& link)
       }
     }
   } else if (link.loss || link.intervalMs) {
-    throw UsageError("--loss and --interval-ms shape the simulated radio; they need --platform sim");
+    throw UsageError(
+        "--loss and --interval-ms shape the simulated radio; they need --platform sim");
   }
   if (!platform::setBackendByName(options.platform)) {
     std::string names;
     for (const auto& n : platform::availableBackends()) names += (names.empty() ? "" : ", ") + n;
-    throw UsageError("the '" + options.platform + "' platform is not available in this build (available: " +
-                     names + ")");
+    throw UsageError("the '" + options.platform +
+                     "' platform is not available in this build (available: " + names + ")");
   }
   auto manager = QLT_BLEManager::sharedInstance();
   manager->addDelegate(impl_, queue_);
@@ -146,7 +151,9 @@ void Session::powerOn(double timeoutS, bool show) {
   // Idle (1) is where discovery starts; scanning (2) left over from an earlier run is fine too.
   const bool on = impl_->waiter.waitUntil(
       [&] {
-        auto up = [](int32_t s) { return s == QLT_BLEManagerStateIdle || s == QLT_BLEManagerStateScanning; };
+        auto up = [](int32_t s) {
+          return s == QLT_BLEManagerStateIdle || s == QLT_BLEManagerStateScanning;
+        };
         // The announcement, when states are shown (so that every one is printed); else the
         // stored state will do.
         return up(impl_->managerState) || (!show && up(manager->state()));
@@ -163,8 +170,9 @@ void Session::powerOn(double timeoutS, bool show) {
   }
 }
 
-std::vector<DeviceInfo> Session::scan(const std::string& nameContains, bool nusOnly, double durationS,
-                                      const std::function<void(const DeviceInfo&, bool)>& onDevice) {
+std::vector<DeviceInfo> Session::scan(
+    const std::string& nameContains, bool nusOnly, double durationS,
+    const std::function<void(const DeviceInfo&, bool)>& onDevice) {
   auto manager = QLT_BLEManager::sharedInstance();
   const std::string needle = lower(nameContains);
   impl_->waiter.update([&] {
@@ -177,7 +185,8 @@ std::vector<DeviceInfo> Session::scan(const std::string& nameContains, bool nusO
                                            const std::optional<std::string>& localName,
                                            const platform::AdvertisementData& ad, int) {
     if (nusOnly && !advertisesNUS(ad)) return false;
-    if (!needle.empty() && lower(localName.value_or("")).find(needle) == std::string::npos) return false;
+    if (!needle.empty() && lower(localName.value_or("")).find(needle) == std::string::npos)
+      return false;
     return true;
   });
   impl_->waiter.waitUntil([] { return false; }, durationS);
@@ -226,7 +235,8 @@ std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double 
       timeoutS);
   manager->stopDiscover();
   if (!found) {
-    if (uuid) throw Failure("no device with identifier " + wanted + " found within " + seconds(timeoutS));
+    if (uuid)
+      throw Failure("no device with identifier " + wanted + " found within " + seconds(timeoutS));
     throw Failure("no device named '" + device + "' found within " + seconds(timeoutS));
   }
   return found;
@@ -261,9 +271,9 @@ struct Connection::Delegate : QLT_PeripheralDidChangeState,
                               QLT_PeripheralDidReceivedTCPData,
                               QLT_PeripheralDidReceivedUDPData {
   Waiter waiter;
-  int32_t state = -1;          // guarded by waiter
-  bool opened = false;         // guarded by waiter: ready was reached
-  bool dropped = false;        // guarded by waiter: the link went down after ready
+  int32_t state = -1;    // guarded by waiter
+  bool opened = false;   // guarded by waiter: ready was reached
+  bool dropped = false;  // guarded by waiter: the link went down after ready
   ConnectionEvents events;
 
   void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>&, int32_t s) override {
@@ -272,21 +282,26 @@ struct Connection::Delegate : QLT_PeripheralDidChangeState,
     waiter.update([&] {
       state = s;
       if (s == QLT_PeripheralStateReady) opened = true;
-      if (opened && (s == QLT_PeripheralStateDisconnected || s == QLT_PeripheralStateFailedToConnect))
+      if (opened &&
+          (s == QLT_PeripheralStateDisconnected || s == QLT_PeripheralStateFailedToConnect))
         dropped = true;
     });
   }
-  void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>&, const Data& d) override {
+  void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>&,
+                                         const Data& d) override {
     if (events.onData) events.onData(d, false);
   }
-  void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>&, const Data& d) override {
+  void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>&,
+                                         const Data& d) override {
     if (events.onData) events.onData(d, true);
   }
 };
 
-Connection::Connection(Session& session, std::shared_ptr<QLT_Peripheral> peripheral, TransportKind transport,
-                       ConnectionEvents events)
-    : session_(session), peripheral_(std::move(peripheral)), transport_(transport),
+Connection::Connection(Session& session, std::shared_ptr<QLT_Peripheral> peripheral,
+                       TransportKind transport, ConnectionEvents events)
+    : session_(session),
+      peripheral_(std::move(peripheral)),
+      transport_(transport),
       delegate_(std::make_shared<Delegate>()) {
   delegate_->events = std::move(events);
   peripheral_->setTransportType(transport == TransportKind::NUS ? 0 : 1);
@@ -296,7 +311,8 @@ Connection::Connection(Session& session, std::shared_ptr<QLT_Peripheral> periphe
       if (sw) {
         printLine(describeFrame(frame.span(), outgoing));
       } else {
-        printLine(std::string(outgoing ? "→ " : "← ") + "chunk " + std::to_string(frame.size()) + " B");
+        printLine(std::string(outgoing ? "→ " : "← ") + "chunk " + std::to_string(frame.size()) +
+                  " B");
       }
     });
   }
@@ -330,14 +346,16 @@ void Connection::open(double timeoutS) {
   if (!settled) {
     QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
     throw Failure(name + " did not become ready within " + seconds(timeoutS) + " (last state: " +
-                  (last < 0 ? std::string("none") : QLT_Peripheral::convertStateToNSString(last)) + ")");
+                  (last < 0 ? std::string("none") : QLT_Peripheral::convertStateToNSString(last)) +
+                  ")");
   }
   if (last == QLT_PeripheralStateFailedToConnect) throw Failure("could not connect to " + name);
   if (last == QLT_PeripheralStateDfuInProgress) {
     QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
     throw Failure(name + " does not offer the UART service");
   }
-  if (last != QLT_PeripheralStateReady) throw Failure("the link to " + name + " dropped while connecting");
+  if (last != QLT_PeripheralStateReady)
+    throw Failure("the link to " + name + " dropped while connecting");
 }
 
 void Connection::close(double timeoutS) {
@@ -346,7 +364,8 @@ void Connection::close(double timeoutS) {
   const bool closed = delegate_->waiter.waitUntil(
       [&] { return delegate_->state == QLT_PeripheralStateDisconnected; }, timeoutS);
   session_.queue()->sync([] {});  // payloads delivered before the disconnection are handled
-  if (!closed) throw Failure("'" + deviceName() + "' did not disconnect within " + seconds(timeoutS));
+  if (!closed)
+    throw Failure("'" + deviceName() + "' did not disconnect within " + seconds(timeoutS));
 }
 
 bool Connection::ready() const {

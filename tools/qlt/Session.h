@@ -33,7 +33,7 @@ struct DeviceInfo {
   std::string identifier;  // upper-case UUID text
   std::string name;        // advertised name ("" when none)
   int rssi = 0;
-  bool nus = false;        // advertises the Nordic UART Service
+  bool nus = false;  // advertises the Nordic UART Service
 };
 
 // Link settings a command may put on the simulated radio (over --sim-config).

@@ -20,8 +20,8 @@ struct WindowConstants {
 
 // What limits one round trip on a link.
 struct LinkTiming {
-  double oneWayS = 0;   // one-way delay of a frame on the air
-  double pacingS = 0;   // time the write path spends per frame (chunk pacing)
+  double oneWayS = 0;  // one-way delay of a frame on the air
+  double pacingS = 0;  // time the write path spends per frame (chunk pacing)
 };
 
 // The bound on goodput in one direction:

@@ -26,9 +26,7 @@ std::string fixed(double v, int decimals) {
   return buf;
 }
 
-void writeRaw(std::string_view s) {
-  std::fwrite(s.data(), 1, s.size(), stdout);
-}
+void writeRaw(std::string_view s) { std::fwrite(s.data(), 1, s.size(), stdout); }
 
 }  // namespace
 
@@ -127,9 +125,9 @@ void ProgressBar::drawLocked(bool force) {
   const int filled = static_cast<int>(fraction * kWidth);
   const double seconds = std::chrono::duration<double>(now - started_).count();
   std::string text = "\r\033[K  " + label_ + " [" + std::string(filled, '#') +
-                     std::string(kWidth - filled, '.') + "] " +
-                     fixed(fraction * 100, 0) + "%  " + formatBytes(static_cast<double>(done_)) +
-                     " / " + formatBytes(static_cast<double>(total_));
+                     std::string(kWidth - filled, '.') + "] " + fixed(fraction * 100, 0) + "%  " +
+                     formatBytes(static_cast<double>(done_)) + " / " +
+                     formatBytes(static_cast<double>(total_));
   if (seconds > 0.05) text += "  " + formatRate(static_cast<double>(done_) / seconds);
   if (activeBar == this) activeBarText = text;
   writeRaw(text);
@@ -140,7 +138,8 @@ void ProgressBar::drawLocked(bool force) {
 
 LiveTable::LiveTable(std::vector<std::string> headers) : headers_(std::move(headers)) {}
 
-std::vector<std::string> LiveTable::render(const std::vector<std::vector<std::string>>& rows) const {
+std::vector<std::string> LiveTable::render(
+    const std::vector<std::vector<std::string>>& rows) const {
   std::vector<size_t> widths(headers_.size());
   for (size_t c = 0; c < headers_.size(); ++c) widths[c] = headers_[c].size();
   for (const auto& row : rows)

@@ -57,8 +57,8 @@ class ProgressBar {
   const uint64_t total_;
   const std::chrono::steady_clock::time_point started_;
   std::chrono::steady_clock::time_point lastDraw_{};
-  uint64_t done_ = 0;       // guarded by the output lock
-  bool finished_ = false;   // guarded by the output lock
+  uint64_t done_ = 0;      // guarded by the output lock
+  bool finished_ = false;  // guarded by the output lock
   const bool enabled_;
 };
 

@@ -36,17 +36,19 @@ void printCounters(const TransferCounters& c) {
 int runSend(const TransferOptions& o) {
   std::ifstream in(o.file, std::ios::binary);
   if (!in) throw Failure("cannot read '" + o.file + "'");
-  const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in),
+                                   std::istreambuf_iterator<char>()};
   if (bytes.empty()) throw Failure("'" + o.file + "' is empty: nothing to send");
 
   Session session(o.common);
   session.powerOn(5.0);
   ConnectionEvents events;
   events.onState = [](int32_t, const std::string& text) { printLine("  state: " + text); };
-  Connection connection(session, session.find(o.device, o.timeoutS), TransportKind::SlidingWindow, events);
+  Connection connection(session, session.find(o.device, o.timeoutS), TransportKind::SlidingWindow,
+                        events);
   connection.open(o.timeoutS);
-  printLine("sending '" + o.file + "' (" + formatBytes(static_cast<double>(bytes.size())) + ") to '" +
-            connection.deviceName() + "'");
+  printLine("sending '" + o.file + "' (" + formatBytes(static_cast<double>(bytes.size())) +
+            ") to '" + connection.deviceName() + "'");
 
   // Done when the device has acknowledged every byte: acknowledged segments leave the
   // transport's send queue, so what is still queued says how far it got.
@@ -66,13 +68,15 @@ int runSend(const TransferOptions& o) {
       lastProgress = std::chrono::steady_clock::now();
       bar.update(acked);
     }
-    if (connection.dropped()) throw Failure("the connection was lost after " + std::to_string(acked) + " bytes");
+    if (connection.dropped())
+      throw Failure("the connection was lost after " + std::to_string(acked) + " bytes");
     if (std::chrono::steady_clock::now() - lastProgress > std::chrono::duration<double>(o.timeoutS))
       throw Failure("the device acknowledged nothing for " + seconds(o.timeoutS) + " (" +
                     std::to_string(acked) + " of " + std::to_string(bytes.size()) + " bytes)");
   }
   bar.finish();
-  const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double secs =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   printLine("summary");
   printLine("  bytes            " + std::to_string(bytes.size()) + " sent and acknowledged");
   printLine("  time             " + formatSeconds(secs));
@@ -104,7 +108,8 @@ int runReceive(const TransferOptions& o) {
       lastData = std::chrono::steady_clock::now();
     });
   };
-  Connection connection(session, session.find(o.device, o.timeoutS), TransportKind::SlidingWindow, events);
+  Connection connection(session, session.find(o.device, o.timeoutS), TransportKind::SlidingWindow,
+                        events);
   connection.open(o.timeoutS);
   printLine("receiving from '" + connection.deviceName() + "' into '" + o.file + "'" +
             (o.bytes ? " (" + std::to_string(o.bytes) + " bytes)" : "") + "; Ctrl-C to stop");
@@ -127,23 +132,27 @@ int runReceive(const TransferOptions& o) {
     });
     if (bar) bar->update(got);
     if (interrupted || (o.bytes && got >= o.bytes) || connection.dropped()) break;
-    const double silent = std::chrono::duration<double>(std::chrono::steady_clock::now() - last).count();
+    const double silent =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - last).count();
     if (got > 0 && !o.bytes && silent > o.idleS) break;
     if (silent > std::max(o.timeoutS, o.idleS) && (got == 0 || o.bytes))
-      throw Failure("nothing received for " + seconds(silent) + " (" + std::to_string(got) + " bytes so far)");
+      throw Failure("nothing received for " + seconds(silent) + " (" + std::to_string(got) +
+                    " bytes so far)");
   }
   if (bar) bar->finish();
   if (!connection.dropped()) connection.close(5.0);
   uint64_t got = 0;
   waiter.read([&] { got = received; });
   out.flush();
-  const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double secs =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   printLine("summary");
   printLine("  bytes            " + std::to_string(got) + " written to '" + o.file + "'");
   printLine("  time             " + formatSeconds(secs));
   printCounters(connection.counters());
   if (o.bytes && got < o.bytes)
-    throw Failure("only " + std::to_string(got) + " of " + std::to_string(o.bytes) + " bytes arrived");
+    throw Failure("only " + std::to_string(got) + " of " + std::to_string(o.bytes) +
+                  " bytes arrived");
   return kExitOk;
 }
 
@@ -152,8 +161,9 @@ int runReceive(const TransferOptions& o) {
 CommandAction addSendCommand(CLI::App& app) {
   auto o = std::make_shared<TransferOptions>();
   auto* cmd = app.add_subcommand(
-      "send", "Send FILE to DEVICE through the sliding window, with a progress bar and a summary; "
-              "done when the device has acknowledged every byte");
+      "send",
+      "Send FILE to DEVICE through the sliding window, with a progress bar and a summary; "
+      "done when the device has acknowledged every byte");
   cmd->add_option("DEVICE", o->device, "Device identifier (UUID) or name")->required();
   cmd->add_option("FILE", o->file, "The file to send")->required()->check(CLI::ExistingFile);
   cmd->add_option("--timeout", o->timeoutS,
@@ -168,9 +178,10 @@ CommandAction addSendCommand(CLI::App& app) {
 CommandAction addReceiveCommand(CLI::App& app) {
   auto o = std::make_shared<TransferOptions>();
   auto* cmd = app.add_subcommand(
-      "receive", "Write what DEVICE sends through the sliding window into FILE, until --bytes "
-                 "have arrived, the device goes silent for --idle seconds, it disconnects, or "
-                 "Ctrl-C");
+      "receive",
+      "Write what DEVICE sends through the sliding window into FILE, until --bytes "
+      "have arrived, the device goes silent for --idle seconds, it disconnects, or "
+      "Ctrl-C");
   cmd->add_option("DEVICE", o->device, "Device identifier (UUID) or name")->required();
   cmd->add_option("FILE", o->file, "The file to write (replaced)")->required();
   cmd->add_option("--bytes", o->bytes, "Stop after this many bytes (and fail if fewer arrive)");

@@ -92,8 +92,8 @@ class CentralDelegate {
   virtual void centralManager_didDiscoverPeripheral_advertisementData_RSSI(
       Central& central, const std::shared_ptr<Peripheral>& peripheral,
       const AdvertisementData& advertisementData, int rssi) = 0;
-  virtual void centralManager_didConnectPeripheral(Central& central,
-                                                   const std::shared_ptr<Peripheral>& peripheral) = 0;
+  virtual void centralManager_didConnectPeripheral(
+      Central& central, const std::shared_ptr<Peripheral>& peripheral) = 0;
   virtual void centralManager_didFailToConnectPeripheral_error(
       Central& central, const std::shared_ptr<Peripheral>& peripheral,
       const std::optional<Error>& error) = 0;
@@ -108,17 +108,20 @@ class PeripheralDelegate {
   virtual void peripheral_didDiscoverServices(const std::shared_ptr<Peripheral>& /*peripheral*/,
                                               const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didDiscoverCharacteristicsForService_error(
-      const std::shared_ptr<Peripheral>& /*peripheral*/, const std::shared_ptr<Service>& /*service*/,
-      const std::optional<Error>& /*error*/) {}
+      const std::shared_ptr<Peripheral>& /*peripheral*/,
+      const std::shared_ptr<Service>& /*service*/, const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didUpdateNotificationStateForCharacteristic_error(
       const std::shared_ptr<Peripheral>& /*peripheral*/,
-      const std::shared_ptr<Characteristic>& /*characteristic*/, const std::optional<Error>& /*error*/) {}
+      const std::shared_ptr<Characteristic>& /*characteristic*/,
+      const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didUpdateValueForCharacteristic_error(
       const std::shared_ptr<Peripheral>& /*peripheral*/,
-      const std::shared_ptr<Characteristic>& /*characteristic*/, const std::optional<Error>& /*error*/) {}
+      const std::shared_ptr<Characteristic>& /*characteristic*/,
+      const std::optional<Error>& /*error*/) {}
   virtual void peripheral_didWriteValueForCharacteristic_error(
       const std::shared_ptr<Peripheral>& /*peripheral*/,
-      const std::shared_ptr<Characteristic>& /*characteristic*/, const std::optional<Error>& /*error*/) {}
+      const std::shared_ptr<Characteristic>& /*characteristic*/,
+      const std::optional<Error>& /*error*/) {}
   virtual void peripheralIsReadyToSendWriteWithoutResponse(
       const std::shared_ptr<Peripheral>& /*peripheral*/) {}
   virtual void peripheral_didUpdateValueForDescriptor_error(

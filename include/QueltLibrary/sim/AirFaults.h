@@ -3,8 +3,8 @@
 // Every random decision of a link (is this write lost? this notification? does this
 // connection attempt fail?) comes from generators seeded with `seed`, the device's
 // identifier and the number of its connection, one per direction, so the same seed and
-// the same traffic give the same pattern of losses. Nothing is added by default: a radio with default faults delivers
-// every packet at once, as fast as the two engines can exchange them.
+// the same traffic give the same pattern of losses. Nothing is added by default: a radio with
+// default faults delivers every packet at once, as fast as the two engines can exchange them.
 //
 // Thread safety: a plain value type.
 #pragma once

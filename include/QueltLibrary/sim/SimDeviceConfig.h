@@ -34,8 +34,8 @@ std::optional<SimBehaviour> behaviourFromName(const std::string& name);
 
 struct SimCharacteristicConfig {
   UUID uuid;
-  uint32_t properties = 0;      // platform::CharacteristicProperty bits
-  std::optional<Data> value;    // what a read returns (empty when absent)
+  uint32_t properties = 0;    // platform::CharacteristicProperty bits
+  std::optional<Data> value;  // what a read returns (empty when absent)
 };
 
 struct SimServiceConfig {
@@ -63,11 +63,11 @@ struct SimDeviceConfig {
   double advertisingInterval = 0.1;      // seconds between advertisements
   // The service UUIDs put in the advertisement; empty optional: those of `services`.
   std::optional<std::vector<UUID>> advertisedServices;
-  double connectDelay = 0.002;           // seconds from connect() to the outcome
-  size_t mtu = 185;                      // ATT MTU; a write carries up to mtu - 3 bytes
+  double connectDelay = 0.002;  // seconds from connect() to the outcome
+  size_t mtu = 185;             // ATT MTU; a write carries up to mtu - 3 bytes
   std::vector<SimServiceConfig> services{SimServiceConfig::nus()};
   SimBehaviour behaviour = SimBehaviour::ChunkEcho;
-  uint64_t sourceBytes = 1 << 20;        // for SimBehaviour::Source
+  uint64_t sourceBytes = 1 << 20;  // for SimBehaviour::Source
   // Faults for this device's links; empty: the radio's.
   std::optional<AirFaults> faults;
 

@@ -29,15 +29,15 @@ namespace qlt::sim {
 
 // What a device has seen and sent, counted since it was added.
 struct SimDeviceStats {
-  uint64_t connections = 0;          // links established
-  uint64_t writesReceived = 0;       // writes that reached the device
-  uint64_t bytesReceived = 0;        // bytes of those writes (NUS tx)
-  uint64_t writesLost = 0;           // writes without response lost on the air
-  uint64_t notificationsSent = 0;    // notifications put on the air
+  uint64_t connections = 0;        // links established
+  uint64_t writesReceived = 0;     // writes that reached the device
+  uint64_t bytesReceived = 0;      // bytes of those writes (NUS tx)
+  uint64_t writesLost = 0;         // writes without response lost on the air
+  uint64_t notificationsSent = 0;  // notifications put on the air
   uint64_t bytesNotified = 0;
-  uint64_t notificationsLost = 0;    // of those, lost on the air
-  uint64_t payloadBytesReceived = 0; // sliding-window payload bytes delivered to the device
-  uint64_t payloadBytesSent = 0;     // sliding-window payload bytes the device queued
+  uint64_t notificationsLost = 0;     // of those, lost on the air
+  uint64_t payloadBytesReceived = 0;  // sliding-window payload bytes delivered to the device
+  uint64_t payloadBytesSent = 0;      // sliding-window payload bytes the device queued
 };
 
 class SimRadio : public std::enable_shared_from_this<SimRadio> {

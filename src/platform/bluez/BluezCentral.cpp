@@ -56,8 +56,7 @@ std::shared_ptr<BluezCentral> BluezCentral::create(
 }
 
 BluezCentral::BluezCentral(const std::shared_ptr<platform::CentralDelegate>& delegate,
-                           const std::shared_ptr<DispatchQueue>& queue,
-                           const BluezOptions& options)
+                           const std::shared_ptr<DispatchQueue>& queue, const BluezOptions& options)
     : delegate_(delegate),
       queue_(queue ? queue : DispatchQueue::create("BluezCentral")),
       options_(options),
@@ -152,8 +151,7 @@ std::vector<std::shared_ptr<platform::Peripheral>> BluezCentral::retrievePeriphe
     }
   }
   for (const auto& id : foreign) {
-    QLTLog("BlueZ: identifier %s does not name a Bluetooth address (not made by this backend)",
-           id);
+    QLTLog("BlueZ: identifier %s does not name a Bluetooth address (not made by this backend)", id);
   }
   for (const auto& address : missing) {
     QLTLog("BlueZ: device %s is not known to bluetoothd; scan for it first", address);
@@ -186,8 +184,8 @@ void BluezCentral::discoverCharacteristics(std::shared_ptr<BluezPeripheral> peri
       QLTLog("BlueZ: characteristic discovery on %s refused: its connection is gone",
              service->path());
       deliverToPeripheral(peripheral, [peripheral, service](platform::PeripheralDelegate& d) {
-        d.peripheral_didDiscoverCharacteristicsForService_error(
-            peripheral, service, backendError("not connected"));
+        d.peripheral_didDiscoverCharacteristicsForService_error(peripheral, service,
+                                                                backendError("not connected"));
       });
       return;
     }
@@ -235,10 +233,11 @@ void BluezCentral::writeValue(std::shared_ptr<BluezPeripheral> peripheral,
       QLTLog("BlueZ: write of %zu bytes to %s dropped: its connection is gone", data.size(),
              characteristic->path());
       if (withResponse) {
-        deliverToPeripheral(peripheral, [peripheral, characteristic](platform::PeripheralDelegate& d) {
-          d.peripheral_didWriteValueForCharacteristic_error(peripheral, characteristic,
-                                                            backendError("not connected"));
-        });
+        deliverToPeripheral(peripheral,
+                            [peripheral, characteristic](platform::PeripheralDelegate& d) {
+                              d.peripheral_didWriteValueForCharacteristic_error(
+                                  peripheral, characteristic, backendError("not connected"));
+                            });
       }
       return;
     }
@@ -258,10 +257,11 @@ void BluezCentral::readValue(std::shared_ptr<BluezPeripheral> peripheral,
     const uint64_t generation = characteristic->generation();
     if (it == devices_.end() || !linkUsable(it->second, generation)) {
       QLTLog("BlueZ: read of %s refused: its connection is gone", characteristic->path());
-      deliverToPeripheral(peripheral, [peripheral, characteristic](platform::PeripheralDelegate& d) {
-        d.peripheral_didUpdateValueForCharacteristic_error(peripheral, characteristic,
-                                                           backendError("not connected"));
-      });
+      deliverToPeripheral(peripheral,
+                          [peripheral, characteristic](platform::PeripheralDelegate& d) {
+                            d.peripheral_didUpdateValueForCharacteristic_error(
+                                peripheral, characteristic, backendError("not connected"));
+                          });
       return;
     }
     const Address address = peripheral->address();
@@ -270,7 +270,7 @@ void BluezCentral::readValue(std::shared_ptr<BluezPeripheral> peripheral,
         [](sdbus::MethodCall& m) { m << std::map<std::string, sdbus::Variant>{}; },
         options_.callTimeout,
         [this, address, generation, peripheral, characteristic](sdbus::MethodReply* reply,
-                                                                 const Error* error) {
+                                                                const Error* error) {
           auto dev = devices_.find(address);
           if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
           std::optional<Error> failure;
@@ -351,24 +351,23 @@ void BluezCentral::setNotifyByMethod(const std::shared_ptr<BluezPeripheral>& per
   // Values may arrive before the reply: accept them from now on.
   if (enabled) it->second.notifying.insert(path);
   const Address address = peripheral->address();
-  call(
-      path, kCharacteristicInterface, enabled ? "StartNotify" : "StopNotify", {},
-      options_.callTimeout,
-      [this, address, generation, peripheral, characteristic, enabled, path](
-          sdbus::MethodReply*, const Error* error) {
-        auto dev = devices_.find(address);
-        if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
-        std::optional<Error> failure;
-        if (error) {
-          failure = *error;
-          QLTLog("BlueZ: %s of %s failed: %s", enabled ? "StartNotify" : "StopNotify", path,
-                 error->description());
-          if (enabled) dev->second.notifying.erase(path);
-        } else if (!enabled) {
-          dev->second.notifying.erase(path);
-        }
-        reportNotifying(peripheral, characteristic, enabled, failure);
-      });
+  call(path, kCharacteristicInterface, enabled ? "StartNotify" : "StopNotify", {},
+       options_.callTimeout,
+       [this, address, generation, peripheral, characteristic, enabled, path](sdbus::MethodReply*,
+                                                                              const Error* error) {
+         auto dev = devices_.find(address);
+         if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
+         std::optional<Error> failure;
+         if (error) {
+           failure = *error;
+           QLTLog("BlueZ: %s of %s failed: %s", enabled ? "StartNotify" : "StopNotify", path,
+                  error->description());
+           if (enabled) dev->second.notifying.erase(path);
+         } else if (!enabled) {
+           dev->second.notifying.erase(path);
+         }
+         reportNotifying(peripheral, characteristic, enabled, failure);
+       });
 }
 
 void BluezCentral::reportNotifying(const std::shared_ptr<BluezPeripheral>& peripheral,
@@ -453,7 +452,8 @@ void BluezCentral::onNameOwnerChanged(sdbus::Message& message) {
   std::string name, oldOwner, newOwner;
   message >> name >> oldOwner >> newOwner;
   if (name != kBluezService) return;
-  if (!oldOwner.empty() && bluezPresent_) bluezVanished("bluetoothd left the bus", CentralState::PoweredOff);
+  if (!oldOwner.empty() && bluezPresent_)
+    bluezVanished("bluetoothd left the bus", CentralState::PoweredOff);
   if (!newOwner.empty()) {
     QLTLog("BlueZ: bluetoothd is on the bus (%s); reading its objects", newOwner);
     bluezAppeared();
@@ -463,22 +463,21 @@ void BluezCentral::onNameOwnerChanged(sdbus::Message& message) {
 void BluezCentral::bluezAppeared() {
   bluezPresent_ = true;
   const uint64_t generation = ++treeGeneration_;
-  call(
-      "/", kObjectManager, "GetManagedObjects", {}, options_.callTimeout,
-      [this, generation](sdbus::MethodReply* reply, const Error* error) {
-        if (generation != treeGeneration_) return;
-        std::map<sdbus::ObjectPath, InterfaceMap> tree;
-        if (error) {
-          QLTLog("BlueZ: GetManagedObjects failed: %s", error->description());
-        } else {
-          try {
-            *reply >> tree;
-          } catch (const sdbus::Error& e) {
-            QLTLog("BlueZ: GetManagedObjects returned an unreadable tree: %s", e.getMessage());
-          }
-        }
-        applyManagedObjects(std::move(tree));
-      });
+  call("/", kObjectManager, "GetManagedObjects", {}, options_.callTimeout,
+       [this, generation](sdbus::MethodReply* reply, const Error* error) {
+         if (generation != treeGeneration_) return;
+         std::map<sdbus::ObjectPath, InterfaceMap> tree;
+         if (error) {
+           QLTLog("BlueZ: GetManagedObjects failed: %s", error->description());
+         } else {
+           try {
+             *reply >> tree;
+           } catch (const sdbus::Error& e) {
+             QLTLog("BlueZ: GetManagedObjects returned an unreadable tree: %s", e.getMessage());
+           }
+         }
+         applyManagedObjects(std::move(tree));
+       });
 }
 
 void BluezCentral::bluezVanished(const std::string& why, CentralState reportAs) {
@@ -621,8 +620,7 @@ void BluezCentral::deviceChanged(const std::string& path, const std::set<std::st
   }
   if (changed.count("Connected") || changed.count("ServicesResolved")) checkReady(address);
   if (changed.count("ServicesResolved") && device.phase == Phase::Connected &&
-      device.pendingServiceDiscovery &&
-      reader_.boolean(*props, path, "ServicesResolved") == true) {
+      device.pendingServiceDiscovery && reader_.boolean(*props, path, "ServicesResolved") == true) {
     auto uuids = *device.pendingServiceDiscovery;
     device.pendingServiceDiscovery.reset();
     fulfilServiceDiscovery(address, uuids);
@@ -661,7 +659,8 @@ void BluezCentral::characteristicChanged(const std::string& path,
   if (changed.count("Notifying")) {
     if (auto notifying = reader_.boolean(*props, path, "Notifying")) {
       const bool on = *notifying;
-      deliverToPeripheral(peripheral, {}, [characteristic, on] { characteristic->setNotifying(on); });
+      deliverToPeripheral(peripheral, {},
+                          [characteristic, on] { characteristic->setNotifying(on); });
     }
   }
   if (changed.count("Value") && props->count("Value")) {
@@ -847,8 +846,8 @@ void BluezCentral::applyDiscovery() {
   }
   const std::string adapter = adapterPath_;
   call(
-      adapter, kAdapterInterface, "SetDiscoveryFilter",
-      [&](sdbus::MethodCall& m) { m << filter; }, options_.callTimeout,
+      adapter, kAdapterInterface, "SetDiscoveryFilter", [&](sdbus::MethodCall& m) { m << filter; },
+      options_.callTimeout,
       [this, generation, adapter](sdbus::MethodReply*, const Error* error) {
         if (error) QLTLog("BlueZ: SetDiscoveryFilter failed: %s", error->description());
         if (generation != scanGeneration_ || !scanWanted_ || adapter != adapterPath_) return;
@@ -892,7 +891,7 @@ void BluezCentral::reportAdvertisement(const Address& address, const std::string
     peripheral->setName(adv.localName);
     if (delegate) {
       delegate->centralManager_didDiscoverPeripheral_advertisementData_RSSI(self, peripheral, adv,
-                                                                           rssi);
+                                                                            rssi);
     }
   });
 }
@@ -936,7 +935,8 @@ void BluezCentral::busConnect(const std::shared_ptr<BluezPeripheral>& peripheral
   device.connectReplied = false;
   device.connectCall.reset();
   const uint64_t generation = device.generation;
-  QLTLog("BlueZ: connecting to %s (attempt %llu)", name, static_cast<unsigned long long>(generation));
+  QLTLog("BlueZ: connecting to %s (attempt %llu)", name,
+         static_cast<unsigned long long>(generation));
 
   device.timer = loop_.runAfter(options_.connectTimeout, [this, address, generation, name] {
     Device& d = devices_[address];
@@ -995,7 +995,8 @@ void BluezCentral::busCancel(const std::shared_ptr<BluezPeripheral>& peripheral)
       // Nothing to cancel; confirm, so that whoever waits for the disconnection gets it.
       deliver([peripheral](BluezCentral& self, platform::CentralDelegate* delegate) {
         peripheral->setState(PeripheralState::Disconnected);
-        if (delegate) delegate->centralManager_didDisconnectPeripheral_error(self, peripheral, std::nullopt);
+        if (delegate)
+          delegate->centralManager_didDisconnectPeripheral_error(self, peripheral, std::nullopt);
       });
       return;
     case Phase::Disconnecting:
@@ -1028,7 +1029,8 @@ void BluezCentral::busCancel(const std::shared_ptr<BluezPeripheral>& peripheral)
 void BluezCentral::sendDisconnect(const std::string& path, const char* why) {
   call(path, kDeviceInterface, "Disconnect", {}, options_.callTimeout,
        [path, why](sdbus::MethodReply*, const Error* error) {
-         if (error) QLTLog("BlueZ: Disconnect of %s %s failed: %s", path, why, error->description());
+         if (error)
+           QLTLog("BlueZ: Disconnect of %s %s failed: %s", path, why, error->description());
        });
 }
 
@@ -1052,13 +1054,15 @@ void BluezCentral::endLink(const Address& address, std::optional<Error> error) {
   device.characteristics.clear();
   // Calls still pending on the GATT objects of this link are dropped with their proxies.
   for (const auto& [path, interfaces] : objects_) {
-    if (!device.path.empty() && isChildOf(path, device.path)) loop_.releaseProxy(kBluezService, path);
+    if (!device.path.empty() && isChildOf(path, device.path))
+      loop_.releaseProxy(kBluezService, path);
   }
   auto peripheral = peripheralFor(address);
   if (was == Phase::Connecting) {
     deliver([peripheral, error](BluezCentral& self, platform::CentralDelegate* delegate) {
       peripheral->setState(PeripheralState::Disconnected);
-      if (delegate) delegate->centralManager_didFailToConnectPeripheral_error(self, peripheral, error);
+      if (delegate)
+        delegate->centralManager_didFailToConnectPeripheral_error(self, peripheral, error);
     });
   } else {
     deliver([peripheral, error](BluezCentral& self, platform::CentralDelegate* delegate) {
@@ -1091,7 +1095,8 @@ void BluezCentral::fulfilServiceDiscovery(const Address& address,
       QLTLog("BlueZ: service %s has no readable UUID; skipped", path);
       continue;
     }
-    if (uuids && !uuids->empty() && std::find(uuids->begin(), uuids->end(), *uuid) == uuids->end()) {
+    if (uuids && !uuids->empty() &&
+        std::find(uuids->begin(), uuids->end(), *uuid) == uuids->end()) {
       continue;
     }
     auto& slot = device.services[path];
@@ -1124,11 +1129,12 @@ void BluezCentral::pumpRequests(const Address& address) {
       characteristic->path(), kCharacteristicInterface, "WriteValue",
       [&](sdbus::MethodCall& m) {
         m << std::vector<uint8_t>(data.bytes(), data.bytes() + data.size())
-          << std::map<std::string, sdbus::Variant>{{"type", sdbus::Variant(std::string("request"))}};
+          << std::map<std::string, sdbus::Variant>{
+                 {"type", sdbus::Variant(std::string("request"))}};
       },
       options_.callTimeout,
       [this, address, generation, peripheral, characteristic](sdbus::MethodReply*,
-                                                               const Error* error) {
+                                                              const Error* error) {
         Device& d = devices_[address];
         if (d.generation != generation || d.phase != Phase::Connected) return;
         d.requestInFlight = false;
@@ -1138,7 +1144,8 @@ void BluezCentral::pumpRequests(const Address& address) {
           QLTLog("BlueZ: write request to %s failed: %s", characteristic->path(),
                  error->description());
         }
-        deliverToPeripheral(peripheral, [peripheral, characteristic, failure](platform::PeripheralDelegate& dl) {
+        deliverToPeripheral(peripheral, [peripheral, characteristic,
+                                         failure](platform::PeripheralDelegate& dl) {
           dl.peripheral_didWriteValueForCharacteristic_error(peripheral, characteristic, failure);
         });
         pumpRequests(address);
@@ -1174,8 +1181,7 @@ void BluezCentral::pumpCommands() {
       PendingRequest write = std::move(device.commands.front());
       device.commands.pop_front();
       ++turn;
-      auto ticket =
-          std::make_shared<Ticket>(commandsInFlight_, &loop_, [this] { pumpCommands(); });
+      auto ticket = std::make_shared<Ticket>(commandsInFlight_, &loop_, [this] { pumpCommands(); });
       const std::string path = write.characteristic->path();
       const Data data = write.data;
       call(
@@ -1262,7 +1268,8 @@ void BluezCentral::deliver(
 
 void BluezCentral::deliverToPeripheral(
     const std::shared_ptr<BluezPeripheral>& peripheral,
-    std::function<void(platform::PeripheralDelegate& delegate)> task, std::function<void()> before) {
+    std::function<void(platform::PeripheralDelegate& delegate)> task,
+    std::function<void()> before) {
   std::weak_ptr<BluezCentral> weak = weakSelf_;
   queue_->async([weak, peripheral, task = std::move(task), before = std::move(before)] {
     if (weak.expired()) return;
@@ -1275,8 +1282,8 @@ void BluezCentral::deliverToPeripheral(
 void BluezCentral::reportState(CentralState state) {
   if (reportedState_ == state) return;
   reportedState_ = state;
-  static const char* const names[] = {"unknown", "resetting", "unsupported", "unauthorized",
-                                      "powered off", "powered on"};
+  static const char* const names[] = {"unknown",      "resetting",   "unsupported",
+                                      "unauthorized", "powered off", "powered on"};
   QLTLog("BlueZ: central state: %s", names[static_cast<int>(state)]);
   if (state != CentralState::PoweredOn) scanning_ = false;
   deliver([state](BluezCentral& self, platform::CentralDelegate* delegate) {

@@ -122,11 +122,11 @@ class BluezCentral final : public platform::Central,
     std::optional<std::optional<std::vector<UUID>>> pendingServiceDiscovery;
     std::map<std::string, std::shared_ptr<BluezService>> services;                // by path
     std::map<std::string, std::shared_ptr<BluezCharacteristic>> characteristics;  // by path
-    std::set<std::string> notifying;  // characteristic paths we asked to notify
+    std::set<std::string> notifying;      // characteristic paths we asked to notify
     std::deque<PendingRequest> requests;  // writes with response, one in flight
     bool requestInFlight = false;
-    std::deque<PendingRequest> commands;  // writes without response not yet sent
-    std::map<std::string, WriteChannel> writeChannels;     // by characteristic path
+    std::deque<PendingRequest> commands;                  // writes without response not yet sent
+    std::map<std::string, WriteChannel> writeChannels;    // by characteristic path
     std::map<std::string, AcquiredSocket> notifySockets;  // by characteristic path
     std::set<std::string> notifyAcquiring;  // AcquireNotify sent, its reply still wanted
   };
@@ -213,8 +213,8 @@ class BluezCentral final : public platform::Central,
 
   // Peripherals by address; read by retrievePeripheralsWithIdentifiers on any thread.
   mutable std::mutex registryMutex_;
-  std::map<Address, std::weak_ptr<BluezPeripheral>> registry_;      // guarded
-  std::map<Address, std::shared_ptr<BluezPeripheral>> listed_;      // guarded: in the tree
+  std::map<Address, std::weak_ptr<BluezPeripheral>> registry_;  // guarded
+  std::map<Address, std::shared_ptr<BluezPeripheral>> listed_;  // guarded: in the tree
 
   // ---- bus thread only
   PropertyReader reader_;

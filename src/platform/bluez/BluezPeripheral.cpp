@@ -59,7 +59,8 @@ void BluezPeripheral::discoverCharacteristics(const std::optional<std::vector<UU
                                               const std::shared_ptr<platform::Service>& service) {
   auto s = own<BluezService>(service, "discoverCharacteristics");
   if (!s) return;
-  if (auto central = central_.lock()) central->discoverCharacteristics(shared_from_this(), s, uuids);
+  if (auto central = central_.lock())
+    central->discoverCharacteristics(shared_from_this(), s, uuids);
 }
 
 void BluezPeripheral::writeValue(const Data& data,
@@ -76,8 +77,8 @@ void BluezPeripheral::readValue(const std::shared_ptr<platform::Characteristic>&
   if (auto central = central_.lock()) central->readValue(shared_from_this(), c);
 }
 
-void BluezPeripheral::setNotifyValue(bool enabled,
-                                     const std::shared_ptr<platform::Characteristic>& characteristic) {
+void BluezPeripheral::setNotifyValue(
+    bool enabled, const std::shared_ptr<platform::Characteristic>& characteristic) {
   auto c = own<BluezCharacteristic>(characteristic, "setNotifyValue");
   if (!c) return;
   if (auto central = central_.lock()) central->setNotifyValue(shared_from_this(), c, enabled);

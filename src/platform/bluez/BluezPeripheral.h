@@ -78,7 +78,10 @@ class BluezService final : public platform::Service {
  public:
   BluezService(UUID uuid, bool primary, std::string path, uint64_t generation,
                const std::shared_ptr<BluezPeripheral>& peripheral)
-      : uuid_(uuid), primary_(primary), path_(std::move(path)), generation_(generation),
+      : uuid_(uuid),
+        primary_(primary),
+        path_(std::move(path)),
+        generation_(generation),
         peripheral_(peripheral) {}
 
   UUID uuid() const override { return uuid_; }
@@ -104,7 +107,10 @@ class BluezCharacteristic final : public platform::Characteristic {
  public:
   BluezCharacteristic(UUID uuid, uint32_t properties, std::string path, uint64_t generation,
                       const std::shared_ptr<BluezService>& service)
-      : uuid_(uuid), properties_(properties), path_(std::move(path)), generation_(generation),
+      : uuid_(uuid),
+        properties_(properties),
+        path_(std::move(path)),
+        generation_(generation),
         service_(service) {}
 
   UUID uuid() const override { return uuid_; }

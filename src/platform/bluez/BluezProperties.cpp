@@ -35,8 +35,8 @@ std::optional<bool> PropertyReader::boolean(const PropertyMap& props, const std:
   return get<bool>(props, path, name, "b");
 }
 
-std::optional<std::string> PropertyReader::string(const PropertyMap& props,
-                                                  const std::string& path, const char* name) {
+std::optional<std::string> PropertyReader::string(const PropertyMap& props, const std::string& path,
+                                                  const char* name) {
   return get<std::string>(props, path, name, "s");
 }
 
@@ -101,8 +101,8 @@ platform::AdvertisementData PropertyReader::advertisement(const PropertyMap& dev
   adv.serviceUUIDs = uuids(device, path, "UUIDs");
   if (auto tx = int16(device, path, "TxPower")) adv.txPowerLevel = *tx;
 
-  if (auto md = get<std::map<uint16_t, sdbus::Variant>>(device, path, "ManufacturerData",
-                                                        "a{qv}")) {
+  if (auto md =
+          get<std::map<uint16_t, sdbus::Variant>>(device, path, "ManufacturerData", "a{qv}")) {
     // One advertisement carries one manufacturer-specific field; BlueZ keeps one entry per
     // company. The first (lowest) company identifier is reported.
     for (const auto& [company, value] : *md) {
@@ -141,12 +141,18 @@ uint32_t PropertyReader::characteristicProperties(const PropertyMap& props,
   auto flags = strings(props, path, "Flags");
   if (!flags) return bits;
   for (const auto& flag : *flags) {
-    if (flag == "broadcast") bits |= platform::kPropertyBroadcast;
-    else if (flag == "read") bits |= platform::kPropertyRead;
-    else if (flag == "write-without-response") bits |= platform::kPropertyWriteWithoutResponse;
-    else if (flag == "write") bits |= platform::kPropertyWrite;
-    else if (flag == "notify") bits |= platform::kPropertyNotify;
-    else if (flag == "indicate") bits |= platform::kPropertyIndicate;
+    if (flag == "broadcast")
+      bits |= platform::kPropertyBroadcast;
+    else if (flag == "read")
+      bits |= platform::kPropertyRead;
+    else if (flag == "write-without-response")
+      bits |= platform::kPropertyWriteWithoutResponse;
+    else if (flag == "write")
+      bits |= platform::kPropertyWrite;
+    else if (flag == "notify")
+      bits |= platform::kPropertyNotify;
+    else if (flag == "indicate")
+      bits |= platform::kPropertyIndicate;
     // Other flags (authenticated-signed-writes, reliable-write, encrypt-*, ...) have no
     // counterpart in the library's properties.
   }

@@ -43,8 +43,8 @@ class PropertyReader {
                                  const char* name);
   std::optional<std::string> objectPath(const PropertyMap& props, const std::string& path,
                                         const char* name);
-  std::optional<std::vector<std::string>> strings(const PropertyMap& props,
-                                                  const std::string& path, const char* name);
+  std::optional<std::vector<std::string>> strings(const PropertyMap& props, const std::string& path,
+                                                  const char* name);
   std::optional<Data> bytes(const PropertyMap& props, const std::string& path, const char* name);
   std::optional<UUID> uuid(const PropertyMap& props, const std::string& path, const char* name);
   // The UUIDs of a list property; entries that are not UUIDs are logged and left out.

@@ -66,8 +66,7 @@ std::optional<BluezCentral::AcquiredSocket> BluezCentral::adoptSocket(sdbus::Met
   int type = 0;
   socklen_t length = sizeof type;
   if (::fstat(fd.get(), &st) != 0 || !S_ISSOCK(st.st_mode) ||
-      ::getsockopt(fd.get(), SOL_SOCKET, SO_TYPE, &type, &length) != 0 ||
-      type != SOCK_SEQPACKET) {
+      ::getsockopt(fd.get(), SOL_SOCKET, SO_TYPE, &type, &length) != 0 || type != SOCK_SEQPACKET) {
     QLTLog("BlueZ: %s of %s returned a descriptor that is not a packet socket; not using it",
            method, path);
     return std::nullopt;
@@ -80,8 +79,8 @@ std::optional<BluezCentral::AcquiredSocket> BluezCentral::adoptSocket(sdbus::Met
   const int flags = ::fcntl(fd.get(), F_GETFL);
   if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) != 0 ||
       ::fcntl(fd.get(), F_SETFD, FD_CLOEXEC) != 0) {
-    QLTLog("BlueZ: %s of %s: cannot make its socket non-blocking (errno %d); not using it",
-           method, path, errno);
+    QLTLog("BlueZ: %s of %s: cannot make its socket non-blocking (errno %d); not using it", method,
+           path, errno);
     return std::nullopt;
   }
   AcquiredSocket socket;
@@ -122,9 +121,10 @@ void BluezCentral::sendCommand(const Address& address, PendingRequest write) {
   const Data& data = write.data;
   const int mtu = peripheralFor(address)->mtu();
   if (mtu > 0 && data.size() > static_cast<size_t>(mtu - 3)) {
-    QLTLog("BlueZ: write without response of %zu bytes to %s does not fit the link: at most "
-           "%d bytes (MTU %d - 3); bluetoothd will refuse it",
-           data.size(), path, mtu - 3, mtu);
+    QLTLog(
+        "BlueZ: write without response of %zu bytes to %s does not fit the link: at most "
+        "%d bytes (MTU %d - 3); bluetoothd will refuse it",
+        data.size(), path, mtu - 3, mtu);
   }
   device.commands.push_back(std::move(write));
   devicesWithCommands_.insert(address);
@@ -144,7 +144,8 @@ void BluezCentral::acquireWrite(const Address& address, const std::string& path)
           return;  // an earlier link's reply; its descriptor closes with the message
         }
         auto ch = dev->second.writeChannels.find(path);
-        if (ch == dev->second.writeChannels.end() || ch->second.path != WritePath::Acquiring) return;
+        if (ch == dev->second.writeChannels.end() || ch->second.path != WritePath::Acquiring)
+          return;
         WriteChannel& channel = ch->second;
         std::optional<AcquiredSocket> socket;
         if (error) {
@@ -160,9 +161,10 @@ void BluezCentral::acquireWrite(const Address& address, const std::string& path)
           channel.path = WritePath::Socket;
           // Nothing is read from a write socket: the watch (no events asked for) only
           // reports bluetoothd closing its end.
-          channel.socket.watch = loop_.watch(channel.socket.fd.get(), 0, [this, address, path](short) {
-            fallBackToMethod(address, path, "bluetoothd closed the write socket");
-          });
+          channel.socket.watch =
+              loop_.watch(channel.socket.fd.get(), 0, [this, address, path](short) {
+                fallBackToMethod(address, path, "bluetoothd closed the write socket");
+              });
         } else {
           channel.path = WritePath::Method;
         }
@@ -178,9 +180,10 @@ bool BluezCentral::sendOnSocket(const Address& address, WriteChannel& channel,
   const std::string& path = write.characteristic->path();
   const int mtu = channel.socket.mtu;
   if (data.size() > static_cast<size_t>(mtu - 3)) {
-    QLTLog("BlueZ: write without response of %zu bytes to %s does not fit the acquired socket: "
-           "at most %d bytes (MTU %d - 3); not sent",
-           data.size(), path, mtu - 3, mtu);
+    QLTLog(
+        "BlueZ: write without response of %zu bytes to %s does not fit the acquired socket: "
+        "at most %d bytes (MTU %d - 3); not sent",
+        data.size(), path, mtu - 3, mtu);
     return true;  // handled: sending it any other way would fail the same
   }
   for (;;) {
@@ -218,9 +221,10 @@ void BluezCentral::noteDroppedWrite(const std::string& path) {
   ++droppedWrites_;
   const auto now = std::chrono::steady_clock::now();
   if (now - lastDropLog_ < std::chrono::seconds(1)) return;
-  QLTLog("BlueZ: %llu write(s) without response dropped since the last such line: the socket "
-         "of %s is full (the link is slower than the writer)",
-         static_cast<unsigned long long>(droppedWrites_), path);
+  QLTLog(
+      "BlueZ: %llu write(s) without response dropped since the last such line: the socket "
+      "of %s is full (the link is slower than the writer)",
+      static_cast<unsigned long long>(droppedWrites_), path);
   droppedWrites_ = 0;
   lastDropLog_ = now;
 }
@@ -237,8 +241,8 @@ void BluezCentral::acquireNotify(const std::shared_ptr<BluezPeripheral>& periphe
       path, kCharacteristicInterface, "AcquireNotify",
       [](sdbus::MethodCall& m) { m << std::map<std::string, sdbus::Variant>{}; },
       options_.callTimeout,
-      [this, address, generation, peripheral, characteristic, path](
-          sdbus::MethodReply* reply, const platform::Error* error) {
+      [this, address, generation, peripheral, characteristic, path](sdbus::MethodReply* reply,
+                                                                    const platform::Error* error) {
         auto dev = devices_.find(address);
         if (dev == devices_.end() || !linkUsable(dev->second, generation)) return;
         Device& device = dev->second;
@@ -298,9 +302,10 @@ void BluezCentral::readNotifySocket(const Address& address, const std::string& p
       return;
     }
     if (static_cast<size_t>(n) > sizeof buffer) {
-      QLTLog("BlueZ: a notification of %zd bytes on %s is longer than any attribute value; "
-             "dropped",
-             n, path);
+      QLTLog(
+          "BlueZ: a notification of %zd bytes on %s is longer than any attribute value; "
+          "dropped",
+          n, path);
       continue;
     }
     deliverNotification(peripheral, characteristic, Data(buffer, static_cast<size_t>(n)));

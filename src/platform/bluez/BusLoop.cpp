@@ -283,8 +283,7 @@ void BusLoop::run(Hooks hooks) {
     if (connection_) {
       bool broken = false;
       try {
-        while (connection_->processPendingRequest()) {
-        }
+        while (connection_->processPendingRequest()) {}
         released_.clear();
         const auto data = connection_->getEventLoopPollData();
         busIndex = static_cast<int>(fds.size());

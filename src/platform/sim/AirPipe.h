@@ -32,7 +32,7 @@ class AirPipe : public std::enable_shared_from_this<AirPipe> {
   const std::shared_ptr<DispatchQueue> target_;
   std::mutex mutex_;
   std::deque<std::pair<TimePoint, std::function<void()>>> packets_;  // guarded by mutex_
-  TimePoint lastDeadline_{};                                          // guarded by mutex_
+  TimePoint lastDeadline_{};                                         // guarded by mutex_
   bool scheduled_ = false;  // a drain is submitted; guarded by mutex_
 };
 

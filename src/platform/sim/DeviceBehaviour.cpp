@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "SimLink.h"
 #include "QueltLibrary/SWTransport.h"
+#include "SimLink.h"
 
 namespace qlt::sim {
 
@@ -62,7 +62,8 @@ class SlidingWindow final : public DeviceBehaviour,
   }
 
   // TransportSenderDelegate: from the engine's worker thread or the device queue.
-  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& data) override {
+  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&,
+                                  const Data& data) override {
     if (auto link = link_.lock()) link->notify(data);
   }
   // TransportDelegate: on the device queue.

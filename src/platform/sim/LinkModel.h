@@ -38,8 +38,8 @@ struct LinkConfig {
 
 // What became of one frame.
 struct LinkFate {
-  int copies = 0;          // 0 = lost, 1 = delivered, 2 = delivered twice
-  double at[2] = {0, 0};   // delivery times of the copies, in order
+  int copies = 0;         // 0 = lost, 1 = delivered, 2 = delivered twice
+  double at[2] = {0, 0};  // delivery times of the copies, in order
   bool lost() const { return copies == 0; }
 };
 
@@ -64,8 +64,8 @@ class LinkModel {
   LinkConfig config_;
   std::mt19937_64 rng_;
   std::uniform_real_distribution<double> unit_{0.0, 1.0};
-  double busyUntil_ = 0.0;      // end of the last frame's air time
-  double lastDelivery_ = 0.0;   // latest delivery time given out (FIFO floor)
+  double busyUntil_ = 0.0;     // end of the last frame's air time
+  double lastDelivery_ = 0.0;  // latest delivery time given out (FIFO floor)
   uint64_t framesLost_ = 0;
   uint64_t framesDuplicated_ = 0;
   uint64_t framesDropped_ = 0;

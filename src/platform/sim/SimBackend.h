@@ -5,8 +5,8 @@
 
 #include <memory>
 
-#include "SimRadioImpl.h"
 #include "QueltLibrary/platform/Platform.h"
+#include "SimRadioImpl.h"
 
 namespace qlt::sim {
 
@@ -16,7 +16,8 @@ class SimBackend final : public platform::Backend {
   std::string name() const override { return "sim"; }
   std::shared_ptr<platform::Central> createCentral(
       const std::shared_ptr<platform::CentralDelegate>& delegate,
-      const std::shared_ptr<DispatchQueue>& queue, const platform::CentralOptions& options) override;
+      const std::shared_ptr<DispatchQueue>& queue,
+      const platform::CentralOptions& options) override;
 
  private:
   const std::shared_ptr<SimRadio::Impl> radio_;

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
-#include "SimPeripheral.h"
 #include "QueltLibrary/Log.h"
+#include "SimPeripheral.h"
 
 namespace qlt::sim {
 
@@ -205,7 +205,8 @@ void SimCentral::connect(const std::shared_ptr<platform::Peripheral>& peripheral
   own->connect();
 }
 
-void SimCentral::cancelPeripheralConnection(const std::shared_ptr<platform::Peripheral>& peripheral) {
+void SimCentral::cancelPeripheralConnection(
+    const std::shared_ptr<platform::Peripheral>& peripheral) {
   if (auto own = this->own(peripheral, "cancelPeripheralConnection")) own->cancelConnection();
 }
 

@@ -18,10 +18,10 @@
 #include <set>
 #include <vector>
 
-#include "SimRadioImpl.h"
-#include "SimRandom.h"
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/platform/Platform.h"
+#include "SimRadioImpl.h"
+#include "SimRandom.h"
 
 namespace qlt::sim {
 
@@ -29,9 +29,10 @@ class SimPeripheral;
 
 class SimCentral final : public platform::Central, public std::enable_shared_from_this<SimCentral> {
  public:
-  static std::shared_ptr<SimCentral> create(std::shared_ptr<SimRadio::Impl> radio,
-                                            const std::shared_ptr<platform::CentralDelegate>& delegate,
-                                            std::shared_ptr<DispatchQueue> queue);
+  static std::shared_ptr<SimCentral> create(
+      std::shared_ptr<SimRadio::Impl> radio,
+      const std::shared_ptr<platform::CentralDelegate>& delegate,
+      std::shared_ptr<DispatchQueue> queue);
 
   platform::CentralState state() const override;
   void scanForPeripherals(const std::optional<std::vector<UUID>>& serviceUUIDs,
@@ -70,11 +71,11 @@ class SimCentral final : public platform::Central, public std::enable_shared_fro
   mutable std::mutex mutex_;
   platform::CentralState state_ = platform::CentralState::Unknown;  // guarded by mutex_
   bool scanning_ = false;                                           // guarded by mutex_
-  uint64_t scan_ = 0;  // the current scan's number; guarded by mutex_
-  std::optional<std::vector<UUID>> scanFilter_;                     // guarded by mutex_
-  bool allowDuplicates_ = false;                                    // guarded by mutex_
-  std::set<UUID> reported_;  // devices reported in this scan; guarded by mutex_
-  std::map<UUID, std::shared_ptr<SimPeripheral>> peripherals_;      // guarded by mutex_
+  uint64_t scan_ = 0;                            // the current scan's number; guarded by mutex_
+  std::optional<std::vector<UUID>> scanFilter_;  // guarded by mutex_
+  bool allowDuplicates_ = false;                 // guarded by mutex_
+  std::set<UUID> reported_;                      // devices reported in this scan; guarded by mutex_
+  std::map<UUID, std::shared_ptr<SimPeripheral>> peripherals_;  // guarded by mutex_
   SimRandom random_;  // RSSI variation and advertisement timing; guarded by mutex_
 };
 

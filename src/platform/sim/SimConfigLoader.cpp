@@ -129,7 +129,8 @@ AirFaults faults(const json& j, const std::string& path) {
   AirFaults f;
   const double kDay = 86400;
   if (j.contains("seed")) {
-    f.seed = unsignedInteger(j["seed"], join(path, "seed"), 0, std::numeric_limits<uint64_t>::max());
+    f.seed =
+        unsignedInteger(j["seed"], join(path, "seed"), 0, std::numeric_limits<uint64_t>::max());
   }
   if (j.contains("lostWritesWithoutResponse")) {
     f.lostWritesWithoutResponse =
@@ -191,8 +192,8 @@ SimServiceConfig service(const json& j, const std::string& path) {
 SimDeviceConfig device(const json& j, const std::string& path) {
   requireObject(j, path,
                 {"identifier", "name", "manufacturerData", "rssi", "rssiVariation",
-                 "advertisingIntervalMs", "advertisedServices", "connectDelayMs", "mtu",
-                 "services", "behaviour", "sourceBytes", "faults"});
+                 "advertisingIntervalMs", "advertisedServices", "connectDelayMs", "mtu", "services",
+                 "behaviour", "sourceBytes", "faults"});
   if (!j.contains("identifier")) fail(path, "missing \"identifier\"");
   SimDeviceConfig d;
   d.identifier = uuid(j["identifier"], join(path, "identifier"));

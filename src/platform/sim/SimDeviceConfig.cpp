@@ -10,8 +10,10 @@ struct BehaviourName {
   const char* name;
 };
 constexpr BehaviourName kBehaviourNames[] = {
-    {SimBehaviour::None, "none"},          {SimBehaviour::SwEcho, "sw-echo"},
-    {SimBehaviour::ChunkEcho, "chunk-echo"}, {SimBehaviour::Sink, "sink"},
+    {SimBehaviour::None, "none"},
+    {SimBehaviour::SwEcho, "sw-echo"},
+    {SimBehaviour::ChunkEcho, "chunk-echo"},
+    {SimBehaviour::Sink, "sink"},
     {SimBehaviour::Source, "source"},
 };
 }  // namespace

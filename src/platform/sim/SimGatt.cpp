@@ -46,10 +46,10 @@ void SimService::discoverCharacteristics(const std::optional<std::vector<UUID>>&
   std::lock_guard lock(mutex_);
   std::vector<std::shared_ptr<SimCharacteristic>> revealed;
   for (const auto& characteristic : all_) {
-    const bool asked = !uuids || std::find(uuids->begin(), uuids->end(),
-                                           characteristic->uuid()) != uuids->end();
-    const bool known = std::find(discovered_.begin(), discovered_.end(), characteristic) !=
-                       discovered_.end();
+    const bool asked =
+        !uuids || std::find(uuids->begin(), uuids->end(), characteristic->uuid()) != uuids->end();
+    const bool known =
+        std::find(discovered_.begin(), discovered_.end(), characteristic) != discovered_.end();
     if (asked || known) revealed.push_back(characteristic);
   }
   discovered_ = std::move(revealed);

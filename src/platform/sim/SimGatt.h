@@ -46,8 +46,7 @@ class SimCharacteristic final : public platform::Characteristic {
   bool notifying_ = false;     // guarded by mutex_
 };
 
-class SimService final : public platform::Service,
-                         public std::enable_shared_from_this<SimService> {
+class SimService final : public platform::Service, public std::enable_shared_from_this<SimService> {
  public:
   // A service with all its characteristics (none discovered yet), belonging to `link`.
   static std::shared_ptr<SimService> create(const SimServiceConfig& config,

@@ -35,8 +35,8 @@ SimLink::SimLink(std::shared_ptr<SimRadio::Impl> radio, const DeviceView& device
       config_(device.config),
       faults_(device.faults),
       counters_(device.counters),
-      deviceQueue_(DispatchQueue::create("qlt.sim.device." +
-                                         device.config.localName.value_or("unnamed"))),
+      deviceQueue_(
+          DispatchQueue::create("qlt.sim.device." + device.config.localName.value_or("unnamed"))),
       toDevice_(AirPipe::create(deviceQueue_)),
       toCentral_(AirPipe::create(std::move(centralQueue))),
       handlers_(std::move(handlers)),
@@ -45,10 +45,10 @@ SimLink::SimLink(std::shared_ptr<SimRadio::Impl> radio, const DeviceView& device
                           faults_.writeRateLimit),
               SimRandom::seedFrom({faults_.seed, SimRandom::hashOf(config_.identifier),
                                    connectionIndex, kStreamWrites})),
-      notifications_(modelConfig(faults_.lostNotifications, faults_.connectionInterval,
-                                 std::nullopt),
-                     SimRandom::seedFrom({faults_.seed, SimRandom::hashOf(config_.identifier),
-                                          connectionIndex, kStreamNotifications})) {}
+      notifications_(
+          modelConfig(faults_.lostNotifications, faults_.connectionInterval, std::nullopt),
+          SimRandom::seedFrom({faults_.seed, SimRandom::hashOf(config_.identifier), connectionIndex,
+                               kStreamNotifications})) {}
 
 SimLink::~SimLink() {
   // Nothing else refers to the link now, so nothing runs on its device queue: a device
@@ -68,11 +68,12 @@ void SimLink::start() {
   if (faults_.dropAfterSeconds) {
     std::weak_ptr<SimLink> weak = self;
     const double seconds = *faults_.dropAfterSeconds;
-    deviceQueue_->asyncAfter(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)),
-        [weak, seconds] {
-          if (auto link = weak.lock()) link->lose(formatString("link lost after %f s", seconds));
-        });
+    deviceQueue_->asyncAfter(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                 std::chrono::duration<double>(seconds)),
+                             [weak, seconds] {
+                               if (auto link = weak.lock())
+                                 link->lose(formatString("link lost after %f s", seconds));
+                             });
   }
 }
 
@@ -101,7 +102,8 @@ SimLink::Count SimLink::countPacket() {
 }
 
 std::optional<double> SimLink::fate(LinkModel& model, size_t length) {
-  const double now = std::chrono::duration<double>(std::chrono::steady_clock::now() - epoch_).count();
+  const double now =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - epoch_).count();
   const LinkFate fate = model.transmit(now, length);
   if (fate.lost()) return std::nullopt;
   return fate.at[0] - now;
@@ -110,8 +112,9 @@ std::optional<double> SimLink::fate(LinkModel& model, size_t length) {
 void SimLink::dropBehind(const std::shared_ptr<AirPipe>& pipe) {
   auto self = shared_from_this();
   pipe->push(0, [self] {
-    self->lose(formatString("link lost after %llu packets",
-                            static_cast<unsigned long long>(self->faults_.dropAfterPackets.value_or(0))));
+    self->lose(
+        formatString("link lost after %llu packets",
+                     static_cast<unsigned long long>(self->faults_.dropAfterPackets.value_or(0))));
   });
 }
 
@@ -211,8 +214,7 @@ bool SimLink::notify(const Data& value) {
   } else if (handlers_.notified) {
     auto self = shared_from_this();
     const UUID rx = nusRxCharacteristicUUID();
-    toCentral_->push(*delay,
-                     [self, rx, value] { self->handlers_.notified(self, rx, value); });
+    toCentral_->push(*delay, [self, rx, value] { self->handlers_.notified(self, rx, value); });
   }
   if (count == Count::CarryThenDrop) dropBehind(toCentral_);
   return true;

@@ -27,11 +27,11 @@
 
 #include "AirPipe.h"
 #include "LinkModel.h"
-#include "SimRadioImpl.h"
-#include "SimRandom.h"
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/platform/Platform.h"
+#include "SimRadioImpl.h"
+#include "SimRandom.h"
 
 namespace qlt::sim {
 
@@ -84,9 +84,8 @@ class SimLink : public std::enable_shared_from_this<SimLink> {
   DeviceCounters& counters() { return *counters_; }
 
  private:
-  SimLink(std::shared_ptr<SimRadio::Impl> radio, const DeviceView& device,
-          uint64_t connectionIndex, std::shared_ptr<DispatchQueue> centralQueue,
-          Handlers handlers);
+  SimLink(std::shared_ptr<SimRadio::Impl> radio, const DeviceView& device, uint64_t connectionIndex,
+          std::shared_ptr<DispatchQueue> centralQueue, Handlers handlers);
   // What becomes of a data packet under the drop-after-packets fault.
   enum class Count { Carry, CarryThenDrop, Refuse };
   Count countPacket();  // with mutex_ held

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <chrono>
 
+#include "QueltLibrary/Log.h"
 #include "SimCentral.h"
 #include "SimLink.h"
 #include "SimRandom.h"
-#include "QueltLibrary/Log.h"
 
 namespace qlt::sim {
 
@@ -247,9 +247,10 @@ std::shared_ptr<SimCharacteristic> SimPeripheral::ownCharacteristic(
   auto own = std::dynamic_pointer_cast<SimCharacteristic>(characteristic);
   auto service = own ? own->simService() : nullptr;
   if (!service || service->link() != link) {
-    QLTLog("Simulated radio: %s on %@ ignored: the characteristic is not of the current "
-           "connection",
-           operation, identifier_);
+    QLTLog(
+        "Simulated radio: %s on %@ ignored: the characteristic is not of the current "
+        "connection",
+        operation, identifier_);
     return nullptr;
   }
   return own;
@@ -285,9 +286,10 @@ void SimPeripheral::discoverCharacteristics(const std::optional<std::vector<UUID
   if (!link) return;
   auto own = std::dynamic_pointer_cast<SimService>(service);
   if (!own || own->link() != link) {
-    QLTLog("Simulated radio: discoverCharacteristics on %@ ignored: the service is not of the "
-           "current connection",
-           identifier_);
+    QLTLog(
+        "Simulated radio: discoverCharacteristics on %@ ignored: the service is not of the "
+        "current connection",
+        identifier_);
     return;
   }
   auto self = shared_from_this();
@@ -300,8 +302,8 @@ void SimPeripheral::discoverCharacteristics(const std::optional<std::vector<UUID
   });
 }
 
-void SimPeripheral::setNotifyValue(bool enabled,
-                                   const std::shared_ptr<platform::Characteristic>& characteristic) {
+void SimPeripheral::setNotifyValue(
+    bool enabled, const std::shared_ptr<platform::Characteristic>& characteristic) {
   auto link = linkFor("setNotifyValue");
   if (!link) return;
   auto own = ownCharacteristic(characteristic, link, "setNotifyValue");

@@ -21,10 +21,10 @@
 #include <string>
 #include <vector>
 
-#include "SimGatt.h"
-#include "SimRadioImpl.h"
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/platform/Platform.h"
+#include "SimGatt.h"
+#include "SimRadioImpl.h"
 
 namespace qlt::sim {
 
@@ -81,7 +81,8 @@ class SimPeripheral final : public platform::Peripheral,
   // Fails the connection attempt of `generation` (if still current) with `reason`.
   void failConnect(uint64_t generation, const std::string& reason);
   void linkLost(const std::shared_ptr<SimLink>& link, const platform::Error& error);
-  void notified(const std::shared_ptr<SimLink>& link, const UUID& characteristic, const Data& value);
+  void notified(const std::shared_ptr<SimLink>& link, const UUID& characteristic,
+                const Data& value);
   // The current link, or null (and a log line naming `operation`) when not connected.
   std::shared_ptr<SimLink> linkFor(const char* operation) const;
   bool isCurrent(const std::shared_ptr<SimLink>& link) const;
@@ -100,14 +101,14 @@ class SimPeripheral final : public platform::Peripheral,
   const std::shared_ptr<DispatchQueue> queue_;
 
   mutable std::mutex mutex_;
-  std::optional<std::string> name_;                              // guarded by mutex_
-  std::weak_ptr<platform::PeripheralDelegate> delegate_;          // guarded by mutex_
+  std::optional<std::string> name_;                                            // guarded by mutex_
+  std::weak_ptr<platform::PeripheralDelegate> delegate_;                       // guarded by mutex_
   platform::PeripheralState state_ = platform::PeripheralState::Disconnected;  // guarded
-  uint64_t gen_ = 0;                                             // guarded by mutex_
-  uint64_t attempts_ = 0;  // connection attempts, seeds their failures; guarded by mutex_
-  std::shared_ptr<SimLink> link_;                                // guarded by mutex_
-  std::vector<std::shared_ptr<SimService>> table_;      // the link's GATT table; guarded
-  std::vector<std::shared_ptr<SimService>> services_;   // discovered; guarded by mutex_
+  uint64_t gen_ = 0;                                                           // guarded by mutex_
+  uint64_t attempts_ = 0;          // connection attempts, seeds their failures; guarded by mutex_
+  std::shared_ptr<SimLink> link_;  // guarded by mutex_
+  std::vector<std::shared_ptr<SimService>> table_;     // the link's GATT table; guarded
+  std::vector<std::shared_ptr<SimService>> services_;  // discovered; guarded by mutex_
 };
 
 }  // namespace qlt::sim

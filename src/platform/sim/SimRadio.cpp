@@ -3,12 +3,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "QueltLibrary/Log.h"
 #include "SimBackend.h"
 #include "SimCentral.h"
 #include "SimConfigLoader.h"
 #include "SimLink.h"
 #include "SimRadioImpl.h"
-#include "QueltLibrary/Log.h"
 
 namespace qlt::sim {
 

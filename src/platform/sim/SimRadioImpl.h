@@ -50,10 +50,10 @@ struct SimRadio::Impl {
   };
 
   mutable std::mutex mutex;
-  bool powered = true;                               // guarded by mutex
-  AirFaults faults;                                  // guarded by mutex
-  std::map<UUID, DeviceRecord> devices;              // guarded by mutex
-  std::vector<std::weak_ptr<SimCentral>> centrals;   // guarded by mutex
+  bool powered = true;                              // guarded by mutex
+  AirFaults faults;                                 // guarded by mutex
+  std::map<UUID, DeviceRecord> devices;             // guarded by mutex
+  std::vector<std::weak_ptr<SimCentral>> centrals;  // guarded by mutex
 
   bool isPowered() const;
   std::optional<DeviceView> view(const UUID& identifier) const;

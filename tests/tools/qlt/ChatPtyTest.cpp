@@ -55,7 +55,8 @@ class AChatOnATerminal : public ::testing::Test {
   bool readUntil(const std::string& text, double limitS = 15) {
     const auto start = std::chrono::steady_clock::now();
     while (screen_.find(text) == std::string::npos) {
-      if (std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() > limitS) return false;
+      if (std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() > limitS)
+        return false;
       pollfd p{master_, POLLIN, 0};
       if (::poll(&p, 1, 100) <= 0) continue;
       char buf[4096];
@@ -66,7 +67,9 @@ class AChatOnATerminal : public ::testing::Test {
     return true;
   }
 
-  void type(const std::string& keys) { ASSERT_EQ(::write(master_, keys.data(), keys.size()), (ssize_t)keys.size()); }
+  void type(const std::string& keys) {
+    ASSERT_EQ(::write(master_, keys.data(), keys.size()), (ssize_t)keys.size());
+  }
 
   // Waits for the process to end; its exit code, or -1 after `limitS`.
   int exitCode(double limitS = 15) {
@@ -78,7 +81,8 @@ class AChatOnATerminal : public ::testing::Test {
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
       }
-      if (std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() > limitS) return -1;
+      if (std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() > limitS)
+        return -1;
     }
   }
 

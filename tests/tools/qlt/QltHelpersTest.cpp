@@ -34,7 +34,10 @@ TEST(TheWindowBound, IsThreeSegmentsPerRoundTrip) {
 
 TEST(Payloads, ShowAsTextWhenPrintableAndAsHexOtherwise) {
   EXPECT_EQ(describePayload("hello\tworld"), "hello\tworld");
-  EXPECT_EQ(describePayload(std::string("\x01\xff" "A", 3)), "hex: 01 ff 41");
+  EXPECT_EQ(describePayload(std::string("\x01\xff"
+                                        "A",
+                                        3)),
+            "hex: 01 ff 41");
   EXPECT_EQ(describePayload("line\n"), "hex: 6c 69 6e 65 0a");
 }
 

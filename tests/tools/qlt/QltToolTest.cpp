@@ -21,13 +21,13 @@ class TheQltTool : public ::testing::Test {
 
 TEST_F(TheQltTool, RejectsBadUsageWithExitCodeTwo) {
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {},                                      // no command
-           {"frobnicate"},                          // unknown command
-           {"bench", "--bytes", "lots"},            // not a number
+           {},                            // no command
+           {"frobnicate"},                // unknown command
+           {"bench", "--bytes", "lots"},  // not a number
            {"bench", "--transport", "carrier-pigeon"},
-           {"chat"},                                // DEVICE missing
+           {"chat"},  // DEVICE missing
            {"scan", "--platform", "zigbee"},
-           {"known"},                               // no action
+           {"known"},  // no action
            {"known", "remove", "not-a-uuid"},
        }) {
     const auto run = qlt(args);
@@ -42,7 +42,8 @@ TEST_F(TheQltTool, ShowsHelpWithExamplesForEveryCommand) {
   for (const std::string cmd : {"demo", "scan", "chat", "send", "receive", "bench", "known"}) {
     const auto run = qlt({cmd, "--help"});
     EXPECT_EQ(run.exitCode, 0) << cmd;
-    EXPECT_NE(run.out.find("Example"), std::string::npos) << cmd << " --help has no example:\n" << run.out;
+    EXPECT_NE(run.out.find("Example"), std::string::npos) << cmd << " --help has no example:\n"
+                                                          << run.out;
   }
   const auto bench = qlt({"bench", "--help"});
   EXPECT_NE(bench.out.find("bound_Bps  = 3 × 120 B / round trip"), std::string::npos) << bench.out;
@@ -67,10 +68,12 @@ TEST_F(TheQltTool, ShowsTheLibraryLogOnlyWhenAsked) {
 TEST_F(TheQltTool, RunsTheDemoToAVerifiedSummary) {
   const auto run = qlt({"demo"});
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-  for (const char* expected : {"QLT-Echo", "state: connecting", "state: ready", "summary", "goodput",
-                               "retransmissions", "polls", "rejections", "state: disconnected",
-                               "every byte came back exactly once and in order"}) {
-    EXPECT_NE(run.out.find(expected), std::string::npos) << "missing '" << expected << "' in:\n" << run.out;
+  for (const char* expected :
+       {"QLT-Echo", "state: connecting", "state: ready", "summary", "goodput", "retransmissions",
+        "polls", "rejections", "state: disconnected",
+        "every byte came back exactly once and in order"}) {
+    EXPECT_NE(run.out.find(expected), std::string::npos) << "missing '" << expected << "' in:\n"
+                                                         << run.out;
   }
   // The demo aims at well under 15 s; the bound here leaves room for sanitizers and a
   // loaded machine, and only catches a demo that hangs on its way to the summary.
@@ -93,7 +96,8 @@ TEST_F(TheQltTool, ScanPrintsOneJsonObjectPerDevice) {
 
   const auto filtered = qlt({"scan", "--json", "--timeout", "0.5", "--name", "echo"});
   for (const auto& line : splitLines(filtered.out))
-    EXPECT_NE(nlohmann::json::parse(line).value("name", "").find("Echo"), std::string::npos) << line;
+    EXPECT_NE(nlohmann::json::parse(line).value("name", "").find("Echo"), std::string::npos)
+        << line;
 }
 
 TEST_F(TheQltTool, BenchReportsEveryKeyAndAVerifiedEchoUnderLoss) {
@@ -112,12 +116,15 @@ TEST_F(TheQltTool, BenchReportsEveryKeyAndAVerifiedEchoUnderLoss) {
   EXPECT_GT(j["goodput_Bps"].get<double>(), 0);
   EXPECT_LE(j["latency_p50_ms"].get<double>(), j["latency_p99_ms"].get<double>());
   // With 5% of 100 frames lost each way, something had to be recovered.
-  EXPECT_GT(j["retransmissions"].get<int>() + j["polls_sent"].get<int>() + j["rejections_received"].get<int>(), 0)
+  EXPECT_GT(j["retransmissions"].get<int>() + j["polls_sent"].get<int>() +
+                j["rejections_received"].get<int>(),
+            0)
       << run.out;
 }
 
 TEST_F(TheQltTool, BenchKeepsGoodputBelowTheWindowBoundOnASlowLink) {
-  const auto run = qlt({"bench", "--json", "--bytes", "6000", "--pings", "3", "--interval-ms", "10"});
+  const auto run =
+      qlt({"bench", "--json", "--bytes", "6000", "--pings", "3", "--interval-ms", "10"});
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   const auto j = nlohmann::json::parse(run.out);
   EXPECT_EQ(j["verified"], true);
@@ -178,7 +185,8 @@ TEST_F(TheQltTool, SendsAndReceivesFilesThroughTheWindow) {
   std::ifstream f(out, std::ios::binary);
   const std::string bytes{std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
   ASSERT_EQ(bytes.size(), 3000u);
-  for (size_t i = 0; i < bytes.size(); ++i) ASSERT_EQ(static_cast<unsigned char>(bytes[i]), i % 251) << i;
+  for (size_t i = 0; i < bytes.size(); ++i)
+    ASSERT_EQ(static_cast<unsigned char>(bytes[i]), i % 251) << i;
 }
 
 TEST_F(TheQltTool, DescribesTheSimulatedRadioFromAJsonFile) {

@@ -67,7 +67,8 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storePa
   int open = 2;
   bool killed = false;
   while (open > 0) {
-    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double elapsed =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (!killed && elapsed > limitS) {
       ::kill(pid, SIGKILL);
       killed = true;

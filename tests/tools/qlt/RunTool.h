@@ -28,7 +28,8 @@ class TempDir {
 
 // Runs qlt with `args` (stdin empty), QLT_STORE_PATH=`storePath`, killing it after
 // `limitS` seconds.
-ToolRun runTool(const std::vector<std::string>& args, const std::string& storePath, double limitS = 60);
+ToolRun runTool(const std::vector<std::string>& args, const std::string& storePath,
+                double limitS = 60);
 
 // The lines of `text`.
 std::vector<std::string> splitLines(const std::string& text);

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #ifdef QLT_TESTS_WITHOUT_BLUEZ
-TEST(BluezBackend, NotBuilt) { GTEST_SKIP() << "built without the BlueZ backend (sdbus-c++ not found)"; }
+TEST(BluezBackend, NotBuilt) {
+  GTEST_SKIP() << "built without the BlueZ backend (sdbus-c++ not found)";
+}
 #else
 
 #include <filesystem>
@@ -29,7 +31,9 @@ const char* const kChunk = "C0:FF:EE:00:00:02";
 const char* const kHeart = "C0:FF:EE:00:00:03";
 const char* const kChunkPath = "/org/bluez/hci0/dev_C0_FF_EE_00_00_02";
 
-UUID idOf(const char* address) { return bluez::identifierForAddress(*bluez::parseAddress(address)); }
+UUID idOf(const char* address) {
+  return bluez::identifierForAddress(*bluez::parseAddress(address));
+}
 
 Data bytes(const std::string& text) { return Data::fromString(text); }
 
@@ -162,7 +166,8 @@ TEST_F(BluezBackendTest, WaitsForADaemonThatIsNotThereYet) {
   auto first = recorder_->waitFor("state");
   ASSERT_TRUE(first);
   EXPECT_EQ(first->state, CentralState::PoweredOff);
-  EXPECT_TRUE(logs.contains("BlueZ: bluetoothd (org.bluez) is not on the system bus; waiting for it"));
+  EXPECT_TRUE(
+      logs.contains("BlueZ: bluetoothd (org.bluez) is not on the system bus; waiting for it"));
   central_->scanForPeripherals(std::nullopt, {true});  // not powered: ignored
   EXPECT_FALSE(central_->isScanning());
   ASSERT_FALSE(mock_.request({{"op", "start_mock"}}).contains("error"));
@@ -201,7 +206,8 @@ TEST_F(BluezBackendTest, ScanSetsItsFilterAndReportsOnlyWhatItAskedFor) {
     EXPECT_EQ(e.peripheral->identifier(), idOf(kEcho));
     ASSERT_TRUE(e.advertisement.manufacturerData);
     // Company 0x0059 (little-endian) in front of the bytes, as on the air.
-    EXPECT_EQ(*e.advertisement.manufacturerData, Data(std::vector<uint8_t>{0x59, 0x00, 'Q', 'L', 'T', 0}));
+    EXPECT_EQ(*e.advertisement.manufacturerData,
+              Data(std::vector<uint8_t>{0x59, 0x00, 'Q', 'L', 'T', 0}));
     EXPECT_EQ(e.advertisement.serviceUUIDs, std::vector<UUID>{kNus});
   }
   EXPECT_GE(rssis.size(), 2u) << "RSSI updates are advertisements";
@@ -264,7 +270,8 @@ TEST_F(BluezBackendTest, ConnectDiscoverNotifyAndWrite) {
   // A burst of writes without response comes back as notifications, in order, each
   // delegate call seeing its own value.
   const int kBurst = 60;
-  for (int i = 0; i < kBurst; ++i) chunk->writeValue(bytes("frame " + std::to_string(i)), link.tx, WriteType::WithoutResponse);
+  for (int i = 0; i < kBurst; ++i)
+    chunk->writeValue(bytes("frame " + std::to_string(i)), link.tx, WriteType::WithoutResponse);
   ASSERT_TRUE(recorder_->waitFor("value", kBurst));
   auto values = recorder_->events("value");
   for (int i = 0; i < kBurst; ++i) EXPECT_EQ(values[i].value, bytes("frame " + std::to_string(i)));
@@ -273,7 +280,8 @@ TEST_F(BluezBackendTest, ConnectDiscoverNotifyAndWrite) {
   EXPECT_EQ(stats["untyped"], 0);
 
   // Requests are serialised: three at once never meet InProgress.
-  for (int i = 0; i < 3; ++i) chunk->writeValue(bytes("req " + std::to_string(i)), link.tx, WriteType::WithResponse);
+  for (int i = 0; i < 3; ++i)
+    chunk->writeValue(bytes("req " + std::to_string(i)), link.tx, WriteType::WithResponse);
   ASSERT_TRUE(recorder_->waitFor("write", 3));
   for (const auto& e : recorder_->events("write")) EXPECT_FALSE(e.error) << e.error->description();
   stats = mock_.control("GetWriteStats", "s", {kChunk});
@@ -321,8 +329,8 @@ TEST_F(BluezBackendTest, FullSizeFramesKeepTheirOrderUnderLoad) {
   EXPECT_EQ(stats["command"], kFrames);
   EXPECT_EQ(stats["acquired-writes"], 0);
   EXPECT_EQ(stats["acquired-notifications"], 0);
-  std::cout << "[ measure  ] " << kFrames << " frames of 161 bytes echoed in " << seconds << " s: "
-            << kFrames * 161 / seconds / 1024 << " KiB/s each way\n";
+  std::cout << "[ measure  ] " << kFrames << " frames of 161 bytes echoed in " << seconds
+            << " s: " << kFrames * 161 / seconds / 1024 << " KiB/s each way\n";
   RecordProperty("echo_kib_per_s", std::to_string(kFrames * 161 / seconds / 1024));
 }
 
@@ -334,11 +342,13 @@ TEST_F(BluezBackendTest, AWriteThatDoesNotFitTheLinkIsLoggedNotLost) {
   auto link = connectNus(chunk);
   ASSERT_TRUE(link.tx);
   mock_.control("SetMtu", "sq", {kChunk, 23});
-  ASSERT_TRUE(eventually([&] { return chunk->maximumWriteValueLength(WriteType::WithoutResponse) == 20; }));
+  ASSERT_TRUE(
+      eventually([&] { return chunk->maximumWriteValueLength(WriteType::WithoutResponse) == 20; }));
   chunk->writeValue(Data(std::vector<uint8_t>(30, 0xAB)), link.tx, WriteType::WithoutResponse);
-  EXPECT_TRUE(logs.waitFor(
-      "BlueZ: write without response of 30 bytes to " + std::string(kChunkPath) +
-      "/service000a/char000b does not fit the link: at most 20 bytes (MTU 23 - 3); bluetoothd will refuse it"));
+  EXPECT_TRUE(logs.waitFor("BlueZ: write without response of 30 bytes to " +
+                           std::string(kChunkPath) +
+                           "/service000a/char000b does not fit the link: at most 20 bytes (MTU 23 "
+                           "- 3); bluetoothd will refuse it"));
   EXPECT_TRUE(eventually([&] {
     for (const auto& line : logs.lines()) {
       if (line.find("write without response of 30 bytes to") != std::string::npos &&
@@ -398,8 +408,9 @@ TEST_F(BluezBackendTest, AcquiredSocketsCarryTheDataAndFallBackWhenClosed) {
   EXPECT_TRUE(logged(logs, tx + ": writing without response on an acquired socket (MTU 185)"));
 
   chunk->writeValue(Data(std::vector<uint8_t>(183, 0xAB)), link.tx, WriteType::WithoutResponse);
-  EXPECT_TRUE(logged(logs, "write without response of 183 bytes to " + tx +
-                               " does not fit the acquired socket: at most 182 bytes (MTU 185 - 3); not sent"));
+  EXPECT_TRUE(logged(
+      logs, "write without response of 183 bytes to " + tx +
+                " does not fit the acquired socket: at most 182 bytes (MTU 185 - 3); not sent"));
   // A request still goes by WriteValue, and is not overtaken by the socket.
   chunk->writeValue(bytes("request"), link.tx, WriteType::WithResponse);
   ASSERT_TRUE(recorder_->waitFor("write", 1));
@@ -413,7 +424,8 @@ TEST_F(BluezBackendTest, AcquiredSocketsCarryTheDataAndFallBackWhenClosed) {
   EXPECT_TRUE(eventually([&] { return !link.rx->isNotifying(); }));
   EXPECT_EQ(chunk->state(), platform::PeripheralState::Connected);
   chunk->writeValue(bytes("by method"), link.tx, WriteType::WithoutResponse);
-  EXPECT_TRUE(eventually([&] { return mock_.control("GetWriteStats", "s", {kChunk})["command"] == kBurst + 1; }));
+  EXPECT_TRUE(eventually(
+      [&] { return mock_.control("GetWriteStats", "s", {kChunk})["command"] == kBurst + 1; }));
 
   const size_t notifyStates = countOf("notify-state");
   chunk->setNotifyValue(true, link.rx);
@@ -422,7 +434,8 @@ TEST_F(BluezBackendTest, AcquiredSocketsCarryTheDataAndFallBackWhenClosed) {
   EXPECT_FALSE(on->error);
   EXPECT_TRUE(on->notifying);
   const size_t before = countOf("value");
-  EXPECT_TRUE(mock_.control("InjectNotification", "say", {kChunk, std::vector<int>{7, 0, 7}}).get<bool>());
+  EXPECT_TRUE(
+      mock_.control("InjectNotification", "say", {kChunk, std::vector<int>{7, 0, 7}}).get<bool>());
   auto injected = recorder_->waitFor("value", before + 1);
   ASSERT_TRUE(injected);
   EXPECT_EQ(injected->value, Data(std::vector<uint8_t>{7, 0, 7}));
@@ -461,7 +474,8 @@ TEST_F(BluezBackendTest, AnUnusableAcquiredSocketFallsBackToMethodCalls) {
     auto chunk = find("QLT-Chunk");
     auto link = connectNus(chunk);
     ASSERT_TRUE(link.tx);
-    for (int i = 0; i < 5; ++i) chunk->writeValue(bytes("w" + std::to_string(i)), link.tx, WriteType::WithoutResponse);
+    for (int i = 0; i < 5; ++i)
+      chunk->writeValue(bytes("w" + std::to_string(i)), link.tx, WriteType::WithoutResponse);
     ASSERT_TRUE(recorder_->waitFor("value", 5));
     auto values = recorder_->events("value");
     for (int i = 0; i < 5; ++i) EXPECT_EQ(values[i].value, bytes("w" + std::to_string(i)));
@@ -472,8 +486,10 @@ TEST_F(BluezBackendTest, AnUnusableAcquiredSocketFallsBackToMethodCalls) {
     const std::string what = fault == "pipe"   ? "returned a descriptor that is not a packet socket"
                              : fault == "mtu0" ? "returned the unusable MTU 0"
                                                : "returned an unreadable reply";
-    EXPECT_TRUE(logged(logs, "BlueZ: AcquireWrite of " + std::string(kChunkPath) + "/service000a/char000b " + what));
-    EXPECT_TRUE(logged(logs, "BlueZ: AcquireNotify of " + std::string(kChunkPath) + "/service000a/char000d " + what));
+    EXPECT_TRUE(logged(logs, "BlueZ: AcquireWrite of " + std::string(kChunkPath) +
+                                 "/service000a/char000b " + what));
+    EXPECT_TRUE(logged(logs, "BlueZ: AcquireNotify of " + std::string(kChunkPath) +
+                                 "/service000a/char000d " + what));
     chunk->setDelegate(nullptr);
     release(central_, queue_);
     mock_.control("Reset");
@@ -511,7 +527,8 @@ TEST_F(BluezBackendTest, AcquiredSocketsAreClosedWhenTheLinkEnds) {
   }
   EXPECT_EQ(mock_.control("GetWriteStats", "s", {kChunk})["acquired-writes"], 3);
 
-  // bluetoothd leaving the bus, and the central's own end, close them too (the test's own sockets are all made before).
+  // bluetoothd leaving the bus, and the central's own end, close them too (the test's own sockets
+  // are all made before).
   ASSERT_TRUE(exchange(3));
   const size_t disconnects = countOf("disconnect");
   mock_.request({{"op", "stop_mock"}});
@@ -527,7 +544,8 @@ TEST_F(BluezBackendTest, AcquiredSocketsAreClosedWhenTheLinkEnds) {
   chunk.reset();
   release(central_, queue_);
   EXPECT_TRUE(eventually([&] { return openSockets() == beforeCentral; }))
-      << openSockets() << " sockets open after the central's end, " << beforeCentral << " before it";
+      << openSockets() << " sockets open after the central's end, " << beforeCentral
+      << " before it";
 }
 
 TEST_F(BluezBackendTest, ADroppedLinkEndsTheConnectionAndItsObjects) {
@@ -616,14 +634,16 @@ TEST_F(BluezBackendTest, RetrieveByStoredIdentifierFindsTheDeviceAgain) {
   powerOn();
   const auto unknown = idOf("C0:FF:EE:00:00:99");
   const auto foreign = UUID::literal("6e400001-b5a3-f393-e0a9-e50e24dcca9e");
-  auto found = central_->retrievePeripheralsWithIdentifiers(
-      {*UUID::fromString(stored), unknown, foreign});
+  auto found =
+      central_->retrievePeripheralsWithIdentifiers({*UUID::fromString(stored), unknown, foreign});
   ASSERT_EQ(found.size(), 1u);
   EXPECT_EQ(found[0]->identifier().UUIDString(), stored);
   EXPECT_EQ(found[0]->name(), "QLT-Echo");
-  EXPECT_TRUE(logs.contains("BlueZ: device C0:FF:EE:00:00:99 is not known to bluetoothd; scan for it first"));
-  EXPECT_TRUE(logs.contains("BlueZ: identifier 6E400001-B5A3-F393-E0A9-E50E24DCCA9E does not name a "
-                            "Bluetooth address (not made by this backend)"));
+  EXPECT_TRUE(logs.contains(
+      "BlueZ: device C0:FF:EE:00:00:99 is not known to bluetoothd; scan for it first"));
+  EXPECT_TRUE(
+      logs.contains("BlueZ: identifier 6E400001-B5A3-F393-E0A9-E50E24DCCA9E does not name a "
+                    "Bluetooth address (not made by this backend)"));
   found[0]->setDelegate(recorder_);
   central_->connect(found[0]);
   EXPECT_TRUE(recorder_->waitFor("connect"));
@@ -648,7 +668,7 @@ TEST_F(BluezBackendTest, ADaemonRestartDropsEverythingAndComesBack) {
   };
   ASSERT_TRUE(recorder_->waitFor("state", 3));
   EXPECT_EQ(states(), (std::vector<CentralState>{CentralState::PoweredOn, CentralState::PoweredOff,
-                                                  CentralState::PoweredOn}));
+                                                 CentralState::PoweredOn}));
   // The disconnection is reported before the power goes.
   auto all = recorder_->events();
   auto at = [&](const std::string& kind, size_t n) {
@@ -678,23 +698,31 @@ TEST_F(BluezBackendTest, PropertiesOfAnUnexpectedTypeOrObjectAreLoggedAndIgnored
   central_->scanForPeripherals(std::nullopt, {true});
   ASSERT_TRUE(recorder_->waitFor("discover", 3));
   const std::string heart = "/org/bluez/hci0/dev_C0_FF_EE_00_00_03";
-  auto emit = [&](const std::string& path, const std::string& iface, const nlohmann::json& changed) {
-    auto reply = mock_.request({{"op", "props_changed"}, {"path", path}, {"iface", iface}, {"changed", changed}});
+  auto emit = [&](const std::string& path, const std::string& iface,
+                  const nlohmann::json& changed) {
+    auto reply = mock_.request(
+        {{"op", "props_changed"}, {"path", path}, {"iface", iface}, {"changed", changed}});
     EXPECT_FALSE(reply.contains("error")) << reply.dump();
   };
   emit(heart, "org.bluez.Device1", {{"RSSI", {"s", "loud"}}, {"ManufacturerData", {"as", {"x"}}}});
-  EXPECT_TRUE(logs.waitFor("BlueZ: property RSSI of " + heart + " has D-Bus type 's', expected 'n'; ignored"));
+  EXPECT_TRUE(logs.waitFor("BlueZ: property RSSI of " + heart +
+                           " has D-Bus type 's', expected 'n'; ignored"));
   EXPECT_TRUE(logs.contains("BlueZ: property ManufacturerData of " + heart +
                             " has D-Bus type 'as', expected 'a{qv}'; ignored"));
   // An object bluetoothd never announced as a device.
-  auto added = mock_.request({{"op", "call"}, {"path", "/"}, {"iface", "org.freedesktop.DBus.Mock"},
-                              {"method", "AddObject"}, {"signature", "ssa{sv}a(ssss)"},
-                              {"args", {"/org/bluez/hci0/stray", "org.example.Stray", nlohmann::json::object(),
-                                        nlohmann::json::array()}}});
+  auto added = mock_.request({{"op", "call"},
+                              {"path", "/"},
+                              {"iface", "org.freedesktop.DBus.Mock"},
+                              {"method", "AddObject"},
+                              {"signature", "ssa{sv}a(ssss)"},
+                              {"args",
+                               {"/org/bluez/hci0/stray", "org.example.Stray",
+                                nlohmann::json::object(), nlohmann::json::array()}}});
   ASSERT_FALSE(added.contains("error")) << added.dump();
   emit("/org/bluez/hci0/stray", "org.bluez.Device1", {{"Connected", {"b", true}}});
-  EXPECT_TRUE(logs.waitFor("BlueZ: PropertiesChanged of org.bluez.Device1 for an unknown object "
-                           "/org/bluez/hci0/stray; ignored"));
+  EXPECT_TRUE(
+      logs.waitFor("BlueZ: PropertiesChanged of org.bluez.Device1 for an unknown object "
+                   "/org/bluez/hci0/stray; ignored"));
   // Still working: more reports, the heart-rate sensor among them.
   const size_t now = countOf("discover");
   EXPECT_TRUE(recorder_->waitFor("discover", now + 5));

@@ -73,7 +73,8 @@ class OnBlueZ : public ::testing::Test {
     const size_t before = app_->discovered().size();
     manager_->startDiscover([name](const std::shared_ptr<platform::Peripheral>&,
                                    const std::optional<std::string>& localName,
-                                   const platform::AdvertisementData&, int) { return localName == name; });
+                                   const platform::AdvertisementData&,
+                                   int) { return localName == name; });
     EXPECT_TRUE(app_->waitForDiscoveries(before + 1));
     manager_->stopDiscover();
     auto found = app_->discovered();

@@ -214,7 +214,8 @@ void Recorder::peripheral_didDiscoverServices(
 
 void Recorder::peripheral_didDiscoverCharacteristicsForService_error(
     const std::shared_ptr<platform::Peripheral>& peripheral,
-    const std::shared_ptr<platform::Service>& service, const std::optional<platform::Error>& error) {
+    const std::shared_ptr<platform::Service>& service,
+    const std::optional<platform::Error>& error) {
   Event e{"characteristics", peripheral, error};
   e.service = service;
   record(std::move(e));

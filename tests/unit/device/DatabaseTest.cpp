@@ -81,7 +81,7 @@ TEST_F(AStore, PersistsOnlyOnSynchronizeExceptRemoveAll) {
   EXPECT_EQ(QLT_Database::create()->storedPeripheralIdentifiers(), std::vector<std::string>{id(a)});
   EXPECT_EQ(onDisk(), std::vector<std::string>{id(a)});
 
-  struct stat st{};
+  struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 
@@ -102,14 +102,16 @@ TEST_F(AStore, RemovesOnlyAnExactMatch) {
 }
 
 TEST_F(AStore, PassesOverAMalformedStoredIdentifierAndKeepsIt) {
-  writeFile(R"({"storedPeripheralIdentifiers": ["6E400001-B5A3-F393-E0A9-E50E24DCCA9E", "not-a-uuid", "180D"]})");
+  writeFile(
+      R"({"storedPeripheralIdentifiers": ["6E400001-B5A3-F393-E0A9-E50E24DCCA9E", "not-a-uuid", "180D"]})");
   test::LogCapture log;
   auto db = QLT_Database::create();
   auto all = db->loadAll();
   ASSERT_EQ(all.size(), 1u);
   EXPECT_EQ(all[0].UUIDString(), "6E400001-B5A3-F393-E0A9-E50E24DCCA9E");
   EXPECT_EQ(db->storedPeripheralIdentifiers().size(), 3u);
-  EXPECT_TRUE(log.contains("QLT_Database : passing over a stored identifier that is not a UUID : \"not-a-uuid\""));
+  EXPECT_TRUE(log.contains(
+      "QLT_Database : passing over a stored identifier that is not a UUID : \"not-a-uuid\""));
 }
 
 TEST_F(AStore, MovesADamagedFileAsideAndStartsEmpty) {
@@ -147,8 +149,14 @@ TEST_F(AStore, FollowsTheEnvironmentWhenNoPathIsSet) {
   EXPECT_EQ(QLT_Database::storePath(), dir + "/QueltLibrary/known-peripherals.json");
   setenv("QLT_STORE_PATH", path.c_str(), 1);
   EXPECT_EQ(QLT_Database::storePath(), path);
-  if (oldStore) setenv("QLT_STORE_PATH", savedStore.c_str(), 1); else unsetenv("QLT_STORE_PATH");
-  if (oldXdg) setenv("XDG_CONFIG_HOME", savedXdg.c_str(), 1); else unsetenv("XDG_CONFIG_HOME");
+  if (oldStore)
+    setenv("QLT_STORE_PATH", savedStore.c_str(), 1);
+  else
+    unsetenv("QLT_STORE_PATH");
+  if (oldXdg)
+    setenv("XDG_CONFIG_HOME", savedXdg.c_str(), 1);
+  else
+    unsetenv("XDG_CONFIG_HOME");
 }
 
 // A writer killed at any moment leaves the old list or the new one, never a broken file.
@@ -171,7 +179,8 @@ TEST_F(AStore, SurvivesAWriterKilledAtRandomMomentsDuringSynchronize) {
       // Alternate the two lists forever; only the parent's kill ends this.
       for (unsigned i = 0;; ++i) {
         if (i % 2 == 0) {
-          for (size_t k = shorter.size(); k < full.size(); ++k) db->removePeripheralWithUUIDString(full[k]);
+          for (size_t k = shorter.size(); k < full.size(); ++k)
+            db->removePeripheralWithUUIDString(full[k]);
         } else {
           for (size_t k = shorter.size(); k < full.size(); ++k) db->store(devices[k]);
         }

@@ -95,7 +95,8 @@ struct WriteRecord {
 class FakePeripheral : public platform::Peripheral,
                        public std::enable_shared_from_this<FakePeripheral> {
  public:
-  static std::shared_ptr<FakePeripheral> create(UUID identifier, std::optional<std::string> name = {}) {
+  static std::shared_ptr<FakePeripheral> create(UUID identifier,
+                                                std::optional<std::string> name = {}) {
     return std::shared_ptr<FakePeripheral>(new FakePeripheral(identifier, std::move(name)));
   }
   // A peripheral offering the UART service: tx with `txProperties`, rx notifying.

@@ -15,7 +15,9 @@ using namespace qlt::fake;
 
 namespace {
 
-void flushMain() { DispatchQueue::main()->sync([] {}); }
+void flushMain() {
+  DispatchQueue::main()->sync([] {});
+}
 
 // Holds the main queue until release() (or destruction), so that states pile up there.
 class MainQueueGate {
@@ -55,7 +57,8 @@ class APeripheral : public ::testing::Test {
     }
     if (auto rx = fake->characteristic(QLT_UUID::rxCharacteristicUUID())) {
       rx->setNotifying(true);
-      peripheral->peripheral_didUpdateNotificationStateForCharacteristic_error(fake, rx, std::nullopt);
+      peripheral->peripheral_didUpdateNotificationStateForCharacteristic_error(fake, rx,
+                                                                               std::nullopt);
     }
   }
 
@@ -73,10 +76,17 @@ TEST(PeripheralStates, MapPlatformStatesAndHaveDisplayNames) {
   EXPECT_EQ(QLT_Peripheral::convertState(int64_t{3}), 3);
   EXPECT_EQ(QLT_Peripheral::convertState(int64_t{4}), 9);
   EXPECT_EQ(QLT_Peripheral::convertState(int64_t{-7}), 9);
-  const std::vector<std::string> names = {
-      "disconnected", "connecting", "connected", "disconnecting", "failedToConnect",
-      "discoveringServices", "discoveringCharacteristics", "unavailable", "ready",
-      "dfuInProgress", "notSupported"};
+  const std::vector<std::string> names = {"disconnected",
+                                          "connecting",
+                                          "connected",
+                                          "disconnecting",
+                                          "failedToConnect",
+                                          "discoveringServices",
+                                          "discoveringCharacteristics",
+                                          "unavailable",
+                                          "ready",
+                                          "dfuInProgress",
+                                          "notSupported"};
   for (int32_t i = 0; i < 11; ++i) EXPECT_EQ(QLT_Peripheral::convertStateToNSString(i), names[i]);
 }
 
@@ -115,9 +125,10 @@ TEST_F(APeripheral, RunsDiscoveryToReadyAskingForTheUartServiceOnly) {
     EXPECT_EQ(c->name(), "NUS Service Service Characteristic");
   }
   EXPECT_EQ(peripheral->findBLEService(fake->services().front()), services[0]);
-  for (const char* line : {"P state = 2", "Discover service : 0", "Did discover services",
-                           "Did discover chars", "RX found", "TX found",
-                           "Did update notification state value for ch", "Peripheral state : ready"}) {
+  for (const char* line :
+       {"P state = 2", "Discover service : 0", "Did discover services", "Did discover chars",
+        "RX found", "TX found", "Did update notification state value for ch",
+        "Peripheral state : ready"}) {
     EXPECT_TRUE(log.contains(line)) << line;
   }
 }
@@ -180,7 +191,7 @@ TEST_F(APeripheral, ALateDisconnectionNeverTearsDownTheNextConnection) {
     MainQueueGate gate;
     peripheral->setState(QLT_PeripheralStateDisconnected);  // still queued ...
     peripheral->setState(QLT_PeripheralStateConnecting);
-    connectAndDiscover();                                   // ... while the next link is built
+    connectAndDiscover();  // ... while the next link is built
     gate.release();
   }
   flushMain();
@@ -205,7 +216,8 @@ TEST_F(APeripheral, IgnoresDiscoveryResultsThatArriveAfterTheLinkWentDown) {
   EXPECT_TRUE(peripheral->services().empty());
   auto lines = log.lines();
   EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
-    return l.rfind("Ignoring services discovered after the link went down : <QLT_Peripheral", 0) == 0;
+    return l.rfind("Ignoring services discovered after the link went down : <QLT_Peripheral", 0) ==
+           0;
   }));
 }
 

@@ -35,8 +35,10 @@ TEST(ACharacteristicWrapper, PrefersWritingWithoutResponseAndRefusesWithoutAWrit
   auto p = FakePeripheral::create(nextIdentifier());
   auto s = p->addService(kOther);
   auto both = BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A01"), 0x0C), "x");
-  auto withResponse = BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A02"), 0x08), "x");
-  auto readOnly = BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A03"), 0x02), "x");
+  auto withResponse =
+      BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A02"), 0x08), "x");
+  auto readOnly =
+      BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A03"), 0x02), "x");
   test::LogCapture log;
 
   both->writeValueWithData(Data::fromString("a"));
@@ -94,7 +96,8 @@ TEST(AServiceWrapper, FindsTheFirstCharacteristicWithAnIdentifier) {
   EXPECT_TRUE(service->startService());
   EXPECT_TRUE(service->stopService());
   EXPECT_TRUE(service->characteristics().empty());
-  service->setCharacteristics({BLECharacteristic::create(first, "1"), BLECharacteristic::create(second, "2")});
+  service->setCharacteristics(
+      {BLECharacteristic::create(first, "1"), BLECharacteristic::create(second, "2")});
   EXPECT_EQ(service->getCharacteristics(UUID::literal("2A01")), first);
   EXPECT_EQ(service->getCharacteristics(UUID::literal("2A02")), nullptr);
   EXPECT_EQ(service->identifier(), kOther);
@@ -112,8 +115,10 @@ TEST(TheUartService, PicksRxAndTxInListOrderAndAsksNotificationsForRxOnly) {
   EXPECT_EQ(nus->tx(), tx);
   EXPECT_EQ(nus->characteristics().size(), 2u);
   auto lines = log.lines();
-  auto rxAt = std::find_if(lines.begin(), lines.end(), [](auto& l) { return l.find("RX found") != std::string::npos; });
-  auto txAt = std::find_if(lines.begin(), lines.end(), [](auto& l) { return l.find("TX found") != std::string::npos; });
+  auto rxAt = std::find_if(lines.begin(), lines.end(),
+                           [](auto& l) { return l.find("RX found") != std::string::npos; });
+  auto txAt = std::find_if(lines.begin(), lines.end(),
+                           [](auto& l) { return l.find("TX found") != std::string::npos; });
   ASSERT_NE(rxAt, lines.end());
   ASSERT_NE(txAt, lines.end());
   EXPECT_LT(rxAt, txAt);
@@ -130,7 +135,8 @@ TEST(TheUartService, WithOnlyTxReadsNothingAndWithoutTxWritesNothing) {
   EXPECT_TRUE(log.contains("No tx characteristic found in NUS"));
   EXPECT_TRUE(p->writes().empty());
 
-  nus->setCharacteristics({BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t")});
+  nus->setCharacteristics(
+      {BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t")});
   EXPECT_NE(nus->tx(), nullptr);
   EXPECT_EQ(nus->rx(), nullptr);
   EXPECT_TRUE(p->notifyRequests().empty());
@@ -141,14 +147,19 @@ TEST(TheUartService, WithOnlyTxReadsNothingAndWithoutTxWritesNothing) {
 TEST(TheUartService, WritesChunksOfAtMost161BytesWithAPauseBetweenThem) {
   auto p = FakePeripheral::withNUS(nextIdentifier());
   auto nus = NUSService::create(p->services().front());
-  nus->setCharacteristics({BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t")});
+  nus->setCharacteristics(
+      {BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t")});
   auto bytes = [](size_t n) {
     std::string s(n, '\0');
     for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i);
     return Data::fromString(s);
   };
   using Clock = std::chrono::steady_clock;
-  struct Case { size_t length; std::vector<size_t> chunks; int pauses; };
+  struct Case {
+    size_t length;
+    std::vector<size_t> chunks;
+    int pauses;
+  };
   for (const Case& c : {Case{161, {161}, 0}, Case{162, {161, 1}, 1}, Case{483, {161, 161, 161}, 2},
                         Case{0, {}, 0}}) {
     const size_t before = p->writes().size();

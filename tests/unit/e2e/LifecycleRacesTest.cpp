@@ -61,7 +61,8 @@ class ALifecycleRace : public ::testing::Test {
   void expectLegal(int round) {
     std::string why;
     auto states = world.app->states();
-    EXPECT_TRUE(test::isLegalStateSequence(states, initialState, &why)) << "round " << round << ": " << why;
+    EXPECT_TRUE(test::isLegalStateSequence(states, initialState, &why))
+        << "round " << round << ": " << why;
   }
 
   SimWorld world;
@@ -121,9 +122,7 @@ TEST_F(ALifecycleRace, TheApplicationReconnectsFromInsideItsDisconnectedCallback
     } else {
       world.manager->disconnect(p);
     }
-    ASSERT_TRUE(world.app->waitUntil([&] {
-      return reconnected.load();
-    })) << round;
+    ASSERT_TRUE(world.app->waitUntil([&] { return reconnected.load(); })) << round;
     ASSERT_TRUE(world.app->waitForState(QLT_PeripheralStateReady)) << round;
     world.app->onState(nullptr);
     // The late disconnection left the new connection alone: it still carries data.
@@ -161,7 +160,8 @@ TEST_F(ALifecycleRace, TheApplicationDropsItsLastReferenceWhileCallbacksAreQueue
     expectLegal(round);
     // A connection that completed after the drop is up with nobody holding a wrapper;
     // end it so that the next round starts from a disconnected device.
-    auto platformPeripheral = central->retrievePeripheralsWithIdentifiers({config.identifier}).at(0);
+    auto platformPeripheral =
+        central->retrievePeripheralsWithIdentifiers({config.identifier}).at(0);
     ASSERT_TRUE(test::eventually([&] {
       if (platformPeripheral->state() == platform::PeripheralState::Disconnected) return true;
       central->cancelPeripheralConnection(platformPeripheral);

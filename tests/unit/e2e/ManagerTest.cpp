@@ -37,7 +37,8 @@ TEST(AManager, ClearsTheNameOfAPeripheralThatAdvertisesNone) {
   world.radio->removeDevice(named.identifier);
   world.radio->addDevice(anonymous);
   world.manager->startDiscover([&](const std::shared_ptr<platform::Peripheral>& peripheral,
-                                   const std::optional<std::string>&, const platform::AdvertisementData&,
+                                   const std::optional<std::string>&,
+                                   const platform::AdvertisementData&,
                                    int) { return peripheral->identifier() == named.identifier; });
   ASSERT_TRUE(world.app->waitForDiscoveries(1));
   world.manager->stopDiscover();
@@ -74,7 +75,8 @@ TEST(AManager, ReannouncesAConnectedPeripheralAndHandlesDisconnectEdgeCases) {
   world.appQueue->sync([] {});
   auto states = world.app->states();
   ASSERT_GE(states.size(), 3u);
-  EXPECT_EQ(std::vector<int32_t>(states.begin(), states.begin() + 3), (std::vector<int32_t>{8, 3, 0}));
+  EXPECT_EQ(std::vector<int32_t>(states.begin(), states.begin() + 3),
+            (std::vector<int32_t>{8, 3, 0}));
   EXPECT_LE(states.size(), 4u);
   EXPECT_EQ(states.back(), 0);
 }

@@ -96,7 +96,8 @@ TEST(OnTheSimulatedRadio, TheChunkingTransportEchoesThroughAPlainDevice) {
   EXPECT_FALSE(p->transportCounters().has_value());
 }
 
-TEST(OnTheSimulatedRadio, EndsInDfuWithoutTheUartServiceInDisconnectedWhenTheLinkDropsAndInFailedToConnect) {
+TEST(OnTheSimulatedRadio,
+     EndsInDfuWithoutTheUartServiceInDisconnectedWhenTheLinkDropsAndInFailedToConnect) {
   SimWorld world;
   auto hr = device("E2E-HR", SimBehaviour::None);
   hr.services = {sim::SimServiceConfig::heartRate()};
@@ -189,7 +190,8 @@ TEST(TheSharedManager, RetrievesAStoredPeripheralAndConnectsWithoutScanning) {
   auto p = QLT_BLEManager::retrievePeripheralWithUUID(stored[0].UUIDString());
   ASSERT_NE(p, nullptr);
   EXPECT_NE(p, first) << "each retrieval makes a fresh wrapper";
-  EXPECT_EQ(p->basePeripheral()->delegate(), std::static_pointer_cast<platform::PeripheralDelegate>(p));
+  EXPECT_EQ(p->basePeripheral()->delegate(),
+            std::static_pointer_cast<platform::PeripheralDelegate>(p));
 
   auto app = std::make_shared<test::PeripheralRecorder>();
   auto queue = DispatchQueue::create("app");
@@ -209,7 +211,8 @@ TEST(TheSharedManager, RetrievesAStoredPeripheralAndConnectsWithoutScanning) {
 
   test::LogCapture log;
   EXPECT_EQ(QLT_BLEManager::retrievePeripheralWithUUID("not-a-uuid"), nullptr);
-  EXPECT_TRUE(log.contains("retrievePeripheralWithUUID : \"not-a-uuid\" is not a peripheral identifier"));
+  EXPECT_TRUE(
+      log.contains("retrievePeripheralWithUUID : \"not-a-uuid\" is not a peripheral identifier"));
   EXPECT_EQ(QLT_BLEManager::retrievePeripheralWithUUID(freshIdentifier().UUIDString()), nullptr);
 
   sim::SimRadio::shared()->removeDevice(echo.identifier);

@@ -20,10 +20,11 @@ TEST(AUUID, ParsesEitherCaseAndPrintsUpperCase) {
 }
 
 TEST(AUUID, YieldsNothingForBadText) {
-  for (const char* bad : {"", "6e400001", "6e400001-b5a3-f393-e0a9-e50e24dcca9", "zz0D",
-                          "6e400001-b5a3-f393-e0a9-e50e24dcca9ef", "6e400001_b5a3-f393-e0a9-e50e24dcca9e",
-                          "6e40000g-b5a3-f393-e0a9-e50e24dcca9e", "{6e400001-b5a3-f393-e0a9-e50e24dcca9}",
-                          "6e400001-b5a3-f393-e0a9-e50e24dcca9\xff"}) {
+  for (const char* bad :
+       {"", "6e400001", "6e400001-b5a3-f393-e0a9-e50e24dcca9", "zz0D",
+        "6e400001-b5a3-f393-e0a9-e50e24dcca9ef", "6e400001_b5a3-f393-e0a9-e50e24dcca9e",
+        "6e40000g-b5a3-f393-e0a9-e50e24dcca9e", "{6e400001-b5a3-f393-e0a9-e50e24dcca9}",
+        "6e400001-b5a3-f393-e0a9-e50e24dcca9\xff"}) {
     if (std::string_view(bad) == "6e400001") continue;  // a valid 32-bit short form
     EXPECT_FALSE(UUID::fromString(bad)) << bad;
   }
@@ -57,9 +58,9 @@ TEST(TheLog, FormatsEachArgumentByItsOwnType) {
   QLTLog("Connected to : %@", std::optional<std::string>());
   QLTLog("%s and %lu and %.2f%%", std::string("text"), 7ul, 0.5);
   QLTLog("missing %d");
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{"P state = 8", "---> t-rcv : l=2, <6869>",
-                                                   "Connected to : (null)", "text and 7 and 0.500000%",
-                                                   "missing (missing)"}));
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                             "P state = 8", "---> t-rcv : l=2, <6869>", "Connected to : (null)",
+                             "text and 7 and 0.500000%", "missing (missing)"}));
 }
 
 TEST(TheVersionSymbols, CarryTheWhatString) {

@@ -19,7 +19,8 @@ TEST(ASerialQueue, RunsTasksInSubmissionOrderOneAtATime) {
   std::vector<std::vector<int>> seen(kQueues);
   std::vector<std::atomic<int>> running(kQueues);
   std::atomic<int> overlaps{0}, done{0};
-  for (int q = 0; q < kQueues; ++q) queues.push_back(DispatchQueue::create("q" + std::to_string(q)));
+  for (int q = 0; q < kQueues; ++q)
+    queues.push_back(DispatchQueue::create("q" + std::to_string(q)));
   // Two producer threads per queue interleave their submissions; each keeps its own order.
   std::vector<std::thread> producers;
   for (int q = 0; q < kQueues; ++q) {

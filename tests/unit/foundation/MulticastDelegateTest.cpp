@@ -50,7 +50,9 @@ class Recorder : public Pinged {
 class Silent : public Delegate {};
 
 // Waits until every task queued so far on `q` has run.
-void flush(const std::shared_ptr<DispatchQueue>& q) { q->sync([] {}); }
+void flush(const std::shared_ptr<DispatchQueue>& q) {
+  q->sync([] {});
+}
 
 }  // namespace
 

@@ -101,7 +101,7 @@ TEST(WaitForMultipleObjects, ReturnsZeroForAnySetEventAndMinusOneAfterItsFixedLi
   auto a = HANDLE::createAutoEvent(), b = HANDLE::createAutoEvent(), c = HANDLE::createAutoEvent();
   c->set();
   EXPECT_EQ(HANDLE::waitForMultipleObjects({a, b, c}, 0.1), 0);  // not 2: the index is not kept
-  EXPECT_FALSE(c->isSet());                                        // consumed
+  EXPECT_FALSE(c->isSet());                                      // consumed
 
   auto start = Clk::now();
   EXPECT_EQ(HANDLE::waitForMultipleObjects({a, b, c}, 0.1), -1);

@@ -64,14 +64,12 @@ TEST_F(ThePlatformRegistry, FallsBackToTheSimulatedRadioForAnUnknownEnvironmentV
   test::LogCapture log;
   ASSERT_TRUE(currentBackend());
   EXPECT_EQ(currentBackend()->name(), "sim");
-  EXPECT_TRUE(log.contains(
-      "Unknown platform backend \"carrier-pigeon\" in QLT_PLATFORM (available: " +
-      [] {
+  EXPECT_TRUE(
+      log.contains("Unknown platform backend \"carrier-pigeon\" in QLT_PLATFORM (available: " + [] {
         std::string t;
         for (const auto& n : availableBackends()) t += (t.empty() ? "" : ", ") + n;
         return t;
-      }() +
-      "); using \"sim\""));
+      }() + "); using \"sim\""));
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <set>
 #include <thread>
 
-#include "SimTestFixture.h"
 #include "QueltLibrary/sim/SimRadio.h"
+#include "SimTestFixture.h"
 #include "support/TestSupport.h"
 
 namespace qlt::sim::test {
@@ -108,7 +108,8 @@ TEST_F(ASimulatedRadio, ConnectsDiscoversAndEchoesChunks) {
   EXPECT_EQ(p->maximumWriteValueLength(WriteType::WithoutResponse), 182u);
 
   for (int i = 0; i < 50; ++i) {
-    p->writeValue(Data::fromString("chunk " + std::to_string(i)), nus.tx, WriteType::WithoutResponse);
+    p->writeValue(Data::fromString("chunk " + std::to_string(i)), nus.tx,
+                  WriteType::WithoutResponse);
   }
   p->writeValue(Data::fromString("confirmed"), nus.tx, WriteType::WithResponse);
   ASSERT_TRUE(recorder->waitFor("written"));
@@ -257,9 +258,8 @@ TEST_F(ASimulatedRadio, NeverDeliversAnEarlierConnectionsEventsToALaterOne) {
   // Stale characteristics are refused on the new link.
   ::qlt::test::LogCapture log;
   p->writeValue(Data::fromString("stale"), nus.tx, WriteType::WithoutResponse);
-  EXPECT_TRUE(log.contains(
-      "Simulated radio: writeValue on " + deviceId(1).UUIDString() +
-      " ignored: the characteristic is not of the current connection"));
+  EXPECT_TRUE(log.contains("Simulated radio: writeValue on " + deviceId(1).UUIDString() +
+                           " ignored: the characteristic is not of the current connection"));
 }
 
 TEST_F(ASimulatedRadio, DelaysEveryPacketByTheConnectionIntervalAndKeepsOrder) {

@@ -4,8 +4,8 @@
 
 #include <vector>
 
-#include "SimTestFixture.h"
 #include "QueltLibrary/SWTransport.h"
+#include "SimTestFixture.h"
 #include "support/TestSupport.h"
 
 namespace qlt::sim::test {
@@ -34,11 +34,13 @@ class Bridge final : public platform::PeripheralDelegate,
   const std::shared_ptr<SWTransport>& transport() const { return transport_; }
 
   void peripheral_didUpdateValueForCharacteristic_error(
-      const std::shared_ptr<platform::Peripheral>&, const std::shared_ptr<platform::Characteristic>& c,
+      const std::shared_ptr<platform::Peripheral>&,
+      const std::shared_ptr<platform::Characteristic>& c,
       const std::optional<platform::Error>&) override {
     transport_->receive(c->value().value_or(Data()));
   }
-  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& data) override {
+  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&,
+                                  const Data& data) override {
     peripheral_->writeValue(data, nus_.tx, platform::WriteType::WithoutResponse);
   }
   void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& data) override {

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "QueltLibrary/DispatchQueue.h"
 #include <gtest/gtest.h>
+#include "QueltLibrary/DispatchQueue.h"
 
 #include "QueltLibrary/platform/Platform.h"
 #include "QueltLibrary/sim/SimRadio.h"
@@ -91,7 +91,8 @@ class Recorder : public platform::CentralDelegate, public platform::PeripheralDe
     record("value " + value.toString() + (error ? " error" : ""));
   }
   void peripheral_didWriteValueForCharacteristic_error(
-      const std::shared_ptr<platform::Peripheral>&, const std::shared_ptr<platform::Characteristic>&,
+      const std::shared_ptr<platform::Peripheral>&,
+      const std::shared_ptr<platform::Characteristic>&,
       const std::optional<platform::Error>& error) override {
     record(std::string("written") + (error ? " error" : ""));
   }
@@ -132,9 +133,9 @@ class Recorder : public platform::CentralDelegate, public platform::PeripheralDe
                      std::chrono::milliseconds timeout = 5000ms) {
     return waitUntil(
         [&](const std::vector<std::string>& events) {
-          return static_cast<size_t>(std::count_if(events.begin(), events.end(), [&](const std::string& e) {
-                   return e.rfind(prefix, 0) == 0;
-                 })) >= times;
+          return static_cast<size_t>(std::count_if(
+                     events.begin(), events.end(),
+                     [&](const std::string& e) { return e.rfind(prefix, 0) == 0; })) >= times;
         },
         timeout);
   }
@@ -210,7 +211,9 @@ class ASimulatedRadio : public ::testing::Test {
     queue = DispatchQueue::create("QLT_BLEManager");
     recorder = std::make_shared<Recorder>(queue);
   }
-  void TearDown() override { EXPECT_FALSE(recorder->offQueue()) << "a callback came off the central's queue"; }
+  void TearDown() override {
+    EXPECT_FALSE(recorder->offQueue()) << "a callback came off the central's queue";
+  }
 
   void start() {
     central = radio->backend()->createCentral(recorder, queue, {});
@@ -244,6 +247,5 @@ class ASimulatedRadio : public ::testing::Test {
   std::shared_ptr<Recorder> recorder;
   std::shared_ptr<platform::Central> central;
 };
-
 
 }  // namespace qlt::sim::test

@@ -14,7 +14,8 @@ TEST(ASoak, FiveHundredConnectTransferDisconnectCyclesLeaveNothingBehind) {
   auto config = device("Soak-Echo", sim::SimBehaviour::SwEcho);
   config.connectDelay = 0.001;
   world.radio->addDevice(config);
-  auto found = world.manager->centralManager()->retrievePeripheralsWithIdentifiers({config.identifier});
+  auto found =
+      world.manager->centralManager()->retrievePeripheralsWithIdentifiers({config.identifier});
   ASSERT_EQ(found.size(), 1u);
 
   std::weak_ptr<QLT_Peripheral> weak;
@@ -47,8 +48,8 @@ TEST(ASoak, FiveHundredConnectTransferDisconnectCyclesLeaveNothingBehind) {
   // idle seconds. What is left must be what there was before the first cycle.
   const bool settled = test::eventually([&] { return test::osThreadCount() <= baseline + 4; },
                                         std::chrono::seconds(60));
-  EXPECT_TRUE(settled) << "baseline " << baseline << ", now " << test::osThreadCount()
-                       << ", peak " << peak;
+  EXPECT_TRUE(settled) << "baseline " << baseline << ", now " << test::osThreadCount() << ", peak "
+                       << peak;
   std::printf("[ soak ] threads: baseline %zu, peak %zu, after settling %zu\n", baseline, peak,
               test::osThreadCount());
 }

@@ -14,10 +14,11 @@ namespace {
 
 size_t replay(const char* mode, int (*entry)(const uint8_t*, size_t)) {
   size_t n = 0;
-  for (const auto& file : std::filesystem::directory_iterator(
-           std::filesystem::path(QLT_FUZZ_CORPUS_DIR) / mode)) {
+  for (const auto& file :
+       std::filesystem::directory_iterator(std::filesystem::path(QLT_FUZZ_CORPUS_DIR) / mode)) {
     std::ifstream in(file.path(), std::ios::binary);
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
+                               std::istreambuf_iterator<char>());
     SCOPED_TRACE(file.path().string());
     EXPECT_EQ(entry(bytes.data(), bytes.size()), 0);
     ++n;

@@ -68,12 +68,12 @@ TEST_P(ExactlyOnce, DeliversEveryByteOnceAndInOrderBothWaysAndDrainsBothQueues) 
   RecordProperty("segments_resent", static_cast<int>(resent));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    OverAnOrderedLink, ExactlyOnce,
-    ::testing::Values(FaultConfig{0.0, 0.0}, FaultConfig{0.01, 0.0}, FaultConfig{0.05, 0.0},
-                      FaultConfig{0.20, 0.0}, FaultConfig{0.0, 0.1}, FaultConfig{0.01, 0.1},
-                      FaultConfig{0.05, 0.1}, FaultConfig{0.20, 0.1}),
-    configName);
+INSTANTIATE_TEST_SUITE_P(OverAnOrderedLink, ExactlyOnce,
+                         ::testing::Values(FaultConfig{0.0, 0.0}, FaultConfig{0.01, 0.0},
+                                           FaultConfig{0.05, 0.0}, FaultConfig{0.20, 0.0},
+                                           FaultConfig{0.0, 0.1}, FaultConfig{0.01, 0.1},
+                                           FaultConfig{0.05, 0.1}, FaultConfig{0.20, 0.1}),
+                         configName);
 
 namespace {
 
@@ -113,12 +113,14 @@ TEST_P(OverABrokenLink, KeepsItsWindowAndBoundsAndEnds) {
     ASSERT_LE(r.stats.maxInFlight, 3) << "seed " << seed;
     ASSERT_LT(r.stats.maxPendingFrames, 1000u) << "seed " << seed;
     for (int side : {0, 1}) ASSERT_LE(r.counters[side].bytesQueued, r.bytesSent[side]);
-    if (!r.prefix[0] || !r.prefix[1]) ++misdelivered;
-    else if (!r.drained) ++stalled;
+    if (!r.prefix[0] || !r.prefix[1])
+      ++misdelivered;
+    else if (!r.drained)
+      ++stalled;
     quiet.clear();
   }
-  std::printf("[ %s ] %d of %d runs misdelivered, %d more stalled\n", b.name, misdelivered,
-              kSeeds, stalled);
+  std::printf("[ %s ] %d of %d runs misdelivered, %d more stalled\n", b.name, misdelivered, kSeeds,
+              stalled);
   RecordProperty("misdelivered_runs", misdelivered);
   RecordProperty("stalled_runs", stalled);
 }

@@ -6,7 +6,9 @@ using qlt::sim::LinkConfig;
 using qlt::sim::LinkModel;
 
 TEST(ALinkModel, KeepsFifoOrderUnderJitterAndDuplication) {
-  LinkModel link({.lossProbability = 0.2, .duplicationProbability = 0.3, .delaySeconds = 0.005,
+  LinkModel link({.lossProbability = 0.2,
+                  .duplicationProbability = 0.3,
+                  .delaySeconds = 0.005,
                   .jitterSeconds = 0.02},
                  7);
   double last = 0;
@@ -35,7 +37,8 @@ TEST(ALinkModel, GivesTheSameAnswersForTheSameSeed) {
   LinkModel a(config, 42), b(config, 42), c(config, 43);
   bool differs = false;
   for (int i = 0; i < 200; ++i) {
-    auto fa = a.transmit(i * 0.001, 10), fb = b.transmit(i * 0.001, 10), fc = c.transmit(i * 0.001, 10);
+    auto fa = a.transmit(i * 0.001, 10), fb = b.transmit(i * 0.001, 10),
+         fc = c.transmit(i * 0.001, 10);
     ASSERT_EQ(fa.copies, fb.copies);
     if (fa.copies) {
       ASSERT_EQ(fa.at[0], fb.at[0]);
@@ -62,7 +65,7 @@ TEST(ALinkModel, DropsWhatFindsItsQueueFull) {
   EXPECT_FALSE(link.transmit(0.0, 1).lost());  // until 20 ms
   EXPECT_TRUE(link.transmit(0.0, 1).lost());   // two still waiting: dropped
   EXPECT_EQ(link.framesDropped(), 1u);
-  auto later = link.transmit(0.015, 1);        // the first has left
+  auto later = link.transmit(0.015, 1);  // the first has left
   ASSERT_FALSE(later.lost());
   EXPECT_DOUBLE_EQ(later.at[0], 0.03);
 }

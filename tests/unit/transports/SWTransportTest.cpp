@@ -257,7 +257,8 @@ TEST_F(AnSWTransport, MakesNoAllocationAndNoFrameInAnIdleRound) {
 
 TEST_F(AnSWTransport, TracesEveryFrameBothWays) {
   std::vector<std::string> lines;
-  transport->setFrameTrace([&](bool out, const Data& f) { lines.push_back(describeFrame(f.span(), out)); });
+  transport->setFrameTrace(
+      [&](bool out, const Data& f) { lines.push_back(describeFrame(f.span(), out)); });
   auto p = pattern(130);
   transport->sendTCP(p.data(), p.size());
   round();
@@ -266,9 +267,8 @@ TEST_F(AnSWTransport, TracesEveryFrameBothWays) {
   round();
   transport->setFrameTrace(nullptr);
   transport->receive(frame({0x23}));
-  EXPECT_EQ(lines, (std::vector<std::string>{"→ seg seq=0 120 B", "→ seg seq=1 10 B",
-                                              "← rej R=1", "← seg seq=0 1 B", "→ seg seq=1 10 B",
-                                              "→ ack R=1"}));
+  EXPECT_EQ(lines, (std::vector<std::string>{"→ seg seq=0 120 B", "→ seg seq=1 10 B", "← rej R=1",
+                                             "← seg seq=0 1 B", "→ seg seq=1 10 B", "→ ack R=1"}));
 }
 
 TEST(ABLESlideWindow, CutsAt160AndLimitsDatagramsTo159) {

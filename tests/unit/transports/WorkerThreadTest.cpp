@@ -103,9 +103,8 @@ TEST(TwoStartedSWTransports, CarryMessagesBothWaysOverDirectWiring) {
   auto msg = pattern(5000);
   a->sendTCP(msg.data(), msg.size());
   b->sendTCP(msg.data(), 1000);
-  ASSERT_TRUE(test::eventually([&] {
-    return a->counters().bytesQueued == 0 && b->counters().bytesQueued == 0;
-  }));
+  ASSERT_TRUE(test::eventually(
+      [&] { return a->counters().bytesQueued == 0 && b->counters().bytesQueued == 0; }));
   stopAndJoin(a);
   stopAndJoin(b);
   std::vector<uint8_t> got;
