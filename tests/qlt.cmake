@@ -14,10 +14,10 @@ if(TARGET qlt)
 endif()
 
 # The tool on the BlueZ backend, against the mock bluetoothd on a private bus (see
-# tests/bluez/README.md): a scan, an echo bench and a chat that ends at end of input.
+# tests/platform/bluez/README.md): a scan, an echo bench and a chat that ends at end of input.
 if(TARGET qlt AND QLT_WITH_BLUEZ AND EXISTS /usr/bin/dbus-daemon)
   add_test(NAME qlt.OnTheMockBluez
-    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/bluez/run_with_mock_bus.sh --
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/platform/bluez/run_with_mock_bus.sh --
             ${CMAKE_CURRENT_SOURCE_DIR}/tools/qlt/on_mock_bluez.sh $<TARGET_FILE:qlt>)
   set_tests_properties(qlt.OnTheMockBluez PROPERTIES LABELS "qlt;bluez" TIMEOUT 120
                        SKIP_RETURN_CODE 125)

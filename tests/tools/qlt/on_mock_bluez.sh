@@ -1,5 +1,5 @@
 #!/bin/sh
-# qlt on the BlueZ backend against the mock bluetoothd (run by tests/bluez/run_with_mock_bus.sh).
+# qlt on the BlueZ backend against the mock bluetoothd (run by tests/platform/bluez/run_with_mock_bus.sh).
 # Usage: on_mock_bluez.sh PATH-TO-QLT
 set -eu
 qlt=$1

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "FakePlatform.h"
+#include "support/FakePlatform.h"
 #include "QueltLibrary/BLECharacteristic.h"
 #include "QueltLibrary/BLEService.h"
 #include "QueltLibrary/NUSService.h"

@@ -12,7 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "FakePlatform.h"
+#include "support/FakePlatform.h"
 #include "QueltLibrary/QLT_Database.h"
 #include "QueltLibrary/QLT_Peripheral.h"
 #include "support/TestSupport.h"

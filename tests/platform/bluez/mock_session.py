@@ -2,7 +2,7 @@
 # -*- coding: utf-8 -*-
 """A private bus with the mock bluetoothd, steered over stdin/stdout by a C++ test.
 
-Starts tests/bluez/bus_harness.MockBus (dbus-daemon + mock_bluez.py), prints
+Starts tests/platform/bluez/bus_harness.MockBus (dbus-daemon + mock_bluez.py), prints
 "READY <bus address>" (or "FAILED <reason>") and then answers one JSON request per
 line with one JSON line: {"ok": <result>} or {"error": <D-Bus error name>, "message": ...}.
 
@@ -24,7 +24,7 @@ import os
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-MOCK_DIR = os.environ.get('QLT_BLUEZ_MOCK_DIR') or os.path.join(HERE, '..', '..', 'bluez')
+MOCK_DIR = HERE
 sys.path.insert(0, MOCK_DIR)
 
 try:

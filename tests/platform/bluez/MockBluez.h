@@ -18,7 +18,7 @@
 
 namespace qlt::test {
 
-// A dbus-daemon and mock_bluez.py of our own (through tests/unit/bluez/mock_session.py),
+// A dbus-daemon and mock_bluez.py of our own (through tests/platform/bluez/mock_session.py),
 // torn down with the object. Sets DBUS_SYSTEM_BUS_ADDRESS for this process.
 class MockBluez {
  public:

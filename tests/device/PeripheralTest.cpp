@@ -3,7 +3,7 @@
 
 #include <future>
 
-#include "FakePlatform.h"
+#include "support/FakePlatform.h"
 #include "QueltLibrary/NUSTransport.h"
 #include "QueltLibrary/QLT_Peripheral.h"
 #include "QueltLibrary/SWTransport.h"
