@@ -1,6 +1,6 @@
 #include "QueltLibrary/BLESlideWindow.h"
 
-#include "transports/SlideWindowEngine.h"
+#include "protocol/SlideWindowEngine.h"
 
 namespace qlt {
 

@@ -1,6 +1,6 @@
 #include "QueltLibrary/SWTransport.h"
 
-#include "transports/SlideWindowEngine.h"
+#include "protocol/SlideWindowEngine.h"
 
 namespace qlt {
 

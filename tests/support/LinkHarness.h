@@ -25,7 +25,7 @@
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "platform/sim/LinkModel.h"
-#include "transports/SlideWindowEngine.h"
+#include "protocol/SlideWindowEngine.h"
 
 namespace qlt::test {
 

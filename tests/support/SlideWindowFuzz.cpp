@@ -8,7 +8,7 @@
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SWTransport.h"
 #include "QueltLibrary/SlideWindowFrame.h"
-#include "transports/SlideWindowEngine.h"
+#include "protocol/SlideWindowEngine.h"
 
 namespace qlt::fuzz {
 

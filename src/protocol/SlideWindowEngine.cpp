@@ -1,4 +1,4 @@
-#include "transports/SlideWindowEngine.h"
+#include "protocol/SlideWindowEngine.h"
 
 #include <algorithm>
 
