@@ -32,6 +32,10 @@ namespace qlt {
 inline constexpr uint8_t kSlideWindowModulus = 4;  // sequence numbers 0..3
 inline constexpr uint8_t kSlideWindowSize = 3;     // segments in flight at most
 inline constexpr size_t kPollFrameLength = 3;
+// The "TCP" window's segment size and poll time-out (0.3 s, kept as the single-precision
+// constant 0.3f widened to double): SWTransport and the simulated devices use them.
+inline constexpr size_t kTcpSegmentSize = 120;
+inline constexpr double kTcpPollTimeout = static_cast<double>(0.3f);
 
 enum class FrameKind : uint8_t {
   Segment,       // "TCP" data, sequence in `sequence`, payload in `payload`

@@ -1,9 +1,12 @@
 #include "DeviceBehaviour.h"
 
+#include <chrono>
 #include <vector>
 
-#include "QueltLibrary/SWTransport.h"
+#include "QueltLibrary/Clock.h"
+#include "QueltLibrary/SlideWindowFrame.h"
 #include "SimLink.h"
+#include "protocol/SlideWindowEngine.h"
 
 namespace qlt::sim {
 
@@ -25,12 +28,14 @@ class ChunkEcho final : public DeviceBehaviour {
 };
 
 // Runs the library's own sliding-window engine in the device's role: frames written by
-// the central go to its receive(); the frames it writes go out as notifications.
-// Echoes every payload back (sw-echo), or sends a pattern once notifications are on
-// (source). The engine's payload callbacks arrive on the device queue.
+// the central go to its receive(); the frames it writes go out as notifications. Echoes
+// every payload back (sw-echo), or sends a pattern once notifications are on (source).
+// Everything runs on the device queue: the engine's rounds are a task that puts itself
+// back every millisecond (the pace of a transport's worker) until the link ends, so a
+// simulated link costs no thread. Payloads are handled in tasks of their own, after the
+// receive that delivered them.
 class SlidingWindow final : public DeviceBehaviour,
-                            public TransportSenderDelegate,
-                            public TransportDelegate,
+                            public SlideWindowEngine::Face,
                             public std::enable_shared_from_this<SlidingWindow> {
  public:
   SlidingWindow(bool echo, uint64_t sourceBytes, std::weak_ptr<SimLink> link,
@@ -41,50 +46,60 @@ class SlidingWindow final : public DeviceBehaviour,
         deviceQueue_(std::move(deviceQueue)) {}
 
   void connected() override {
-    transport_ = SWTransport::create();
-    transport_->setSenderDelegate(shared_from_this());
-    transport_->addDelegate(shared_from_this(), deviceQueue_);
-    transport_->start();
+    engine_ = std::make_unique<SlideWindowEngine>(
+        *this, SlideWindowParameters{kTcpSegmentSize, kTcpPollTimeout}, Clock::monotonic());
+    scheduleRound();
   }
   void notificationsChanged(bool enabled) override {
-    if (echo_ || !enabled || sent_ || !transport_) return;
+    if (echo_ || !enabled || sent_ || !engine_) return;
     sent_ = true;
     std::vector<uint8_t> pattern(sourceBytes_);
     for (uint64_t i = 0; i < sourceBytes_; ++i) pattern[i] = static_cast<uint8_t>(i % 251);
     if (auto link = link_.lock()) link->counters().payloadBytesSent.fetch_add(sourceBytes_);
-    transport_->sendTCP(pattern.data(), pattern.size());
+    engine_->sendTCP(pattern.data(), pattern.size());
   }
   void written(const Data& value) override {
-    if (transport_) transport_->receive(value);
+    if (engine_) engine_->receive(value);
   }
-  void disconnected() override {
-    if (auto transport = std::move(transport_)) transport->stop();
-  }
+  void disconnected() override { engine_.reset(); }
 
-  // TransportSenderDelegate: from the engine's worker thread or the device queue.
-  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&,
-                                  const Data& data) override {
-    if (auto link = link_.lock()) link->notify(data);
+  // SlideWindowEngine::Face, on the device queue.
+  void writeFrame(const uint8_t* bytes, size_t length) override {
+    if (auto link = link_.lock()) link->notify(Data(bytes, length));
   }
-  // TransportDelegate: on the device queue.
-  void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& data) override {
-    auto link = link_.lock();
-    if (link) link->counters().payloadBytesReceived.fetch_add(data.length());
-    if (!echo_ || !transport_) return;
-    if (link) link->counters().payloadBytesSent.fetch_add(data.length());
-    transport_->sendTCP(data.bytes(), data.length());
+  void deliverTCP(const Data& payload) override {
+    deviceQueue_->async([self = shared_from_this(), payload] {
+      auto link = self->link_.lock();
+      if (link) link->counters().payloadBytesReceived.fetch_add(payload.length());
+      if (!self->echo_ || !self->engine_) return;
+      if (link) link->counters().payloadBytesSent.fetch_add(payload.length());
+      self->engine_->sendTCP(payload.bytes(), payload.length());
+    });
   }
-  void transport_udpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& data) override {
-    if (echo_ && transport_) transport_->sendUDP(data.bytes(), data.length());
+  void deliverUDP(const Data& payload) override {
+    deviceQueue_->async([self = shared_from_this(), payload] {
+      if (self->echo_ && self->engine_) self->engine_->sendUDP(payload.bytes(), payload.length());
+    });
   }
 
  private:
+  static constexpr std::chrono::milliseconds kRoundInterval{1};
+
+  void scheduleRound() {
+    deviceQueue_->asyncAfter(kRoundInterval, [weak = weak_from_this()] {
+      auto self = weak.lock();
+      if (!self || !self->engine_) return;
+      self->engine_->round();
+      self->scheduleRound();
+    });
+  }
+
   const bool echo_;
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
-  std::shared_ptr<SWTransport> transport_;  // device queue only
-  bool sent_ = false;                       // device queue only
+  std::unique_ptr<SlideWindowEngine> engine_;  // device queue only; null once disconnected
+  bool sent_ = false;                          // device queue only
 };
 
 }  // namespace
