@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "QueltLibrary/QLT_UUID.h"
 #include "QueltLibrary/SWTransport.h"
 #include "QueltLibrary/sim/SimRadio.h"
 
@@ -87,8 +88,8 @@ class Link final : public platform::CentralDelegate,
       const std::shared_ptr<platform::Peripheral>& p, const std::shared_ptr<platform::Service>& s,
       const std::optional<platform::Error>&) override {
     for (const auto& c : s->characteristics()) {
-      if (c->uuid() == nusTxCharacteristicUUID()) tx_ = c;
-      if (c->uuid() == nusRxCharacteristicUUID()) p->setNotifyValue(true, c);
+      if (c->uuid() == QLT_UUID::txCharacteristicUUID()) tx_ = c;
+      if (c->uuid() == QLT_UUID::rxCharacteristicUUID()) p->setNotifyValue(true, c);
     }
   }
   void peripheral_didUpdateNotificationStateForCharacteristic_error(

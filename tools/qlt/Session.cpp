@@ -9,6 +9,7 @@
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/QLT_BLEManager.h"
 #include "QueltLibrary/QLT_Peripheral.h"
+#include "QueltLibrary/QLT_UUID.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
@@ -25,7 +26,7 @@ std::string lower(std::string s) {
 }
 
 bool advertisesNUS(const platform::AdvertisementData& ad) {
-  const auto nus = sim::nusServiceUUID();
+  const auto nus = QLT_UUID::uartServiceUUID();
   return std::find(ad.serviceUUIDs.begin(), ad.serviceUUIDs.end(), nus) != ad.serviceUUIDs.end();
 }
 

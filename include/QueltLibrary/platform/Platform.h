@@ -16,6 +16,7 @@
 // references (characteristic → service → peripheral) are weak.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -60,6 +61,40 @@ enum class PeripheralState : int64_t {
   Disconnecting = 3,
 };
 
+// The names of the states, for logs: "poweredOn", "connecting", ... A value outside the
+// enumeration gives "invalid" (every enumerator is named: the switches have no default,
+// so the compiler warns about a new one left out).
+constexpr const char* toString(CentralState state) {
+  switch (state) {
+    case CentralState::Unknown:
+      return "unknown";
+    case CentralState::Resetting:
+      return "resetting";
+    case CentralState::Unsupported:
+      return "unsupported";
+    case CentralState::Unauthorized:
+      return "unauthorized";
+    case CentralState::PoweredOff:
+      return "poweredOff";
+    case CentralState::PoweredOn:
+      return "poweredOn";
+  }
+  return "invalid";
+}
+constexpr const char* toString(PeripheralState state) {
+  switch (state) {
+    case PeripheralState::Disconnected:
+      return "disconnected";
+    case PeripheralState::Connecting:
+      return "connecting";
+    case PeripheralState::Connected:
+      return "connected";
+    case PeripheralState::Disconnecting:
+      return "disconnecting";
+  }
+  return "invalid";
+}
+
 // Characteristic property bits.
 enum CharacteristicProperty : uint32_t {
   kPropertyBroadcast = 0x01,
@@ -69,6 +104,18 @@ enum CharacteristicProperty : uint32_t {
   kPropertyNotify = 0x10,
   kPropertyIndicate = 0x20,
 };
+
+// Every write and notification spends 3 bytes of the link's ATT MTU on the ATT header, so
+// one value carries at most MTU - 3 bytes: 20 on the smallest LE link (MTU 23). This is
+// the one place that rule is written.
+inline constexpr size_t kAttHeaderLength = 3;
+constexpr size_t attPayloadLength(size_t mtu) {
+  return mtu > kAttHeaderLength ? mtu - kAttHeaderLength : 0;
+}
+// The same for an MTU held as an int; 0 or less (not known yet) carries nothing.
+constexpr size_t attPayloadLength(int mtu) {
+  return mtu > 0 ? attPayloadLength(static_cast<size_t>(mtu)) : 0;
+}
 
 enum class WriteType : int64_t {
   WithResponse = 0,

@@ -28,8 +28,7 @@ enum class SimBehaviour {
               // (byte i is i mod 251) through the sliding window
 };
 
-// "none", "sw-echo", "chunk-echo", "sink", "source"
-std::string behaviourName(SimBehaviour behaviour);
+// "none", "sw-echo", "chunk-echo", "sink", "source"; nullopt for any other name.
 std::optional<SimBehaviour> behaviourFromName(const std::string& name);
 
 struct SimCharacteristicConfig {
@@ -42,17 +41,12 @@ struct SimServiceConfig {
   UUID uuid;
   std::vector<SimCharacteristicConfig> characteristics;
 
-  // The UART service: tx 6E400002 with `txProperties`, rx 6E400003 with notify.
+  // The UART service (QLT_UUID): tx 6E400002 with `txProperties`, rx 6E400003 with notify.
   static SimServiceConfig nus(uint32_t txProperties = platform::kPropertyWriteWithoutResponse |
                                                       platform::kPropertyWrite);
   // The heart-rate service 180D: measurement 2A37 (notify), body sensor location 2A38 (read).
   static SimServiceConfig heartRate();
 };
-
-// The three identifiers of the UART service.
-UUID nusServiceUUID();
-UUID nusTxCharacteristicUUID();  // written by the central
-UUID nusRxCharacteristicUUID();  // notified by the device
 
 struct SimDeviceConfig {
   UUID identifier;

@@ -87,7 +87,8 @@ void BluezPeripheral::setNotifyValue(
 size_t BluezPeripheral::maximumWriteValueLength(platform::WriteType type) const {
   if (type == platform::WriteType::WithResponse) return 512;  // long writes: the ATT maximum
   const int mtu = mtu_.load();
-  return mtu > 3 ? static_cast<size_t>(mtu - 3) : 20;  // unknown: the smallest LE link
+  const size_t payload = platform::attPayloadLength(mtu);
+  return payload > 0 ? payload : 20;  // unknown: the smallest LE link
 }
 
 std::vector<std::shared_ptr<platform::Characteristic>> BluezService::characteristics() const {

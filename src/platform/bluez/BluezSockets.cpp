@@ -71,7 +71,7 @@ std::optional<BluezCentral::AcquiredSocket> BluezCentral::adoptSocket(sdbus::Met
            method, path);
     return std::nullopt;
   }
-  if (mtu <= 3) {
+  if (platform::attPayloadLength(int{mtu}) == 0) {
     QLTLog("BlueZ: %s of %s returned the unusable MTU %d; not using its socket", method, path,
            static_cast<int>(mtu));
     return std::nullopt;
@@ -120,11 +120,11 @@ void BluezCentral::sendCommand(const Address& address, PendingRequest write) {
 
   const Data& data = write.data;
   const int mtu = peripheralFor(address)->mtu();
-  if (mtu > 0 && data.size() > static_cast<size_t>(mtu - 3)) {
+  if (mtu > 0 && data.size() > platform::attPayloadLength(mtu)) {
     QLTLog(
         "BlueZ: write without response of %zu bytes to %s does not fit the link: at most "
         "%d bytes (MTU %d - 3); bluetoothd will refuse it",
-        data.size(), path, mtu - 3, mtu);
+        data.size(), path, platform::attPayloadLength(mtu), mtu);
   }
   device.commands.push_back(std::move(write));
   devicesWithCommands_.insert(address);
@@ -179,11 +179,11 @@ bool BluezCentral::sendOnSocket(const Address& address, WriteChannel& channel,
   const Data& data = write.data;
   const std::string& path = write.characteristic->path();
   const int mtu = channel.socket.mtu;
-  if (data.size() > static_cast<size_t>(mtu - 3)) {
+  if (data.size() > platform::attPayloadLength(mtu)) {
     QLTLog(
         "BlueZ: write without response of %zu bytes to %s does not fit the acquired socket: "
         "at most %d bytes (MTU %d - 3); not sent",
-        data.size(), path, mtu - 3, mtu);
+        data.size(), path, platform::attPayloadLength(mtu), mtu);
     return true;  // handled: sending it any other way would fail the same
   }
   for (;;) {

@@ -83,7 +83,7 @@ void SimCentral::scanForPeripherals(const std::optional<std::vector<UUID>>& serv
   {
     std::lock_guard lock(mutex_);
     if (state_ != CentralState::PoweredOn) {
-      QLTLog("Simulated radio: scan ignored: the central is not powered on (state %d)", state_);
+      QLTLog("Simulated radio: scan ignored: the central is not powered on (%@)", toString(state_));
       return;
     }
     scanning_ = true;

@@ -1,6 +1,6 @@
 #include "QueltLibrary/sim/SimDeviceConfig.h"
 
-#include <algorithm>
+#include "QueltLibrary/QLT_UUID.h"
 
 namespace qlt::sim {
 
@@ -18,13 +18,6 @@ constexpr BehaviourName kBehaviourNames[] = {
 };
 }  // namespace
 
-std::string behaviourName(SimBehaviour behaviour) {
-  for (const auto& entry : kBehaviourNames) {
-    if (entry.behaviour == behaviour) return entry.name;
-  }
-  return "none";
-}
-
 std::optional<SimBehaviour> behaviourFromName(const std::string& name) {
   for (const auto& entry : kBehaviourNames) {
     if (name == entry.name) return entry.behaviour;
@@ -32,23 +25,10 @@ std::optional<SimBehaviour> behaviourFromName(const std::string& name) {
   return std::nullopt;
 }
 
-UUID nusServiceUUID() {
-  static const UUID uuid = UUID::literal("6e400001-b5a3-f393-e0a9-e50e24dcca9e");
-  return uuid;
-}
-UUID nusTxCharacteristicUUID() {
-  static const UUID uuid = UUID::literal("6e400002-b5a3-f393-e0a9-e50e24dcca9e");
-  return uuid;
-}
-UUID nusRxCharacteristicUUID() {
-  static const UUID uuid = UUID::literal("6e400003-b5a3-f393-e0a9-e50e24dcca9e");
-  return uuid;
-}
-
 SimServiceConfig SimServiceConfig::nus(uint32_t txProperties) {
-  return {nusServiceUUID(),
-          {{nusTxCharacteristicUUID(), txProperties, std::nullopt},
-           {nusRxCharacteristicUUID(), platform::kPropertyNotify, std::nullopt}}};
+  return {QLT_UUID::uartServiceUUID(),
+          {{QLT_UUID::txCharacteristicUUID(), txProperties, std::nullopt},
+           {QLT_UUID::rxCharacteristicUUID(), platform::kPropertyNotify, std::nullopt}}};
 }
 
 SimServiceConfig SimServiceConfig::heartRate() {

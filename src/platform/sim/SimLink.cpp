@@ -4,6 +4,7 @@
 
 #include "DeviceBehaviour.h"
 #include "QueltLibrary/Log.h"
+#include "QueltLibrary/QLT_UUID.h"
 
 namespace qlt::sim {
 
@@ -56,7 +57,7 @@ SimLink::~SimLink() {
   if (behaviour_) behaviour_->disconnected();
 }
 
-size_t SimLink::maxValueLength() const { return config_.mtu > 3 ? config_.mtu - 3 : 0; }
+size_t SimLink::maxValueLength() const { return platform::attPayloadLength(config_.mtu); }
 
 void SimLink::start() {
   auto self = shared_from_this();
@@ -160,7 +161,7 @@ void SimLink::deviceWritten(const UUID& characteristic, const Data& value) {
   if (!isUp()) return;
   counters_->writesReceived.fetch_add(1, std::memory_order_relaxed);
   counters_->bytesReceived.fetch_add(value.length(), std::memory_order_relaxed);
-  if (characteristic == nusTxCharacteristicUUID() && behaviour_) behaviour_->written(value);
+  if (characteristic == QLT_UUID::txCharacteristicUUID() && behaviour_) behaviour_->written(value);
 }
 
 void SimLink::setNotify(const UUID& characteristic, bool enabled, std::function<void()> answer) {
@@ -170,7 +171,7 @@ void SimLink::setNotify(const UUID& characteristic, bool enabled, std::function<
     if (!self->isUp()) return;
     // The answer is on the air before anything the device sends because of it.
     self->toCentral_->push(self->faults_.connectionInterval, answer);
-    if (characteristic == nusRxCharacteristicUUID() &&
+    if (characteristic == QLT_UUID::rxCharacteristicUUID() &&
         self->rxNotifying_.exchange(enabled) != enabled && self->behaviour_) {
       self->behaviour_->notificationsChanged(enabled);
     }
@@ -213,7 +214,7 @@ bool SimLink::notify(const Data& value) {
     counters_->notificationsLost.fetch_add(1, std::memory_order_relaxed);
   } else if (handlers_.notified) {
     auto self = shared_from_this();
-    const UUID rx = nusRxCharacteristicUUID();
+    const UUID rx = QLT_UUID::rxCharacteristicUUID();
     toCentral_->push(*delay, [self, rx, value] { self->handlers_.notified(self, rx, value); });
   }
   if (count == Count::CarryThenDrop) dropBehind(toCentral_);

@@ -68,8 +68,7 @@ void SimPeripheral::setDelegate(const std::shared_ptr<platform::PeripheralDelega
 size_t SimPeripheral::maximumWriteValueLength(platform::WriteType type) const {
   if (type == platform::WriteType::WithResponse) return 512;
   auto device = radio_->view(identifier_);
-  const size_t mtu = device ? device->config.mtu : 23;
-  return mtu > 3 ? mtu - 3 : 0;
+  return platform::attPayloadLength(device ? device->config.mtu : size_t{23});
 }
 
 // ---- Connection ----

@@ -54,7 +54,7 @@ TEST_F(ASimulatedRadio, AdvertisesRepeatedlyWithAVaryingSignalWhenDuplicatesAreA
     EXPECT_GE(advert.rssi, -55);
     EXPECT_LE(advert.rssi, -45);
     EXPECT_EQ(advert.data.manufacturerData, Data(maker, sizeof maker));
-    EXPECT_EQ(advert.data.serviceUUIDs, std::vector<UUID>{nusServiceUUID()});
+    EXPECT_EQ(advert.data.serviceUUIDs, std::vector<UUID>{QLT_UUID::uartServiceUUID()});
     rssis.insert(advert.rssi);
   }
   EXPECT_GT(rssis.size(), 1u) << "the signal strength varies";
@@ -69,7 +69,7 @@ TEST_F(ASimulatedRadio, ReportsEachDeviceOnceWithoutDuplicatesAndHonoursTheServi
   hr.services = {SimServiceConfig::heartRate()};
   radio->addDevice(hr);
   start();
-  central->scanForPeripherals(std::vector<UUID>{nusServiceUUID()}, {false});
+  central->scanForPeripherals(std::vector<UUID>{QLT_UUID::uartServiceUUID()}, {false});
   ASSERT_TRUE(recorder->waitFor("discover A"));
   std::this_thread::sleep_for(100ms);  // twenty advertising intervals
   central->stopScan();
@@ -446,7 +446,7 @@ TEST_F(ASimulatedRadio, LoadsDevicesAndFaultsFromJson) {
   EXPECT_EQ(board->mtu, 247u);
   EXPECT_EQ(board->behaviour, SimBehaviour::Sink);
   ASSERT_EQ(board->services.size(), 2u);
-  EXPECT_EQ(board->services[0].uuid, nusServiceUUID());
+  EXPECT_EQ(board->services[0].uuid, QLT_UUID::uartServiceUUID());
   EXPECT_EQ(board->services[1].characteristics[0].properties,
             uint32_t(platform::kPropertyRead | platform::kPropertyNotify));
   ASSERT_TRUE(board->faults);

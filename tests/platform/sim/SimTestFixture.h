@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 #include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/QLT_UUID.h"
 
 #include "QueltLibrary/platform/Platform.h"
 #include "QueltLibrary/sim/SimRadio.h"
@@ -228,15 +229,15 @@ class ASimulatedRadio : public ::testing::Test {
     p->setDelegate(recorder);
     central->connect(p);
     EXPECT_TRUE(recorder->waitFor("connect " + p->name().value_or("?"), connection));
-    p->discoverServices(std::vector<UUID>{nusServiceUUID()});
+    p->discoverServices(std::vector<UUID>{QLT_UUID::uartServiceUUID()});
     EXPECT_TRUE(recorder->waitForPrefix("services", connection));
     if (p->services().empty()) return {};
     p->discoverCharacteristics(std::nullopt, p->services().front());
     EXPECT_TRUE(recorder->waitFor("characteristics 2", connection));
     Nus nus;
     for (const auto& c : p->services().front()->characteristics()) {
-      if (c->uuid() == nusTxCharacteristicUUID()) nus.tx = c;
-      if (c->uuid() == nusRxCharacteristicUUID()) nus.rx = c;
+      if (c->uuid() == QLT_UUID::txCharacteristicUUID()) nus.tx = c;
+      if (c->uuid() == QLT_UUID::rxCharacteristicUUID()) nus.rx = c;
     }
     p->setNotifyValue(true, nus.rx);
     EXPECT_TRUE(recorder->waitFor("notifying on", connection));
