@@ -23,9 +23,11 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/QLT_Object.h"
+#include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/ThreadBase.h"
 
 namespace qlt {
@@ -68,6 +70,9 @@ class TransportDelegate : public virtual Delegate {
 
 class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDelegate {
  public:
+  // Sees every frame written (outgoing) and every value received, on the thread doing it.
+  using FrameTrace = std::function<void(bool outgoing, const Data& frame)>;
+
   // A transport whose loop does nothing; concrete transports derive from it.
   static std::shared_ptr<BaseTransport> create();
   ~BaseTransport() override;
@@ -79,6 +84,12 @@ class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDele
   void writeRequest(const uint8_t* bytes, uint64_t length) override;
   void receive(const Data& /*value*/) override {}
   void run(const std::shared_ptr<ThreadBase>& /*thread*/) override {}
+
+  // For tools. The sliding window's counters; nullopt for a transport without a window.
+  virtual std::optional<SlideWindowCounters> windowCounters() const { return std::nullopt; }
+  // Installs `trace` (empty: off); it must be quick and must not call back into the
+  // transport. A transport that writes no frames of its own ignores it.
+  virtual void setFrameTrace(FrameTrace trace) {}
 
   std::shared_ptr<TransportSenderDelegate> senderDelegate() const;
   void setSenderDelegate(const std::shared_ptr<TransportSenderDelegate>& delegate);

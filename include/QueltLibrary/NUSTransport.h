@@ -39,7 +39,7 @@ class NUSTransport : public BaseTransport {
   size_t queuedChunks() const;
   // Called for every chunk written and every value received, on the thread doing it.
   // Must be quick and must not call back into this transport. Empty function: off.
-  void setFrameTrace(std::function<void(bool outgoing, const Data& frame)> trace);
+  void setFrameTrace(FrameTrace trace) override;
 
  private:
   NUSTransport();

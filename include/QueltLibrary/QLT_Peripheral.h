@@ -32,11 +32,11 @@
 // Every field shared between these threads is atomic or guarded by the object's lock; no
 // user code and no platform call runs under that lock.
 //
-// Robustness beyond the classic design: discovery results that arrive after the link was
-// reported down (or after a new connection attempt began) are logged and ignored; a
-// disconnection announced late never tears down what a newer connection has built; a
-// transport replaced by a newer one is stopped; frames written by a transport that is no
-// longer the current one are dropped.
+// Late and stale events: discovery results that arrive after the link was reported down
+// (or after a new connection attempt began) are logged and ignored; a disconnection
+// announced late never tears down what a newer connection has built; a transport replaced
+// by a newer one, or left behind by an older connection, is stopped; frames written by a
+// transport that is no longer the current one are dropped.
 #pragma once
 
 #include <atomic>
@@ -99,7 +99,7 @@ class QLT_Peripheral : public QLT_Object,
                        public TransportSenderDelegate,
                        public TransportDelegate {
  public:
-  using FrameTrace = std::function<void(bool outgoing, const Data& frame)>;
+  using FrameTrace = BaseTransport::FrameTrace;
 
   // initWithPeripheral: the state follows the platform peripheral's state (no
   // announcement); the new object becomes the platform peripheral's delegate.
@@ -213,12 +213,28 @@ class QLT_Peripheral : public QLT_Object,
   std::shared_ptr<QLT_Peripheral> self() {
     return std::static_pointer_cast<QLT_Peripheral>(shared_from_this());
   }
+  // What one connection builds: its service wrappers, its NUS service and its transport.
+  // A Connection is never changed once published: a change copies it, edits the copy and
+  // swaps it in under mutex_, so one read of connection_ gives a consistent set.
+  struct Connection {
+    uint64_t generation = 0;  // the link generation that built it
+    std::vector<std::shared_ptr<BLEService>> services;
+    std::shared_ptr<NUSService> nus;
+    std::shared_ptr<BaseTransport> transport;
+  };
+
   // The state most recently handed to setState() (the state the main queue will reach).
   int32_t latestState() const;
   bool linkUp() const;
+  std::shared_ptr<const Connection> connection() const;
+  // Applies `change` to a copy of the current link generation's Connection and publishes
+  // it. A Connection of an older generation is not carried over: it is ended (its
+  // transport stopped) instead. `change` runs under mutex_: it may only assign.
+  void changeConnection(const std::function<void(Connection&)>& change);
+  // Stops and unhooks a transport that is no longer current; null is fine.
+  void retireTransport(const std::shared_ptr<BaseTransport>& transport);
   void applyState(int32_t state, uint64_t generation);
   void tearDown(uint64_t generation);
-  static void installFrameTrace(const std::shared_ptr<BaseTransport>& transport, FrameTrace trace);
 
   const std::shared_ptr<platform::Peripheral> basePeripheral_;
   std::atomic<int32_t> state_;
@@ -228,21 +244,16 @@ class QLT_Peripheral : public QLT_Object,
   mutable std::mutex mutex_;
   int32_t latestState_;  // guarded by mutex_
   // Each time the link comes up (state 2 after anything else) the generation advances;
-  // what a connection builds is tagged with it, and a teardown clears only what is as
-  // old as the disconnection that asked for it.
-  uint64_t linkGeneration_ = 0;                        // guarded by mutex_
-  bool linkUp_ = false;                                // guarded by mutex_
-  std::optional<std::string> name_;                    // guarded by mutex_
-  platform::AdvertisementData advertisementData_;      // guarded by mutex_
-  std::vector<std::shared_ptr<BLEService>> services_;  // guarded by mutex_
-  uint64_t servicesGeneration_ = 0;                    // guarded by mutex_
-  std::shared_ptr<NUSService> nus_;                    // guarded by mutex_
-  uint64_t nusGeneration_ = 0;                         // guarded by mutex_
-  std::shared_ptr<BaseTransport> transport_;           // guarded by mutex_
-  uint64_t transportGeneration_ = 0;                   // guarded by mutex_
-  std::shared_ptr<platform::Characteristic> rx_;       // guarded by mutex_
-  std::shared_ptr<platform::Characteristic> tx_;       // guarded by mutex_
-  FrameTrace frameTrace_;                              // guarded by mutex_
+  // the Connection built during a link carries it, and a teardown ends the Connection
+  // only if it is no newer than the disconnection that asked for it.
+  uint64_t linkGeneration_ = 0;                    // guarded by mutex_
+  bool linkUp_ = false;                            // guarded by mutex_
+  std::shared_ptr<const Connection> connection_;   // guarded by mutex_; never null
+  std::optional<std::string> name_;                // guarded by mutex_
+  platform::AdvertisementData advertisementData_;  // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> rx_;   // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> tx_;   // guarded by mutex_
+  FrameTrace frameTrace_;                          // guarded by mutex_
 };
 
 }  // namespace qlt

@@ -25,6 +25,7 @@
 #include "QueltLibrary/BaseTransport.h"
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SlideWindowCounters.h"
+#include "QueltLibrary/SlideWindowFrame.h"
 
 namespace qlt {
 
@@ -32,9 +33,8 @@ class SlideWindowEngine;
 
 class SWTransport : public BaseTransport {
  public:
-  static constexpr size_t kSegmentSize = 120;
-  // 0.3 s, kept as the single-precision constant 0.3f widened to double.
-  static constexpr double kPollTimeout = static_cast<double>(0.3f);
+  static constexpr size_t kSegmentSize = kTcpSegmentSize;  // 120
+  static constexpr double kPollTimeout = kTcpPollTimeout;  // 0.3 s
 
   // The retransmission timer reads `clock` (a ManualClock in simulations).
   static std::shared_ptr<SWTransport> create(std::shared_ptr<Clock> clock = Clock::monotonic());
@@ -63,9 +63,10 @@ class SWTransport : public BaseTransport {
   void setPendingWork(uint64_t bits);
 
   SlideWindowCounters counters() const;
+  std::optional<SlideWindowCounters> windowCounters() const override { return counters(); }
   // Called for every frame written and every value received, on the thread doing it.
   // Must be quick and must not call back into this transport. Empty function: off.
-  void setFrameTrace(std::function<void(bool outgoing, const Data& frame)> trace);
+  void setFrameTrace(FrameTrace trace) override;
 
   // Protocol state, for tests and tools.
   uint64_t readPos() const;

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <typeinfo>
+#include <utility>
 
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/NUSTransport.h"
@@ -39,7 +40,8 @@ QLT_Peripheral::QLT_Peripheral(std::shared_ptr<platform::Peripheral> peripheral)
       basePeripheral_(std::move(peripheral)),
       state_(convertState(basePeripheral_ ? basePeripheral_->state()
                                           : platform::PeripheralState::Disconnected)),
-      latestState_(state_.load()) {
+      latestState_(state_.load()),
+      connection_(std::make_shared<const Connection>()) {
   if (basePeripheral_) name_ = basePeripheral_->name();
   linkUp_ = latestState_ == QLT_PeripheralStateConnected;
 }
@@ -54,12 +56,7 @@ std::shared_ptr<QLT_Peripheral> QLT_Peripheral::create(
 QLT_Peripheral::~QLT_Peripheral() {
   // A started transport is kept alive by its own worker thread; without this it would run
   // on after its peripheral is gone.
-  std::shared_ptr<BaseTransport> transport;
-  {
-    std::lock_guard lock(mutex_);
-    transport = std::move(transport_);
-  }
-  if (transport) transport->stop();
+  if (auto transport = connection()->transport) transport->stop();
 }
 
 int32_t QLT_Peripheral::convertState(int64_t platformState) {
@@ -99,6 +96,37 @@ bool QLT_Peripheral::linkUp() const {
   return linkUp_;
 }
 
+std::shared_ptr<const QLT_Peripheral::Connection> QLT_Peripheral::connection() const {
+  std::lock_guard lock(mutex_);
+  return connection_;
+}
+
+void QLT_Peripheral::changeConnection(const std::function<void(Connection&)>& change) {
+  std::shared_ptr<const Connection> ended;
+  {
+    std::lock_guard lock(mutex_);
+    auto next = std::make_shared<Connection>();
+    if (connection_->generation == linkGeneration_) {
+      *next = *connection_;
+    } else {
+      next->generation = linkGeneration_;
+      ended = connection_;
+    }
+    change(*next);
+    connection_ = std::move(next);
+  }
+  // An older connection's transport would otherwise run on until that connection's late
+  // teardown; its services are released here, outside the lock.
+  if (ended) retireTransport(ended->transport);
+}
+
+void QLT_Peripheral::retireTransport(const std::shared_ptr<BaseTransport>& transport) {
+  if (!transport) return;
+  // Its worker thread would keep it (and its polls on the air) alive forever.
+  transport->stop();
+  transport->multicastDelegate()->removeDelegate(this);
+}
+
 void QLT_Peripheral::setState(int32_t state) {
   QLTLog("P state = %d", state);
   auto self = this->self();
@@ -135,20 +163,17 @@ void QLT_Peripheral::applyState(int32_t state, uint64_t generation) {
 }
 
 void QLT_Peripheral::tearDown(uint64_t generation) {
-  std::shared_ptr<NUSService> nus;
-  std::vector<std::shared_ptr<BLEService>> services;
-  std::shared_ptr<BaseTransport> transport;
+  std::shared_ptr<const Connection> ended;
   {
     std::lock_guard lock(mutex_);
-    if (nusGeneration_ <= generation) nus = std::move(nus_);
-    if (servicesGeneration_ <= generation) services.swap(services_);
-    if (transportGeneration_ <= generation) transport = std::move(transport_);
+    if (connection_->generation > generation) return;  // a newer connection's
+    ended = std::move(connection_);
+    auto fresh = std::make_shared<Connection>();
+    fresh->generation = linkGeneration_;
+    connection_ = std::move(fresh);
   }
-  if (transport) {
-    transport->stop();
-    transport->multicastDelegate()->removeDelegate(this);
-  }
-  // nus, services and transport are released here, outside the lock.
+  retireTransport(ended->transport);
+  // Its services and NUS service are released here, outside the lock.
 }
 
 // ---- properties ----
@@ -170,8 +195,7 @@ void QLT_Peripheral::setAdvertisementData(platform::AdvertisementData advertisem
   advertisementData_ = std::move(advertisementData);
 }
 std::vector<std::shared_ptr<BLEService>> QLT_Peripheral::services() const {
-  std::lock_guard lock(mutex_);
-  return services_;
+  return connection()->services;
 }
 std::shared_ptr<platform::Characteristic> QLT_Peripheral::rx() const {
   std::lock_guard lock(mutex_);
@@ -195,28 +219,14 @@ void QLT_Peripheral::setFrameTrace(FrameTrace trace) {
   {
     std::lock_guard lock(mutex_);
     frameTrace_ = trace;
-    transport = transport_;
+    transport = connection_->transport;
   }
-  installFrameTrace(transport, std::move(trace));
-}
-
-void QLT_Peripheral::installFrameTrace(const std::shared_ptr<BaseTransport>& transport,
-                                       FrameTrace trace) {
-  if (auto sw = std::dynamic_pointer_cast<SWTransport>(transport)) {
-    sw->setFrameTrace(std::move(trace));
-  } else if (auto nus = std::dynamic_pointer_cast<NUSTransport>(transport)) {
-    nus->setFrameTrace(std::move(trace));
-  }
+  if (transport) transport->setFrameTrace(std::move(trace));
 }
 
 std::optional<SlideWindowCounters> QLT_Peripheral::transportCounters() const {
-  std::shared_ptr<BaseTransport> transport;
-  {
-    std::lock_guard lock(mutex_);
-    transport = transport_;
-  }
-  if (auto sw = std::dynamic_pointer_cast<SWTransport>(transport)) return sw->counters();
-  return std::nullopt;
+  auto transport = connection()->transport;
+  return transport ? transport->windowCounters() : std::nullopt;
 }
 
 std::string QLT_Peripheral::description() const {
@@ -277,32 +287,21 @@ void QLT_Peripheral::peripheral_didDiscoverServices(
     return;
   }
   const UUID nusUUID = QLT_UUID::uartServiceUUID();
-  std::vector<std::shared_ptr<BLEService>> wrapped;
-  std::shared_ptr<NUSService> nus;
   const auto platformServices =
       peripheral ? peripheral->services() : std::vector<std::shared_ptr<platform::Service>>{};
-  {
-    std::lock_guard lock(mutex_);
-    services_.clear();
-    servicesGeneration_ = linkGeneration_;
-  }
+  changeConnection([](Connection& c) { c.services.clear(); });
   for (const auto& ps : platformServices) {
     if (!ps) continue;
     std::shared_ptr<BLEService> service;
     if (ps->uuid() == nusUUID) {
-      nus = NUSService::create(ps);
-      {
-        std::lock_guard lock(mutex_);
-        nus_ = nus;
-        nusGeneration_ = linkGeneration_;
-      }
+      auto nus = NUSService::create(ps);
+      changeConnection([&nus](Connection& c) { c.nus = nus; });
       service = nus;
     } else {
       service = BLEService::create("SVC", ps);
     }
     discoverCharacteristics(service);
-    std::lock_guard lock(mutex_);
-    services_.push_back(service);
+    changeConnection([&service](Connection& c) { c.services.push_back(service); });
   }
   if (services().empty()) setState(QLT_PeripheralStateDfuInProgress);
 }
@@ -371,23 +370,14 @@ void QLT_Peripheral::startTransport() {
     std::lock_guard lock(mutex_);
     trace = frameTrace_;
   }
-  if (trace) installFrameTrace(transport, std::move(trace));
+  if (trace) transport->setFrameTrace(std::move(trace));
   transport->setSenderDelegate(self());
   // Registered directly with the multicast delegate (bound to the main queue) so that the
   // peripheral is listening before the first frame can arrive.
   transport->multicastDelegate()->addDelegate(self(), DispatchQueue::main());
   std::shared_ptr<BaseTransport> previous;
-  {
-    std::lock_guard lock(mutex_);
-    previous = std::move(transport_);
-    transport_ = transport;
-    transportGeneration_ = linkGeneration_;
-  }
-  if (previous) {
-    // Its worker thread would keep it (and its polls on the air) alive forever.
-    previous->stop();
-    previous->multicastDelegate()->removeDelegate(this);
-  }
+  changeConnection([&](Connection& c) { previous = std::exchange(c.transport, transport); });
+  retireTransport(previous);
   transport->start();
 }
 
@@ -395,40 +385,27 @@ void QLT_Peripheral::stopTransport() {
   std::shared_ptr<BaseTransport> transport;
   {
     std::lock_guard lock(mutex_);
-    transport = std::move(transport_);
+    if (!connection_->transport) return;
+    auto next = std::make_shared<Connection>(*connection_);
+    transport = std::exchange(next->transport, nullptr);
+    connection_ = std::move(next);
   }
-  if (!transport) return;
-  transport->stop();
-  transport->multicastDelegate()->removeDelegate(this);
+  retireTransport(transport);
 }
 
 void QLT_Peripheral::writeTCPData(const Data& data) {
-  std::shared_ptr<BaseTransport> transport;
-  {
-    std::lock_guard lock(mutex_);
-    transport = transport_;
-  }
-  if (transport) transport->sendTCP(data.bytes(), data.length());
+  if (auto transport = connection()->transport) transport->sendTCP(data.bytes(), data.length());
 }
 
 void QLT_Peripheral::writeUDPData(const Data& data) {
-  std::shared_ptr<BaseTransport> transport;
-  {
-    std::lock_guard lock(mutex_);
-    transport = transport_;
-  }
-  if (transport) transport->sendUDP(data.bytes(), data.length());
+  if (auto transport = connection()->transport) transport->sendUDP(data.bytes(), data.length());
 }
 
 void QLT_Peripheral::transport_requestWriteData(const std::shared_ptr<BaseTransport>& transport,
                                                 const Data& data) {
-  std::shared_ptr<NUSService> nus;
-  {
-    std::lock_guard lock(mutex_);
-    if (transport != transport_) return;  // a stopped or replaced transport
-    nus = nus_;
-  }
-  if (nus) nus->write(data);
+  auto current = connection();
+  if (transport != current->transport) return;  // a stopped or replaced transport
+  if (current->nus) current->nus->write(data);
 }
 
 void QLT_Peripheral::peripheral_didUpdateValueForCharacteristic_error(
@@ -437,16 +414,10 @@ void QLT_Peripheral::peripheral_didUpdateValueForCharacteristic_error(
     const std::optional<platform::Error>& error) {
   if (!characteristic) return;
   auto wrapper = findBLEService(characteristic->service());
-  std::shared_ptr<NUSService> nus;
-  std::shared_ptr<BaseTransport> transport;
-  {
-    std::lock_guard lock(mutex_);
-    nus = nus_;
-    transport = transport_;
-  }
-  if (!wrapper || wrapper != nus) return;
-  auto value = nus->read();
-  if (value && transport) transport->receive(*value);
+  auto current = connection();
+  if (!wrapper || wrapper != current->nus) return;
+  auto value = current->nus->read();
+  if (value && current->transport) current->transport->receive(*value);
 }
 
 void QLT_Peripheral::peripheral_didWriteValueForCharacteristic_error(

@@ -71,7 +71,7 @@ void NUSTransport::trace(bool outgoing, const Data& frame) {
   if (hook && *hook) (*hook)(outgoing, frame);
 }
 
-void NUSTransport::setFrameTrace(std::function<void(bool, const Data&)> trace) {
+void NUSTransport::setFrameTrace(FrameTrace trace) {
   std::shared_ptr<const std::function<void(bool, const Data&)>> hook;
   if (trace)
     hook = std::make_shared<const std::function<void(bool, const Data&)>>(std::move(trace));

@@ -57,9 +57,7 @@ void SWTransport::doPendingWork() { engine_->doPendingWork(); }
 uint64_t SWTransport::pendingWork() const { return engine_->pendingWork(); }
 void SWTransport::setPendingWork(uint64_t bits) { engine_->setPendingWork(bits); }
 SlideWindowCounters SWTransport::counters() const { return engine_->counters(); }
-void SWTransport::setFrameTrace(std::function<void(bool, const Data&)> trace) {
-  engine_->setFrameTrace(std::move(trace));
-}
+void SWTransport::setFrameTrace(FrameTrace trace) { engine_->setFrameTrace(std::move(trace)); }
 uint64_t SWTransport::readPos() const { return engine_->readPos(); }
 uint8_t SWTransport::ackWindow() const { return engine_->ackWindow(); }
 uint8_t SWTransport::remoteAck() const { return engine_->remoteAck(); }
