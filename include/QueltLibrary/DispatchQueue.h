@@ -29,6 +29,10 @@
 
 namespace qlt {
 
+namespace detail {
+struct DispatchQueueState;  // a queue's task list and flags, defined in DispatchQueue.cpp
+}  // namespace detail
+
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
   using Task = std::function<void()>;
@@ -59,8 +63,8 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   // The label of the queue the calling thread runs now, or "" outside any queue.
   static std::string currentLabel();
 
-  struct State;  // private
  private:
+  using State = detail::DispatchQueueState;
   friend class QueueRunner;
   explicit DispatchQueue(std::string label, bool isMain);
   std::unique_ptr<State> state_;

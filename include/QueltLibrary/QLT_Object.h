@@ -31,7 +31,6 @@ class QLT_Object : public std::enable_shared_from_this<QLT_Object> {
   // The name of the most derived class, e.g. "ComTimer".
   const std::string& moduleName() const { return moduleName_; }
   const std::shared_ptr<DispatchQueue>& moduleQueue() const { return moduleQueue_; }
-  const void* moduleQueueTag() const { return &moduleQueueTag_; }
   const std::shared_ptr<GCDMulticastDelegate>& multicastDelegate() const {
     return multicastDelegate_;
   }

@@ -48,7 +48,7 @@ struct SyncHandoff {
 // The queues the calling thread is running, innermost first (a task that runs sync() on
 // another queue pushes a second frame).
 struct QueueFrame {
-  const DispatchQueue::State* state;
+  const detail::DispatchQueueState* state;
   const QueueFrame* outer;
 };
 thread_local const QueueFrame* tCurrentFrame = nullptr;
@@ -58,7 +58,7 @@ std::atomic<uint64_t> gTasksRun{0};
 
 class FrameScope {
  public:
-  explicit FrameScope(const DispatchQueue::State* state) : frame_{state, tCurrentFrame} {
+  explicit FrameScope(const detail::DispatchQueueState* state) : frame_{state, tCurrentFrame} {
     tCurrentFrame = &frame_;
   }
   ~FrameScope() { tCurrentFrame = frame_.outer; }
@@ -96,13 +96,13 @@ pid_t currentTid() { return static_cast<pid_t>(::syscall(SYS_gettid)); }
 
 }  // namespace
 
-struct DispatchQueue::State {
+struct detail::DispatchQueueState {
   struct Entry {
-    Task task;
+    DispatchQueue::Task task;
     SyncHandoff* handoff = nullptr;  // set for the marker of a waiting sync() caller
   };
 
-  State(std::string l, bool m) : label(std::move(l)), isMain(m) {}
+  DispatchQueueState(std::string l, bool m) : label(std::move(l)), isMain(m) {}
 
   const std::string label;
   const bool isMain;

@@ -10,7 +10,7 @@ using namespace qlt::test;
 
 namespace {
 
-void soak(double loss, double duplication, int seeds, const ExchangeSpec& exchange) {
+void soak(double loss, double duplication, int seeds, const ExchangePlan& exchange) {
   static constexpr double kDelays[] = {0.0, 0.001, 0.005, 0.015, 0.03};
   for (int seed = 1; seed <= seeds; ++seed) {
     HarnessOptions o;
@@ -32,7 +32,7 @@ void soak(double loss, double duplication, int seeds, const ExchangeSpec& exchan
 }  // namespace
 
 TEST(ASoakedLink, CarriesEverythingExactlyOnceOverManySeeds) {
-  ExchangeSpec exchange;
+  ExchangePlan exchange;
   exchange.messagesPerSide = 6;
   exchange.maxMessage = 20 * 1024;
   for (double loss : {0.0, 0.01, 0.05, 0.2, 0.4}) {
@@ -44,7 +44,7 @@ TEST(ASoakedLink, CarriesEverythingExactlyOnceOverManySeeds) {
 }
 
 TEST(ASoakedLink, CarriesEverythingBetweenPublicTransports) {
-  ExchangeSpec exchange;
+  ExchangePlan exchange;
   exchange.messagesPerSide = 4;
   exchange.make = [](LinkHarness::Side side, std::shared_ptr<Clock> clock) {
     return side == LinkHarness::A ? makeSWTransportEndpoint(std::move(clock))

@@ -206,7 +206,7 @@ std::vector<uint8_t> joined(const std::vector<Data>& payloads) {
 
 namespace qlt::test {
 
-ExchangeResult runExchange(const HarnessOptions& options, const ExchangeSpec& exchange) {
+ExchangeResult runExchange(const HarnessOptions& options, const ExchangePlan& exchange) {
   LinkHarness h = exchange.make ? LinkHarness(options, exchange.make) : LinkHarness(options);
   std::mt19937_64 rng(options.seed * 7919 + 17);
   std::uniform_real_distribution<double> logSize(

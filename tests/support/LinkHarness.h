@@ -132,7 +132,7 @@ namespace qlt::test {
 // A seeded exchange: each side sends `messagesPerSide` messages of 1 byte to
 // `maxMessage` bytes (sizes log-uniform, contents random), spread over the first
 // fractions of a second, then the harness runs until both queues drain or `limit`.
-struct ExchangeSpec {
+struct ExchangePlan {
   int messagesPerSide = 3;
   size_t maxMessage = 10 * 1024;
   double limit = 600.0;  // simulated seconds
@@ -149,6 +149,6 @@ struct ExchangeResult {
   SlideWindowCounters counters[2];
 };
 
-ExchangeResult runExchange(const HarnessOptions& options, const ExchangeSpec& exchange);
+ExchangeResult runExchange(const HarnessOptions& options, const ExchangePlan& exchange);
 
 }  // namespace qlt::test

@@ -105,7 +105,7 @@ TEST_P(OverABrokenLink, KeepsItsWindowAndBoundsAndEnds) {
     o.reorderProbability = b.reorder;
     o.corruptProbability = b.corrupt;
     o.garbageProbability = b.garbage;
-    ExchangeSpec exchange;
+    ExchangePlan exchange;
     exchange.messagesPerSide = 2;
     exchange.maxMessage = 4096;
     exchange.limit = 60.0;
@@ -136,7 +136,7 @@ TEST(TheTwoFaces, InteroperateOverALossyLink) {
   // SWTransport (120-byte segments) on one side, BLESlideWindow (160) on the other; each
   // accepts segments of any length, so both directions carry everything.
   for (uint64_t seed = 1; seed <= 40; ++seed) {
-    ExchangeSpec exchange;
+    ExchangePlan exchange;
     exchange.messagesPerSide = 2;
     exchange.maxMessage = 2000;
     exchange.make = [](LinkHarness::Side side, std::shared_ptr<Clock> clock) {

@@ -47,7 +47,6 @@ LinkFate LinkModel::transmit(double sentAt, size_t length) {
   fate.copies = 1;
   fate.at[0] = arrives;
   if (duplicated) {
-    ++framesDuplicated_;
     fate.copies = 2;
     fate.at[1] = arrives;  // right behind the original, same instant, after it
   }

@@ -52,10 +52,7 @@ class LinkModel {
   LinkFate transmit(double sentAt, size_t length);
 
   const LinkConfig& config() const { return config_; }
-  // The time at which the link has finished sending everything handed to it so far.
-  double busyUntil() const { return busyUntil_; }
   uint64_t framesLost() const { return framesLost_; }
-  uint64_t framesDuplicated() const { return framesDuplicated_; }
   uint64_t framesDropped() const { return framesDropped_; }  // by the queue limit
 
  private:
@@ -67,7 +64,6 @@ class LinkModel {
   double busyUntil_ = 0.0;     // end of the last frame's air time
   double lastDelivery_ = 0.0;  // latest delivery time given out (FIFO floor)
   uint64_t framesLost_ = 0;
-  uint64_t framesDuplicated_ = 0;
   uint64_t framesDropped_ = 0;
   std::deque<double> waiting_;  // times at which queued frames finish their air time
 };
