@@ -12,9 +12,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "support/FakePlatform.h"
 #include "QueltLibrary/QLT_Database.h"
 #include "QueltLibrary/QLT_Peripheral.h"
+#include "support/FakePlatform.h"
 #include "support/TestSupport.h"
 
 using namespace qlt;

@@ -3,10 +3,10 @@
 
 #include <future>
 
-#include "support/FakePlatform.h"
 #include "QueltLibrary/NUSTransport.h"
 #include "QueltLibrary/QLT_Peripheral.h"
 #include "QueltLibrary/SWTransport.h"
+#include "support/FakePlatform.h"
 #include "support/PeripheralRecorder.h"
 #include "support/TestSupport.h"
 

@@ -3,11 +3,11 @@
 
 #include <chrono>
 
-#include "support/FakePlatform.h"
 #include "QueltLibrary/BLECharacteristic.h"
 #include "QueltLibrary/BLEService.h"
 #include "QueltLibrary/NUSService.h"
 #include "QueltLibrary/QLT_UUID.h"
+#include "support/FakePlatform.h"
 #include "support/TestSupport.h"
 
 using namespace qlt;
