@@ -89,7 +89,8 @@ class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDele
   virtual std::optional<SlideWindowCounters> windowCounters() const { return std::nullopt; }
   // Installs `trace` (empty: off); it must be quick and must not call back into the
   // transport. A transport that writes no frames of its own ignores it.
-  virtual void setFrameTrace(FrameTrace trace) {}
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): by value, so overrides can keep it
+  virtual void setFrameTrace(FrameTrace /*trace*/) {}
 
   std::shared_ptr<TransportSenderDelegate> senderDelegate() const;
   void setSenderDelegate(const std::shared_ptr<TransportSenderDelegate>& delegate);
