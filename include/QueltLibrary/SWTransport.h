@@ -2,11 +2,13 @@
 //
 // "TCP" messages are cut into segments of 120 bytes and queued; the worker thread puts at
 // most 3 unacknowledged segments on the wire (sequence numbers modulo 4), sends a status
-// poll when no acknowledgement came for 0.3 s, and acknowledges what it received. Out-of-
-// order segments are rejected at once, which makes the sender go back. "UDP" datagrams of
-// at most 119 bytes are written at once, unacknowledged. The frame format is in
-// SlideWindowFrame.h. Every received segment is delivered on its own (there is no message
-// boundary on the wire) with transport_tcpDataReceived, datagrams with
+// poll when no answer came for a few estimated round trips (never later than 0.3 s), and
+// acknowledges what it received. A gap in the received segments draws one rejection (once
+// more if it persists), which makes the sender go back; the sender honours a rejection of
+// the same segment once per round trip. "UDP" datagrams of at most 119 bytes are written at
+// once, unacknowledged. The frame format is in SlideWindowFrame.h, the rules in
+// src/transports/SlideWindowEngine.h. Every received segment is delivered on its own (there
+// is no message boundary on the wire) with transport_tcpDataReceived, datagrams with
 // transport_udpDataReceived, through the multicast delegate.
 //
 // The protocol state is set once, at creation: start and stop only start and stop the
@@ -15,8 +17,8 @@
 // Threads: see BaseTransport. sendTCP/sendUDP from any thread; receive from one thread at
 // a time; the rounds (transfer, checkControl, doPendingWork) from the worker, or from a
 // test that drives them itself instead of starting the worker. The sender delegate is
-// called from the worker (segments, polls, acknowledgements), from receive's thread
-// (rejections and poll answers) and from sendUDP's caller, never under an internal lock.
+// called from the worker (segments, polls, acknowledgements, rejections and poll answers)
+// and from sendUDP's caller, never under an internal lock.
 #pragma once
 
 #include <functional>
@@ -56,9 +58,9 @@ class SWTransport : public BaseTransport {
   void transfer();
   // Sends a status poll when something is in flight and the timer has run out.
   void checkControl();
-  // Sends the acknowledgement owed for received segments.
+  // Writes the acknowledgement and the rejection owed to the peer.
   void doPendingWork();
-  // Bit 0: an acknowledgement is owed.
+  // Bit 0: an acknowledgement is owed; bit 1: a rejection, for the sequence in bits 4-5.
   uint64_t pendingWork() const;
   void setPendingWork(uint64_t bits);
 

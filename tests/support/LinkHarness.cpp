@@ -31,7 +31,10 @@ class EngineEndpoint final : public LinkEndpoint, private SlideWindowEngine::Fac
   void writeFrame(const uint8_t* bytes, size_t length) override {
     if (output) output(Data(bytes, length));
   }
-  void deliverTCP(const Data& payload) override { delivered_.push_back(payload); }
+  void deliverTCP(const Data& payload) override {
+    delivered_.push_back(payload);
+    if (onTCP) onTCP(payload);
+  }
   void deliverUDP(const Data&) override {}
 
   SlideWindowEngine engine_;

@@ -43,12 +43,18 @@ class LinkEndpoint {
   virtual std::vector<Data> delivered() = 0;
   // Set by the harness: called with every frame the endpoint writes.
   std::function<void(const Data&)> output;
+  // Optional: called with every "TCP" payload as it is delivered (engine and literal peer).
+  std::function<void(const Data&)> onTCP;
 };
 
 std::unique_ptr<LinkEndpoint> makeEngineEndpoint(SlideWindowParameters parameters,
                                                  std::shared_ptr<Clock> clock);
 std::unique_ptr<LinkEndpoint> makeSWTransportEndpoint(std::shared_ptr<Clock> clock);
 std::unique_ptr<LinkEndpoint> makeBLESlideWindowEndpoint(std::shared_ptr<Clock> clock);
+// The independent peer of LiteralPeer.cpp: the protocol's literal rules (a rejection for
+// every out-of-order segment, every rejection honoured, a poll after `pollTimeout`).
+std::unique_ptr<LinkEndpoint> makeLiteralPeer(size_t segmentSize, double pollTimeout,
+                                              std::shared_ptr<Clock> clock);
 
 // SWTransport's constants, for engine endpoints.
 SlideWindowParameters transportParameters();
