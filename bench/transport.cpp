@@ -41,7 +41,7 @@ void BM_Goodput(benchmark::State& state) {
       o.bToA = o.aToB;
       o.seed = static_cast<uint64_t>(seed);
       LinkHarness h(o, [](LinkHarness::Side, std::shared_ptr<Clock> clock) {
-        return makeSWTransportEndpoint(std::move(clock));
+        return makeEngineEndpoint(transportParameters(), std::move(clock));
       });
       std::vector<uint8_t> data(kBytes, 0x5A);
       h.a().sendTCP(data);

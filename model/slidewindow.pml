@@ -117,7 +117,9 @@ byte gapSent = 0;       /* unsolicited rejections written for it */
 #define INFLIGHT ((ackWindow + MOD - (readPos % MOD)) % MOD)
 #define SOMETHING_IN_FLIGHT (ackWindow != readPos % MOD)
 #define CAN_TRANSFER (readPos < queued && INFLIGHT < WINDOW && INFLIGHT < queued - readPos)
-#define QUIET (len(s2r) == 0 && len(r2s) == 0)
+/* Every frame sent has arrived or been lost, and the receiver's worker has
+ * written what it owed (its round is short against the poll's wait). */
+#define QUIET (len(s2r) == 0 && len(r2s) == 0 && !pending && rejOwed == 0)
 
 /* Put a frame on a link, or lose it while the loss budget lasts.  A link
  * holds at most CAP frames and drops what does not fit (see the note on

@@ -1,14 +1,12 @@
-// Exactly once and in order over a lossy, duplicating, delaying link that keeps order, with
-// the engine against itself, against the other face's segment size and against an
-// independent peer that follows the protocol's literal rules; the recovery rules frame by
-// frame; what recovery costs (goodput against the window bound, resends, echo time); what
-// still holds when the link reorders, corrupts or invents frames. All in simulated time,
-// so every figure asserted here is deterministic.
+// Exactly once and in order over a lossy, duplicating, delaying link that keeps order: the
+// engine against itself, against the other face's segment size and against an independent
+// peer that follows the protocol's literal rules. The recovery rules frame by frame, and
+// what recovery costs (goodput against the window bound, resends, echo time), in simulated
+// time: every figure asserted here is deterministic.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <ostream>
 
 #include "QueltLibrary/BLESlideWindow.h"
 #include "QueltLibrary/SWTransport.h"
@@ -20,8 +18,6 @@ using namespace qlt;
 using namespace qlt::test;
 
 namespace {
-
-constexpr int kSeeds = 200;
 
 // Who is at the ends: the engine at both, or against it the literal peer at B, the engine
 // with BLESlideWindow's 160-byte segments at B, or the literal peer at A.
@@ -54,24 +50,18 @@ struct FaultConfig {
   double maxResent;  // segments sent again per segment delivered, all seeds together
 };
 
-void PrintTo(const FaultConfig& c, std::ostream* os) {
-  *os << c.loss << " loss, " << c.duplication << " dup";
-}
-
 class ExactlyOnce : public ::testing::TestWithParam<FaultConfig> {};
 
 }  // namespace
 
-// Seeds take turns over the four kinds of ends.
 TEST_P(ExactlyOnce, DeliversEveryByteOnceAndInOrderBothWaysAndDrainsBothQueues) {
   const FaultConfig& c = GetParam();
   uint64_t resent = 0, delivered = 0;
-  for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
+  for (uint64_t seed = 1; seed <= 200; ++seed) {
     const auto r = runExchange(optionsFor(c.loss, c.duplication, seed),
                                {.make = ends(static_cast<int>(seed % 4))});
     ASSERT_TRUE(r.drained) << "seed " << seed << " after " << r.simSeconds << " s";
-    ASSERT_TRUE(r.exact[0]) << "A to B, seed " << seed;
-    ASSERT_TRUE(r.exact[1]) << "B to A, seed " << seed;
+    ASSERT_TRUE(r.exact[0] && r.exact[1]) << "seed " << seed;
     ASSERT_LE(r.stats.maxInFlight, 3);
     for (const auto& k : r.counters) {
       resent += k.segmentsResent;
@@ -193,16 +183,13 @@ TEST(LossRecovery, KeepsGoodputNearTheWindowBoundWithFewResends) {
     int ends;
     double delay, loss, minRatio, maxResent;
   } const cases[] = {
-      {kEngines, 0.0075, 0.0, 0.95, 0.0},
-      {kEngines, 0.015, 0.0, 0.95, 0.0},
-      {kEngines, 0.0, 0.05, 0.25, 0.3},
-      {kEngines, 0.015, 0.05, 0.6, 0.3},
-      {kEngines, 0.005, 0.20, 0.1, 1.0},  // 20 % each way completes
-      // The literal peer receiving (a rejection for every out-of-order segment) and sending
-      // (every rejection honoured, polls at 0.3 s only): no storm either way.
-      {kLiteralAtB, 0.015, 0.05, 0.6, 0.3},
-      {kLiteralAtA, 0.015, 0.05, 0.3, 0.3},
-  };
+      // No loss; 5 % loss each way; 20 % loss each way completes. The literal peer receiving
+      // (a rejection for every out-of-order segment) and sending (every rejection honoured,
+      // polls at 0.3 s only): no storm either way.
+      {kEngines, 0.0075, 0.0, 0.95, 0.0},  {kEngines, 0.015, 0.0, 0.95, 0.0},
+      {kEngines, 0.0, 0.05, 0.25, 0.3},    {kEngines, 0.015, 0.05, 0.6, 0.3},
+      {kEngines, 0.005, 0.20, 0.1, 1.0},   {kLiteralAtB, 0.015, 0.05, 0.6, 0.3},
+      {kLiteralAtA, 0.015, 0.05, 0.3, 0.3}};
   for (const Case& c : cases) {
     const auto [ratio, resent] = oneWay(c.ends, c.delay, c.loss);
     std::printf("[ ends %d, %.1f ms, loss %.2f ] %.3f of the bound, %.3f resent per segment\n",
@@ -238,50 +225,3 @@ TEST(LossRecovery, EchoesWithinFourRoundTripsAtThe99thPercentile) {
     EXPECT_LE(p99, 4 * roundTrip) << delay;
   }
 }
-
-namespace {
-
-struct Breakage {
-  const char* name;
-  double reorder, corrupt, garbage;
-  int maxMisdelivered;  // of kSeeds runs, as measured (a regression guard)
-};
-
-class OverABrokenLink : public ::testing::TestWithParam<Breakage> {};
-
-}  // namespace
-
-// No checksum and 2-bit sequence numbers: exactly-once cannot hold when the link reorders
-// or corrupts. What must: no crash or undefined behaviour, every run ends, at most 3
-// segments in flight, nothing queued beyond what was sent, a bounded number of frames on
-// the link, every run that delivered nothing wrong drained, and wrong data no more often
-// than measured.
-TEST_P(OverABrokenLink, KeepsItsWindowAndBoundsAndEnds) {
-  const Breakage& b = GetParam();
-  LogCapture quiet;  // garbage is logged frame by frame
-  int misdelivered = 0, stalled = 0;
-  for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
-    HarnessOptions o = optionsFor(0.02, 0.02, seed);
-    o.reorderProbability = b.reorder;
-    o.corruptProbability = b.corrupt;
-    o.garbageProbability = b.garbage;
-    const auto r = runExchange(o, {.messagesPerSide = 2, .maxMessage = 4096, .limit = 60.0});
-    ASSERT_LE(r.stats.maxInFlight, 3) << "seed " << seed;
-    ASSERT_LT(r.stats.maxPendingFrames, 1000u) << "seed " << seed;
-    for (int side : {0, 1}) ASSERT_LE(r.counters[side].bytesQueued, r.bytesSent[side]);
-    misdelivered += !r.prefix[0] || !r.prefix[1];
-    stalled += r.prefix[0] && r.prefix[1] && !r.drained;
-    quiet.clear();
-  }
-  std::printf("[ %s ] %d of %d runs misdelivered, %d more stalled\n", b.name, misdelivered, kSeeds,
-              stalled);
-  EXPECT_LE(misdelivered, b.maxMisdelivered);
-  EXPECT_EQ(stalled, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Robustness, OverABrokenLink,
-                         ::testing::Values(Breakage{"reorder", 0.05, 0.0, 0.0, 20},
-                                           Breakage{"corrupt", 0.0, 0.01, 0.0, 45},
-                                           Breakage{"garbage", 0.0, 0.0, 0.01, 15},
-                                           Breakage{"all", 0.05, 0.01, 0.01, 65}),
-                         [](const auto& info) { return std::string(info.param.name); });
