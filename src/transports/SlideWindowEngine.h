@@ -2,9 +2,9 @@
 //
 // A go-back-N window over the frame format of SlideWindowFrame.h: "TCP" payloads are cut
 // into segments and queued; each round of the owner's worker puts as many queued segments
-// on the wire as the window of 3 allows (transfer), sends a status poll when the oldest
-// segment's acknowledgement is late (checkControl) and writes the control frame owed to
-// the peer (doPendingWork). receive() delivers segments, honours acknowledgements and
+// on the wire as the window of 3 allows (transfer), sends the oldest segment again and a
+// status poll when its acknowledgement is late (checkControl) and writes the control
+// frames owed to the peer (doPendingWork). receive() delivers segments, honours acknowledgements and
 // rejections that fall inside the window, and records what it owes the peer.
 //
 // Loss recovery, without rejection storms:
@@ -13,8 +13,10 @@
 //    Karn's rule), and, as a receiver, from a lone rejection to the segment that fills its
 //    gap. SRTT/RTTVAR as TCP keeps them (RFC 6298); rto = SRTT + max(2 ms, 4 RTTVAR),
 //    clamped to [2 ms, poll time-out], and the poll time-out itself until a first sample.
-//  - Polls. The status poll leaves when nothing was sent or honoured for rto; every
-//    unanswered poll doubles the wait, never beyond the poll time-out of the parameters.
+//  - Polls. When nothing was sent or honoured for rto, the oldest unacknowledged segment
+//    goes again, then a status poll (its answer comes behind the segment's effect, so a
+//    lost tail costs one round trip, not two). An unanswered poll is repeated after rto,
+//    then the wait doubles, never beyond the poll time-out of the parameters.
 //  - One rejection per gap. An out-of-order segment opens a gap and owes one rejection
 //    carrying the expected sequence; further out-of-order segments owe nothing while the
 //    gap stands, and it closes when the expected segment arrives. If it still stands rto
