@@ -26,7 +26,9 @@
  *   - the sender honours a rejection once: after rewinding to segment i it
  *     ignores rejections of i or later until a hold expires (timing is
  *     abstracted: the hold may expire at any moment, and has expired when
- *     the retransmission timer does, which waits at least as long).
+ *     the retransmission timer does, which waits at least as long);
+ *   - when the timer expires the sender sends the oldest unacknowledged
+ *     segment again, then the poll.
  * The receiver asserts the bound: rejections written for one gap, other than
  * answers to polls, are at most MAXREJ.
  *
@@ -194,7 +196,12 @@ end_idle:
      * rejection, which is always followed by a resend); other restarts need
      * no modelling, since the expiry is nondeterministic anyway.  The two
      * reads of the poll are separate, as in the engine (no lock). */
-    :: atomic { SOMETHING_IN_FLIGHT && !CAN_TRANSFER && QUIET -> a = readPos % MOD; hold = 0 };
+    :: atomic {
+        SOMETHING_IN_FLIGHT && !CAN_TRANSFER && QUIET ->
+        a = readPos % MOD; hold = 0;
+        /* the oldest segment goes again ahead of the poll */
+        put(s2r, SEG, a, readPos)
+       };
         atomic { put(s2r, POLL, a, ackWindow); a = 0 }
     /* the hold after a rewind expires (about a round trip later) */
     :: atomic { hold -> hold = 0 }

@@ -1,9 +1,9 @@
 // SWTransport: the reliable transport, a go-back-N sliding window over the UART service.
 //
 // "TCP" messages are cut into segments of 120 bytes and queued; the worker thread puts at
-// most 3 unacknowledged segments on the wire (sequence numbers modulo 4), sends a status
-// poll when no answer came for a few estimated round trips (never later than 0.3 s), and
-// acknowledges what it received. A gap in the received segments draws one rejection (once
+// most 3 unacknowledged segments on the wire (sequence numbers modulo 4), sends the oldest
+// segment again and a status poll when no answer came for about a round trip as it
+// estimates it (never later than 0.3 s), and acknowledges what it received. A gap in the received segments draws one rejection (once
 // more if it persists), which makes the sender go back; the sender honours a rejection of
 // the same segment once per round trip. "UDP" datagrams of at most 119 bytes are written at
 // once, unacknowledged. The frame format is in SlideWindowFrame.h, the rules in
@@ -56,7 +56,8 @@ class SWTransport : public BaseTransport {
   void ackReceived(uint64_t count);
   // Puts queued segments on the wire as far as the window allows.
   void transfer();
-  // Sends a status poll when something is in flight and the timer has run out.
+  // Sends the oldest segment again and a status poll when something is in flight and the
+  // timer has run out.
   void checkControl();
   // Writes the acknowledgement and the rejection owed to the peer.
   void doPendingWork();
