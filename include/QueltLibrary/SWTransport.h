@@ -3,13 +3,14 @@
 // "TCP" messages are cut into segments of 120 bytes and queued; the worker thread puts at
 // most 3 unacknowledged segments on the wire (sequence numbers modulo 4), sends the oldest
 // segment again and a status poll when no answer came for about a round trip as it
-// estimates it (never later than 0.3 s), and acknowledges what it received. A gap in the received segments draws one rejection (once
-// more if it persists), which makes the sender go back; the sender honours a rejection of
-// the same segment once per round trip. "UDP" datagrams of at most 119 bytes are written at
-// once, unacknowledged. The frame format is in SlideWindowFrame.h, the rules in
-// src/transports/SlideWindowEngine.h. Every received segment is delivered on its own (there
-// is no message boundary on the wire) with transport_tcpDataReceived, datagrams with
-// transport_udpDataReceived, through the multicast delegate.
+// estimates it (never later than 0.3 s), and acknowledges what it received. A gap in the
+// received segments draws one rejection (once more if it persists), which makes the sender
+// go back; the sender honours a rejection of the same segment once per round trip. "UDP"
+// datagrams of at most 119 bytes are written at once, unacknowledged. The frame format is
+// in SlideWindowFrame.h, the rules in src/transports/SlideWindowEngine.h. Every received
+// segment is delivered on its own (there is no message boundary on the wire) with
+// transport_tcpDataReceived, datagrams with transport_udpDataReceived, through the
+// multicast delegate.
 //
 // The protocol state is set once, at creation: start and stop only start and stop the
 // worker; a stopped transport keeps its queue and sequence numbers.
