@@ -4,8 +4,9 @@
 // into segments and queued; each round of the owner's worker puts as many queued segments
 // on the wire as the window of 3 allows (transfer), sends the oldest segment again and a
 // status poll when its acknowledgement is late (checkControl) and writes the control
-// frames owed to the peer (doPendingWork). receive() delivers segments, honours acknowledgements and
-// rejections that fall inside the window, and records what it owes the peer.
+// frames owed to the peer (doPendingWork). receive() delivers segments, honours
+// acknowledgements and rejections that fall inside the window, and records what it owes
+// the peer.
 //
 // Loss recovery, without rejection storms:
 //  - Round trip. The engine times one first-sent segment at a time and takes a sample when
