@@ -1,16 +1,20 @@
-// Sliding-window goodput in simulated time, and the cost of an idle worker round.
+// Sliding-window goodput and echo time in simulated time, and the cost of an idle round.
 //
-// Goodput: two SWTransports back to back over the link harness; A sends 1000 full segments
-// (120 000 bytes) to B over a link with the given one-way delay and loss (both ways);
-// goodput = bytes / simulated time until everything is acknowledged. The window bound is
-// 3 segments of 120 bytes per round trip, where a round trip is twice the one-way delay
-// plus the receiver's acknowledgement delay of one worker round (1 ms):
+// Goodput: two engines with SWTransport's constants back to back over the link harness; A
+// sends 1000 full segments (120 000 bytes) to B over a link with the given one-way delay and
+// loss (both ways); goodput = bytes / simulated time until everything is acknowledged. The
+// window bound is 3 segments of 120 bytes per round trip, where a round trip is twice the
+// one-way delay plus the receiver's acknowledgement delay of one worker round (1 ms):
 //   bound_Bps = 360 / (2 * delay + 0.001).
 // resent_per_delivered = segments sent again / segments delivered.
+//
+// Echo: one 100-byte message at a time from A, echoed by B as it arrives, 400 times over 4
+// seeds; the median and 99th percentile of the echo time, in ms and in round trips.
 //
 //   build/default/bench/qlt_transport --benchmark_counters_tabular=true
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -28,7 +32,7 @@ constexpr size_t kSegments = 1000;
 constexpr size_t kBytes = kSegments * SWTransport::kSegmentSize;
 
 void BM_Goodput(benchmark::State& state) {
-  const double delay = static_cast<double>(state.range(0)) / 1000.0;
+  const double delay = static_cast<double>(state.range(0)) / 10000.0;
   const double loss = static_cast<double>(state.range(1)) / 100.0;
   const int seeds = loss > 0 ? 8 : 1;
   LogCapture quiet;
@@ -40,9 +44,7 @@ void BM_Goodput(benchmark::State& state) {
       o.aToB = {.lossProbability = loss, .delaySeconds = delay};
       o.bToA = o.aToB;
       o.seed = static_cast<uint64_t>(seed);
-      LinkHarness h(o, [](LinkHarness::Side, std::shared_ptr<Clock> clock) {
-        return makeSWTransportEndpoint(std::move(clock));
-      });
+      LinkHarness h(o);
       std::vector<uint8_t> data(kBytes, 0x5A);
       h.a().sendTCP(data);
       if (!h.runUntilDrained(3600)) state.SkipWithError("did not drain");
@@ -66,8 +68,47 @@ void BM_Goodput(benchmark::State& state) {
   state.counters["rejections_per_run"] = rejections / seeds;
 }
 BENCHMARK(BM_Goodput)
-    ->ArgNames({"delay_ms", "loss_pct"})
-    ->ArgsProduct({{0, 5, 15}, {0, 1, 5}})
+    ->ArgNames({"delay_100us", "loss_pct"})
+    ->ArgsProduct({{0, 50, 75, 150}, {0, 1, 5, 20}})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+void BM_Echo(benchmark::State& state) {
+  const double delay = static_cast<double>(state.range(0)) / 10000.0;
+  const double loss = static_cast<double>(state.range(1)) / 100.0;
+  std::vector<double> echoes;
+  for (auto _ : state) {
+    echoes.clear();
+    for (uint64_t seed = 1; seed <= 4; ++seed) {
+      HarnessOptions o;
+      o.aToB = {.lossProbability = loss, .delaySeconds = delay};
+      o.bToA = o.aToB;
+      o.seed = seed;
+      LinkHarness h(o);
+      size_t got = 0;
+      h.b().onTCP = [&](const Data& d) { h.b().sendTCP(d.span()); };
+      h.a().onTCP = [&](const Data& d) { got += d.length(); };
+      for (size_t i = 1; i <= 100; ++i) {
+        const double sent = h.now();
+        h.a().sendTCP(std::vector<uint8_t>(100, static_cast<uint8_t>(i)));
+        while (got < i * 100 && h.now() - sent < 60) h.runFor(0.0002);
+        echoes.push_back(h.now() - sent);
+        h.runFor(0.003 * (i % 5));
+      }
+    }
+  }
+  std::sort(echoes.begin(), echoes.end());
+  const double roundTrip = 2 * delay + 0.001, p99 = echoes[echoes.size() * 99 / 100];
+  state.counters["delay_ms"] = delay * 1000;
+  state.counters["loss_pct"] = loss * 100;
+  state.counters["round_trip_ms"] = roundTrip * 1000;
+  state.counters["p50_ms"] = echoes[echoes.size() / 2] * 1000;
+  state.counters["p99_ms"] = p99 * 1000;
+  state.counters["p99_round_trips"] = p99 / roundTrip;
+}
+BENCHMARK(BM_Echo)
+    ->ArgNames({"delay_100us", "loss_pct"})
+    ->ArgsProduct({{0, 75, 150}, {0, 5}})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 

@@ -14,6 +14,24 @@
  *   ACK(x)        cumulative acknowledgement of every segment before x
  *   REJ(x)        rejection: segment x is missing, send again from x
  *
+ * Loss recovery follows the engine's rules against rejection storms:
+ *   - the receiver sends one rejection per gap (an out-of-order segment opens
+ *     a gap at R; it closes when R arrives), owes it once more if the gap
+ *     persists (at most MAXREJ unsolicited rejections per gap, besides the
+ *     answers to polls), and takes a copy of the segment accepted last
+ *     (sequence R - 1) for no gap;
+ *   - what the receiver owes (acknowledgement, rejection) waits in one slot
+ *     that its worker writes with the receive sequence as it is then; a
+ *     rejection whose gap has closed is dropped;
+ *   - the sender honours a rejection once: after rewinding to segment i it
+ *     ignores rejections of i or later until a hold expires (timing is
+ *     abstracted: the hold may expire at any moment, and has expired when
+ *     the retransmission timer does, which waits at least as long);
+ *   - when the timer expires the sender sends the oldest unacknowledged
+ *     segment again, then the poll.
+ * The receiver asserts the bound: rejections written for one gap, other than
+ * answers to polls, are at most MAXREJ.
+ *
  * Both links keep order, but each may lose frames (shared budget LOSS) and
  * may hand the frame at their head over twice in a row (budget DUPS).  A
  * link also holds at most CAP frames and drops a frame put on it when full.
@@ -35,6 +53,9 @@
  *           runs, instead of all of them before the first round
  *   POLL_ACK_ONLY  mutant: a poll whose window does not end at R goes
  *           unanswered instead of drawing a rejection
+ *   MAXREJ  unsolicited rejections per gap (2 in the engine)
+ *   LITERAL_REJECT  mutant: every out-of-order segment draws a rejection
+ *           (the protocol's older rule); breaks the bound on rejections
  *   UNLOCKED_REWIND  let a rejection rewind the send sequence in the middle
  *           of a transfer round (receive: writes ackWindow without the
  *           queue lock); without it, handling a frame and a transfer round
@@ -55,6 +76,9 @@
 #endif
 #ifndef CAP
 #define CAP WINDOW      /* frames a link holds: one window's worth */
+#endif
+#ifndef MAXREJ
+#define MAXREJ 2
 #endif
 
 #define MOD 4
@@ -78,17 +102,26 @@ byte queued = NSEG;     /* all of them before the first round */
 byte readPos = 0;
 byte ackWindow = 0;
 bit  locked = 0;        /* the queue lock, held by transfer and ackReceived */
+bit  hold = 0;          /* rejections of segment `rewound` or later are ignored */
+byte rewound = 0;       /* the segment last rewound to */
 
 /* Receiver */
 byte remoteAck = 0;     /* next sequence expected */
 byte delivered = 0;     /* segments delivered to the application */
-bit  pending = 0;       /* bit 0 of pendingWork: an acknowledgement is owed */
+bit  pending = 0;       /* an acknowledgement is owed */
+byte rejOwed = 0;       /* a rejection is owed: bit 0 unsolicited, bit 1 a poll's answer */
+byte rejSeq = 0;        /* ... for the gap at this sequence */
+bit  gap = 0;           /* a gap stands at remoteAck */
+byte gapRej = 0;        /* unsolicited rejections owed for it */
+byte gapSent = 0;       /* unsolicited rejections written for it */
 
 /* Segments in flight, as the engine computes it: modulo 4. */
 #define INFLIGHT ((ackWindow + MOD - (readPos % MOD)) % MOD)
 #define SOMETHING_IN_FLIGHT (ackWindow != readPos % MOD)
 #define CAN_TRANSFER (readPos < queued && INFLIGHT < WINDOW && INFLIGHT < queued - readPos)
-#define QUIET (len(s2r) == 0 && len(r2s) == 0)
+/* Every frame sent has arrived or been lost, and the receiver's worker has
+ * written what it owed (its round is short against the poll's wait). */
+#define QUIET (len(s2r) == 0 && len(r2s) == 0 && !pending && rejOwed == 0)
 
 /* Put a frame on a link, or lose it while the loss budget lasts.  A link
  * holds at most CAP frames and drops what does not fit (see the note on
@@ -163,8 +196,15 @@ end_idle:
      * rejection, which is always followed by a resend); other restarts need
      * no modelling, since the expiry is nondeterministic anyway.  The two
      * reads of the poll are separate, as in the engine (no lock). */
-    :: atomic { SOMETHING_IN_FLIGHT && !CAN_TRANSFER && QUIET -> a = readPos % MOD };
+    :: atomic {
+        SOMETHING_IN_FLIGHT && !CAN_TRANSFER && QUIET ->
+        a = readPos % MOD; hold = 0;
+        /* the oldest segment goes again ahead of the poll */
+        put(s2r, SEG, a, readPos)
+       };
         atomic { put(s2r, POLL, a, ackWindow); a = 0 }
+    /* the hold after a rewind expires (about a round trip later) */
+    :: atomic { hold -> hold = 0 }
     od
 }
 
@@ -182,7 +222,13 @@ end_idle:
         if :: x < a -> x = x + MOD :: else -> skip fi;
         if
         :: k == ACK && a <= x && x <= b -> n = x - a
-        :: k == REJ && a <= x && x < b -> ackWindow = x % MOD
+        :: k == REJ && a <= x && x < b ->
+            /* honour a rejection once: not again for the same segment or a
+             * later one while the hold lasts */
+            if
+            :: hold && readPos + x - a >= rewound -> skip
+            :: else -> ackWindow = x % MOD; rewound = readPos + x - a; hold = 1
+            fi
         :: else -> skip
         fi;
         k = 0; x = 0; y = 0; a = 0; b = 0
@@ -223,18 +269,31 @@ end_idle:
             assert(y == delivered);
             delivered++;
             pending = 1;
-            got = 1
+            got = 1;
+            /* the gap closes; a rejection still owed for it is stale */
+            gap = 0; gapRej = 0; gapSent = 0; rejOwed = 0; rejSeq = 0
         :: k == SEG && x != remoteAck ->
-            put(r2s, REJ, remoteAck, 0)
+#ifdef LITERAL_REJECT
+            gap = 1; rejOwed = rejOwed | 1; rejSeq = remoteAck
+#else
+            if
+            :: x == (remoteAck + MOD - 1) % MOD -> pending = 1   /* a copy */
+            :: x != (remoteAck + MOD - 1) % MOD && !gap ->
+                gap = 1; gapRej = 1; rejOwed = rejOwed | 1; rejSeq = remoteAck
+            :: x != (remoteAck + MOD - 1) % MOD && gap -> skip
+            fi
+#endif
         :: k == POLL ->
             /* answered only if a <= R <= b after unwrapping */
             r = remoteAck;
             if :: y < x -> y = y + MOD :: else -> skip fi;
             if :: r < x -> r = r + MOD :: else -> skip fi;
             if
-            :: x <= r && r == y -> put(r2s, ACK, remoteAck, 0)
+            :: x <= r && r == y -> pending = 1
 #ifndef POLL_ACK_ONLY
-            :: x <= r && r < y -> put(r2s, REJ, remoteAck, 0)
+            :: x <= r && r < y ->
+                if :: !gap -> gap = 1; gapRej = 0; gapSent = 0 :: else -> skip fi;
+                rejOwed = rejOwed | 2; rejSeq = remoteAck
 #endif
             :: else -> skip
             fi
@@ -250,15 +309,34 @@ progress_deliver:
     od
 }
 
-/* The receiver's worker loop, doPendingWork: send the owed acknowledgement,
- * then clear the flag.  Clearing is a separate step, so a segment accepted
- * in between has its acknowledgement forgotten until the next segment or
- * poll, as in the engine. */
+/* The receiver's worker loop, doPendingWork: a gap that persists owes one
+ * more rejection, up to MAXREJ (timing abstracted: at any moment); then the
+ * slot is taken and what it owes written with the receive sequence as it is
+ * now, a rejection only if its gap still stands. */
 proctype ReceiverWorker() {
 end_idle:
     do
-    :: atomic { pending -> put(r2s, ACK, remoteAck, 0) };
-        pending = 0
+    :: atomic {
+        gap && gapRej < MAXREJ && (rejOwed & 1) == 0 ->
+        gapRej++; rejOwed = rejOwed | 1; rejSeq = remoteAck
+       }
+    :: atomic {
+        pending || rejOwed != 0 ->
+        if :: pending -> put(r2s, ACK, remoteAck, 0) :: else -> skip fi;
+        if
+        :: rejOwed != 0 && gap && rejSeq == remoteAck ->
+            put(r2s, REJ, remoteAck, 0);
+            if
+            :: rejOwed & 1 ->
+                gapSent++;
+                /* the bound on rejections per gap */
+                assert(gapSent <= MAXREJ)
+            :: else -> skip
+            fi
+        :: else -> skip
+        fi;
+        pending = 0; rejOwed = 0; rejSeq = 0
+       }
     od
 }
 

@@ -2,9 +2,10 @@
 //
 // Not a transport: an application can put it over any byte pipe of its own. It speaks the
 // same frame format (SlideWindowFrame.h) with 160-byte segments (datagrams of at most 159
-// bytes) and a 1.0 s status-poll time-out, and carries its own worker thread. Frames to
-// write go to its sender delegate (slideWindow_requestWriteData); received payloads reach
-// its delegates through the multicast delegate (slideWindow_tcpDataReceived,
+// bytes), follows the same recovery rules (src/transports/SlideWindowEngine.h) but polls
+// never later than 1.0 s, and carries its own worker thread. Frames to write go to its
+// sender delegate (slideWindow_requestWriteData); received payloads reach its delegates
+// through the multicast delegate (slideWindow_tcpDataReceived,
 // slideWindow_udpDataReceived), each on the delegate's own queue.
 //
 // Usage: create, setSenderDelegate, addDelegate, start; feed every value from the peer to
@@ -13,8 +14,9 @@
 //
 // Threads: start, stop, sendTCP and sendUDP from any thread; receive from one thread at a
 // time; the rounds from the worker (or from a test that drives them itself). The sender
-// delegate is called from the worker, from receive's thread and from sendUDP's caller,
-// never under an internal lock; it should return once the write is queued.
+// delegate is called from the worker (every frame of the window, control frames included)
+// and from sendUDP's caller, never under an internal lock; it should return once the
+// write is queued.
 #pragma once
 
 #include <functional>

@@ -1,13 +1,16 @@
 // SWTransport: the reliable transport, a go-back-N sliding window over the UART service.
 //
 // "TCP" messages are cut into segments of 120 bytes and queued; the worker thread puts at
-// most 3 unacknowledged segments on the wire (sequence numbers modulo 4), sends a status
-// poll when no acknowledgement came for 0.3 s, and acknowledges what it received. Out-of-
-// order segments are rejected at once, which makes the sender go back. "UDP" datagrams of
-// at most 119 bytes are written at once, unacknowledged. The frame format is in
-// SlideWindowFrame.h. Every received segment is delivered on its own (there is no message
-// boundary on the wire) with transport_tcpDataReceived, datagrams with
-// transport_udpDataReceived, through the multicast delegate.
+// most 3 unacknowledged segments on the wire (sequence numbers modulo 4), sends the oldest
+// segment again and a status poll when no answer came for about a round trip as it
+// estimates it (never later than 0.3 s), and acknowledges what it received. A gap in the
+// received segments draws one rejection (once more if it persists), which makes the sender
+// go back; the sender honours a rejection of the same segment once per round trip. "UDP"
+// datagrams of at most 119 bytes are written at once, unacknowledged. The frame format is
+// in SlideWindowFrame.h, the rules in src/transports/SlideWindowEngine.h. Every received
+// segment is delivered on its own (there is no message boundary on the wire) with
+// transport_tcpDataReceived, datagrams with transport_udpDataReceived, through the
+// multicast delegate.
 //
 // The protocol state is set once, at creation: start and stop only start and stop the
 // worker; a stopped transport keeps its queue and sequence numbers.
@@ -15,8 +18,8 @@
 // Threads: see BaseTransport. sendTCP/sendUDP from any thread; receive from one thread at
 // a time; the rounds (transfer, checkControl, doPendingWork) from the worker, or from a
 // test that drives them itself instead of starting the worker. The sender delegate is
-// called from the worker (segments, polls, acknowledgements), from receive's thread
-// (rejections and poll answers) and from sendUDP's caller, never under an internal lock.
+// called from the worker (segments, polls, acknowledgements, rejections and poll answers)
+// and from sendUDP's caller, never under an internal lock.
 #pragma once
 
 #include <functional>
@@ -54,11 +57,12 @@ class SWTransport : public BaseTransport {
   void ackReceived(uint64_t count);
   // Puts queued segments on the wire as far as the window allows.
   void transfer();
-  // Sends a status poll when something is in flight and the timer has run out.
+  // Sends the oldest segment again and a status poll when something is in flight and the
+  // timer has run out.
   void checkControl();
-  // Sends the acknowledgement owed for received segments.
+  // Writes the acknowledgement and the rejection owed to the peer.
   void doPendingWork();
-  // Bit 0: an acknowledgement is owed.
+  // Bit 0: an acknowledgement is owed; bit 1: a rejection, for the sequence in bits 4-5.
   uint64_t pendingWork() const;
   void setPendingWork(uint64_t bits);
 

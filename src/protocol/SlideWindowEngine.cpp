@@ -1,18 +1,29 @@
 #include "protocol/SlideWindowEngine.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 
 namespace qlt {
 
+namespace {
+// The clock granularity of the estimate: a worker round, plus the peer's delayed
+// acknowledgement (one round of its own).
+constexpr double kGranularity = 0.002;
+// How long past the estimated round trip a rejection of the same segment is ignored.
+constexpr double kHoldMargin = 0.001;
+}  // namespace
+
 SlideWindowEngine::SlideWindowEngine(Face& face, SlideWindowParameters parameters,
                                      std::shared_ptr<Clock> clock)
     : face_(face),
       parameters_{std::clamp<size_t>(parameters.segmentSize, 1, kMaxSlideWindowSegment),
                   parameters.pollTimeout},
-      timer_(ComTimer::timerWithTimeout(parameters.pollTimeout, std::move(clock))) {
+      clock_(std::move(clock)),
+      timer_(ComTimer::timerWithTimeout(parameters.pollTimeout, clock_)),
+      rto_(parameters.pollTimeout) {
   initState();
 }
 
@@ -25,6 +36,9 @@ void SlideWindowEngine::initState() {
     counters_.bytesQueued.store(0, std::memory_order_relaxed);
     readPos_.store(0, std::memory_order_release);
     ackWindow_.store(0, std::memory_order_release);
+    timedIndex_ = rewoundIndex_ = kNone;
+    pollBackoff_ = 0;
+    setPollWaitLocked();
   }
   setPendingWork(0);
 }
@@ -59,8 +73,45 @@ void SlideWindowEngine::releaseLocked(uint64_t count) {
     bytesQueued_ -= txBuffer_.front().length();
     txBuffer_.pop_front();
   }
-  readPos_.fetch_add(count, std::memory_order_acq_rel);
+  const uint64_t readPos = readPos_.fetch_add(count, std::memory_order_acq_rel) + count;
   counters_.bytesQueued.store(bytesQueued_, std::memory_order_relaxed);
+  if (timedIndex_ != kNone && readPos > timedIndex_) {
+    timedIndex_ = kNone;
+    sampleLocked(clock_->now() - timedAt_);
+  }
+}
+
+void SlideWindowEngine::sampleLocked(double seconds) {
+  seconds = std::max(seconds, 0.0);
+  if (!haveSample_) {
+    srtt_ = seconds;
+    rttvar_ = seconds / 2;
+    haveSample_ = true;
+  } else {
+    rttvar_ = 0.75 * rttvar_ + 0.25 * std::fabs(srtt_ - seconds);
+    srtt_ = 0.875 * srtt_ + 0.125 * seconds;
+  }
+  rto_.store(std::clamp(srtt_ + std::max(kGranularity, 4 * rttvar_), kGranularity,
+                        parameters_.pollTimeout),
+             std::memory_order_release);
+  setPollWaitLocked();
+}
+
+void SlideWindowEngine::sample(double seconds) {
+  std::lock_guard lock(txMutex_);
+  sampleLocked(seconds);
+}
+
+void SlideWindowEngine::setPollWaitLocked() {
+  // The first poll that goes unanswered is repeated after rto; from then on the wait doubles.
+  const double wait = std::ldexp(rto_.load(std::memory_order_relaxed),
+                                 static_cast<int>(std::clamp(pollBackoff_, 1u, 17u)) - 1);
+  timer_->setTimeout(std::min(wait, parameters_.pollTimeout));
+}
+
+double SlideWindowEngine::srtt() const {
+  std::lock_guard lock(txMutex_);
+  return srtt_;
 }
 
 void SlideWindowEngine::ackReceived(uint64_t count) {
@@ -85,8 +136,13 @@ void SlideWindowEngine::transfer() {
       const uint64_t index = readPos + inFlight;
       if (index < neverSentFrom_) {
         bump(counters_.segmentsResent);
+        if (index == timedIndex_) timedIndex_ = kNone;  // Karn: no sample from a resend
       } else {
         neverSentFrom_ = index + 1;
+        if (timedIndex_ == kNone) {
+          timedIndex_ = index;
+          timedAt_ = clock_->now();
+        }
       }
       batch[count++] = {ackWindow, txBuffer_[inFlight]};
       ++inFlight;
@@ -113,12 +169,25 @@ void SlideWindowEngine::checkControl() {
   }
   if (!timer_->isTimeout()) return;
   uint8_t oldest, next;
+  Data probe;  // the oldest segment, sent again ahead of the poll
   {
     std::lock_guard lock(txMutex_);  // one consistent pair for the poll
     oldest = readPos_.load(std::memory_order_relaxed) & 3;
     next = ackWindow_.load(std::memory_order_relaxed);
+    if (oldest == next) return;
+    if (!txBuffer_.empty()) probe = txBuffer_.front();
+    timedIndex_ = kNone;  // an answer to a poll times the poll, not the segment
+    ++pollBackoff_;
+    setPollWaitLocked();
   }
-  if (oldest == next) return;
+  if (!probe.empty()) {
+    std::array<uint8_t, kMaxSlideWindowSegment + 1> segment;
+    const size_t n =
+        buildSegment(std::span(segment.data(), parameters_.segmentSize + 1), oldest, probe.span());
+    bump(counters_.segmentsSent);
+    bump(counters_.segmentsResent);
+    write(segment.data(), n);
+  }
   std::array<uint8_t, kPollFrameLength> frame;
   const size_t n = buildPoll(frame, oldest, next);
   bump(counters_.pollsSent);
@@ -127,12 +196,44 @@ void SlideWindowEngine::checkControl() {
 }
 
 void SlideWindowEngine::doPendingWork() {
-  if ((pendingWork_.load(std::memory_order_acquire) & 1) == 0) return;
-  // Clear the bit first: a segment accepted from now on sets it again and is acknowledged
-  // next round, so no acknowledgement is lost between the test and the clear.
-  if ((pendingWork_.fetch_and(~uint64_t{1}, std::memory_order_acq_rel) & 1) == 0) return;
-  bump(counters_.acksSent);
-  writeControl(ackHeader(remoteAck_.load(std::memory_order_acquire)));
+  // A gap that still stands rto after its last rejection owes one more, up to the bound.
+  if (gapOpen_.load(std::memory_order_acquire)) {
+    std::lock_guard lock(gapMutex_);
+    const double now = clock_->now();
+    if (gapOpen_.load(std::memory_order_relaxed) && gapRejections_ < kRejectionsPerGap &&
+        now - rejectedAt_ >= rto_.load(std::memory_order_acquire)) {
+      ++gapRejections_;
+      rejectedAt_ = now;
+      gapTimed_ = false;
+      oweRejection(gapSequence_);
+    }
+  }
+  if ((pendingWork_.load(std::memory_order_acquire) & 3) == 0) return;
+  // Take the slot first: whatever receive() owes from now on is written next round, so
+  // nothing owed is lost between the test and the clear.
+  const uint64_t owed = pendingWork_.exchange(0, std::memory_order_acq_rel);
+  const uint8_t r = remoteAck_.load(std::memory_order_acquire);
+  if (owed & 1) {
+    bump(counters_.acksSent);
+    writeControl(ackHeader(r));
+  }
+  // A rejection whose gap closed meanwhile is stale: the acknowledgement says it all.
+  if ((owed & 2) && ((owed >> 4) & 3) == r) {
+    {
+      std::lock_guard lock(gapMutex_);
+      if (!gapOpen_.load(std::memory_order_relaxed) || gapSequence_ != r) return;
+      rejectedAt_ = clock_->now();
+      gapWritten_ = true;
+    }
+    bump(counters_.rejectionsSent);
+    writeControl(rejectHeader(r));
+  }
+}
+
+void SlideWindowEngine::oweRejection(uint8_t sequence) {
+  uint64_t v = pendingWork_.load(std::memory_order_relaxed);
+  while (!pendingWork_.compare_exchange_weak(v, (v & ~uint64_t{0x30}) | 2 | ((sequence & 3) << 4),
+                                             std::memory_order_acq_rel)) {}
 }
 
 void SlideWindowEngine::receive(const Data& value) {
@@ -155,11 +256,19 @@ void SlideWindowEngine::receive(const Data& value) {
       if (r < a) r += 4;
       if (a <= r && r <= b) {
         if (r >= b) {
-          bump(counters_.acksSent);
-          writeControl(ackHeader(reply));
+          pendingWork_.fetch_or(1, std::memory_order_acq_rel);
         } else {
-          bump(counters_.rejectionsSent);
-          writeControl(rejectHeader(reply));
+          // A poll is answered whenever it comes; the answer opens the gap if none stands.
+          std::lock_guard lock(gapMutex_);
+          if (!gapOpen_.load(std::memory_order_relaxed) || gapSequence_ != reply) {
+            gapOpen_.store(true, std::memory_order_release);
+            gapSequence_ = reply;
+            gapRejections_ = 0;
+            gapWritten_ = false;
+          }
+          rejectedAt_ = clock_->now();
+          gapTimed_ = false;
+          oweRejection(reply);
         }
       }
       return;
@@ -177,6 +286,8 @@ void SlideWindowEngine::receive(const Data& value) {
           if (x < a) x += 4;
           releaseLocked(x - a);
           honoured = true;
+          pollBackoff_ = 0;
+          setPollWaitLocked();
         }
       }
       if (honoured) timer_->start();
@@ -191,8 +302,19 @@ void SlideWindowEngine::receive(const Data& value) {
         const uint8_t a = readPos_.load(std::memory_order_relaxed) & 3;
         const uint8_t b = ackWindow_.load(std::memory_order_relaxed);
         if (inWindowExclusive(a, frame.sequence, b)) {
-          ackWindow_.store(frame.sequence & 3, std::memory_order_release);
-          honoured = true;
+          const uint64_t index =
+              readPos_.load(std::memory_order_relaxed) + sequenceDistance(a, frame.sequence & 3);
+          const double now = clock_->now();
+          // Honour a rejection once: the segments from the one rewound to are on their way
+          // again, and what the peer said before it saw them is stale.
+          if (rewoundIndex_ == kNone || index < rewoundIndex_ || now >= holdUntil_) {
+            ackWindow_.store(frame.sequence & 3, std::memory_order_release);
+            honoured = true;
+            rewoundIndex_ = index;
+            holdUntil_ = now + (haveSample_ ? srtt_ + kHoldMargin : rto_.load());
+            pollBackoff_ = 0;
+            setPollWaitLocked();
+          }
         }
       }
       if (honoured) {
@@ -212,10 +334,33 @@ void SlideWindowEngine::receive(const Data& value) {
       if (frame.sequence != expected ||
           !remoteAck_.compare_exchange_strong(expected, (expected + 1) & 3,
                                               std::memory_order_acq_rel)) {
-        bump(counters_.rejectionsSent);
-        writeControl(rejectHeader(expected));
+        if (frame.sequence == ((expected + 3) & 3)) {
+          // A copy of the segment accepted last: nothing is missing.
+          pendingWork_.fetch_or(1, std::memory_order_acq_rel);
+          return;
+        }
+        std::lock_guard lock(gapMutex_);
+        if (gapOpen_.load(std::memory_order_relaxed) && gapSequence_ == expected) return;
+        gapOpen_.store(true, std::memory_order_release);
+        gapSequence_ = expected;
+        gapRejections_ = 1;
+        rejectedAt_ = clock_->now();
+        gapTimed_ = true;
+        gapWritten_ = false;
+        oweRejection(expected);
         timer_->start();
         return;
+      }
+      if (gapOpen_.load(std::memory_order_acquire)) {
+        double sampled = -1;
+        {
+          std::lock_guard lock(gapMutex_);
+          if (gapTimed_ && gapWritten_) sampled = clock_->now() - rejectedAt_;
+          gapOpen_.store(false, std::memory_order_release);
+          gapRejections_ = 0;
+          gapTimed_ = false;
+        }
+        if (sampled >= 0) sample(sampled);
       }
       Data payload(frame.payload);
       pendingWork_.fetch_or(1, std::memory_order_acq_rel);

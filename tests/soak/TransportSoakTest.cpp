@@ -1,7 +1,8 @@
 // The transports' long runs (label soak): many more seeds and longer exchanges than the
-// default suite, through both the bare engine and the public SWTransport objects.
+// default suite, with both faces' segment sizes.
 #include <gtest/gtest.h>
 
+#include "QueltLibrary/BLESlideWindow.h"
 #include "support/LinkHarness.h"
 #include "support/TestSupport.h"
 
@@ -43,12 +44,15 @@ TEST(ASoakedLink, CarriesEverythingExactlyOnceOverManySeeds) {
   }
 }
 
-TEST(ASoakedLink, CarriesEverythingBetweenPublicTransports) {
+TEST(ASoakedLink, CarriesEverythingBetweenTheTwoFacesSegmentSizes) {
   ExchangePlan exchange;
   exchange.messagesPerSide = 4;
   exchange.make = [](LinkHarness::Side side, std::shared_ptr<Clock> clock) {
-    return side == LinkHarness::A ? makeSWTransportEndpoint(std::move(clock))
-                                  : makeBLESlideWindowEndpoint(std::move(clock));
+    return makeEngineEndpoint(
+        side == LinkHarness::A
+            ? transportParameters()
+            : SlideWindowParameters{BLESlideWindow::kSegmentSize, BLESlideWindow::kPollTimeout},
+        std::move(clock));
   };
   for (double loss : {0.01, 0.1}) soak(loss, 0.05, 300, exchange);
 }

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <mutex>
+#include <random>
 
-#include "QueltLibrary/BLESlideWindow.h"
 #include "QueltLibrary/SWTransport.h"
-#include "support/TransportProbes.h"
 
 namespace qlt::test {
 
@@ -25,65 +23,15 @@ class EngineEndpoint final : public LinkEndpoint, private SlideWindowEngine::Fac
   SlideWindowCounters counters() const override { return engine_.counters(); }
   uint8_t inFlight() const override { return engine_.inFlight(); }
   size_t queuedSegments() const override { return engine_.queuedSegments(); }
-  std::vector<Data> delivered() override { return delivered_; }
 
  private:
   void writeFrame(const uint8_t* bytes, size_t length) override {
     if (output) output(Data(bytes, length));
   }
-  void deliverTCP(const Data& payload) override { delivered_.push_back(payload); }
+  void deliverTCP(const Data& payload) override { deliver(payload); }
   void deliverUDP(const Data&) override {}
 
   SlideWindowEngine engine_;
-  std::vector<Data> delivered_;
-};
-
-// Forwards a public object's writes to the endpoint's output.
-class Forwarder : public TransportSenderDelegate, public BLESlideWindowSenderDelegate {
- public:
-  explicit Forwarder(LinkEndpoint& endpoint) : endpoint_(endpoint) {}
-  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& d) override {
-    if (endpoint_.output) endpoint_.output(d);
-  }
-  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&,
-                                    const Data& d) override {
-    if (endpoint_.output) endpoint_.output(d);
-  }
-
- private:
-  LinkEndpoint& endpoint_;
-};
-
-// SWTransport or BLESlideWindow, driven round by round (their workers are not started).
-template <class Object>
-class ObjectEndpoint final : public LinkEndpoint {
- public:
-  explicit ObjectEndpoint(std::shared_ptr<Clock> clock)
-      : object_(Object::create(std::move(clock))),
-        forwarder_(std::make_shared<Forwarder>(*this)),
-        inbox_(std::make_shared<PayloadInbox>()) {
-    object_->setSenderDelegate(forwarder_);
-    object_->addDelegate(inbox_, inbox_->queue());
-    object_->moduleQueue()->sync([] {});
-  }
-  void sendTCP(std::span<const uint8_t> bytes) override {
-    object_->sendTCP(bytes.data(), bytes.size());
-  }
-  void receive(const Data& value) override { object_->receive(value); }
-  void round() override {
-    object_->transfer();
-    object_->checkControl();
-    object_->doPendingWork();
-  }
-  SlideWindowCounters counters() const override { return object_->counters(); }
-  uint8_t inFlight() const override { return object_->inFlight(); }
-  size_t queuedSegments() const override { return object_->queuedSegments(); }
-  std::vector<Data> delivered() override { return inbox_->tcp(); }
-
- private:
-  std::shared_ptr<Object> object_;
-  std::shared_ptr<Forwarder> forwarder_;
-  std::shared_ptr<PayloadInbox> inbox_;
 };
 
 }  // namespace
@@ -95,12 +43,6 @@ SlideWindowParameters transportParameters() {
 std::unique_ptr<LinkEndpoint> makeEngineEndpoint(SlideWindowParameters parameters,
                                                  std::shared_ptr<Clock> clock) {
   return std::make_unique<EngineEndpoint>(parameters, std::move(clock));
-}
-std::unique_ptr<LinkEndpoint> makeSWTransportEndpoint(std::shared_ptr<Clock> clock) {
-  return std::make_unique<ObjectEndpoint<SWTransport>>(std::move(clock));
-}
-std::unique_ptr<LinkEndpoint> makeBLESlideWindowEndpoint(std::shared_ptr<Clock> clock) {
-  return std::make_unique<ObjectEndpoint<BLESlideWindow>>(std::move(clock));
 }
 
 LinkHarness::LinkHarness(HarnessOptions options)
@@ -115,7 +57,6 @@ LinkHarness::LinkHarness(
       clock_(std::make_shared<ManualClock>()),
       links_{sim::LinkModel(options.aToB, options.seed * 2 + 1),
              sim::LinkModel(options.bToA, options.seed * 2 + 2)},
-      rng_(options.seed ^ 0x9E3779B97F4A7C15ull),
       nextRound_{0.0, options.phaseB} {
   for (int side : {A, B}) {
     endpoints_[side] = make(static_cast<Side>(side), clock_);
@@ -123,37 +64,9 @@ LinkHarness::LinkHarness(
   }
 }
 
-Data LinkHarness::garbage() {
-  std::uniform_int_distribution<int> len(0, 24), byte(0, 255);
-  std::vector<uint8_t> v(static_cast<size_t>(len(rng_)));
-  for (auto& b : v) b = static_cast<uint8_t>(byte(rng_));
-  return Data(v);
-}
-
 void LinkHarness::carry(int from, const Data& frame) {
-  ++stats_.framesCarried;
-  const double now = clock_->now();
-  const sim::LinkFate fate = links_[from].transmit(now, frame.length());
-  for (int c = 0; c < fate.copies; ++c) {
-    double at = fate.at[c];
-    Data value = frame;
-    if (options_.corruptProbability > 0 && unit_(rng_) < options_.corruptProbability &&
-        !frame.empty()) {
-      std::vector<uint8_t> bytes(frame.bytes(), frame.bytes() + frame.length());
-      std::uniform_int_distribution<size_t> pos(0, bytes.size() * 8 - 1);
-      std::uniform_int_distribution<int> flips(1, 3);
-      for (int i = flips(rng_); i > 0; --i) {
-        const size_t bit = pos(rng_);
-        bytes[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
-      }
-      value = Data(bytes);
-    }
-    if (options_.reorderProbability > 0 && unit_(rng_) < options_.reorderProbability) {
-      at += unit_(rng_) * options_.reorderDelay;
-    }
-    events_.push({at, order_++, 1 - from, std::move(value)});
-  }
-  stats_.maxPendingFrames = std::max(stats_.maxPendingFrames, events_.size());
+  const sim::LinkFate fate = links_[from].transmit(clock_->now(), frame.length());
+  for (int c = 0; c < fate.copies; ++c) events_.push({fate.at[c], order_++, 1 - from, frame});
 }
 
 double LinkHarness::nextTime() const {
@@ -163,7 +76,6 @@ double LinkHarness::nextTime() const {
 }
 
 void LinkHarness::step() {
-  ++stats_.events;
   const double t = nextTime();
   if (t > clock_->now()) clock_->set(t);
   if (!events_.empty() && events_.top().at <= t) {
@@ -173,9 +85,6 @@ void LinkHarness::step() {
   } else {
     const int side = nextRound_[A] <= nextRound_[B] ? A : B;
     nextRound_[side] += options_.roundPeriod;
-    if (options_.garbageProbability > 0 && unit_(rng_) < options_.garbageProbability) {
-      endpoints_[side]->receive(garbage());
-    }
     endpoints_[side]->round();
   }
   for (auto& e : endpoints_) stats_.maxInFlight = std::max(stats_.maxInFlight, e->inFlight());
@@ -201,10 +110,6 @@ std::vector<uint8_t> joined(const std::vector<Data>& payloads) {
   for (const auto& d : payloads) out.insert(out.end(), d.bytes(), d.bytes() + d.length());
   return out;
 }
-
-}  // namespace qlt::test
-
-namespace qlt::test {
 
 ExchangeResult runExchange(const HarnessOptions& options, const ExchangePlan& exchange) {
   LinkHarness h = exchange.make ? LinkHarness(options, exchange.make) : LinkHarness(options);
@@ -234,10 +139,7 @@ ExchangeResult runExchange(const HarnessOptions& options, const ExchangePlan& ex
   for (int from : {0, 1}) {
     auto& receiver = h.endpoint(static_cast<LinkHarness::Side>(1 - from));
     const auto got = joined(receiver.delivered());
-    r.bytesSent[from] = sent[from].size();
     r.exact[from] = got == sent[from];
-    r.prefix[from] =
-        got.size() <= sent[from].size() && std::equal(got.begin(), got.end(), sent[from].begin());
     r.counters[from] = h.endpoint(static_cast<LinkHarness::Side>(from)).counters();
   }
   return r;

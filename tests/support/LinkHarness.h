@@ -1,23 +1,18 @@
-// LinkHarness: two sliding-window endpoints back to back over a simulated radio link.
+// LinkHarness: two sliding-window endpoints back to back over a simulated radio link, in
+// simulated time (a ManualClock). Each endpoint's rounds run every `roundPeriod` seconds,
+// B's offset by `phaseB`, as two unsynchronised workers would. Every frame written goes
+// through the LinkModel of its direction (loss, in-order duplication, delay, jitter, rate
+// limit) to the other endpoint's receive() at its delivery time. Everything is seeded: the
+// same options replay the same run.
 //
-// A discrete-event simulation on a ManualClock. Each endpoint's worker rounds (transfer,
-// checkControl, doPendingWork) run every `roundPeriod` seconds of simulated time, B's
-// offset by `phaseB`, as two real workers would run unsynchronised. Every frame an
-// endpoint writes goes through the LinkModel of its direction (loss, in-order duplication,
-// delay, jitter, write-rate limit) and is fed to the other endpoint's receive() at its
-// delivery time. For robustness runs the harness can also break the link's promises:
-// reorder frames (extra delay that ignores FIFO), corrupt them (flip bits) and inject
-// garbage values. Everything is seeded: the same options replay the same run.
-//
-// Endpoints are the engine itself (fast, deliveries recorded synchronously) or the public
-// SWTransport / BLESlideWindow objects (deliveries through their multicast delegates).
+// Endpoints: the engine itself (as SWTransport and BLESlideWindow run it, without their
+// threads and delegates) or the independent literal peer (LiteralPeer.cpp).
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <queue>
-#include <random>
 #include <span>
 #include <vector>
 
@@ -40,15 +35,26 @@ class LinkEndpoint {
   virtual uint8_t inFlight() const = 0;
   virtual size_t queuedSegments() const = 0;
   // The "TCP" payloads delivered so far, in order.
-  virtual std::vector<Data> delivered() = 0;
+  std::vector<Data> delivered() const { return delivered_; }
   // Set by the harness: called with every frame the endpoint writes.
   std::function<void(const Data&)> output;
+  // Optional: called with every "TCP" payload as it is delivered.
+  std::function<void(const Data&)> onTCP;
+
+ protected:
+  void deliver(const Data& payload) {
+    delivered_.push_back(payload);
+    if (onTCP) onTCP(payload);
+  }
+  std::vector<Data> delivered_;
 };
 
 std::unique_ptr<LinkEndpoint> makeEngineEndpoint(SlideWindowParameters parameters,
                                                  std::shared_ptr<Clock> clock);
-std::unique_ptr<LinkEndpoint> makeSWTransportEndpoint(std::shared_ptr<Clock> clock);
-std::unique_ptr<LinkEndpoint> makeBLESlideWindowEndpoint(std::shared_ptr<Clock> clock);
+// The protocol's literal rules: every out-of-order segment rejected, every rejection
+// honoured, a poll after `pollTimeout`.
+std::unique_ptr<LinkEndpoint> makeLiteralPeer(size_t segmentSize, double pollTimeout,
+                                              std::shared_ptr<Clock> clock);
 
 // SWTransport's constants, for engine endpoints.
 SlideWindowParameters transportParameters();
@@ -59,18 +65,10 @@ struct HarnessOptions {
   uint64_t seed = 1;
   double roundPeriod = 0.001;
   double phaseB = 0.0005;
-  // Faults beyond what a BLE link does (robustness runs only).
-  double reorderProbability = 0.0;  // per frame: held back by up to reorderDelay
-  double reorderDelay = 0.02;
-  double corruptProbability = 0.0;  // per frame: 1 to 3 bits flipped
-  double garbageProbability = 0.0;  // per round and side: a random value of 0..24 bytes
 };
 
 struct HarnessStats {
-  uint64_t events = 0;
-  uint64_t framesCarried = 0;   // handed to a link (before loss)
-  size_t maxPendingFrames = 0;  // frames on the links at once
-  uint8_t maxInFlight = 0;      // largest window seen on either side
+  uint8_t maxInFlight = 0;  // largest window seen on either side
 };
 
 class LinkHarness {
@@ -108,14 +106,11 @@ class LinkHarness {
   void carry(int from, const Data& frame);
   void step();
   double nextTime() const;
-  Data garbage();
 
   HarnessOptions options_;
   std::shared_ptr<ManualClock> clock_;
   std::unique_ptr<LinkEndpoint> endpoints_[2];
   sim::LinkModel links_[2];  // links_[from]
-  std::mt19937_64 rng_;
-  std::uniform_real_distribution<double> unit_{0.0, 1.0};
   std::priority_queue<Event, std::vector<Event>, std::greater<Event>> events_;
   uint64_t order_ = 0;
   double nextRound_[2];
@@ -124,10 +119,6 @@ class LinkHarness {
 
 // The bytes of `payloads`, joined.
 std::vector<uint8_t> joined(const std::vector<Data>& payloads);
-
-}  // namespace qlt::test
-
-namespace qlt::test {
 
 // A seeded exchange: each side sends `messagesPerSide` messages of 1 byte to
 // `maxMessage` bytes (sizes log-uniform, contents random), spread over the first
@@ -141,9 +132,7 @@ struct ExchangePlan {
 
 struct ExchangeResult {
   bool drained = false;
-  bool exact[2] = {false, false};   // [from A, from B]: delivered == sent
-  bool prefix[2] = {false, false};  // delivered is a prefix of sent (nothing wrong yet)
-  size_t bytesSent[2] = {0, 0};
+  bool exact[2] = {false, false};  // [from A, from B]: delivered == sent
   double simSeconds = 0;
   HarnessStats stats;
   SlideWindowCounters counters[2];

@@ -12,11 +12,17 @@ namespace {
 constexpr uint64_t kStreamWrites = 1;
 constexpr uint64_t kStreamNotifications = 2;
 
+// Frames a rate-limited direction holds waiting for air time, like a stack's buffer: a
+// burst of a few windows waits its turn, a frame beyond that is dropped, so a slow link
+// is absorbed by the sliding window rather than by a queue that grows without bound.
+constexpr size_t kWriteQueueLimit = 32;
+
 LinkConfig modelConfig(double loss, double interval, std::optional<double> framesPerSecond) {
   LinkConfig config;
   config.lossProbability = loss;
   config.delaySeconds = interval;
   config.framesPerSecond = framesPerSecond.value_or(0.0);
+  config.queueLimit = kWriteQueueLimit;
   return config;
 }
 }  // namespace

@@ -7,8 +7,10 @@
 // packets (writes without response, notifications) go through one seeded LinkModel per
 // direction, which decides their loss and their arrival time (connection interval,
 // write-rate limit); GATT requests, their answers and writes with response are never lost
-// and arrive one connection interval later, behind what was sent before them. The link
-// also drops itself after a number of packets or a time.
+// and arrive one connection interval later, behind what was sent before them. Under a
+// write-rate limit at most 32 data packets wait for air time; one more is dropped (counted
+// as lost), as a stack's full buffer would. The link also drops itself after a number of
+// packets or a time.
 //
 // A link is used once: after close() it carries nothing more, and the device's behaviour
 // is told and released on the device queue.
