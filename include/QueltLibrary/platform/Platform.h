@@ -35,10 +35,23 @@ class Peripheral;
 class Service;
 class Characteristic;
 
+// Why an operation failed, in a word the layers above can act on and tell a user; the
+// domain and message carry the details (for a refusal, the daemon's error name and text).
+enum class ErrorReason {
+  Other,
+  NotConnected,   // the operation needs a link that is not (or no longer) up
+  TimedOut,       // no answer in time
+  DeviceRemoved,  // the stack forgot the device (or never knew it)
+  Refused,        // the stack or the device refused
+  LinkLost,       // the link dropped
+  PoweredOff,     // the adapter or the stack went away
+};
+
 // An error handed to a delegate call; the device model logs it and otherwise ignores it.
 struct Error {
   std::string domain;  // e.g. "org.bluez.Error.Failed" or "sim"
   std::string message;
+  ErrorReason reason = ErrorReason::Other;
   std::string description() const { return domain + ": " + message; }
 };
 
