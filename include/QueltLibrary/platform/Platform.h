@@ -47,6 +47,26 @@ enum class ErrorReason {
   PoweredOff,     // the adapter or the stack went away
 };
 
+inline const char* toString(ErrorReason reason) {
+  switch (reason) {
+    case ErrorReason::Other:
+      return "other";
+    case ErrorReason::NotConnected:
+      return "not connected";
+    case ErrorReason::TimedOut:
+      return "timed out";
+    case ErrorReason::DeviceRemoved:
+      return "device removed";
+    case ErrorReason::Refused:
+      return "refused";
+    case ErrorReason::LinkLost:
+      return "link lost";
+    case ErrorReason::PoweredOff:
+      return "powered off";
+  }
+  return "?";
+}
+
 // An error handed to a delegate call; the device model logs it and otherwise ignores it.
 struct Error {
   std::string domain;  // e.g. "org.bluez.Error.Failed" or "sim"

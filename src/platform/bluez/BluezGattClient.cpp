@@ -69,6 +69,21 @@ void GattClient::servicesResolvedChanged(const Address& address) {
   fulfilServiceDiscovery(address, uuids);
 }
 
+std::optional<UUID> GattClient::wantedUuid(const PropertyMap& props, const std::string& path,
+                                           const char* kind,
+                                           const std::optional<std::vector<UUID>>& wanted) {
+  auto uuid = mirror_.reader().uuid(props, path, "UUID");
+  if (!uuid) {
+    QLTLog("BlueZ: %s %s has no readable UUID; skipped", kind, path);
+    return std::nullopt;
+  }
+  if (wanted && !wanted->empty() &&
+      std::find(wanted->begin(), wanted->end(), *uuid) == wanted->end()) {
+    return std::nullopt;
+  }
+  return uuid;
+}
+
 void GattClient::fulfilServiceDiscovery(const Address& address,
                                         std::optional<std::vector<UUID>> uuids) {
   Session& session = sessions_[address];
@@ -82,15 +97,8 @@ void GattClient::fulfilServiceDiscovery(const Address& address,
   std::vector<std::shared_ptr<platform::Service>> list;
   for (const auto& path : mirror_.objectsWith(kServiceInterface, link.path(), true)) {
     const PropertyMap& props = *mirror_.properties(path, kServiceInterface);
-    auto uuid = mirror_.reader().uuid(props, path, "UUID");
-    if (!uuid) {
-      QLTLog("BlueZ: service %s has no readable UUID; skipped", path);
-      continue;
-    }
-    if (uuids && !uuids->empty() &&
-        std::find(uuids->begin(), uuids->end(), *uuid) == uuids->end()) {
-      continue;
-    }
+    auto uuid = wantedUuid(props, path, "service", uuids);
+    if (!uuid) continue;
     auto& slot = session.services[path];
     if (!slot) {
       const bool primary = mirror_.reader().boolean(props, path, "Primary").value_or(true);
@@ -119,15 +127,8 @@ void GattClient::discoverCharacteristics(const std::shared_ptr<BluezPeripheral>&
   std::vector<std::shared_ptr<platform::Characteristic>> list;
   for (const auto& path : mirror_.objectsWith(kCharacteristicInterface, service->path(), true)) {
     const PropertyMap& props = *mirror_.properties(path, kCharacteristicInterface);
-    auto uuid = mirror_.reader().uuid(props, path, "UUID");
-    if (!uuid) {
-      QLTLog("BlueZ: characteristic %s has no readable UUID; skipped", path);
-      continue;
-    }
-    if (uuids && !uuids->empty() &&
-        std::find(uuids->begin(), uuids->end(), *uuid) == uuids->end()) {
-      continue;
-    }
+    auto uuid = wantedUuid(props, path, "characteristic", uuids);
+    if (!uuid) continue;
     auto& slot = session->characteristics[path];
     if (!slot) {
       slot = std::make_shared<BluezCharacteristic>(

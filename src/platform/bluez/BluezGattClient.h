@@ -98,6 +98,10 @@ class GattClient final : private SocketListener {
       std::function<void(platform::PeripheralDelegate&, const platform::Error&)> refused);
   bool usable(const Address& address, uint64_t generation);
   bool servicesResolved(const std::string& devicePath);
+  // The UUID of the object `path` (a `kind`) if it is one of `wanted` (any when empty or
+  // absent); nullopt otherwise, logged when it has none.
+  std::optional<UUID> wantedUuid(const PropertyMap& props, const std::string& path,
+                                 const char* kind, const std::optional<std::vector<UUID>>& wanted);
   void fulfilServiceDiscovery(const Address& address, std::optional<std::vector<UUID>> uuids);
   void setNotifyByMethod(const Address& address,
                          const std::shared_ptr<BluezCharacteristic>& characteristic, bool enabled);

@@ -13,31 +13,10 @@ namespace qlt::bluez {
 namespace {
 
 using namespace std::chrono_literals;
-using platform::ErrorReason;
 using test::FakeBusPort;
 
 constexpr Address kDevice = {0xC0, 0xFF, 0xEE, 0, 0, 1};
 constexpr Address kOther = {0xC0, 0xFF, 0xEE, 0, 0, 2};
-
-const char* reasonName(ErrorReason reason) {
-  switch (reason) {
-    case ErrorReason::Other:
-      return "other";
-    case ErrorReason::NotConnected:
-      return "not-connected";
-    case ErrorReason::TimedOut:
-      return "timed-out";
-    case ErrorReason::DeviceRemoved:
-      return "removed";
-    case ErrorReason::Refused:
-      return "refused";
-    case ErrorReason::LinkLost:
-      return "lost";
-    case ErrorReason::PoweredOff:
-      return "off";
-  }
-  return "?";
-}
 
 // What a script does to the link: bluetoothd's answers and signals, the application's calls.
 enum class Op { Ok, Fail, AlreadyConnected, Resolve, Lost, Cancel, Connect, TimeOut };
@@ -63,7 +42,7 @@ class LinkScript : public LinkListener {
   void linkEnded(const Address&, LinkPhase was,
                  const std::optional<platform::Error>& error) override {
     std::string event = was == LinkPhase::Connecting ? "failed" : "ended";
-    if (error) event += std::string(":") + reasonName(error->reason);
+    if (error) event += std::string(":") + platform::toString(error->reason);
     events.push_back(event);
   }
 
@@ -126,7 +105,7 @@ const std::vector<LinkCase> kLinkCases = {
      false,
      {{Op::TimeOut}},
      {"Connect", "Disconnect"},
-     {"failed:timed-out"},
+     {"failed:timed out"},
      LinkPhase::Idle},
     {"TimeOutAfterUpChangesNothing",
      false,
@@ -144,13 +123,13 @@ const std::vector<LinkCase> kLinkCases = {
      false,
      {{Op::Ok, "Connect"}, {Op::Lost}},
      {"Connect"},
-     {"failed:lost"},
+     {"failed:link lost"},
      LinkPhase::Idle},
     {"LostWhenUpEndsWithAnError",
      false,
      {{Op::Ok, "Connect"}, {Op::Resolve}, {Op::Lost}},
      {"Connect"},
-     {"up", "ended:lost"},
+     {"up", "ended:link lost"},
      LinkPhase::Idle},
     {"CancelWhileConnectingIsADisconnection",
      false,
@@ -222,7 +201,7 @@ TEST(ALink, NotListedByBluetoothdFailsAtOnceAsRemoved) {
   LinkScript script;
   script.link.connect(1, false);
   EXPECT_TRUE(script.port.takeSent().empty());
-  EXPECT_EQ(script.events, std::vector<std::string>{"failed:removed"});
+  EXPECT_EQ(script.events, std::vector<std::string>{"failed:device removed"});
 }
 
 TEST(ALink, GoneWithItsCallsAndTimerOutIsLeftAlone) {
