@@ -1,21 +1,15 @@
 // BluezCentral: the platform central over BlueZ, assembled from the backend's layers.
 //
-// Layers, from the bus up (each its own class, all on the bus thread but the last):
+// Layers, from the bus up (each its own class, on the bus thread):
 //   - BusLoop: the backend's thread, the bus connection, timers, asynchronous calls; the
 //     layers reach it through the BusPort (LoopPort) only.
 //   - ObjectMirror: bluetoothd's object tree, kept from the bus.
 //   - Discovery: scanning and advertisement reports.
-//   - Link: the state machine of one device's connection (see BluezLink.h).
-//   - GattQueue: writes by WriteValue, with response one at a time per device, without
-//     response pipelined under one cap.
-//   - SocketPath: writes without response and notifications over acquired sockets.
-//   - Here: the platform operations, the bookkeeping of each link's services and
-//     characteristics, and delivery: the library-side objects (BluezPeripheral & co.) are
-//     updated and announced on the central's queue.
-//
-// A service or characteristic belongs to the link generation that found it; operations on
-// those of an earlier link are refused with a log line, so a late write can never reach the
-// objects of a newer connection.
+//   - Link: the state machine of one device's connection, one per device.
+//   - GattClient: the GATT side of every link, over the GattQueue (WriteValue) and the
+//     SocketPath (acquired sockets).
+//   - Here: the platform operations, the devices bluetoothd lists and their links, the
+//     adapter and its power, and the central's own delegate calls.
 //
 // Threads: the public operations may be called from any thread; they post their work to
 // the bus thread and never wait for it. Everything in the "bus thread" section below is
@@ -98,18 +92,20 @@ class BluezCentral final : public platform::Central,
   void linkUp(const Address& address) override;
   void linkEnded(const Address& address, LinkPhase was,
                  const std::optional<platform::Error>& error) override;
+
   // ---- bus thread
   Link& link(const Address& address);
   void deviceChanged(const std::string& path, const std::set<std::string>& changed);
   void characteristicChanged(const std::string& path, const std::set<std::string>& changed);
   void reconcileAdapter();
-  // Ends every link with `error` and forgets every device object (the adapter or
-  // bluetoothd is gone).
+  // Ends every link (with `reason` and `why`) and forgets every device object: the adapter
+  // or bluetoothd is gone.
   void dropAllDevices(platform::ErrorReason reason, const std::string& why);
   void bindDevice(const std::string& path);
   void unbindDevice(const std::string& path);
   std::optional<Address> addressOf(const std::string& devicePath);
   std::shared_ptr<BluezPeripheral> peripheralFor(const Address& address);
+
   // ---- delivery on the central's queue
   void deliver(std::function<void(BluezCentral& self, platform::CentralDelegate* delegate)> task);
   void reportState(platform::CentralState state);
