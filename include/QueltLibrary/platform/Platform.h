@@ -36,10 +36,43 @@ class Peripheral;
 class Service;
 class Characteristic;
 
+// Why an operation failed, in a word the layers above can act on and tell a user; the
+// domain and message carry the details (for a refusal, the daemon's error name and text).
+enum class ErrorReason {
+  Other,
+  NotConnected,   // the operation needs a link that is not (or no longer) up
+  TimedOut,       // no answer in time
+  DeviceRemoved,  // the stack forgot the device (or never knew it)
+  Refused,        // the stack or the device refused
+  LinkLost,       // the link dropped
+  PoweredOff,     // the adapter or the stack went away
+};
+
+inline const char* toString(ErrorReason reason) {
+  switch (reason) {
+    case ErrorReason::Other:
+      return "other";
+    case ErrorReason::NotConnected:
+      return "not connected";
+    case ErrorReason::TimedOut:
+      return "timed out";
+    case ErrorReason::DeviceRemoved:
+      return "device removed";
+    case ErrorReason::Refused:
+      return "refused";
+    case ErrorReason::LinkLost:
+      return "link lost";
+    case ErrorReason::PoweredOff:
+      return "powered off";
+  }
+  return "?";
+}
+
 // An error handed to a delegate call; the device model logs it and otherwise ignores it.
 struct Error {
   std::string domain;  // e.g. "org.bluez.Error.Failed" or "sim"
   std::string message;
+  ErrorReason reason = ErrorReason::Other;
   std::string description() const { return domain + ": " + message; }
 };
 

@@ -160,7 +160,17 @@ uint32_t PropertyReader::characteristicProperties(const PropertyMap& props,
 }
 
 platform::Error toError(const sdbus::Error& error) {
-  return platform::Error{error.getName(), error.getMessage()};
+  const std::string& name = error.getName();
+  const bool late = name == "org.freedesktop.DBus.Error.NoReply" ||
+                    name == "org.freedesktop.DBus.Error.Timeout" ||
+                    name == "org.freedesktop.DBus.Error.TimedOut";
+  const bool gone = name == "org.freedesktop.DBus.Error.UnknownObject" ||
+                    name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+                    name == "org.bluez.Error.DoesNotExist";
+  return platform::Error{name, error.getMessage(),
+                         late   ? platform::ErrorReason::TimedOut
+                         : gone ? platform::ErrorReason::DeviceRemoved
+                                : platform::ErrorReason::Refused};
 }
 
 }  // namespace qlt::bluez

@@ -1,0 +1,316 @@
+// The link state machine and the GATT request queue against a fake bus port: every reply,
+// time-out and signal order by hand, without a bus.
+#include <gtest/gtest.h>
+
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
+
+#include "FakeBusPort.h"
+#include "core/LogRateLimiter.h"
+#include "platform/bluez/BluezGattQueue.h"
+#include "platform/bluez/BluezLink.h"
+
+namespace qlt::bluez {
+namespace {
+
+using namespace std::chrono_literals;
+using test::FakeBusPort;
+
+constexpr Address kDevice = {0xC0, 0xFF, 0xEE, 0, 0, 1};
+constexpr Address kOther = {0xC0, 0xFF, 0xEE, 0, 0, 2};
+
+// What a script does to the link: bluetoothd's answers and signals, the application's calls.
+enum class Op { Ok, Fail, AlreadyConnected, Resolve, Lost, Cancel, Connect, TimeOut };
+struct Step {
+  Op op;
+  const char* method = "";
+};
+
+struct LinkCase {
+  const char* name;
+  bool reportedConnected;  // Device1.Connected when the application connects
+  std::vector<Step> steps;
+  std::vector<std::string> calls;   // the methods sent to bluetoothd, in order
+  std::vector<std::string> events;  // what the listener heard
+  LinkPhase phase;
+};
+void PrintTo(const LinkCase& c, std::ostream* os) { *os << c.name; }
+
+class LinkScript : public LinkListener {
+ public:
+  bool servicesResolved(const Address&) override { return resolved; }
+  void linkUp(const Address&) override { events.push_back("up"); }
+  void linkEnded(const Address&, LinkPhase was,
+                 const std::optional<platform::Error>& error) override {
+    std::string event = was == LinkPhase::Connecting ? "failed" : "ended";
+    if (error) event += std::string(":") + platform::toString(error->reason);
+    events.push_back(event);
+  }
+
+  void run(const LinkCase& c) {
+    link.setPath("/org/bluez/hci0/dev_C0_FF_EE_00_00_01");
+    link.connect(generation++, c.reportedConnected);
+    for (const Step& step : c.steps) {
+      switch (step.op) {
+        case Op::Ok:
+          ASSERT_TRUE(port.answer(step.method)) << step.method;
+          break;
+        case Op::Fail:
+          ASSERT_TRUE(port.answer(step.method, "org.bluez.Error.Failed"));
+          break;
+        case Op::AlreadyConnected:
+          ASSERT_TRUE(port.answer(step.method, "org.bluez.Error.AlreadyConnected"));
+          break;
+        case Op::Resolve:
+          resolved = true;
+          link.checkReady();
+          break;
+        case Op::Lost:
+          resolved = false;
+          link.connectedLost();
+          break;
+        case Op::Cancel:
+          link.cancel();
+          break;
+        case Op::Connect:
+          link.connect(generation++, false);
+          break;
+        case Op::TimeOut:
+          port.advance(20s);
+          break;
+      }
+    }
+  }
+
+  FakeBusPort port;
+  Link link{port, *this, kDevice, LinkTimings{20s, 10s}};
+  bool resolved = false;
+  uint64_t generation = 1;
+  std::vector<std::string> events;
+};
+
+const std::vector<LinkCase> kLinkCases = {
+    {"UpOnceConnectReturnedAndServicesResolved",
+     false,
+     {{Op::Resolve}, {Op::Ok, "Connect"}},
+     {"Connect"},
+     {"up"},
+     LinkPhase::Connected},
+    {"RefusedConnectFailsWithTheDaemonsError",
+     false,
+     {{Op::Fail, "Connect"}},
+     {"Connect"},
+     {"failed:refused"},
+     LinkPhase::Idle},
+    {"TimeOutDisconnectsAndFails",
+     false,
+     {{Op::TimeOut}},
+     {"Connect", "Disconnect"},
+     {"failed:timed out"},
+     LinkPhase::Idle},
+    {"TimeOutAfterUpChangesNothing",
+     false,
+     {{Op::Ok, "Connect"}, {Op::Resolve}, {Op::TimeOut}},
+     {"Connect"},
+     {"up"},
+     LinkPhase::Connected},
+    {"ConnectedFalseBeforeTheReplyIsAnEarlierLinks",
+     false,
+     {{Op::Lost}, {Op::Ok, "Connect"}, {Op::Resolve}},
+     {"Connect"},
+     {"up"},
+     LinkPhase::Connected},
+    {"LostWhileResolvingServicesFails",
+     false,
+     {{Op::Ok, "Connect"}, {Op::Lost}},
+     {"Connect"},
+     {"failed:link lost"},
+     LinkPhase::Idle},
+    {"LostWhenUpEndsWithAnError",
+     false,
+     {{Op::Ok, "Connect"}, {Op::Resolve}, {Op::Lost}},
+     {"Connect"},
+     {"up", "ended:link lost"},
+     LinkPhase::Idle},
+    {"CancelWhileConnectingIsADisconnection",
+     false,
+     {{Op::Cancel}},
+     {"Connect", "Disconnect"},
+     {"ended"},
+     LinkPhase::Idle},
+    {"CancelWhenUpEndsOnTheDisconnectReply",
+     false,
+     {{Op::Ok, "Connect"}, {Op::Resolve}, {Op::Cancel}, {Op::Ok, "Disconnect"}},
+     {"Connect", "Disconnect"},
+     {"up", "ended"},
+     LinkPhase::Idle},
+    {"CancelWhenIdleIsConfirmed",
+     false,
+     {{Op::Fail, "Connect"}, {Op::Cancel}},
+     {"Connect"},
+     {"failed:refused", "ended"},
+     LinkPhase::Idle},
+    {"AnEarlierLinksDisconnectReplyIsIgnored",
+     false,
+     {{Op::Ok, "Connect"},
+      {Op::Resolve},
+      {Op::Cancel},
+      {Op::Connect},
+      {Op::Ok, "Disconnect"},
+      {Op::Ok, "Connect"}},
+     {"Connect", "Disconnect", "Connect"},
+     {"up", "up"},
+     LinkPhase::Connected},
+    {"AlreadyConnectedIsDisconnectedAndConnectedAfresh",
+     false,
+     {{Op::AlreadyConnected, "Connect"},
+      {Op::Resolve},
+      {Op::Ok, "Disconnect"},
+      {Op::Ok, "Connect"}},
+     {"Connect", "Disconnect", "Connect"},
+     {"up"},
+     LinkPhase::Connected},
+    {"ReportedConnectedIsDisconnectedFirst",
+     true,
+     {{Op::Resolve}, {Op::Lost}, {Op::Ok, "Disconnect"}, {Op::Ok, "Connect"}, {Op::Resolve}},
+     {"Disconnect", "Connect"},
+     {"up"},
+     LinkPhase::Connected},
+    {"AlreadyConnectedAfterAFreshStartFails",
+     false,
+     {{Op::AlreadyConnected, "Connect"}, {Op::Ok, "Disconnect"}, {Op::AlreadyConnected, "Connect"}},
+     {"Connect", "Disconnect", "Connect"},
+     {"failed:refused"},
+     LinkPhase::Idle},
+};
+
+class ALink : public testing::TestWithParam<LinkCase> {};
+
+TEST_P(ALink, FollowsBluetoothd) {
+  const LinkCase& c = GetParam();
+  LinkScript script;
+  script.run(c);
+  EXPECT_EQ(script.port.takeSent(), c.calls);
+  EXPECT_EQ(script.events, c.events);
+  EXPECT_EQ(script.link.phase(), c.phase) << toString(script.link.phase());
+}
+
+INSTANTIATE_TEST_SUITE_P(Scripts, ALink, testing::ValuesIn(kLinkCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ALink, NotListedByBluetoothdFailsAtOnceAsRemoved) {
+  LinkScript script;
+  script.link.connect(1, false);
+  EXPECT_TRUE(script.port.takeSent().empty());
+  EXPECT_EQ(script.events, std::vector<std::string>{"failed:device removed"});
+}
+
+TEST(ALink, GoneWithItsCallsAndTimerOutIsLeftAlone) {
+  LinkScript listener;
+  FakeBusPort& port = listener.port;
+  auto make = [&] {
+    auto link = std::make_unique<Link>(port, listener, kDevice, LinkTimings{20s, 10s});
+    link->setPath("/org/bluez/hci0/dev_C0_FF_EE_00_00_01");
+    return link;
+  };
+  auto link = make();
+  link->connect(1, false);
+  link.reset();
+  EXPECT_FALSE(port.answer("Connect")) << "the Connect went with its link";
+  port.advance(30s);  // and its time-out
+  link = make();
+  link->connect(2, false);
+  ASSERT_TRUE(port.answer("Connect"));
+  listener.resolved = true;
+  link->checkReady();
+  link->cancel();
+  link.reset();
+  EXPECT_TRUE(port.answer("Disconnect"));  // must not touch the destroyed link
+  EXPECT_EQ(listener.events, std::vector<std::string>{"up"});
+}
+
+// ---- the GATT request queue
+
+class AGattQueue : public testing::Test {
+ protected:
+  GattQueue::Done record(std::string name) {
+    return [this, name](const std::optional<platform::Error>& failure) {
+      outcomes.push_back(name + (failure ? ":" + failure->domain : ""));
+    };
+  }
+  std::vector<std::string> pendingPaths() const {
+    std::vector<std::string> paths;
+    for (const auto& call : port.pending()) paths.push_back(call.path);
+    return paths;
+  }
+  size_t inFlightFor(const std::string& prefix) const {
+    return std::count_if(port.pending().begin(), port.pending().end(),
+                         [&](const auto& c) { return c.path.rfind(prefix, 0) == 0; });
+  }
+
+  FakeBusPort port;
+  GattQueue queue{port, 10s};
+  std::vector<std::string> outcomes;
+};
+
+TEST_F(AGattQueue, SendsRequestsOneAtATimeInOrderWithTheirOutcomes) {
+  queue.request(kDevice, "/a", Data(), record("a"));
+  queue.request(kDevice, "/b", Data(), record("b"));
+  queue.request(kOther, "/x", Data(), record("x"));  // another device does not wait
+  queue.request(kDevice, "/c", Data(), record("c"));
+  EXPECT_EQ(pendingPaths(), (std::vector<std::string>{"/a", "/x"}));
+  ASSERT_TRUE(port.answer("WriteValue"));
+  EXPECT_EQ(pendingPaths(), (std::vector<std::string>{"/x", "/b"}));
+  ASSERT_TRUE(port.answer("WriteValue", "org.bluez.Error.InProgress"));  // x
+  ASSERT_TRUE(port.answer("WriteValue", "org.bluez.Error.Failed"));      // b
+  ASSERT_TRUE(port.answer("WriteValue"));
+  EXPECT_EQ(outcomes, (std::vector<std::string>{"a", "x:org.bluez.Error.InProgress",
+                                                "b:org.bluez.Error.Failed", "c"}));
+}
+
+TEST_F(AGattQueue, ForgetsAClearedLinksWritesAndIgnoresTheirReplies) {
+  queue.request(kDevice, "/a", Data(), record("a"));
+  queue.request(kDevice, "/b", Data(), record("b"));
+  queue.clear(kDevice);
+  queue.request(kDevice, "/c", Data(), record("c"));  // the next link's first
+  EXPECT_EQ(pendingPaths(), (std::vector<std::string>{"/a", "/c"}));
+  ASSERT_TRUE(port.answer("WriteValue"));  // a: the old link's reply
+  ASSERT_TRUE(port.answer("WriteValue"));
+  EXPECT_EQ(outcomes, std::vector<std::string>{"c"});
+  EXPECT_TRUE(port.pending().empty()) << "b went with its link";
+}
+
+TEST_F(AGattQueue, CapsCommandsInFlightAndLetsDevicesTakeTurns) {
+  const size_t cap = GattQueue::kMaxCommandsInFlight;
+  for (size_t i = 0; i < 2 * cap; ++i) queue.command(kDevice, "/dev1/c", Data());
+  for (size_t i = 0; i < cap; ++i) queue.command(kOther, "/dev2/c", Data());
+  ASSERT_EQ(inFlightFor("/dev1"), cap);
+  // Places come free one at a time; the waiting devices take turns at them.
+  for (size_t i = 0; i < cap / 2; ++i) {
+    ASSERT_TRUE(port.answer("WriteValue"));
+    port.runPosted();
+  }
+  EXPECT_EQ(port.pending().size(), cap);
+  EXPECT_EQ(inFlightFor("/dev2"), cap / 4);
+  // Calls dropped unanswered (their link ended) give their places back too.
+  queue.clear(kOther);
+  port.releaseProxy("/dev2/c");
+  port.runPosted();
+  EXPECT_EQ(inFlightFor("/dev1"), cap);
+}
+
+TEST(ALogRateLimiter, LetsTheFirstLineThroughThenOnePerIntervalWithTheCount) {
+  LogRateLimiter limiter(1s);
+  const LogRateLimiter::Clock::time_point t0{};
+  struct Event {
+    std::chrono::milliseconds at;
+    std::optional<uint64_t> line;
+  };
+  const std::vector<Event> events = {{0ms, 1},    {10ms, std::nullopt},   {999ms, std::nullopt},
+                                     {1000ms, 3}, {1500ms, std::nullopt}, {5000ms, 2}};
+  for (const auto& e : events) EXPECT_EQ(limiter.admit(t0 + 1h + e.at), e.line) << e.at.count();
+}
+
+}  // namespace
+}  // namespace qlt::bluez
+
+#endif  // QLT_TESTS_WITHOUT_BLUEZ
