@@ -12,28 +12,6 @@ using platform::Error;
 using platform::ErrorReason;
 using platform::PeripheralState;
 
-namespace {
-
-const char* toString(CentralState state) {
-  switch (state) {
-    case CentralState::Unknown:
-      return "unknown";
-    case CentralState::Resetting:
-      return "resetting";
-    case CentralState::Unsupported:
-      return "unsupported";
-    case CentralState::Unauthorized:
-      return "unauthorized";
-    case CentralState::PoweredOff:
-      return "powered off";
-    case CentralState::PoweredOn:
-      return "powered on";
-  }
-  return "?";
-}
-
-}  // namespace
-
 // ------------------------------------------------------------------------------------------
 // Creation and the public operations (any thread)
 
