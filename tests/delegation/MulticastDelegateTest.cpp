@@ -13,15 +13,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Two callbacks of a made-up sender, and a delegate that records what reaches it.
+// A callback of a made-up sender, and a delegate that notes "<name><n>@<queue label>".
 class Pinged : public virtual Delegate {
  public:
   virtual void sender_pinged(int n) = 0;
-};
-class Described : public virtual Delegate {
- public:
-  virtual void sender_described(int32_t i, double d, float f, bool b,
-                                std::shared_ptr<std::string> object) = 0;
 };
 
 struct Journal {
@@ -40,52 +35,61 @@ struct Journal {
 class Recorder : public Pinged {
  public:
   Recorder(std::string name, Journal& journal) : name_(std::move(name)), journal_(journal) {}
-  void sender_pinged(int n) override { journal_.add(name_ + std::to_string(n)); }
+  void sender_pinged(int n) override {
+    journal_.add(name_ + std::to_string(n) + "@" + DispatchQueue::currentLabel());
+  }
 
  private:
   std::string name_;
   Journal& journal_;
 };
 
-class Silent : public Delegate {};
-
-// Waits until every task queued so far on `q` has run.
-void flush(const std::shared_ptr<DispatchQueue>& q) {
-  q->sync([] {});
-}
+void flush(const std::shared_ptr<DispatchQueue>& q) { q->sync([] {}); }
 
 }  // namespace
 
 TEST(AMulticastDelegate, DropsACallbackNobodyImplements) {
   GCDMulticastDelegate md;
   md.invoke(&Pinged::sender_pinged, 1);  // empty list
-  auto silent = std::make_shared<Silent>();
+  EXPECT_FALSE(md.hasDelegateThatRespondsToSelector<Pinged>());
+  auto silent = std::make_shared<Delegate>();
   md.addDelegate(silent, DispatchQueue::create("q"));
+  md.addDelegate(nullptr, DispatchQueue::create("q"));  // ignored
   md.invoke(&Pinged::sender_pinged, 2);
   EXPECT_EQ(md.countForSelector<Pinged>(), 0u);
   EXPECT_FALSE(md.hasDelegateThatRespondsToSelector<Pinged>());
   EXPECT_EQ(md.count(), 1u);
 }
 
-TEST(AMulticastDelegate, DeliversInNodeOrderOnASharedQueue) {
+TEST(AMulticastDelegate, DeliversInNodeOrderOnEachDelegatesQueueNeverInline) {
   GCDMulticastDelegate md;
   Journal journal;
-  auto q = DispatchQueue::create("shared");
-  auto a = std::make_shared<Recorder>("A", journal);
-  auto b = std::make_shared<Recorder>("B", journal);
-  md.addDelegate(a, q);
-  md.addDelegate(b, q);
-  md.invoke(&Pinged::sender_pinged, 1);
-  md.invoke(&Pinged::sender_pinged, 2);
-  flush(q);
-  EXPECT_EQ(journal.get(), (std::vector<std::string>{"A1", "B1", "A2", "B2"}));
+  auto shared = DispatchQueue::create("shared"), own = DispatchQueue::create("own");
+  auto a = std::make_shared<Recorder>("A", journal), b = std::make_shared<Recorder>("B", journal);
+  auto c = std::make_shared<Recorder>("C", journal);
+  md.addDelegate(a, shared);
+  md.addDelegate(b, shared);
+  md.addDelegate(c, own);
+  // Sent from a task on the delegates' own queue: still a separate, later task.
+  shared->sync([&] {
+    md.invoke(&Pinged::sender_pinged, 1);
+    md.invoke(&Pinged::sender_pinged, 2);
+    EXPECT_TRUE(journal.get().size() <= 2u) << "a delivery ran inline on the sender";
+  });
+  flush(shared);
+  flush(own);
+  auto got = journal.get();
+  std::erase_if(got, [](const std::string& e) { return e[0] == 'C'; });
+  EXPECT_EQ(got, (std::vector<std::string>{"A1@shared", "B1@shared", "A2@shared", "B2@shared"}));
+  auto all = journal.get();
+  EXPECT_EQ(std::count(all.begin(), all.end(), "C1@own"), 1);
+  EXPECT_EQ(std::count(all.begin(), all.end(), "C2@own"), 1);
 }
 
-TEST(AMulticastDelegate, CallsADelegateAddedTwiceTwiceAndRemovesAllItsNodes) {
+TEST(AMulticastDelegate, CallsADelegateAddedTwiceTwiceAndRemovesByQueueOrAll) {
   GCDMulticastDelegate md;
   Journal journal;
-  auto q1 = DispatchQueue::create("q1");
-  auto q2 = DispatchQueue::create("q2");
+  auto q1 = DispatchQueue::create("q1"), q2 = DispatchQueue::create("q2");
   auto a = std::make_shared<Recorder>("A", journal);
   md.addDelegate(a, q1);
   md.addDelegate(a, q1);
@@ -107,8 +111,7 @@ TEST(AMulticastDelegate, PassesOverGoneDelegatesAndPrunesThemOnTheNextCallback) 
   GCDMulticastDelegate md;
   Journal journal;
   auto q = DispatchQueue::create("q");
-  auto a = std::make_shared<Recorder>("A", journal);
-  auto b = std::make_shared<Recorder>("B", journal);
+  auto a = std::make_shared<Recorder>("A", journal), b = std::make_shared<Recorder>("B", journal);
   md.addDelegate(a, q);
   md.addDelegate(b, q);
   auto e = md.delegateEnumerator();
@@ -117,8 +120,10 @@ TEST(AMulticastDelegate, PassesOverGoneDelegatesAndPrunesThemOnTheNextCallback) 
   EXPECT_EQ(md.countOfClass<Recorder>(), 1u);
   EXPECT_EQ(md.countForSelector<Pinged>(), 1u);
   std::shared_ptr<Delegate> d;
-  ASSERT_TRUE(e.getNextDelegate(&d, nullptr));
+  std::shared_ptr<DispatchQueue> dq;
+  ASSERT_TRUE(e.getNextDelegate(&d, &dq));
   EXPECT_EQ(d, b);
+  EXPECT_EQ(dq, q);
   EXPECT_FALSE(e.getNextDelegate(&d, nullptr));
   md.invoke(&Pinged::sender_pinged, 1);
   EXPECT_EQ(md.count(), 1u);
@@ -135,46 +140,39 @@ TEST(AMulticastDelegate, StillDeliversACallSentJustBeforeRemovalButNoneAfter) {
   auto a = std::make_shared<Recorder>("A", journal);
   md.addDelegate(a, q);
   std::promise<void> gate;
-  auto opened = gate.get_future().share();
-  q->async([opened] { opened.wait(); });  // hold the queue
+  q->async([opened = gate.get_future().share()] { opened.wait(); });  // hold the queue
   md.invoke(&Pinged::sender_pinged, 1);
   md.removeDelegate(a.get());
   a.reset();  // the queued call keeps the delegate alive
   md.invoke(&Pinged::sender_pinged, 2);
   gate.set_value();
   flush(q);
-  EXPECT_EQ(journal.get(), (std::vector<std::string>{"A1"}));
+  EXPECT_EQ(journal.get(), (std::vector<std::string>{"A1@q"}));
 }
 
 TEST(AMulticastDelegate, CopiesEveryKindOfArgument) {
-  struct Receiver : Described {
-    std::promise<void> got;
-    int32_t i = 0;
-    double d = 0;
-    float f = 0;
-    bool b = false;
-    std::shared_ptr<std::string> object;
-    void sender_described(int32_t i_, double d_, float f_, bool b_,
-                          std::shared_ptr<std::string> o) override {
-      i = i_, d = d_, f = f_, b = b_, object = o;
-      got.set_value();
+  using Object = std::shared_ptr<std::string>;
+  struct Described : virtual Delegate {
+    std::promise<std::tuple<int32_t, double, float, bool, Object>> got;
+    void sender_described(int32_t i, double d, float f, bool b, Object o) {
+      got.set_value({i, d, f, b, o});
     }
   };
   GCDMulticastDelegate md;
-  auto r = std::make_shared<Receiver>();
-  auto q = DispatchQueue::create("q");
-  md.addDelegate(r, q);
+  auto r = std::make_shared<Described>();
+  md.addDelegate(r, DispatchQueue::create("q"));
   auto object = std::make_shared<std::string>("payload");
-  std::weak_ptr<std::string> watch = object;
   md.invoke(&Described::sender_described, -7, 2.5, 1.25f, true, object);
   object.reset();  // the call holds its own reference
-  ASSERT_EQ(r->got.get_future().wait_for(5s), std::future_status::ready);
-  EXPECT_EQ(r->i, -7);
-  EXPECT_EQ(r->d, 2.5);
-  EXPECT_EQ(r->f, 1.25f);
-  EXPECT_TRUE(r->b);
-  ASSERT_TRUE(r->object);
-  EXPECT_EQ(*r->object, "payload");
+  auto f = r->got.get_future();
+  ASSERT_EQ(f.wait_for(5s), std::future_status::ready);
+  auto [i, d, fl, b, o] = f.get();
+  EXPECT_EQ(i, -7);
+  EXPECT_EQ(d, 2.5);
+  EXPECT_EQ(fl, 1.25f);
+  EXPECT_TRUE(b);
+  ASSERT_TRUE(o);
+  EXPECT_EQ(*o, "payload");
 }
 
 TEST(AMulticastDelegate, SurvivesCallbacksRacingListChanges) {
@@ -199,6 +197,19 @@ TEST(AMulticastDelegate, SurvivesCallbacksRacingListChanges) {
 
 namespace {
 
+// An argument whose copy takes a while: a delivery spends most of its time copying it.
+struct Slow {
+  Slow() = default;
+  Slow(const Slow&) {
+    const auto until = std::chrono::steady_clock::now() + 20us;
+    while (std::chrono::steady_clock::now() < until) {}
+  }
+};
+class SlowPinged : public virtual Delegate {
+ public:
+  virtual void sender_slowPinged(Slow) = 0;
+};
+
 class Module : public QLT_Object {
  public:
   static std::shared_ptr<Module> create(std::shared_ptr<DispatchQueue> q = nullptr) {
@@ -209,7 +220,7 @@ class Module : public QLT_Object {
 
  protected:
   explicit Module(std::shared_ptr<DispatchQueue> q) : QLT_Object("Module", std::move(q)) {}
-  void deviceObject_delegate_attached(QLT_Object* module, const std::shared_ptr<Delegate>& d,
+  void deviceObject_delegate_attached(QLT_Object* module, const std::shared_ptr<Delegate>&,
                                       bool attached) override {
     EXPECT_EQ(module, this);
     EXPECT_TRUE(isOnModuleQueue());
@@ -232,23 +243,25 @@ TEST(AModule, HasAQueueLabelledWithItsClassOrTheOneGiven) {
   EXPECT_TRUE(onQueue);
 }
 
-TEST(AModule, KeepsADelegateOnceAndMovesItToTheNewQueue) {
+TEST(AModule, KeepsADelegateOnceMovingItToTheNewQueueAndBindsToTheMainQueueByDefault) {
   test::LogCapture log;
   auto m = Module::create();
   Journal journal;
   auto a = std::make_shared<Recorder>("A", journal);
-  auto q1 = DispatchQueue::create("q1");
-  auto q2 = DispatchQueue::create("q2");
-  m->addDelegate(a, q1);
-  m->addDelegate(a, q2);
+  m->addDelegate(a, DispatchQueue::create("q1"));
+  m->addDelegate(a, DispatchQueue::create("q2"));
   flush(m->moduleQueue());
   EXPECT_EQ(log.count("Already in the queue"), 1u);
   EXPECT_EQ(m->multicastDelegate()->count(), 1u);
-  std::shared_ptr<DispatchQueue> bound;
-  auto e = m->multicastDelegate()->delegateEnumerator();
-  ASSERT_TRUE(e.getNextDelegate(nullptr, &bound));
-  EXPECT_EQ(bound, q2);
-  EXPECT_EQ(m->hooks.get(), (std::vector<std::string>{"attached", "detached", "attached"}));
+  m->ping(1);
+  m->addDelegate(a);
+  flush(m->moduleQueue());
+  m->ping(2);
+  EXPECT_TRUE(test::eventually([&] { return journal.get().size() == 2; }));
+  DispatchQueue::main()->sync([] {});
+  EXPECT_EQ(journal.get(), (std::vector<std::string>{"A1@q2", "A2@qlt.main"}));
+  EXPECT_EQ(m->hooks.get(), (std::vector<std::string>{"attached", "detached", "attached",
+                                                      "detached", "attached"}));
 }
 
 TEST(AModule, RemovesSynchronouslyFromAnyThreadIncludingItsOwnQueue) {
@@ -256,10 +269,9 @@ TEST(AModule, RemovesSynchronouslyFromAnyThreadIncludingItsOwnQueue) {
   Journal journal;
   auto q = DispatchQueue::create("q");
   auto a = std::make_shared<Recorder>("A", journal);
-  auto never = std::make_shared<Recorder>("N", journal);
   m->addDelegate(a, q);
-  m->removeDelegate(never);  // never added: nothing changes, the hook still hears of it
-  m->moduleQueue()->sync([&] { m->removeDelegate(a); });  // inline, no deadlock
+  m->removeDelegate(std::make_shared<Recorder>("N", journal));  // never added: hook still told
+  m->moduleQueue()->sync([&] { m->removeDelegate(a); });         // inline, no deadlock
   m->ping(1);
   flush(q);
   EXPECT_TRUE(journal.get().empty());
@@ -267,34 +279,37 @@ TEST(AModule, RemovesSynchronouslyFromAnyThreadIncludingItsOwnQueue) {
 }
 
 TEST(AModule, NeverCallsADelegateAfterRemoveDelegateReturns) {
-  auto m = Module::create();
-  auto q = DispatchQueue::create("q");
-  std::atomic<bool> removed{false}, stop{false};
-  std::atomic<int> late{0};
-  struct Watcher : Pinged {
-    std::atomic<bool>* removed;
-    std::atomic<int>* late;
-    std::atomic<int> received{0};
-    void sender_pinged(int n) override {
-      received++;
-      if (n == 1 && removed->load()) (*late)++;
-    }
+  // Senders call without pause. After each removal a marker is queued on the delegate's
+  // queue: a call that runs after the marker was queued after removeDelegate returned.
+  struct Watcher : SlowPinged {
+    std::atomic<int> received{0}, late{0};
+    bool removed = false;  // set by the marker, on the delegate's queue
+    void sender_slowPinged(Slow) override { removed ? late++ : received++; }
   };
-  auto w = std::make_shared<Watcher>();
-  w->removed = &removed;
-  w->late = &late;
-  m->addDelegate(w, q);
-  flush(m->moduleQueue());
-  std::thread sender([&] {
-    while (!stop) m->ping(removed ? 1 : 0);
-  });
-  ASSERT_TRUE(test::eventually([&] { return w->received > 100; }));
-  m->removeDelegate(w);
-  flush(q);  // calls queued before removal drain here
-  removed = true;
-  std::this_thread::sleep_for(20ms);
+  auto m = Module::create();
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> senders;
+  for (int i = 0; i < 2; ++i) {
+    senders.emplace_back([&] {
+      while (!stop) m->multicastDelegate()->invoke(&SlowPinged::sender_slowPinged, Slow());
+    });
+  }
+  std::vector<std::pair<std::shared_ptr<Watcher>, std::shared_ptr<DispatchQueue>>> rounds;
+  for (int round = 0; round < 100; ++round) {
+    auto w = std::make_shared<Watcher>();
+    auto q = DispatchQueue::create("q");
+    m->addDelegate(w, q);
+    ASSERT_TRUE(test::eventually([&] { return w->received > 0; }));
+    m->removeDelegate(w);
+    q->async([w] { w->removed = true; });
+    rounds.emplace_back(w, q);
+  }
   stop = true;
-  sender.join();
-  flush(q);
-  EXPECT_EQ(late, 0);
+  for (auto& t : senders) t.join();
+  int late = 0;
+  for (auto& [w, q] : rounds) {
+    flush(q);
+    late += w->late;
+  }
+  EXPECT_EQ(late, 0) << "calls queued after removeDelegate returned";
 }

@@ -3,27 +3,15 @@
 
 #include <chrono>
 
-#include "support/FakePlatform.h"
 #include "QueltLibrary/BLECharacteristic.h"
 #include "QueltLibrary/BLEService.h"
 #include "QueltLibrary/NUSService.h"
 #include "QueltLibrary/QLT_UUID.h"
+#include "support/FakePlatform.h"
 #include "support/TestSupport.h"
 
 using namespace qlt;
 using namespace qlt::fake;
-
-namespace {
-
-const UUID kOther = UUID::literal("180D");
-
-class ASubclassedCharacteristic : public BLECharacteristic {
- public:
-  ASubclassedCharacteristic(std::shared_ptr<platform::Characteristic> c)
-      : BLECharacteristic(std::move(c), "sub") {}
-};
-
-}  // namespace
 
 TEST(TheUartIdentifiers, NameTxAndRxFromTheLibrarysSide) {
   EXPECT_EQ(QLT_UUID::uartServiceUUID().UUIDString(), "6E400001-B5A3-F393-E0A9-E50E24DCCA9E");
@@ -32,31 +20,36 @@ TEST(TheUartIdentifiers, NameTxAndRxFromTheLibrarysSide) {
 }
 
 TEST(ACharacteristicWrapper, PrefersWritingWithoutResponseAndRefusesWithoutAWriteProperty) {
-  auto p = FakePeripheral::create(nextIdentifier());
-  auto s = p->addService(kOther);
-  auto both = BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A01"), 0x0C), "x");
-  auto withResponse =
-      BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A02"), 0x08), "x");
-  auto readOnly =
-      BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A03"), 0x02), "x");
-  test::LogCapture log;
-
-  both->writeValueWithData(Data::fromString("a"));
-  withResponse->writeValueWithData(Data::fromString("b"));
-  readOnly->writeValueWithData(Data::fromString("c"));
-  both->writeValueWithData(Data());
-
-  auto writes = p->writes();
-  ASSERT_EQ(writes.size(), 2u);
-  EXPECT_EQ(writes[0].type, platform::WriteType::WithoutResponse);
-  EXPECT_EQ(writes[0].characteristic, UUID::literal("2A01"));
-  EXPECT_EQ(writes[1].type, platform::WriteType::WithResponse);
-  EXPECT_EQ(log.count("No write property"), 1u);
-  EXPECT_EQ(log.count("Warning : No data to write to characteristics"), 1u);
+  using W = platform::WriteType;
+  struct Case {
+    uint32_t properties;
+    std::string data;
+    std::optional<W> written;
+    const char* log;
+  };
+  const Case cases[] = {{0x0C, "a", W::WithoutResponse, nullptr},
+                        {0x04, "b", W::WithoutResponse, nullptr},
+                        {0x08, "c", W::WithResponse, nullptr},
+                        {0x02, "d", std::nullopt, "No write property"},
+                        {0x0C, "", std::nullopt, "Warning : No data to write to characteristics"}};
+  for (const auto& c : cases) {
+    auto p = FakePeripheral::create();
+    auto s = p->addService(UUID::literal("180D"));
+    auto w = BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A01"), c.properties), "x");
+    test::LogCapture log;
+    w->writeValueWithData(Data::fromString(c.data));
+    auto writes = p->snapshot(p->writes);
+    ASSERT_EQ(writes.size(), c.written ? 1u : 0u) << c.properties << " " << c.data;
+    if (c.written) {
+      EXPECT_EQ(writes[0].type, *c.written);
+      EXPECT_EQ(writes[0].data.toString(), c.data);
+    }
+    EXPECT_EQ(log.count(c.log ? c.log : "No write property"), c.log ? 1u : 0u);
+  }
 }
 
-TEST(ACharacteristicWrapper, ReadsTheLastValueAndSwitchesNotificationsThroughItsPeripheral) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
+TEST(ACharacteristicWrapper, ReadsTheLastValueAndSwitchesNotificationsOnAndOff) {
+  auto p = FakePeripheral::withNUS();
   auto rx = p->characteristic(QLT_UUID::rxCharacteristicUUID());
   auto w = BLECharacteristic::create(rx, "rx");
   EXPECT_FALSE(w->value().has_value());
@@ -64,31 +57,32 @@ TEST(ACharacteristicWrapper, ReadsTheLastValueAndSwitchesNotificationsThroughIts
   EXPECT_EQ(w->readValue()->toString(), "hi");
   w->startNotifications();
   w->stopNotifications();
-  auto requests = p->notifyRequests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_TRUE(requests[0].second);
-  EXPECT_FALSE(requests[1].second);
-  EXPECT_EQ(w->identifier(), QLT_UUID::rxCharacteristicUUID());
+  const auto rxId = QLT_UUID::rxCharacteristicUUID();
+  EXPECT_EQ(p->snapshot(p->notifyRequests),
+            (std::vector<std::pair<UUID, bool>>{{rxId, true}, {rxId, false}}));
+  EXPECT_EQ(w->identifier(), rxId);
 }
 
 TEST(ACharacteristicWrapper, EqualsItsPlatformCharacteristicButOtherWrappersOnlyByIdentity) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
+  struct Subclassed : BLECharacteristic {
+    explicit Subclassed(std::shared_ptr<platform::Characteristic> c)
+        : BLECharacteristic(std::move(c), "sub") {}
+  };
+  auto p = FakePeripheral::withNUS();
   auto rx = p->characteristic(QLT_UUID::rxCharacteristicUUID());
-  auto a = BLECharacteristic::create(rx, "a");
-  auto b = BLECharacteristic::create(rx, "b");
-  auto sub = std::make_shared<ASubclassedCharacteristic>(rx);
+  auto a = BLECharacteristic::create(rx, "a"), b = BLECharacteristic::create(rx, "b");
   EXPECT_TRUE(a->isEqual(rx));
   EXPECT_TRUE(b->isEqual(rx));
   EXPECT_TRUE(a->isEqual(a));
   EXPECT_FALSE(a->isEqual(b));
-  EXPECT_FALSE(a->isEqual(std::shared_ptr<BLECharacteristic>(sub)));
+  EXPECT_FALSE(a->isEqual(std::shared_ptr<BLECharacteristic>(std::make_shared<Subclassed>(rx))));
   EXPECT_FALSE(a->isEqual(std::shared_ptr<platform::Characteristic>()));
   EXPECT_FALSE(a->isEqual(p->characteristic(QLT_UUID::txCharacteristicUUID())));
 }
 
 TEST(AServiceWrapper, FindsTheFirstCharacteristicWithAnIdentifier) {
-  auto p = FakePeripheral::create(nextIdentifier());
-  auto s = p->addService(kOther);
+  auto p = FakePeripheral::create();
+  auto s = p->addService(UUID::literal("180D"));
   auto first = p->addCharacteristic(s, UUID::literal("2A01"), 0x02);
   auto second = p->addCharacteristic(s, UUID::literal("2A01"), 0x02);
   auto service = BLEService::create("SVC", s);
@@ -100,83 +94,70 @@ TEST(AServiceWrapper, FindsTheFirstCharacteristicWithAnIdentifier) {
       {BLECharacteristic::create(first, "1"), BLECharacteristic::create(second, "2")});
   EXPECT_EQ(service->getCharacteristics(UUID::literal("2A01")), first);
   EXPECT_EQ(service->getCharacteristics(UUID::literal("2A02")), nullptr);
-  EXPECT_EQ(service->identifier(), kOther);
+  EXPECT_EQ(service->identifier(), UUID::literal("180D"));
 }
 
 TEST(TheUartService, PicksRxAndTxInListOrderAndAsksNotificationsForRxOnly) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
+  auto p = FakePeripheral::withNUS();
   auto nus = NUSService::create(p->services().front());
   EXPECT_EQ(nus->name(), "NUS Service");
   test::LogCapture log;
   auto rx = BLECharacteristic::create(p->characteristic(QLT_UUID::rxCharacteristicUUID()), "r");
   auto tx = BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t");
-  nus->setCharacteristics({rx, tx});
+  nus->setCharacteristics({tx, rx});
   EXPECT_EQ(nus->rx(), rx);
   EXPECT_EQ(nus->tx(), tx);
   EXPECT_EQ(nus->characteristics().size(), 2u);
-  auto lines = log.lines();
-  auto rxAt = std::find_if(lines.begin(), lines.end(),
-                           [](auto& l) { return l.find("RX found") != std::string::npos; });
-  auto txAt = std::find_if(lines.begin(), lines.end(),
-                           [](auto& l) { return l.find("TX found") != std::string::npos; });
-  ASSERT_NE(rxAt, lines.end());
-  ASSERT_NE(txAt, lines.end());
-  EXPECT_LT(rxAt, txAt);
-  auto requests = p->notifyRequests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].first, QLT_UUID::rxCharacteristicUUID());
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{"TX found", "RX found"}));
+  EXPECT_EQ(p->snapshot(p->notifyRequests),
+            (std::vector<std::pair<UUID, bool>>{{QLT_UUID::rxCharacteristicUUID(), true}}));
 }
 
 TEST(TheUartService, WithOnlyTxReadsNothingAndWithoutTxWritesNothing) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
+  auto p = FakePeripheral::withNUS();
   auto nus = NUSService::create(p->services().front());
   test::LogCapture log;
   nus->write(Data::fromString("lost"));
   EXPECT_TRUE(log.contains("No tx characteristic found in NUS"));
-  EXPECT_TRUE(p->writes().empty());
-
   nus->setCharacteristics(
       {BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t")});
   EXPECT_NE(nus->tx(), nullptr);
   EXPECT_EQ(nus->rx(), nullptr);
-  EXPECT_TRUE(p->notifyRequests().empty());
   EXPECT_FALSE(nus->read().has_value());
   EXPECT_TRUE(log.contains("No rx characteristic found in NUS"));
+  EXPECT_TRUE(p->snapshot(p->notifyRequests).empty());
+  EXPECT_TRUE(p->snapshot(p->writes).empty());
 }
 
-TEST(TheUartService, WritesChunksOfAtMost161BytesWithAPauseBetweenThem) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
+TEST(TheUartService, WritesChunksOfAtMost161BytesPausingOnlyBetweenThem) {
+  auto p = FakePeripheral::withNUS();
   auto nus = NUSService::create(p->services().front());
   nus->setCharacteristics(
       {BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t")});
-  auto bytes = [](size_t n) {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i);
-    return Data::fromString(s);
-  };
-  using Clock = std::chrono::steady_clock;
   struct Case {
     size_t length;
     std::vector<size_t> chunks;
-    int pauses;
   };
-  for (const Case& c : {Case{161, {161}, 0}, Case{162, {161, 1}, 1}, Case{483, {161, 161, 161}, 2},
-                        Case{0, {}, 0}}) {
-    const size_t before = p->writes().size();
-    const auto start = Clock::now();
-    const Data message = bytes(c.length);
-    nus->write(message);
-    const auto elapsed = Clock::now() - start;
-    auto writes = p->writes();
-    std::vector<size_t> sizes;
+  // Each message is written 20 times: 5 ms per pause between chunks, none after the last.
+  for (const Case& c : {Case{161, {161}}, Case{162, {161, 1}}, Case{483, {161, 161, 161}},
+                        Case{0, {}}}) {
+    std::string text(c.length, '\0');
+    for (size_t i = 0; i < c.length; ++i) text[i] = static_cast<char>(i);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 20; ++i) nus->write(Data::fromString(text));
+    const double pauses = c.chunks.empty() ? 0.0 : 20.0 * (c.chunks.size() - 1);
+    const double seconds = test::secondsSince(start);
+    EXPECT_GE(seconds, pauses * 0.005) << c.length;
+    EXPECT_LT(seconds, pauses * 0.0075 + 0.09) << c.length << ": a pause after the last chunk?";
+    auto writes = p->snapshot(p->writes);
+    ASSERT_EQ(writes.size(), 20 * c.chunks.size()) << c.length;
     std::string joined;
-    for (size_t i = before; i < writes.size(); ++i) {
-      sizes.push_back(writes[i].data.length());
-      joined += writes[i].data.toString();
+    for (size_t i = 0; i < c.chunks.size(); ++i) {
+      EXPECT_EQ(writes[i].data.length(), c.chunks[i]) << c.length;
       EXPECT_EQ(writes[i].type, platform::WriteType::WithoutResponse);
+      joined += writes[i].data.toString();
     }
-    EXPECT_EQ(sizes, c.chunks) << c.length;
-    EXPECT_EQ(joined, message.toString());
-    EXPECT_GE(elapsed, std::chrono::microseconds(5000) * c.pauses) << c.length;
+    EXPECT_EQ(joined, text);
+    p->writes.clear();
   }
 }

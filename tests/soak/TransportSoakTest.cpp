@@ -1,5 +1,6 @@
 // The transports' long runs (label soak): many more seeds and longer exchanges than the
-// default suite, through both the bare engine and the public SWTransport objects.
+// link tests, over links that also throttle and overflow (a frame rate and a queue limit),
+// through the bare engine and between the two public faces.
 #include <gtest/gtest.h>
 
 #include "support/LinkHarness.h"
@@ -8,47 +9,40 @@
 using namespace qlt;
 using namespace qlt::test;
 
-namespace {
-
-void soak(double loss, double duplication, int seeds, const ExchangeSpec& exchange) {
+TEST(ASoakedLink, CarriesEverythingExactlyOnceOverManySeedsAndBothFaces) {
   static constexpr double kDelays[] = {0.0, 0.001, 0.005, 0.015, 0.03};
-  for (int seed = 1; seed <= seeds; ++seed) {
-    HarnessOptions o;
-    o.aToB = {.lossProbability = loss,
-              .duplicationProbability = duplication,
-              .delaySeconds = kDelays[seed % 5],
-              .jitterSeconds = (seed % 4) * 0.002,
-              .framesPerSecond = (seed % 7 == 0) ? 400.0 : 0.0,
-              .queueLimit = 8};
-    o.bToA = o.aToB;
-    o.seed = static_cast<uint64_t>(seed) + 100000;
-    const auto r = runExchange(o, exchange);
-    ASSERT_TRUE(r.drained) << "seed " << o.seed;
-    ASSERT_TRUE(r.exact[0] && r.exact[1]) << "seed " << o.seed;
-    ASSERT_LE(r.stats.maxInFlight, 3);
-  }
-}
-
-}  // namespace
-
-TEST(ASoakedLink, CarriesEverythingExactlyOnceOverManySeeds) {
-  ExchangeSpec exchange;
-  exchange.messagesPerSide = 6;
-  exchange.maxMessage = 20 * 1024;
-  for (double loss : {0.0, 0.01, 0.05, 0.2, 0.4}) {
-    for (double dup : {0.0, 0.1, 0.3}) {
-      SCOPED_TRACE(testing::Message() << "loss " << loss << " dup " << dup);
-      soak(loss, dup, 600, exchange);
-    }
-  }
-}
-
-TEST(ASoakedLink, CarriesEverythingBetweenPublicTransports) {
-  ExchangeSpec exchange;
-  exchange.messagesPerSide = 4;
-  exchange.make = [](LinkHarness::Side side, std::shared_ptr<Clock> clock) {
+  ExchangeSpec engine, faces;
+  engine.messagesPerSide = 6;
+  engine.maxMessage = 20 * 1024;
+  faces.messagesPerSide = 4;
+  faces.make = [](LinkHarness::Side side, std::shared_ptr<Clock> clock) {
     return side == LinkHarness::A ? makeSWTransportEndpoint(std::move(clock))
                                   : makeBLESlideWindowEndpoint(std::move(clock));
   };
-  for (double loss : {0.01, 0.1}) soak(loss, 0.05, 300, exchange);
+  struct Run {
+    double loss, duplication;
+    int seeds;
+    const ExchangeSpec* exchange;
+  };
+  std::vector<Run> runs;
+  for (double loss : {0.0, 0.01, 0.05, 0.2, 0.4})
+    for (double dup : {0.0, 0.1, 0.3}) runs.push_back({loss, dup, 600, &engine});
+  for (double loss : {0.01, 0.1}) runs.push_back({loss, 0.05, 300, &faces});
+  for (const auto& run : runs) {
+    for (int seed = 1; seed <= run.seeds; ++seed) {
+      HarnessOptions o;
+      o.aToB = {.lossProbability = run.loss,
+                .duplicationProbability = run.duplication,
+                .delaySeconds = kDelays[seed % 5],
+                .jitterSeconds = (seed % 4) * 0.002,
+                .framesPerSecond = (seed % 7 == 0) ? 400.0 : 0.0,
+                .queueLimit = 8};
+      o.bToA = o.aToB;
+      o.seed = static_cast<uint64_t>(seed) + 100000;
+      const auto r = runExchange(o, *run.exchange);
+      ASSERT_TRUE(r.drained && r.exact[0] && r.exact[1])
+          << "loss " << run.loss << " dup " << run.duplication << " seed " << o.seed;
+      ASSERT_LE(r.stats.maxInFlight, 3);
+    }
+  }
 }

@@ -1,4 +1,4 @@
-// Counts the heap allocations made by the calling thread (operator new, every form).
+// Counts the heap allocations made by the calling thread (operator new, every unaligned form).
 //
 // Linking this helper replaces the global operator new/delete of the test program with
 // counting versions over malloc/free; the count is per thread, so other threads' work

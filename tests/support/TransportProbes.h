@@ -1,5 +1,5 @@
-// Probes for transport tests: a sender delegate that keeps every frame written, and a
-// receiver that keeps every payload delivered (on its own serial queue).
+// Probes for transport tests: a sender delegate that keeps every frame written (with its
+// time), and a receiver that keeps every payload delivered (on its own serial queue).
 #pragma once
 
 #include <chrono>
@@ -13,22 +13,19 @@
 
 namespace qlt::test {
 
-// Keeps every frame written through it, with the steady-clock time of the write.
 class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDelegate {
  public:
   struct Frame {
     Data data;
     std::chrono::steady_clock::time_point at;
   };
-  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&,
-                                  const Data& data) override {
-    add(data);
+  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& d) override {
+    add(d);
   }
-  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&,
-                                    const Data& data) override {
-    add(data);
+  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
+    add(d);
   }
-  // Every frame so far, and forgets them.
+  // Every frame so far; forgets them.
   std::vector<Data> take() {
     std::lock_guard lock(mutex_);
     std::vector<Data> out;
@@ -40,63 +37,57 @@ class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDel
     std::lock_guard lock(mutex_);
     return frames_;
   }
-  size_t size() const {
-    std::lock_guard lock(mutex_);
-    return frames_.size();
-  }
+  size_t size() const { return timed().size(); }
 
  private:
-  void add(const Data& data) {
+  void add(const Data& d) {
     std::lock_guard lock(mutex_);
-    frames_.push_back({data, std::chrono::steady_clock::now()});
+    frames_.push_back({d, std::chrono::steady_clock::now()});
   }
   mutable std::mutex mutex_;
   std::vector<Frame> frames_;
 };
 
-// Keeps every payload delivered to it, as a transport's or a slide window's delegate.
 class PayloadInbox : public TransportDelegate, public BLESlideWindowDelegate {
  public:
-  PayloadInbox() : queue_(DispatchQueue::create("PayloadInbox")) {}
   const std::shared_ptr<DispatchQueue>& queue() const { return queue_; }
-
   void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& d) override {
-    addTcp(d);
+    add(tcp_, d);
   }
   void transport_udpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& d) override {
-    addUdp(d);
+    add(udp_, d);
   }
   void slideWindow_tcpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
-    addTcp(d);
+    add(tcp_, d);
   }
   void slideWindow_udpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
-    addUdp(d);
+    add(udp_, d);
   }
-
-  // The payloads so far, after every delivery queued before this call has run.
-  std::vector<Data> tcp() {
+  // The payloads so far, once every delivery queued before this call has run.
+  std::vector<Data> tcp() { return get(tcp_); }
+  std::vector<Data> udp() { return get(udp_); }
+  // Deliveries that ran anywhere but on queue().
+  size_t offQueue() {
     queue_->sync([] {});
     std::lock_guard lock(mutex_);
-    return tcp_;
-  }
-  std::vector<Data> udp() {
-    queue_->sync([] {});
-    std::lock_guard lock(mutex_);
-    return udp_;
+    return offQueue_;
   }
 
  private:
-  void addTcp(const Data& d) {
+  void add(std::vector<Data>& to, const Data& d) {
     std::lock_guard lock(mutex_);
-    tcp_.push_back(d);
+    to.push_back(d);
+    if (!queue_->isCurrent()) ++offQueue_;
   }
-  void addUdp(const Data& d) {
+  std::vector<Data> get(const std::vector<Data>& from) {
+    queue_->sync([] {});
     std::lock_guard lock(mutex_);
-    udp_.push_back(d);
+    return from;
   }
-  std::shared_ptr<DispatchQueue> queue_;
+  std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::create("PayloadInbox");
   std::mutex mutex_;
   std::vector<Data> tcp_, udp_;
+  size_t offQueue_ = 0;
 };
 
 }  // namespace qlt::test
