@@ -3,26 +3,21 @@
 #include <cstdlib>
 #include <new>
 
-// The unaligned forms are replaced (over malloc/free); the aligned ones keep pairing with
-// each other.
 namespace {
 thread_local uint64_t t_allocations = 0;
 }  // namespace
 
-namespace qlt::test {
-uint64_t threadAllocationCount() { return t_allocations; }
-}  // namespace qlt::test
+uint64_t qlt::test::threadAllocationCount() { return t_allocations; }
 
-void* operator new(std::size_t size) {
-  ++t_allocations;
-  if (void* p = std::malloc(size ? size : 1)) return p;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   ++t_allocations;
   return std::malloc(size ? size : 1);
 }
+void* operator new(std::size_t size) {
+  if (void* p = operator new(size, std::nothrow)) return p;
+  throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new[](std::size_t size, const std::nothrow_t& n) noexcept {
   return operator new(size, n);
 }

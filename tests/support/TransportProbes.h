@@ -20,17 +20,18 @@ class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDel
     std::chrono::steady_clock::time_point at;
   };
   void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& d) override {
-    add(d);
+    std::lock_guard lock(mutex_);
+    frames_.push_back({d, std::chrono::steady_clock::now()});
   }
   void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
-    add(d);
+    transport_requestWriteData(nullptr, d);
   }
   // Every frame so far; forgets them.
   std::vector<Data> take() {
-    std::lock_guard lock(mutex_);
     std::vector<Data> out;
-    for (auto& f : frames_) out.push_back(f.data);
-    frames_.clear();
+    for (auto& f : timed()) out.push_back(f.data);
+    std::lock_guard lock(mutex_);
+    frames_.erase(frames_.begin(), frames_.begin() + static_cast<std::ptrdiff_t>(out.size()));
     return out;
   }
   std::vector<Frame> timed() const {
@@ -40,12 +41,8 @@ class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDel
   size_t size() const { return timed().size(); }
 
  private:
-  void add(const Data& d) {
-    std::lock_guard lock(mutex_);
-    frames_.push_back({d, std::chrono::steady_clock::now()});
-  }
   mutable std::mutex mutex_;
-  std::vector<Frame> frames_;
+  std::vector<Frame> frames_;  // guarded by mutex_
 };
 
 class PayloadInbox : public TransportDelegate, public BLESlideWindowDelegate {
@@ -63,31 +60,28 @@ class PayloadInbox : public TransportDelegate, public BLESlideWindowDelegate {
   void slideWindow_udpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
     add(udp_, d);
   }
-  // The payloads so far, once every delivery queued before this call has run.
-  std::vector<Data> tcp() { return get(tcp_); }
-  std::vector<Data> udp() { return get(udp_); }
-  // Deliveries that ran anywhere but on queue().
-  size_t offQueue() {
-    queue_->sync([] {});
-    std::lock_guard lock(mutex_);
-    return offQueue_;
-  }
+  // What arrived (and how much of it ran anywhere but on queue()), once every delivery
+  // queued before the call has run.
+  std::vector<Data> tcp() { return flushed(tcp_); }
+  std::vector<Data> udp() { return flushed(udp_); }
+  size_t offQueue() { return flushed(offQueue_); }
 
  private:
   void add(std::vector<Data>& to, const Data& d) {
     std::lock_guard lock(mutex_);
     to.push_back(d);
-    if (!queue_->isCurrent()) ++offQueue_;
+    offQueue_ += !queue_->isCurrent();
   }
-  std::vector<Data> get(const std::vector<Data>& from) {
+  template <class T>
+  T flushed(const T& field) {
     queue_->sync([] {});
     std::lock_guard lock(mutex_);
-    return from;
+    return field;
   }
-  std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::create("PayloadInbox");
+  const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::create("PayloadInbox");
   std::mutex mutex_;
-  std::vector<Data> tcp_, udp_;
-  size_t offQueue_ = 0;
+  std::vector<Data> tcp_, udp_;  // guarded by mutex_
+  size_t offQueue_ = 0;          // guarded by mutex_
 };
 
 }  // namespace qlt::test

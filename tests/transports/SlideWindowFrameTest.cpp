@@ -69,15 +69,15 @@ TEST(TheFrameFormat, ParsesEachKindWithinTheSpanAndCallsShortFramesMalformed) {
 }
 
 TEST(TheFrameFormat, ComparesUnwrappedSequenceNumbers) {
-  // Window 3..1 (3, 0, 1 in flight): 3, 0, 1 are inside, 2 is not.
-  for (uint8_t x : {3, 0, 1}) EXPECT_TRUE(inWindowInclusive(3, x, 1)) << int(x);
-  EXPECT_FALSE(inWindowInclusive(3, 2, 1));
-  EXPECT_FALSE(inWindowExclusive(3, 1, 1));
-  EXPECT_TRUE(inWindowExclusive(3, 0, 1));
-  // An empty window holds only its start (inclusive) and nothing (exclusive).
-  EXPECT_TRUE(inWindowInclusive(2, 2, 2));
-  EXPECT_FALSE(inWindowExclusive(2, 2, 2));
-  EXPECT_FALSE(inWindowInclusive(0, 4, 3));
+  // Window 3..1 (3, 0, 1 in flight): 3, 0, 1 are inside, 2 is not; 1 is its end.
+  // An empty window 2..2 holds only its start (inclusive) and nothing (exclusive).
+  const std::tuple<uint8_t, uint8_t, uint8_t, bool, bool> cases[] = {
+      {3, 3, 1, true, true},  {3, 0, 1, true, true},   {3, 1, 1, true, false},
+      {3, 2, 1, false, false}, {2, 2, 2, true, false}, {0, 4, 3, false, false}};
+  for (auto [a, x, b, inclusive, exclusive] : cases) {
+    EXPECT_EQ(inWindowInclusive(a, x, b), inclusive) << int(a) << int(x) << int(b);
+    EXPECT_EQ(inWindowExclusive(a, x, b), exclusive) << int(a) << int(x) << int(b);
+  }
   EXPECT_EQ(sequenceDistance(3, 1), 2);
   EXPECT_EQ(sequenceDistance(1, 1), 0);
 }
@@ -88,10 +88,8 @@ TEST(TheFrameFormat, DescribesFramesInOneLine) {
   dgram[0] = 0x02;
   EXPECT_EQ(describeFrame(seg, true), "→ seg seq=1 120 B");
   EXPECT_EQ(describeFrame(dgram, true), "→ dgram 12 B");
-  EXPECT_EQ(describeFrame(bytes({0x23}), false), "← ack R=2");
-  EXPECT_EQ(describeFrame(bytes({0x15}), false), "← rej R=1");
-  EXPECT_EQ(describeFrame(bytes({0x01, 0, 3}), true), "→ poll 0..3");
-  EXPECT_EQ(describeFrame(bytes({0x01}), false), "← malformed 1 B");
-  EXPECT_EQ(describeFrame({}, false), "← malformed 0 B");
-  EXPECT_EQ(describeFrame(bytes({0x0B}), false), "← ctl type=5 1 B");
+  const std::pair<std::vector<uint8_t>, const char*> incoming[] = {
+      {{0x23}, "← ack R=2"}, {{0x15}, "← rej R=1"}, {{0x01, 0, 3}, "← poll 0..3"},
+      {{0x01}, "← malformed 1 B"}, {{}, "← malformed 0 B"}, {{0x0B}, "← ctl type=5 1 B"}};
+  for (const auto& [f, line] : incoming) EXPECT_EQ(describeFrame(f, false), line);
 }
