@@ -18,12 +18,9 @@ void settle(SimWorld& world) {
 
 }  // namespace
 
-TEST(ManagerStates, HaveDisplayNames) {
+TEST(ManagerStatesDeathTest, HaveDisplayNamesAndAnOutOfRangeOneFailsLoudly) {
   const char* names[] = {"ready", "idle", "scanning", "unavailable"};
   for (int32_t i = 0; i < 4; ++i) EXPECT_EQ(QLT_BLEManager::convertStateToNSString(i), names[i]);
-}
-
-TEST(ManagerStatesDeathTest, AnOutOfRangeStateFailsLoudly) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(QLT_BLEManager::convertStateToNSString(4), "4 is not a manager state");
 }
@@ -39,15 +36,6 @@ TEST(AManager, AnnouncesEveryPowerReportRepeatsIncludedAndEachPowerOnAsReadyThen
   settle(world);
   EXPECT_EQ(world.app->managerStates(), (States{3, 3, 0, 1, 0, 1}));
   EXPECT_EQ(world.manager->state(), QLT_BLEManagerStateIdle);
-}
-
-TEST(AManager, IgnoresDiscoveryRequestsOutsideIdleAndScanning) {
-  SimWorld world(/*poweredOn=*/false);
-  world.manager->startDiscover();
-  world.manager->stopDiscover();
-  EXPECT_EQ(world.manager->state(), QLT_BLEManagerStateUnavailable);
-  settle(world);
-  EXPECT_TRUE(world.app->managerStates().empty());
 }
 
 TEST(AManager, FiltersOnTheCentralQueueAndALaterScanWithoutAFilterAcceptsEverything) {
@@ -115,8 +103,5 @@ TEST(AManager, ReannouncesAConnectedPeripheralAndHandlesDisconnectEdgeCases) {
   ASSERT_TRUE(world.app->waitForState(QLT_PeripheralStateDisconnected));
   settle(world);
   auto states = world.app->states();
-  ASSERT_GE(states.size(), 3u);
-  EXPECT_EQ(States(states.begin(), states.begin() + 3), (States{8, 3, 0}));
-  EXPECT_LE(states.size(), 4u);
-  EXPECT_EQ(states.back(), 0);
+  EXPECT_TRUE(states == (States{8, 3, 0}) || states == (States{8, 3, 0, 0})) << states.size();
 }

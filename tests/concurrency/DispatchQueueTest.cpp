@@ -3,7 +3,6 @@
 #include <atomic>
 #include <future>
 #include <numeric>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -14,13 +13,14 @@
 using namespace qlt;
 using namespace std::chrono_literals;
 
-TEST(ASerialQueue, RunsEachProducersTasksInOrderOneAtATimeMixingSyncAndAsync) {
+TEST(ASerialQueue, RunsEachProducersTasksInOrderOneAtATimeMixingSyncAndAsyncAsTheMainQueueDoes) {
   constexpr int kQueues = 6, kTasks = 1500;
   std::vector<std::shared_ptr<DispatchQueue>> queues;
   std::vector<std::vector<int>> seen(2 * kQueues);  // each written on its queue only
   std::vector<std::atomic<int>> running(kQueues);
   std::atomic<int> overlaps{0};
-  for (int q = 0; q < kQueues; ++q) queues.push_back(DispatchQueue::create("q"));
+  queues.push_back(DispatchQueue::main());
+  for (int q = 1; q < kQueues; ++q) queues.push_back(DispatchQueue::create("q"));
   std::vector<std::thread> producers;  // two per queue
   for (int p = 0; p < 2 * kQueues; ++p) {
     producers.emplace_back([&, p, q = p % kQueues] {
@@ -86,8 +86,11 @@ TEST(ASerialQueue, KeepsOtherQueuesRunningWhileTasksBlock) {
   ASSERT_TRUE(test::eventually([&] { return blockersDone == 12; }));
 }
 
-TEST(ASerialQueue, RunsSyncAfterEverythingBeforeAndInlineWhenNested) {
+TEST(ASerialQueue, RunsSyncAfterEverythingBeforeInlineWhenNestedWithItsLabelAndSpecifics) {
   auto a = DispatchQueue::create("a"), b = DispatchQueue::create("b");
+  static const char key = 0;
+  a->setSpecific(&key, a.get());
+  EXPECT_EQ(DispatchQueue::getSpecific(&key), nullptr);
   std::vector<int> order;
   a->async([&] {
     std::this_thread::sleep_for(50ms);
@@ -98,38 +101,13 @@ TEST(ASerialQueue, RunsSyncAfterEverythingBeforeAndInlineWhenNested) {
     a->sync([&] { order.push_back(3); });  // inline: no deadlock
     b->sync([&] {
       EXPECT_TRUE(b->isCurrent() && a->isCurrent());  // a waits for us on this thread
+      EXPECT_EQ(DispatchQueue::currentLabel(), "b");
+      EXPECT_EQ(DispatchQueue::getSpecific(&key), a.get());
       a->sync([&] { order.push_back(4); });
     });
   });
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
   EXPECT_FALSE(a->isCurrent());
-}
-
-TEST(ASerialQueue, KnowsItsLabelAndQueueSpecificValuesOnlyWhileRunningThere) {
-  auto q = DispatchQueue::create("labelled");
-  static const char key = 0;
-  int value = 42;
-  q->setSpecific(&key, &value);
-  EXPECT_EQ(DispatchQueue::getSpecific(&key), nullptr);
-  std::pair<void*, std::string> seen;
-  q->sync([&] { seen = {DispatchQueue::getSpecific(&key), DispatchQueue::currentLabel()}; });
-  EXPECT_EQ(seen, std::make_pair(static_cast<void*>(&value), std::string("labelled")));
-}
-
-TEST(TheMainQueue, RunsTasksInOrderOnOneThread) {
-  std::vector<int> order;
-  std::set<std::thread::id> threads;
-  for (int i = 0; i < 100; ++i) {
-    DispatchQueue::main()->async([&, i] {
-      order.push_back(DispatchQueue::main()->isCurrent() ? i : -1);
-      threads.insert(std::this_thread::get_id());
-    });
-  }
-  DispatchQueue::main()->sync([] {});
-  std::vector<int> expected(100);
-  std::iota(expected.begin(), expected.end(), 0);
-  EXPECT_EQ(order, expected);
-  EXPECT_EQ(threads.size(), 1u);
 }
 
 TEST(ASerialQueue, RunsDelayedTasksNoSoonerThanAskedInDeadlineOrderAndAZeroDelayFirst) {

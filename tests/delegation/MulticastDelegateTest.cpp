@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <mutex>
 #include <thread>
 
 #include "QueltLibrary/GCDMulticastDelegate.h"
@@ -9,94 +8,118 @@
 #include "support/TestSupport.h"
 
 using namespace qlt;
-using namespace std::chrono_literals;
 using Entries = std::vector<std::string>;
 
 namespace {
 
-// A callback of a made-up sender, and a delegate that notes "<name><n>@<queue label>".
-struct Pinged : virtual Delegate {
-  virtual void sender_pinged(int n) = 0;
-};
-struct Journal {
-  std::mutex mutex;
-  Entries entries;
-  Entries get() {
-    std::lock_guard lock(mutex);
-    return entries;
+// A made-up callback (its argument may be slow to copy) and a delegate that notes
+// "<name><n>@<queue label>" of every call in one shared journal.
+struct Slow {
+  int n = 0;
+  bool slow = false;
+  Slow(int n = 0, bool slow = false) : n(n), slow(slow) {}
+  Slow(const Slow& o) : n(o.n), slow(o.slow) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(slow ? 20 : 0);
+    while (std::chrono::steady_clock::now() < until) {}
   }
 };
+struct Pinged : virtual Delegate {
+  virtual void sender_pinged(Slow s) = 0;
+};
+std::mutex journalMutex;
+Entries journal;
+Entries entries() {
+  std::lock_guard lock(journalMutex);
+  return journal;
+}
 struct Recorder : Pinged {
-  Recorder(std::string name, Journal& journal) : name(std::move(name)), journal(journal) {}
-  void sender_pinged(int n) override {
-    std::lock_guard lock(journal.mutex);
-    journal.entries.push_back(name + std::to_string(n) + "@" + DispatchQueue::currentLabel());
+  explicit Recorder(std::string name) : name(std::move(name)) {}
+  void sender_pinged(Slow s) override {
+    std::lock_guard lock(journalMutex);
+    journal.push_back(name + std::to_string(s.n) + "@" + DispatchQueue::currentLabel());
   }
   std::string name;
-  Journal& journal;
 };
+void flush(const std::shared_ptr<DispatchQueue>& q) {
+  q->sync([] {});
+}
 
-void flush(const std::shared_ptr<DispatchQueue>& q) { q->sync([] {}); }
+class AMulticastDelegate : public ::testing::Test {
+  void SetUp() override {
+    std::lock_guard lock(journalMutex);
+    journal.clear();
+  }
+};
+using AModule = AMulticastDelegate;
+
+class Module : public QLT_Object {
+ public:
+  Module() : QLT_Object("Module") {}
+  void ping(int n) { multicastDelegate()->invoke(&Pinged::sender_pinged, Slow(n)); }
+  Entries hooks;  // written on the module queue
+
+ protected:
+  void deviceObject_delegate_attached(QLT_Object* module, const std::shared_ptr<Delegate>&,
+                                      bool attached) override {
+    hooks.push_back(module == this && isOnModuleQueue() ? (attached ? "+" : "-") : "?");
+  }
+};
 
 }  // namespace
 
-TEST(AMulticastDelegate, DeliversInNodeOrderOnEachDelegatesQueueNeverInlineAndDropsTheRest) {
+TEST_F(AMulticastDelegate, DeliversInNodeOrderOnEachDelegatesQueueNeverInlineAndDropsTheRest) {
   GCDMulticastDelegate md;
-  Journal journal;
-  md.invoke(&Pinged::sender_pinged, 0);  // an empty list
-  EXPECT_FALSE(md.hasDelegateThatRespondsToSelector<Pinged>());
   auto shared = DispatchQueue::create("shared"), own = DispatchQueue::create("own");
-  auto a = std::make_shared<Recorder>("A", journal), b = std::make_shared<Recorder>("B", journal);
-  auto c = std::make_shared<Recorder>("C", journal);
-  auto silent = std::make_shared<Delegate>();
-  md.addDelegate(a, shared);
-  md.addDelegate(silent, shared);  // implements nothing: passed over
-  md.addDelegate(nullptr, shared);  // ignored
-  md.addDelegate(b, shared);
-  md.addDelegate(c, own);
-  EXPECT_EQ(md.count(), 4u);
+  auto a = std::make_shared<Recorder>("A"), b = std::make_shared<Recorder>("B");
+  auto c = std::make_shared<Recorder>("C");
+  for (auto [d, q] :
+       {std::pair<std::shared_ptr<Delegate>, std::shared_ptr<DispatchQueue>>{a, shared},
+        {std::make_shared<Delegate>(), shared},
+        {nullptr, shared},
+        {b, shared},
+        {c, own}})
+    md.addDelegate(d, q);  // a delegate implementing nothing is passed over; null is ignored
   EXPECT_EQ(md.countForSelector<Pinged>(), 3u);
   shared->sync([&] {  // sent from the delegates' own queue: still a later, separate task
-    md.invoke(&Pinged::sender_pinged, 1);
-    md.invoke(&Pinged::sender_pinged, 2);
-    EXPECT_TRUE(journal.get().size() <= 2u) << "a delivery ran inline on the sender";
+    md.invoke(&Pinged::sender_pinged, Slow(1));
+    md.invoke(&Pinged::sender_pinged, Slow(2));
+    EXPECT_LE(entries().size(), 2u) << "a delivery ran inline on the sender";
   });
   flush(shared);
   flush(own);
-  auto got = journal.get();
+  auto got = entries();
   std::erase_if(got, [](const std::string& e) { return e[0] == 'C'; });
   EXPECT_EQ(got, (Entries{"A1@shared", "B1@shared", "A2@shared", "B2@shared"}));
-  EXPECT_EQ(journal.get().size(), 6u);
+  EXPECT_EQ(entries().size(), 6u);
 }
 
-TEST(AMulticastDelegate, CallsADelegateAddedTwiceTwiceAndRemovesByQueueOrAll) {
+TEST_F(AMulticastDelegate, CallsADelegateAddedTwiceTwiceAndRemovesByQueueOrAll) {
   GCDMulticastDelegate md;
-  Journal journal;
   auto q1 = DispatchQueue::create("q1"), q2 = DispatchQueue::create("q2");
-  auto a = std::make_shared<Recorder>("A", journal);
+  auto a = std::make_shared<Recorder>("A");
   for (auto& q : {q1, q1, q2}) md.addDelegate(a, q);
-  md.invoke(&Pinged::sender_pinged, 1);
+  md.invoke(&Pinged::sender_pinged, Slow(1));
   md.removeDelegate(a.get(), q2.get());  // only the node on q2
   EXPECT_EQ(md.count(), 2u);
   md.removeDelegate(a.get());  // every other node
-  EXPECT_EQ(md.count(), 0u);
-  md.invoke(&Pinged::sender_pinged, 2);
+  md.invoke(&Pinged::sender_pinged, Slow(2));
   flush(q1);
   flush(q2);
-  EXPECT_EQ(journal.get(), (Entries{"A1@q1", "A1@q1", "A1@q2"}));
+  EXPECT_EQ(md.count(), 0u);
+  auto got = entries();
+  std::sort(got.begin(), got.end());
+  EXPECT_EQ(got, (Entries{"A1@q1", "A1@q1", "A1@q2"}));
 }
 
-TEST(AMulticastDelegate, PassesOverGoneDelegatesPrunesThemAndStillDeliversWhatWasQueued) {
+TEST_F(AMulticastDelegate, PassesOverGoneDelegatesPrunesThemAndStillDeliversWhatWasQueued) {
   GCDMulticastDelegate md;
-  Journal journal;
   auto q = DispatchQueue::create("q");
-  auto a = std::make_shared<Recorder>("A", journal), b = std::make_shared<Recorder>("B", journal);
+  auto a = std::make_shared<Recorder>("A"), b = std::make_shared<Recorder>("B");
   md.addDelegate(a, q);
   md.addDelegate(b, q);
   auto e = md.delegateEnumerator();
   a.reset();
-  EXPECT_EQ(md.count(), 2u);
-  EXPECT_EQ(md.countOfClass<Recorder>(), 1u);
+  EXPECT_EQ(std::make_pair(md.count(), md.countOfClass<Recorder>()), std::make_pair(2ul, 1ul));
   std::shared_ptr<Delegate> d;
   std::shared_ptr<DispatchQueue> dq;
   ASSERT_TRUE(e.getNextDelegate(&d, &dq));
@@ -105,143 +128,84 @@ TEST(AMulticastDelegate, PassesOverGoneDelegatesPrunesThemAndStillDeliversWhatWa
   d.reset();
   std::promise<void> gate;
   q->async([opened = gate.get_future().share()] { opened.wait(); });  // hold the queue
-  md.invoke(&Pinged::sender_pinged, 1);
+  md.invoke(&Pinged::sender_pinged, Slow(1));
   EXPECT_EQ(md.count(), 1u);
   md.removeDelegate(b.get());
   b.reset();  // the queued call holds B until it runs
-  md.invoke(&Pinged::sender_pinged, 2);
+  md.invoke(&Pinged::sender_pinged, Slow(2));
   gate.set_value();
   flush(q);
-  EXPECT_EQ(journal.get(), Entries{"B1@q"});
+  EXPECT_EQ(entries(), Entries{"B1@q"});
   EXPECT_FALSE(md.hasDelegateThatRespondsToSelector<Pinged>());
 }
 
-TEST(AMulticastDelegate, CopiesEveryKindOfArgument) {
+TEST_F(AMulticastDelegate, CopiesEveryKindOfArgument) {
   using Object = std::shared_ptr<std::string>;
   struct Described : virtual Delegate {
-    std::promise<std::tuple<int32_t, double, float, bool, Object>> got;
+    std::promise<std::tuple<int32_t, double, float, bool, std::string>> got;
     void sender_described(int32_t i, double d, float f, bool b, Object o) {
-      got.set_value({i, d, f, b, o});
+      got.set_value({i, d, f, b, *o});
     }
   };
   GCDMulticastDelegate md;
   auto r = std::make_shared<Described>();
   md.addDelegate(r, DispatchQueue::create("q"));
-  auto object = std::make_shared<std::string>("payload");
-  md.invoke(&Described::sender_described, -7, 2.5, 1.25f, true, object);
-  object.reset();  // the call holds its own reference
-  auto f = r->got.get_future();
-  ASSERT_EQ(f.wait_for(5s), std::future_status::ready);
-  auto [i, d, fl, b, o] = f.get();
-  EXPECT_EQ(std::make_tuple(i, d, fl, b, *o), std::make_tuple(-7, 2.5, 1.25f, true, "payload"));
+  md.invoke(&Described::sender_described, -7, 2.5, 1.25f, true, std::make_shared<std::string>("x"));
+  EXPECT_EQ(r->got.get_future().get(), std::make_tuple(-7, 2.5, 1.25f, true, "x"));
 }
 
-namespace {
-
-class Module : public QLT_Object {
- public:
-  static std::shared_ptr<Module> create(std::shared_ptr<DispatchQueue> q = nullptr) {
-    return std::shared_ptr<Module>(new Module(std::move(q)));
-  }
-  void ping(int n) { multicastDelegate()->invoke(&Pinged::sender_pinged, n); }
-  Journal hooks;
-
- protected:
-  explicit Module(std::shared_ptr<DispatchQueue> q) : QLT_Object("Module", std::move(q)) {}
-  void deviceObject_delegate_attached(QLT_Object* module, const std::shared_ptr<Delegate>&,
-                                      bool attached) override {
-    std::lock_guard lock(hooks.mutex);
-    hooks.entries.push_back(module == this && isOnModuleQueue() ? (attached ? "+" : "-") : "?");
-  }
-};
-
-}  // namespace
-
-TEST(AModule, HasItsOwnQueueAndKeepsADelegateOnceOnTheNewQueueOrByDefaultTheMainQueue) {
-  auto shared = DispatchQueue::create("given");
-  auto n = Module::create(shared);
-  bool onQueue = false;
-  shared->sync([&] { onQueue = n->isOnModuleQueue(); });
-  EXPECT_TRUE(onQueue);
+TEST_F(AModule, HasItsOwnQueueAndKeepsADelegateOnceOnTheNewQueueOrByDefaultTheMainQueue) {
   test::LogCapture log;
-  auto m = Module::create();
+  auto m = std::make_shared<Module>();
   EXPECT_EQ(m->moduleQueue()->label(), "Module");
   EXPECT_FALSE(m->isOnModuleQueue());
-  Journal journal;
-  auto a = std::make_shared<Recorder>("A", journal);
+  auto a = std::make_shared<Recorder>("A");
   m->addDelegate(a, DispatchQueue::create("q1"));
-  m->addDelegate(a, DispatchQueue::create("q2"));
+  m->addDelegate(a, DispatchQueue::create("q2"));  // moves it
   flush(m->moduleQueue());
-  EXPECT_EQ(log.count("Already in the queue"), 1u);
   EXPECT_EQ(m->multicastDelegate()->count(), 1u);
   m->ping(1);
   m->addDelegate(a);
-  flush(m->moduleQueue());
-  m->ping(2);
-  ASSERT_TRUE(test::eventually([&] { return journal.get().size() == 2; }));
-  auto got = journal.get();
+  m->removeDelegate(std::make_shared<Recorder>("N"));  // never added: hook still told
+  m->moduleQueue()->sync([&] { m->ping(2); });         // inline, no deadlock
+  ASSERT_TRUE(test::eventually([&] { return entries().size() == 2; }));
+  m->moduleQueue()->sync([&] { m->removeDelegate(a); });
+  m->ping(3);
+  flush(DispatchQueue::main());
+  auto got = entries();
   std::sort(got.begin(), got.end());
   EXPECT_EQ(got, (Entries{"A1@q2", "A2@qlt.main"}));
-  EXPECT_EQ(m->hooks.get(), (Entries{"+", "-", "+", "-", "+"}));
+  EXPECT_EQ(log.count("Already in the queue"), 2u);
+  EXPECT_EQ(m->hooks, (Entries{"+", "-", "+", "-", "+", "-", "-"}));
 }
 
-TEST(AModule, RemovesSynchronouslyFromAnyThreadIncludingItsOwnQueue) {
-  auto m = Module::create();
-  Journal journal;
-  auto q = DispatchQueue::create("q");
-  auto a = std::make_shared<Recorder>("A", journal);
-  m->addDelegate(a, q);
-  m->removeDelegate(std::make_shared<Recorder>("N", journal));  // never added: hook still told
-  m->moduleQueue()->sync([&] { m->removeDelegate(a); });         // inline, no deadlock
-  m->ping(1);
-  flush(q);
-  EXPECT_TRUE(journal.get().empty());
-  EXPECT_EQ(m->hooks.get(), (Entries{"+", "-", "-"}));
-}
-
-namespace {
-
-// An argument whose copy takes a while: a delivery spends most of its time copying it.
-struct Slow {
-  Slow() = default;
-  Slow(const Slow&) {
-    for (auto until = std::chrono::steady_clock::now() + 20us;
-         std::chrono::steady_clock::now() < until;) {
-    }
-  }
-};
-
-}  // namespace
-
-TEST(AModule, NeverCallsADelegateAfterRemoveDelegateReturns) {
-  // Two senders call without pause while delegates come and go. After each removal a
-  // marker is queued on the delegate's queue: a call running after it was queued after
-  // removeDelegate returned.
-  struct Watcher : virtual Delegate {
+TEST_F(AModule, NeverCallsADelegateAfterRemoveDelegateReturns) {
+  // Two senders call without pause, each call slow to copy, while delegates come and go.
+  // After each removal a marker is queued on the delegate's queue: a call that runs after
+  // it was queued after removeDelegate returned.
+  struct Watcher : Pinged {
     std::atomic<int> received{0}, late{0};
     bool removed = false;  // set by the marker, on the delegate's queue
-    void sender_slowPinged(Slow) { removed ? late++ : received++; }
+    void sender_pinged(Slow) override { removed ? late++ : received++; }
   };
-  auto m = Module::create();
+  auto m = std::make_shared<Module>();
   std::atomic<bool> stop{false};
-  std::vector<std::thread> senders;
-  for (int i = 0; i < 2; ++i) {
-    senders.emplace_back([&] {
-      while (!stop) m->multicastDelegate()->invoke(&Watcher::sender_slowPinged, Slow());
-    });
-  }
-  std::vector<std::pair<std::shared_ptr<Watcher>, std::shared_ptr<DispatchQueue>>> rounds;
-  for (int round = 0; round < 100; ++round) {
-    auto w = std::make_shared<Watcher>();
-    auto q = DispatchQueue::create("q");
+  auto send = [&] {
+    while (!stop) m->multicastDelegate()->invoke(&Pinged::sender_pinged, Slow(0, true));
+  };
+  std::thread s1(send), s2(send);
+  std::vector<std::pair<std::shared_ptr<Watcher>, std::shared_ptr<DispatchQueue>>> rounds(100);
+  for (auto& [w, q] : rounds) {
+    w = std::make_shared<Watcher>();
+    q = DispatchQueue::create("q");
     m->addDelegate(w, q);
     ASSERT_TRUE(test::eventually([&] { return w->received > 0; }));
     m->removeDelegate(w);
     q->async([w] { w->removed = true; });
-    rounds.emplace_back(w, q);
   }
   stop = true;
-  for (auto& t : senders) t.join();
+  s1.join();
+  s2.join();
   int late = 0;
   for (auto& [w, q] : rounds) {
     flush(q);

@@ -20,8 +20,10 @@ TEST(TheUartIdentifiers, NameTxAndRxFromTheLibrarysSide) {
 TEST(ACharacteristicWrapper, PrefersWritingWithoutResponseAndRefusesWithoutAWriteProperty) {
   using W = platform::WriteType;
   const std::tuple<uint32_t, std::string, std::optional<W>, const char*> cases[] = {
-      {0x0C, "a", W::WithoutResponse, ""}, {0x04, "b", W::WithoutResponse, ""},
-      {0x08, "c", W::WithResponse, ""}, {0x02, "d", std::nullopt, "No write property"},
+      {0x0C, "a", W::WithoutResponse, ""},
+      {0x04, "b", W::WithoutResponse, ""},
+      {0x08, "c", W::WithResponse, ""},
+      {0x02, "d", std::nullopt, "No write property"},
       {0x0C, "", std::nullopt, "Warning : No data to write to characteristics"}};
   for (const auto& [properties, data, type, line] : cases) {
     auto p = fake::FakePeripheral::create();
@@ -31,7 +33,8 @@ TEST(ACharacteristicWrapper, PrefersWritingWithoutResponseAndRefusesWithoutAWrit
     auto writes = p->snapshot(p->writes);
     ASSERT_EQ(writes.size(), type ? 1u : 0u) << properties << " " << data;
     if (type) {
-      EXPECT_EQ(std::make_pair(writes[0].type, writes[0].data.toString()), std::make_pair(*type, data));
+      EXPECT_EQ(std::make_pair(writes[0].type, writes[0].data.toString()),
+                std::make_pair(*type, data));
     }
     EXPECT_EQ(log.lines(), type ? std::vector<std::string>{} : std::vector<std::string>{line});
   }
@@ -58,7 +61,8 @@ TEST(AServiceWrapper, FindsTheFirstCharacteristicWithAnIdentifier) {
   auto first = s->add(UUID::literal("2A01"), 0x02), second = s->add(UUID::literal("2A01"), 0x02);
   auto service = BLEService::create("SVC", s);
   EXPECT_TRUE(service->characteristics().empty());
-  service->setCharacteristics({BLECharacteristic::create(first, "1"), BLECharacteristic::create(second, "2")});
+  service->setCharacteristics(
+      {BLECharacteristic::create(first, "1"), BLECharacteristic::create(second, "2")});
   EXPECT_EQ(service->getCharacteristics(UUID::literal("2A01")), first);
   EXPECT_EQ(service->getCharacteristics(UUID::literal("2A02")), nullptr);
   EXPECT_EQ(service->identifier(), UUID::literal("180D"));
@@ -76,8 +80,8 @@ TEST(TheUartService, PicksRxAndTxInListOrderAsksNotificationsForRxOnlyAndCopesWi
   nus->setCharacteristics({tx, rx});
   EXPECT_EQ(std::make_pair(nus->rx(), nus->tx()), std::make_pair(rx, tx));
   EXPECT_EQ(log.lines(), (std::vector<std::string>{"No tx characteristic found in NUS",
-                                                   "No rx characteristic found in NUS",
-                                                   "TX found", "RX found"}));
+                                                   "No rx characteristic found in NUS", "TX found",
+                                                   "RX found"}));
   EXPECT_EQ(p->snapshot(p->notifyRequests), (Requests{{kRx, true}}));
   EXPECT_TRUE(p->snapshot(p->writes).empty());
 }
@@ -88,14 +92,17 @@ TEST(TheUartService, WritesChunksOfAtMost161BytesPausingOnlyBetweenThem) {
   nus->setCharacteristics({BLECharacteristic::create(p->characteristic(kTx), "t")});
   // Each message is written 20 times: 5 ms per pause between chunks, none after the last.
   for (auto [length, chunks] : {std::pair<size_t, std::vector<size_t>>{161, {161}},
-                                {162, {161, 1}}, {483, {161, 161, 161}}, {0, {}}}) {
+                                {162, {161, 1}},
+                                {483, {161, 161, 161}},
+                                {0, {}}}) {
     std::string text(length, '\0');
     for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>(i);
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 20; ++i) nus->write(Data::fromString(text));
     const double pauses = chunks.empty() ? 0.0 : 20.0 * (chunks.size() - 1);
     EXPECT_GE(test::secondsSince(start), pauses * 0.005) << length;
-    EXPECT_LT(test::secondsSince(start), pauses * 0.0075 + 0.09) << length << ": a pause after the last chunk?";
+    EXPECT_LT(test::secondsSince(start), pauses * 0.0075 + 0.09)
+        << length << ": a pause after the last chunk?";
     auto writes = p->snapshot(p->writes);
     ASSERT_EQ(writes.size(), 20 * chunks.size()) << length;
     std::string joined;

@@ -1,10 +1,10 @@
-// Probes for transport tests: a sender delegate that keeps every frame written (with its
-// time), and a receiver that keeps every payload delivered (on its own serial queue).
+// Probes for transport tests: a sender delegate that keeps every frame written, and a
+// receiver that keeps every payload delivered (on its own serial queue).
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "QueltLibrary/BLESlideWindow.h"
@@ -15,34 +15,27 @@ namespace qlt::test {
 
 class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDelegate {
  public:
-  struct Frame {
-    Data data;
-    std::chrono::steady_clock::time_point at;
-  };
   void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& d) override {
     std::lock_guard lock(mutex_);
-    frames_.push_back({d, std::chrono::steady_clock::now()});
+    frames_.push_back(d);
   }
-  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
+  void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&,
+                                    const Data& d) override {
     transport_requestWriteData(nullptr, d);
   }
   // Every frame so far; forgets them.
   std::vector<Data> take() {
-    std::vector<Data> out;
-    for (auto& f : timed()) out.push_back(f.data);
     std::lock_guard lock(mutex_);
-    frames_.erase(frames_.begin(), frames_.begin() + static_cast<std::ptrdiff_t>(out.size()));
-    return out;
+    return std::exchange(frames_, {});
   }
-  std::vector<Frame> timed() const {
+  size_t size() const {
     std::lock_guard lock(mutex_);
-    return frames_;
+    return frames_.size();
   }
-  size_t size() const { return timed().size(); }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<Frame> frames_;  // guarded by mutex_
+  std::vector<Data> frames_;  // guarded by mutex_
 };
 
 class PayloadInbox : public TransportDelegate, public BLESlideWindowDelegate {
