@@ -11,172 +11,110 @@
 #include "support/TestSupport.h"
 
 using namespace qlt;
-using namespace qlt::fake;
-
-namespace {
-
-const UUID kOther = UUID::literal("180D");
-
-class ASubclassedCharacteristic : public BLECharacteristic {
- public:
-  ASubclassedCharacteristic(std::shared_ptr<platform::Characteristic> c)
-      : BLECharacteristic(std::move(c), "sub") {}
-};
-
-}  // namespace
+using Requests = std::vector<std::pair<UUID, bool>>;
+const UUID kRx = QLT_UUID::rxCharacteristicUUID(), kTx = QLT_UUID::txCharacteristicUUID();
 
 TEST(TheUartIdentifiers, NameTxAndRxFromTheLibrarysSide) {
   EXPECT_EQ(QLT_UUID::uartServiceUUID().UUIDString(), "6E400001-B5A3-F393-E0A9-E50E24DCCA9E");
-  EXPECT_EQ(QLT_UUID::txCharacteristicUUID().UUIDString(), "6E400002-B5A3-F393-E0A9-E50E24DCCA9E");
-  EXPECT_EQ(QLT_UUID::rxCharacteristicUUID().UUIDString(), "6E400003-B5A3-F393-E0A9-E50E24DCCA9E");
+  EXPECT_EQ(kTx.UUIDString(), "6E400002-B5A3-F393-E0A9-E50E24DCCA9E");
+  EXPECT_EQ(kRx.UUIDString(), "6E400003-B5A3-F393-E0A9-E50E24DCCA9E");
 }
 
 TEST(ACharacteristicWrapper, PrefersWritingWithoutResponseAndRefusesWithoutAWriteProperty) {
-  auto p = FakePeripheral::create(nextIdentifier());
-  auto s = p->addService(kOther);
-  auto both = BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A01"), 0x0C), "x");
-  auto withResponse =
-      BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A02"), 0x08), "x");
-  auto readOnly =
-      BLECharacteristic::create(p->addCharacteristic(s, UUID::literal("2A03"), 0x02), "x");
-  test::LogCapture log;
-
-  both->writeValueWithData(Data::fromString("a"));
-  withResponse->writeValueWithData(Data::fromString("b"));
-  readOnly->writeValueWithData(Data::fromString("c"));
-  both->writeValueWithData(Data());
-
-  auto writes = p->writes();
-  ASSERT_EQ(writes.size(), 2u);
-  EXPECT_EQ(writes[0].type, platform::WriteType::WithoutResponse);
-  EXPECT_EQ(writes[0].characteristic, UUID::literal("2A01"));
-  EXPECT_EQ(writes[1].type, platform::WriteType::WithResponse);
-  EXPECT_EQ(log.count("No write property"), 1u);
-  EXPECT_EQ(log.count("Warning : No data to write to characteristics"), 1u);
+  using W = platform::WriteType;
+  const std::tuple<uint32_t, std::string, std::optional<W>, const char*> cases[] = {
+      {0x0C, "a", W::WithoutResponse, ""},
+      {0x04, "b", W::WithoutResponse, ""},
+      {0x08, "c", W::WithResponse, ""},
+      {0x02, "d", std::nullopt, "No write property"},
+      {0x0C, "", std::nullopt, "Warning : No data to write to characteristics"}};
+  for (const auto& [properties, data, type, line] : cases) {
+    auto p = fake::FakePeripheral::create();
+    auto w = BLECharacteristic::create(p->addService(kRx)->add(kTx, properties), "x");
+    test::LogCapture log;
+    w->writeValueWithData(Data::fromString(data));
+    auto writes = p->snapshot(p->writes);
+    ASSERT_EQ(writes.size(), type ? 1u : 0u) << properties << " " << data;
+    if (type) {
+      EXPECT_EQ(std::make_pair(writes[0].type, writes[0].data.toString()),
+                std::make_pair(*type, data));
+    }
+    EXPECT_EQ(log.lines(), type ? std::vector<std::string>{} : std::vector<std::string>{line});
+  }
 }
 
-TEST(ACharacteristicWrapper, ReadsTheLastValueAndSwitchesNotificationsThroughItsPeripheral) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
-  auto rx = p->characteristic(QLT_UUID::rxCharacteristicUUID());
-  auto w = BLECharacteristic::create(rx, "rx");
-  EXPECT_FALSE(w->value().has_value());
-  rx->setValue(Data::fromString("hi"));
-  EXPECT_EQ(w->readValue()->toString(), "hi");
-  w->startNotifications();
-  w->stopNotifications();
-  auto requests = p->notifyRequests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_TRUE(requests[0].second);
-  EXPECT_FALSE(requests[1].second);
-  EXPECT_EQ(w->identifier(), QLT_UUID::rxCharacteristicUUID());
-}
-
-TEST(ACharacteristicWrapper, EqualsItsPlatformCharacteristicButOtherWrappersOnlyByIdentity) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
-  auto rx = p->characteristic(QLT_UUID::rxCharacteristicUUID());
-  auto a = BLECharacteristic::create(rx, "a");
-  auto b = BLECharacteristic::create(rx, "b");
-  auto sub = std::make_shared<ASubclassedCharacteristic>(rx);
-  EXPECT_TRUE(a->isEqual(rx));
-  EXPECT_TRUE(b->isEqual(rx));
-  EXPECT_TRUE(a->isEqual(a));
-  EXPECT_FALSE(a->isEqual(b));
-  EXPECT_FALSE(a->isEqual(std::shared_ptr<BLECharacteristic>(sub)));
+TEST(ACharacteristicWrapper, ReadsTheLastValueSwitchesNotificationsAndEqualsOnlyItsOwnKind) {
+  auto p = fake::FakePeripheral::withNUS();
+  auto rx = p->characteristic(kRx);
+  auto a = BLECharacteristic::create(rx, "a"), b = BLECharacteristic::create(rx, "b");
+  EXPECT_FALSE(a->value().has_value());
+  rx->setValue("hi");
+  EXPECT_EQ(a->readValue(), Data::fromString("hi"));
+  a->startNotifications();
+  a->stopNotifications();
+  EXPECT_EQ(p->snapshot(p->notifyRequests), (Requests{{kRx, true}, {kRx, false}}));
+  EXPECT_TRUE(a->isEqual(rx) && b->isEqual(rx) && a->isEqual(a));
+  EXPECT_FALSE(a->isEqual(b));  // wrappers by identity
+  EXPECT_FALSE(a->isEqual(p->characteristic(kTx)));
   EXPECT_FALSE(a->isEqual(std::shared_ptr<platform::Characteristic>()));
-  EXPECT_FALSE(a->isEqual(p->characteristic(QLT_UUID::txCharacteristicUUID())));
 }
 
 TEST(AServiceWrapper, FindsTheFirstCharacteristicWithAnIdentifier) {
-  auto p = FakePeripheral::create(nextIdentifier());
-  auto s = p->addService(kOther);
-  auto first = p->addCharacteristic(s, UUID::literal("2A01"), 0x02);
-  auto second = p->addCharacteristic(s, UUID::literal("2A01"), 0x02);
+  auto s = fake::FakePeripheral::create()->addService(UUID::literal("180D"));
+  auto first = s->add(UUID::literal("2A01"), 0x02), second = s->add(UUID::literal("2A01"), 0x02);
   auto service = BLEService::create("SVC", s);
-  EXPECT_FALSE(service->enabled());
-  EXPECT_TRUE(service->startService());
-  EXPECT_TRUE(service->stopService());
   EXPECT_TRUE(service->characteristics().empty());
   service->setCharacteristics(
       {BLECharacteristic::create(first, "1"), BLECharacteristic::create(second, "2")});
   EXPECT_EQ(service->getCharacteristics(UUID::literal("2A01")), first);
   EXPECT_EQ(service->getCharacteristics(UUID::literal("2A02")), nullptr);
-  EXPECT_EQ(service->identifier(), kOther);
+  EXPECT_EQ(service->identifier(), UUID::literal("180D"));
 }
 
-TEST(TheUartService, PicksRxAndTxInListOrderAndAsksNotificationsForRxOnly) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
+TEST(TheUartService, PicksRxAndTxInListOrderAsksNotificationsForRxOnlyAndCopesWithoutThem) {
+  auto p = fake::FakePeripheral::withNUS();
   auto nus = NUSService::create(p->services().front());
   EXPECT_EQ(nus->name(), "NUS Service");
   test::LogCapture log;
-  auto rx = BLECharacteristic::create(p->characteristic(QLT_UUID::rxCharacteristicUUID()), "r");
-  auto tx = BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t");
-  nus->setCharacteristics({rx, tx});
-  EXPECT_EQ(nus->rx(), rx);
-  EXPECT_EQ(nus->tx(), tx);
-  EXPECT_EQ(nus->characteristics().size(), 2u);
-  auto lines = log.lines();
-  auto rxAt = std::find_if(lines.begin(), lines.end(),
-                           [](auto& l) { return l.find("RX found") != std::string::npos; });
-  auto txAt = std::find_if(lines.begin(), lines.end(),
-                           [](auto& l) { return l.find("TX found") != std::string::npos; });
-  ASSERT_NE(rxAt, lines.end());
-  ASSERT_NE(txAt, lines.end());
-  EXPECT_LT(rxAt, txAt);
-  auto requests = p->notifyRequests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].first, QLT_UUID::rxCharacteristicUUID());
-}
-
-TEST(TheUartService, WithOnlyTxReadsNothingAndWithoutTxWritesNothing) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
-  auto nus = NUSService::create(p->services().front());
-  test::LogCapture log;
   nus->write(Data::fromString("lost"));
-  EXPECT_TRUE(log.contains("No tx characteristic found in NUS"));
-  EXPECT_TRUE(p->writes().empty());
-
-  nus->setCharacteristics(
-      {BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t")});
-  EXPECT_NE(nus->tx(), nullptr);
-  EXPECT_EQ(nus->rx(), nullptr);
-  EXPECT_TRUE(p->notifyRequests().empty());
   EXPECT_FALSE(nus->read().has_value());
-  EXPECT_TRUE(log.contains("No rx characteristic found in NUS"));
+  auto rx = BLECharacteristic::create(p->characteristic(kRx), "r");
+  auto tx = BLECharacteristic::create(p->characteristic(kTx), "t");
+  nus->setCharacteristics({tx, rx});
+  EXPECT_EQ(std::make_pair(nus->rx(), nus->tx()), std::make_pair(rx, tx));
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{"No tx characteristic found in NUS",
+                                                   "No rx characteristic found in NUS", "TX found",
+                                                   "RX found"}));
+  EXPECT_EQ(p->snapshot(p->notifyRequests), (Requests{{kRx, true}}));
+  EXPECT_TRUE(p->snapshot(p->writes).empty());
 }
 
-TEST(TheUartService, WritesChunksOfAtMost161BytesWithAPauseBetweenThem) {
-  auto p = FakePeripheral::withNUS(nextIdentifier());
+TEST(TheUartService, WritesChunksOfAtMost161BytesPausingOnlyBetweenThem) {
+  auto p = fake::FakePeripheral::withNUS();
   auto nus = NUSService::create(p->services().front());
-  nus->setCharacteristics(
-      {BLECharacteristic::create(p->characteristic(QLT_UUID::txCharacteristicUUID()), "t")});
-  auto bytes = [](size_t n) {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i);
-    return Data::fromString(s);
-  };
-  using Clock = std::chrono::steady_clock;
-  struct Case {
-    size_t length;
-    std::vector<size_t> chunks;
-    int pauses;
-  };
-  for (const Case& c : {Case{161, {161}, 0}, Case{162, {161, 1}, 1}, Case{483, {161, 161, 161}, 2},
-                        Case{0, {}, 0}}) {
-    const size_t before = p->writes().size();
-    const auto start = Clock::now();
-    const Data message = bytes(c.length);
-    nus->write(message);
-    const auto elapsed = Clock::now() - start;
-    auto writes = p->writes();
-    std::vector<size_t> sizes;
+  nus->setCharacteristics({BLECharacteristic::create(p->characteristic(kTx), "t")});
+  // Each message is written 20 times: 5 ms per pause between chunks, none after the last.
+  for (auto [length, chunks] : {std::pair<size_t, std::vector<size_t>>{161, {161}},
+                                {162, {161, 1}},
+                                {483, {161, 161, 161}},
+                                {0, {}}}) {
+    std::string text(length, '\0');
+    for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>(i);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 20; ++i) nus->write(Data::fromString(text));
+    const double pauses = chunks.empty() ? 0.0 : 20.0 * (chunks.size() - 1);
+    EXPECT_GE(test::secondsSince(start), pauses * 0.005) << length;
+    EXPECT_LT(test::secondsSince(start), pauses * 0.0075 + 0.09)
+        << length << ": a pause after the last chunk?";
+    auto writes = p->snapshot(p->writes);
+    ASSERT_EQ(writes.size(), 20 * chunks.size()) << length;
     std::string joined;
-    for (size_t i = before; i < writes.size(); ++i) {
-      sizes.push_back(writes[i].data.length());
-      joined += writes[i].data.toString();
+    for (size_t i = 0; i < chunks.size(); ++i) {
+      EXPECT_EQ(writes[i].data.length(), chunks[i]) << length;
       EXPECT_EQ(writes[i].type, platform::WriteType::WithoutResponse);
+      joined += writes[i].data.toString();
     }
-    EXPECT_EQ(sizes, c.chunks) << c.length;
-    EXPECT_EQ(joined, message.toString());
-    EXPECT_GE(elapsed, std::chrono::microseconds(5000) * c.pauses) << c.length;
+    EXPECT_EQ(joined, text);
+    p->writes.clear();
   }
 }

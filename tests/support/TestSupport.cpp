@@ -1,8 +1,7 @@
 #include "support/TestSupport.h"
 
-#include <dirent.h>
-
 #include <algorithm>
+#include <filesystem>
 #include <thread>
 
 namespace qlt::test {
@@ -14,8 +13,6 @@ LogCapture::LogCapture() {
     cv_.notify_all();
   });
 }
-
-LogCapture::~LogCapture() { setLogSink(previous_); }
 
 std::vector<std::string> LogCapture::lines() const {
   std::lock_guard lock(mutex_);
@@ -29,8 +26,7 @@ size_t LogCapture::count(const std::string& line) const {
 
 bool LogCapture::waitFor(const std::string& line, std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
-  return cv_.wait_for(
-      lock, timeout, [&] { return std::find(lines_.begin(), lines_.end(), line) != lines_.end(); });
+  return cv_.wait_for(lock, timeout, [&] { return std::ranges::count(lines_, line) > 0; });
 }
 
 void LogCapture::clear() {
@@ -39,14 +35,9 @@ void LogCapture::clear() {
 }
 
 size_t osThreadCount() {
-  size_t n = 0;
-  if (DIR* dir = opendir("/proc/self/task")) {
-    while (dirent* e = readdir(dir)) {
-      if (e->d_name[0] != '.') ++n;
-    }
-    closedir(dir);
-  }
-  return n;
+  std::error_code ignored;  // a thread may end while the directory is read
+  auto tasks = std::filesystem::directory_iterator("/proc/self/task", ignored);
+  return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

@@ -16,7 +16,7 @@ namespace qlt::test {
 class LogCapture {
  public:
   LogCapture();
-  ~LogCapture();
+  ~LogCapture() { setLogSink(previous_); }
   std::vector<std::string> lines() const;
   size_t count(const std::string& line) const;
   bool contains(const std::string& line) const { return count(line) > 0; }
@@ -28,17 +28,15 @@ class LogCapture {
  private:
   mutable std::mutex mutex_;
   std::condition_variable cv_;
-  std::vector<std::string> lines_;
+  std::vector<std::string> lines_;  // guarded by mutex_
   LogSink previous_;
 };
 
 // Number of OS threads of this process (from /proc/self/task).
 size_t osThreadCount();
-
 // Polls `condition` every millisecond until true (returns true) or until `timeout`.
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
 // Seconds since `start`, as a double.
 double secondsSince(std::chrono::steady_clock::time_point start);
 

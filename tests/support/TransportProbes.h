@@ -2,9 +2,9 @@
 // receiver that keeps every payload delivered (on its own serial queue).
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "QueltLibrary/BLESlideWindow.h"
@@ -13,32 +13,20 @@
 
 namespace qlt::test {
 
-// Keeps every frame written through it, with the steady-clock time of the write.
 class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDelegate {
  public:
-  struct Frame {
-    Data data;
-    std::chrono::steady_clock::time_point at;
-  };
-  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&,
-                                  const Data& data) override {
-    add(data);
+  void transport_requestWriteData(const std::shared_ptr<BaseTransport>&, const Data& d) override {
+    std::lock_guard lock(mutex_);
+    frames_.push_back(d);
   }
   void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>&,
-                                    const Data& data) override {
-    add(data);
+                                    const Data& d) override {
+    transport_requestWriteData(nullptr, d);
   }
-  // Every frame so far, and forgets them.
+  // Every frame so far; forgets them.
   std::vector<Data> take() {
     std::lock_guard lock(mutex_);
-    std::vector<Data> out;
-    for (auto& f : frames_) out.push_back(f.data);
-    frames_.clear();
-    return out;
-  }
-  std::vector<Frame> timed() const {
-    std::lock_guard lock(mutex_);
-    return frames_;
+    return std::exchange(frames_, {});
   }
   size_t size() const {
     std::lock_guard lock(mutex_);
@@ -46,57 +34,47 @@ class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDel
   }
 
  private:
-  void add(const Data& data) {
-    std::lock_guard lock(mutex_);
-    frames_.push_back({data, std::chrono::steady_clock::now()});
-  }
   mutable std::mutex mutex_;
-  std::vector<Frame> frames_;
+  std::vector<Data> frames_;  // guarded by mutex_
 };
 
-// Keeps every payload delivered to it, as a transport's or a slide window's delegate.
 class PayloadInbox : public TransportDelegate, public BLESlideWindowDelegate {
  public:
-  PayloadInbox() : queue_(DispatchQueue::create("PayloadInbox")) {}
   const std::shared_ptr<DispatchQueue>& queue() const { return queue_; }
-
   void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& d) override {
-    addTcp(d);
+    add(tcp_, d);
   }
   void transport_udpDataReceived(const std::shared_ptr<BaseTransport>&, const Data& d) override {
-    addUdp(d);
+    add(udp_, d);
   }
   void slideWindow_tcpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
-    addTcp(d);
+    add(tcp_, d);
   }
   void slideWindow_udpDataReceived(const std::shared_ptr<BLESlideWindow>&, const Data& d) override {
-    addUdp(d);
+    add(udp_, d);
   }
-
-  // The payloads so far, after every delivery queued before this call has run.
-  std::vector<Data> tcp() {
-    queue_->sync([] {});
-    std::lock_guard lock(mutex_);
-    return tcp_;
-  }
-  std::vector<Data> udp() {
-    queue_->sync([] {});
-    std::lock_guard lock(mutex_);
-    return udp_;
-  }
+  // What arrived (and how much of it ran anywhere but on queue()), once every delivery
+  // queued before the call has run.
+  std::vector<Data> tcp() { return flushed(tcp_); }
+  std::vector<Data> udp() { return flushed(udp_); }
+  size_t offQueue() { return flushed(offQueue_); }
 
  private:
-  void addTcp(const Data& d) {
+  void add(std::vector<Data>& to, const Data& d) {
     std::lock_guard lock(mutex_);
-    tcp_.push_back(d);
+    to.push_back(d);
+    offQueue_ += !queue_->isCurrent();
   }
-  void addUdp(const Data& d) {
+  template <class T>
+  T flushed(const T& field) {
+    queue_->sync([] {});
     std::lock_guard lock(mutex_);
-    udp_.push_back(d);
+    return field;
   }
-  std::shared_ptr<DispatchQueue> queue_;
+  const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::create("PayloadInbox");
   std::mutex mutex_;
-  std::vector<Data> tcp_, udp_;
+  std::vector<Data> tcp_, udp_;  // guarded by mutex_
+  size_t offQueue_ = 0;          // guarded by mutex_
 };
 
 }  // namespace qlt::test

@@ -6,97 +6,58 @@
 #include "QueltLibrary/SlideWindowFrame.h"
 
 using namespace qlt;
+using Bytes = std::vector<uint8_t>;
 
-namespace {
-std::vector<uint8_t> bytes(std::initializer_list<uint8_t> b) { return b; }
-}  // namespace
-
-TEST(TheFrameFormat, BuildsEachKindByteForByte) {
+TEST(TheFrameFormat, BuildsEachKindByteForByteAndNothingThatDoesNotFit) {
   std::array<uint8_t, 121> buf{};
   const uint8_t payload[] = {0xAA, 0xBB};
-  ASSERT_EQ(buildSegment(buf, 2, payload), 3u);
-  EXPECT_EQ(buf[0], 0x20);
-  EXPECT_EQ(buf[2], 0xBB);
-  ASSERT_EQ(buildSegment(buf, 7, payload), 3u);  // sequence taken modulo 4
-  EXPECT_EQ(buf[0], 0x30);
-  ASSERT_EQ(buildDatagram(buf, payload), 3u);
-  EXPECT_EQ(buf[0], 0x02);
-  ASSERT_EQ(buildPoll(buf, 1, 3), 3u);
-  EXPECT_EQ(bytes({buf[0], buf[1], buf[2]}), bytes({0x01, 0x01, 0x03}));
-  EXPECT_EQ(ackHeader(3), 0x33);
-  EXPECT_EQ(ackHeader(0), 0x03);
-  EXPECT_EQ(rejectHeader(1), 0x15);
-
-  // A full segment fits the 121-byte buffer exactly; one more byte does not, and nothing
-  // is written then.
-  std::array<uint8_t, 121> big{};
-  std::vector<uint8_t> p120(120, 7), p121(121, 7);
-  EXPECT_EQ(buildSegment(big, 0, p120), 121u);
-  big[0] = 0xEE;
-  EXPECT_EQ(buildSegment(big, 1, p121), 0u);
-  EXPECT_EQ(big[0], 0xEE);
-  EXPECT_EQ(buildPoll(std::span(big.data(), 2), 0, 1), 0u);
+  auto built = [&](size_t n) { return Bytes(buf.begin(), buf.begin() + n); };
+  EXPECT_EQ(built(buildSegment(buf, 7, payload)), (Bytes{0x30, 0xAA, 0xBB}));  // 7 modulo 4
+  EXPECT_EQ(built(buildDatagram(buf, payload)), (Bytes{0x02, 0xAA, 0xBB}));
+  EXPECT_EQ(built(buildPoll(buf, 1, 3)), (Bytes{0x01, 0x01, 0x03}));
+  EXPECT_EQ((Bytes{ackHeader(0), ackHeader(3), rejectHeader(1)}), (Bytes{0x03, 0x33, 0x15}));
+  EXPECT_EQ(buildSegment(buf, 0, Bytes(120, 7)), 121u);  // fills the buffer exactly
+  buf[0] = 0xEE;
+  EXPECT_EQ(buildSegment(buf, 1, Bytes(121, 7)), 0u);  // one byte too many: nothing written
+  EXPECT_EQ(buildPoll(std::span(buf.data(), 2), 0, 1), 0u);
+  EXPECT_EQ(buf[0], 0xEE);
 }
 
-TEST(TheFrameFormat, ParsesWithinTheSpanAndCallsShortFramesMalformed) {
-  EXPECT_EQ(parseFrame({}).kind, FrameKind::Malformed);
-  auto shortPoll = bytes({0x01, 0x00});
-  EXPECT_EQ(parseFrame(shortPoll).kind, FrameKind::Malformed);
-  auto headerOnlySegment = bytes({0x10});
-  EXPECT_EQ(parseFrame(headerOnlySegment).kind, FrameKind::Malformed);
-
-  // Parse a view of a larger buffer: nothing beyond the view may count.
-  auto big = bytes({0x01, 0x02, 0x03, 0x99});
+TEST(TheFrameFormat, ParsesEachKindWithinTheSpanAndCallsShortFramesMalformed) {
+  const std::tuple<Bytes, FrameKind, int, size_t> cases[] = {
+      {{}, FrameKind::Malformed, -1, 0},
+      {{0x01, 0x00}, FrameKind::Malformed, -1, 0},  // a poll needs 3 bytes
+      {{0x10}, FrameKind::Malformed, -1, 0},        // a segment needs a payload
+      {{0x40, 1, 2}, FrameKind::Segment, 4, 2},     // the whole nibble, never matched
+      {{0xF2}, FrameKind::Datagram, -1, 0},  // any data frame with bit 1; header only is empty
+      {{0x23}, FrameKind::Ack, 2, 0},
+      {{0x15}, FrameKind::Reject, 1, 0},
+      {{0x0F}, FrameKind::OtherControl, -1, 0}};
+  for (const auto& [frame, kind, sequence, payload] : cases) {
+    const auto p = parseFrame(frame);
+    EXPECT_EQ(p.kind, kind) << testing::PrintToString(frame);
+    EXPECT_TRUE(sequence < 0 || p.sequence == sequence) << testing::PrintToString(frame);
+    EXPECT_EQ(p.payload.size(), payload) << testing::PrintToString(frame);
+  }
+  const Bytes big = {0x01, 0x02, 0x03, 0x99};  // a view of a larger buffer: only the view counts
   EXPECT_EQ(parseFrame(std::span(big.data(), 2)).kind, FrameKind::Malformed);
   auto poll = parseFrame(std::span(big.data(), 3));
-  EXPECT_EQ(poll.kind, FrameKind::Poll);
-  EXPECT_EQ(poll.pollFirst, 2);
-  EXPECT_EQ(poll.pollNext, 3);
-
-  auto seg = parseFrame(bytes({0x40, 1, 2}));
-  EXPECT_EQ(seg.kind, FrameKind::Segment);
-  EXPECT_EQ(seg.sequence, 4);  // the whole nibble, never matched by a reader
-  EXPECT_EQ(seg.payload.size(), 2u);
-
-  // A datagram is any data frame with bit 1 set; header only is an empty payload.
-  auto dgram = parseFrame(bytes({0xF2}));
-  EXPECT_EQ(dgram.kind, FrameKind::Datagram);
-  EXPECT_TRUE(dgram.payload.empty());
-
-  EXPECT_EQ(parseFrame(bytes({0x23})).kind, FrameKind::Ack);
-  EXPECT_EQ(parseFrame(bytes({0x23})).sequence, 2);
-  EXPECT_EQ(parseFrame(bytes({0x15})).kind, FrameKind::Reject);
-  EXPECT_EQ(parseFrame(bytes({0x07})).kind, FrameKind::OtherControl);
-  EXPECT_EQ(parseFrame(bytes({0x0F})).kind, FrameKind::OtherControl);
+  EXPECT_EQ(std::make_tuple(poll.kind, poll.pollFirst, poll.pollNext),
+            std::make_tuple(FrameKind::Poll, uint8_t{2}, uint8_t{3}));
+  EXPECT_EQ(describeFrame(Bytes{0x01, 0, 3}, true), "→ poll 0..3");
+  EXPECT_EQ(describeFrame(Bytes{0x0B}, false), "← ctl type=5 1 B");
 }
 
 TEST(TheFrameFormat, ComparesUnwrappedSequenceNumbers) {
-  // Window 3..1 (3, 0, 1 in flight): 3, 0, 1 are inside, 2 is not.
-  EXPECT_TRUE(inWindowInclusive(3, 3, 1));
-  EXPECT_TRUE(inWindowInclusive(3, 0, 1));
-  EXPECT_TRUE(inWindowInclusive(3, 1, 1));
-  EXPECT_FALSE(inWindowInclusive(3, 2, 1));
-  EXPECT_FALSE(inWindowExclusive(3, 1, 1));
-  EXPECT_TRUE(inWindowExclusive(3, 0, 1));
-  // An empty window holds only its start (inclusive) and nothing (exclusive).
-  EXPECT_TRUE(inWindowInclusive(2, 2, 2));
-  EXPECT_FALSE(inWindowExclusive(2, 2, 2));
-  EXPECT_FALSE(inWindowInclusive(0, 4, 3));
+  // Window 3..1 (3, 0, 1 in flight): 3, 0, 1 are inside, 2 is not; 1 is its end.
+  // An empty window 2..2 holds only its start (inclusive) and nothing (exclusive).
+  const std::tuple<uint8_t, uint8_t, uint8_t, bool, bool> cases[] = {
+      {3, 3, 1, true, true},   {3, 0, 1, true, true},  {3, 1, 1, true, false},
+      {3, 2, 1, false, false}, {2, 2, 2, true, false}, {0, 4, 3, false, false}};
+  for (auto [a, x, b, inclusive, exclusive] : cases) {
+    EXPECT_EQ(inWindowInclusive(a, x, b), inclusive) << int(a) << int(x) << int(b);
+    EXPECT_EQ(inWindowExclusive(a, x, b), exclusive) << int(a) << int(x) << int(b);
+  }
   EXPECT_EQ(sequenceDistance(3, 1), 2);
   EXPECT_EQ(sequenceDistance(1, 1), 0);
-}
-
-TEST(TheFrameFormat, DescribesFramesInOneLine) {
-  std::vector<uint8_t> seg(121, 0);
-  seg[0] = 0x10;
-  EXPECT_EQ(describeFrame(seg, true), "→ seg seq=1 120 B");
-  std::vector<uint8_t> dgram(13, 0);
-  dgram[0] = 0x02;
-  EXPECT_EQ(describeFrame(dgram, true), "→ dgram 12 B");
-  EXPECT_EQ(describeFrame(bytes({0x23}), false), "← ack R=2");
-  EXPECT_EQ(describeFrame(bytes({0x15}), false), "← rej R=1");
-  EXPECT_EQ(describeFrame(bytes({0x01, 0, 3}), true), "→ poll 0..3");
-  EXPECT_EQ(describeFrame(bytes({0x01}), false), "← malformed 1 B");
-  EXPECT_EQ(describeFrame({}, false), "← malformed 0 B");
-  EXPECT_EQ(describeFrame(bytes({0x0B}), false), "← ctl type=5 1 B");
 }
