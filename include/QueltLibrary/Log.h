@@ -58,9 +58,7 @@ LogArg toLogArg(const T& v) {
   using D = std::decay_t<T>;
   if constexpr (std::is_same_v<D, bool>) {
     return LogArg::sig(v ? 1 : 0);
-  } else if constexpr (std::is_enum_v<D>) {
-    return LogArg::sig(static_cast<long long>(v));
-  } else if constexpr (std::is_integral_v<D> && std::is_signed_v<D>) {
+  } else if constexpr (std::is_enum_v<D> || (std::is_integral_v<D> && std::is_signed_v<D>)) {
     return LogArg::sig(static_cast<long long>(v));
   } else if constexpr (std::is_integral_v<D>) {
     return LogArg::uns(static_cast<unsigned long long>(v));

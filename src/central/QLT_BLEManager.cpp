@@ -21,7 +21,7 @@ QLT_BLEManager::~QLT_BLEManager() = default;
 
 std::shared_ptr<QLT_BLEManager> QLT_BLEManager::create(std::shared_ptr<platform::Backend> backend) {
   auto manager = std::shared_ptr<QLT_BLEManager>(new QLT_BLEManager());
-  manager->setUp(backend ? backend : platform::currentBackend());
+  manager->setUp(backend ? std::move(backend) : platform::currentBackend());
   return manager;
 }
 

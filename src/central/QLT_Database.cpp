@@ -14,6 +14,7 @@
 #include <ctime>
 #include <fstream>
 #include <sstream>
+#include <system_error>
 
 #include <nlohmann/json.hpp>
 
@@ -73,7 +74,7 @@ void moveAside(const std::string& path, const std::string& why) {
     QLTLog(
         "QLT_Database : %@ is damaged (%@); starting with an empty store (could not move it aside: "
         "%@)",
-        path, why, std::string(std::strerror(errno)));
+        path, why, std::generic_category().message(errno));
   }
 }
 
@@ -82,7 +83,7 @@ std::vector<std::string> readStore(const std::string& path) {
   if (!in) {
     if (errno == ENOENT) return {};  // a fresh installation
     QLTLog("QLT_Database : cannot read %@ (%@); starting with an empty store", path,
-           std::string(std::strerror(errno)));
+           std::generic_category().message(errno));
     return {};
   }
   std::stringstream buffer;
@@ -143,11 +144,15 @@ std::string QLT_Database::storePath() {
     std::lock_guard lock(pathMutex());
     if (pathOverride()) return *pathOverride();
   }
+  // The environment is read, never changed, by the library: getenv does not race here.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): see above
   if (const char* p = std::getenv("QLT_STORE_PATH"); p && *p) return p;
   const std::string tail = "/QueltLibrary/known-peripherals.json";
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): see above
   if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg == '/') return xdg + tail;
-  const char* home = std::getenv("HOME");
+  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe): see above
   if (!home || !*home) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): only without HOME; nothing else here calls it
     if (const passwd* pw = getpwuid(getuid())) home = pw->pw_dir;
   }
   return std::string(home ? home : ".") + "/.config" + tail;
@@ -214,7 +219,7 @@ bool QLT_Database::synchronize() {
   const std::string path = storePath();
   const std::string dir = directoryOf(path);
   if (!makeDirectories(dir)) {
-    QLTLog("QLT_Database : cannot create %@ (%@)", dir, std::string(std::strerror(errno)));
+    QLTLog("QLT_Database : cannot create %@ (%@)", dir, std::generic_category().message(errno));
     return false;
   }
   static std::atomic<unsigned> counter{0};
@@ -222,7 +227,7 @@ bool QLT_Database::synchronize() {
       path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (fd < 0) {
-    QLTLog("QLT_Database : cannot write %@ (%@)", tmp, std::string(std::strerror(errno)));
+    QLTLog("QLT_Database : cannot write %@ (%@)", tmp, std::generic_category().message(errno));
     return false;
   }
   bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, text) && ::fsync(fd) == 0;
@@ -230,7 +235,7 @@ bool QLT_Database::synchronize() {
   ok = (::close(fd) == 0) && ok;
   if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
     QLTLog("QLT_Database : cannot save %@ (%@)", path,
-           std::string(std::strerror(ok ? errno : savedErrno)));
+           std::generic_category().message(ok ? errno : savedErrno));
     ::unlink(tmp.c_str());
     return false;
   }

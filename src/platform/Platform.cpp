@@ -66,6 +66,7 @@ std::shared_ptr<Backend> currentBackend() {
     if (gBackend) return gBackend;
   }
   std::shared_ptr<Backend> chosen;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the library reads the environment, never changes it
   const char* env = std::getenv("QLT_PLATFORM");
   if (env && *env) {
     chosen = makeBuiltin(env);

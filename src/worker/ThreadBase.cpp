@@ -22,6 +22,7 @@ ThreadBase::~ThreadBase() {
     auto finishing = std::make_shared<std::thread>(std::move(thread_));
     // Never destroyed: a worker may end while the process exits, after static destructors.
     static const auto* reaper =
+        // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): out of memory ends the process
         new std::shared_ptr<DispatchQueue>(DispatchQueue::create("ThreadBase.reaper"));
     (*reaper)->async([finishing] { finishing->join(); });
   } else {

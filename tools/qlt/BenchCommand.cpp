@@ -19,7 +19,7 @@ namespace {
 struct BenchOptions {
   CommonOptions common;
   std::string device;  // empty: the simulated echo device
-  uint64_t bytes = 64 * 1024;
+  uint64_t bytes = uint64_t{64} * 1024;
   double loss = -1;  // < 0: the simulated radio's own (none unless --sim-config says)
   double intervalMs = -1;
   std::string transport = "sw";

@@ -16,7 +16,7 @@ struct DemoOptions {
   CommonOptions common;
   double loss = -1;        // < 0: the simulated radio's own (none unless --sim-config says)
   double intervalMs = -1;  // < 0: the simulated device's own interval
-  uint64_t bytes = 64 * 1024;
+  uint64_t bytes = uint64_t{64} * 1024;
   std::string message = "Hello from qlt";
   double scanS = 1.5;
 };
@@ -55,6 +55,7 @@ int runDemo(const DemoOptions& o) {
   LiveTable table({"identifier", "name", "RSSI", "NUS"});
   const auto devices = session.scan("", /*nusOnly=*/true, o.scanS, nullptr);
   std::vector<std::vector<std::string>> rows;
+  rows.reserve(devices.size());
   for (const auto& d : devices)
     rows.push_back({d.identifier, d.name.empty() ? "(no name)" : d.name, std::to_string(d.rssi),
                     d.nus ? "yes" : "no"});

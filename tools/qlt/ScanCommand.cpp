@@ -48,6 +48,7 @@ int runScan(const ScanOptions& o) {
           if (first) printLine(toJson(d).dump());
         } else if (live) {
           std::vector<std::vector<std::string>> rows;
+          rows.reserve(order.size());
           for (const auto& id : order) rows.push_back(toRow(latest[id]));
           table.show(rows);
         } else if (first) {

@@ -33,7 +33,7 @@ void writeRaw(std::string_view s) { std::fwrite(s.data(), 1, s.size(), stdout); 
 bool stdoutIsTerminal() {
   static const bool terminal = [] {
     if (!::isatty(STDOUT_FILENO)) return false;
-    const char* term = std::getenv("TERM");
+    const char* term = std::getenv("TERM");  // NOLINT(concurrency-mt-unsafe): read once
     return !(term && std::strcmp(term, "dumb") == 0);
   }();
   return terminal;

@@ -1,12 +1,14 @@
 #include "DeviceBehaviour.h"
 
 #include <chrono>
+#include <optional>
 #include <vector>
 
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "SimLink.h"
 #include "protocol/SlideWindowEngine.h"
+#include "protocol/SlideWindowRound.h"
 
 namespace qlt::sim {
 
@@ -30,10 +32,11 @@ class ChunkEcho final : public DeviceBehaviour {
 // Runs the library's own sliding-window engine in the device's role: frames written by
 // the central go to its receive(); the frames it writes go out as notifications. Echoes
 // every payload back (sw-echo), or sends a pattern once notifications are on (source).
-// Everything runs on the device queue: the engine's rounds are a task that puts itself
-// back every millisecond (the pace of a transport's worker) until the link ends, so a
-// simulated link costs no thread. Payloads are handled in tasks of their own, after the
-// receive that delivered them.
+// Everything runs on the device queue, and a simulated link costs no thread: a round runs
+// in a task of its own right after every input (a write from the central, a payload to
+// echo) and then when stepRound says the next one is due; an idle link has no task
+// pending. Payloads are handled in tasks of their own, after the receive that delivered
+// them.
 class SlidingWindow final : public DeviceBehaviour,
                             public SlideWindowEngine::Face,
                             public std::enable_shared_from_this<SlidingWindow> {
@@ -48,7 +51,6 @@ class SlidingWindow final : public DeviceBehaviour,
   void connected() override {
     engine_ = std::make_unique<SlideWindowEngine>(
         *this, SlideWindowParameters{kTcpSegmentSize, kTcpPollTimeout}, Clock::monotonic());
-    scheduleRound();
   }
   void notificationsChanged(bool enabled) override {
     if (echo_ || !enabled || sent_ || !engine_) return;
@@ -57,9 +59,12 @@ class SlidingWindow final : public DeviceBehaviour,
     for (uint64_t i = 0; i < sourceBytes_; ++i) pattern[i] = static_cast<uint8_t>(i % 251);
     if (auto link = link_.lock()) link->counters().payloadBytesSent.fetch_add(sourceBytes_);
     engine_->sendTCP(pattern.data(), pattern.size());
+    roundIn(std::chrono::nanoseconds::zero());
   }
   void written(const Data& value) override {
-    if (engine_) engine_->receive(value);
+    if (!engine_) return;
+    engine_->receive(value);
+    roundIn(std::chrono::nanoseconds::zero());
   }
   void disconnected() override { engine_.reset(); }
 
@@ -74,6 +79,7 @@ class SlidingWindow final : public DeviceBehaviour,
       if (!self->echo_ || !self->engine_) return;
       if (link) link->counters().payloadBytesSent.fetch_add(payload.length());
       self->engine_->sendTCP(payload.bytes(), payload.length());
+      self->roundIn(std::chrono::nanoseconds::zero());
     });
   }
   void deliverUDP(const Data& payload) override {
@@ -83,23 +89,36 @@ class SlidingWindow final : public DeviceBehaviour,
   }
 
  private:
-  static constexpr std::chrono::milliseconds kRoundInterval{1};
+  using SteadyClock = std::chrono::steady_clock;
 
-  void scheduleRound() {
-    deviceQueue_->asyncAfter(kRoundInterval, [weak = weak_from_this()] {
+  // Makes sure a round runs within `delay`. One task is the pending round; a sooner need
+  // schedules a new one, and the task it replaces finds itself stale and does nothing.
+  void roundIn(std::chrono::nanoseconds delay) {
+    const auto due = SteadyClock::now() + delay;
+    if (roundDue_ && *roundDue_ <= due) return;
+    roundDue_ = due;
+    const uint64_t ticket = ++roundTicket_;
+    auto task = [weak = weak_from_this(), ticket] {
       auto self = weak.lock();
-      if (!self || !self->engine_) return;
-      self->engine_->round();
-      self->scheduleRound();
-    });
+      if (!self || !self->engine_ || ticket != self->roundTicket_) return;
+      self->roundDue_.reset();
+      if (auto next = stepRound(*self->engine_)) self->roundIn(*next);
+    };
+    if (delay <= std::chrono::nanoseconds::zero()) {
+      deviceQueue_->async(std::move(task));
+    } else {
+      deviceQueue_->asyncAfter(delay, std::move(task));
+    }
   }
 
   const bool echo_;
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
-  std::unique_ptr<SlideWindowEngine> engine_;  // device queue only; null once disconnected
-  bool sent_ = false;                          // device queue only
+  std::unique_ptr<SlideWindowEngine> engine_;        // device queue only; null once disconnected
+  bool sent_ = false;                                // device queue only
+  std::optional<SteadyClock::time_point> roundDue_;  // device queue only: the pending round's time
+  uint64_t roundTicket_ = 0;                         // device queue only: the pending round's task
 };
 
 }  // namespace

@@ -155,11 +155,12 @@ void SimLink::writeWithResponse(const UUID& characteristic, const Data& value,
   }
   if (count == Count::Refuse) return;
   auto self = shared_from_this();
-  toDevice_->push(faults_.connectionInterval, [self, characteristic, value, answer] {
-    if (!self->isUp()) return;
-    self->deviceWritten(characteristic, value);
-    self->toCentral_->push(self->faults_.connectionInterval, answer);
-  });
+  toDevice_->push(faults_.connectionInterval,
+                  [self, characteristic, value, answer = std::move(answer)] {
+                    if (!self->isUp()) return;
+                    self->deviceWritten(characteristic, value);
+                    self->toCentral_->push(self->faults_.connectionInterval, answer);
+                  });
   if (count == Count::CarryThenDrop) dropBehind(toDevice_);
 }
 
@@ -173,15 +174,16 @@ void SimLink::deviceWritten(const UUID& characteristic, const Data& value) {
 void SimLink::setNotify(const UUID& characteristic, bool enabled, std::function<void()> answer) {
   if (!isUp()) return;
   auto self = shared_from_this();
-  toDevice_->push(faults_.connectionInterval, [self, characteristic, enabled, answer] {
-    if (!self->isUp()) return;
-    // The answer is on the air before anything the device sends because of it.
-    self->toCentral_->push(self->faults_.connectionInterval, answer);
-    if (characteristic == QLT_UUID::rxCharacteristicUUID() &&
-        self->rxNotifying_.exchange(enabled) != enabled && self->behaviour_) {
-      self->behaviour_->notificationsChanged(enabled);
-    }
-  });
+  toDevice_->push(faults_.connectionInterval,
+                  [self, characteristic, enabled, answer = std::move(answer)] {
+                    if (!self->isUp()) return;
+                    // The answer is on the air before anything the device sends because of it.
+                    self->toCentral_->push(self->faults_.connectionInterval, answer);
+                    if (characteristic == QLT_UUID::rxCharacteristicUUID() &&
+                        self->rxNotifying_.exchange(enabled) != enabled && self->behaviour_) {
+                      self->behaviour_->notificationsChanged(enabled);
+                    }
+                  });
 }
 
 void SimLink::read(const UUID& characteristic, std::function<void(const Data&)> answer) {
@@ -192,13 +194,13 @@ void SimLink::read(const UUID& characteristic, std::function<void(const Data&)> 
       if (c.uuid == characteristic && c.value) value = *c.value;
     }
   }
-  request([answer, value] { answer(value); });
+  request([answer = std::move(answer), value] { answer(value); });
 }
 
 void SimLink::request(std::function<void()> answer) {
   if (!isUp()) return;
   auto self = shared_from_this();
-  toDevice_->push(faults_.connectionInterval, [self, answer] {
+  toDevice_->push(faults_.connectionInterval, [self, answer = std::move(answer)] {
     if (!self->isUp()) return;
     self->toCentral_->push(self->faults_.connectionInterval, answer);
   });
