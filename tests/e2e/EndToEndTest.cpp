@@ -18,56 +18,21 @@ using e2e::pattern;
 template <class Side>
 class TheLibrary : public ::testing::Test {
  protected:
-  // The adapter is powered on only once the application listens, so it hears every state.
   void SetUp() override {
     const auto why = side.start();
     if (why.rfind("skip: ", 0) == 0) GTEST_SKIP() << why;
     ASSERT_EQ(why, "");
-    side.power(false);
-    manager = QLT_BLEManager::create(side.backend());
-    manager->addDelegate(app, appQueue);
-    manager->moduleQueue()->sync([] {});
-    ASSERT_TRUE(eventually([&] {
-      auto central = manager->centralManager();
-      return central && central->state() == platform::CentralState::PoweredOff;
-    }));
-    manager->centralQueue()->sync([] {});
-    appQueue->sync([] {});
-    app->clear();
-    side.power(true);
-    ASSERT_TRUE(app->waitForManagerState(QLT_BLEManagerStateIdle));
+    world.emplace(side);
+    manager = world->manager;
+    app = world->app;
   }
-  // Ends every link, so no transport outlives the bus it writes to.
-  void TearDown() override {
-    for (auto& p : followed) manager->disconnect(p);
-    for (auto& p : followed)
-      eventually([&] { return p->state() == QLT_PeripheralStateDisconnected; });
-    DispatchQueue::main()->sync([] {});
-  }
-
-  // Scans with a filter on the name (called on the central's queue); the wrapper, followed.
+  void TearDown() override { world.reset(); }
   std::shared_ptr<QLT_Peripheral> find(const std::string& name) {
-    const size_t before = app->discovered().size();
-    manager->startDiscover([this, name](const std::shared_ptr<platform::Peripheral>&,
-                                        const std::optional<std::string>& localName,
-                                        const platform::AdvertisementData&, int) {
-      EXPECT_TRUE(manager->centralQueue()->isCurrent());
-      return localName == name;
-    });
-    EXPECT_TRUE(app->waitForDiscoveries(before + 1));
-    manager->stopDiscover();
-    auto found = app->discovered();
-    app->clear();
-    if (found.empty()) return nullptr;
-    found.back()->addDelegate(app, appQueue);
-    found.back()->moduleQueue()->sync([] {});
-    followed.push_back(found.back());
-    return found.back();
+    auto p = world->find(name);
+    if (p) world->follow(p);
+    return p;
   }
-  bool connectReady(const std::shared_ptr<QLT_Peripheral>& p) {
-    manager->connect(p);
-    return app->waitForState(QLT_PeripheralStateReady);
-  }
+  bool connectReady(const std::shared_ptr<QLT_Peripheral>& p) { return world->connectReady(p); }
   bool echoes(const std::shared_ptr<QLT_Peripheral>& p, const std::string& message,
               size_t segment) {
     app->clear();
@@ -78,10 +43,9 @@ class TheLibrary : public ::testing::Test {
   }
 
   Side side;
+  std::optional<e2e::World<Side>> world;
   std::shared_ptr<QLT_BLEManager> manager;
-  std::shared_ptr<PeripheralRecorder> app = std::make_shared<PeripheralRecorder>();
-  std::shared_ptr<DispatchQueue> appQueue = DispatchQueue::create("app");
-  std::vector<std::shared_ptr<QLT_Peripheral>> followed;
+  std::shared_ptr<PeripheralRecorder> app;
 };
 
 #ifndef QLT_TESTS_WITHOUT_BLUEZ

@@ -1,11 +1,11 @@
-// The backends the platform and end-to-end suites run on, each with its default devices
-// QLT-Echo (sliding-window echo), QLT-Chunk (echoes every write) and HR-Sensor (no UART
-// service), and the faults a test can make happen on it.
+// The backends the platform and end-to-end suites run on, each with the devices QLT-Echo
+// (sliding-window echo), QLT-Chunk (echoes every write) and HR-Sensor (no UART service), and
+// the faults a test can make happen on it.
 #pragma once
 
 #include <string>
 
-#include "QueltLibrary/sim/SimRadio.h"
+#include "support/SimWorld.h"
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
 #include "MockBluez.h"
 #include "platform/bluez/BluezBackend.h"
@@ -14,31 +14,7 @@
 
 namespace qlt::test {
 
-// The simulated radio with its default devices.
-struct Sim {
-  static constexpr const char* kName = "sim";
-  std::shared_ptr<sim::SimRadio> radio = sim::SimRadio::create(true);
-  std::string start() { return ""; }
-  std::shared_ptr<platform::Backend> backend() { return radio->backend(); }
-  UUID id(const std::string& name) {
-    for (const auto& d : radio->devices()) {
-      if (d.localName == name) return d.identifier;
-    }
-    return {};
-  }
-  void power(bool on) { radio->setPowered(on); }
-  void drop(const std::string& name) { radio->dropLink(id(name)); }
-  void failConnects(bool fail) {
-    sim::AirFaults faults;
-    faults.connectFailure = fail ? 1.0 : 0.0;
-    radio->setFaults(faults);
-  }
-  void slowAir() {  // answers are still in the air when the test reconnects
-    sim::AirFaults faults;
-    faults.connectionInterval = 0.02;
-    radio->setFaults(faults);
-  }
-};
+using e2e::Sim;
 
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
 using Json = nlohmann::json;
