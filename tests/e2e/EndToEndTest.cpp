@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <set>
+#include <thread>
 
 #include "platform/Backends.h"
 #include "support/SimWorld.h"

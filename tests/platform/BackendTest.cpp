@@ -24,81 +24,70 @@ const UUID kTx = UUID::literal("6e400002-b5a3-f393-e0a9-e50e24dcca9e");
 const UUID kRx = UUID::literal("6e400003-b5a3-f393-e0a9-e50e24dcca9e");
 Data bytes(const std::string& text) { return Data::fromString(text); }
 
-// One platform callback as it arrived.
+// One platform callback as it arrived, with the queue it came on.
 struct Event {
-  Event(std::string k, std::shared_ptr<platform::Peripheral> p = {},
-        std::optional<platform::Error> e = {})
-      : kind(std::move(k)), peripheral(std::move(p)), error(std::move(e)) {}
   std::string
       kind;  // state discover connect fail disconnect services characteristics notify value write
-  std::shared_ptr<platform::Peripheral> peripheral;
-  std::optional<platform::Error> error;
-  CentralState state = CentralState::Unknown;
-  platform::AdvertisementData advertisement;
-  int rssi = 0;
-  std::optional<Data> value;  // the characteristic's value as the call saw it
+  std::shared_ptr<platform::Peripheral> peripheral{};
+  std::optional<platform::Error> error{};
+  std::shared_ptr<platform::Characteristic> characteristic{};
+  std::optional<Data> value{};  // the characteristic's value as the call saw it
   bool notifying = false;
-  std::string queue;
+  CentralState state = CentralState::Unknown;
+  platform::AdvertisementData advertisement{};
+  int rssi = 0;
+  std::string queue = DispatchQueue::currentLabel();
 };
 
-// Records every central and peripheral callback, in order, with the queue it came on.
 class Recorder final : public platform::CentralDelegate, public platform::PeripheralDelegate {
- public:
   using P = std::shared_ptr<platform::Peripheral>;
   using E = std::optional<platform::Error>;
   using C = std::shared_ptr<platform::Characteristic>;
+
+ public:
   void centralManagerDidUpdateState(platform::Central& c) override {
-    Event event{"state"};
-    event.state = c.state();
-    record(std::move(event));
+    record({.kind = "state", .state = c.state()});
   }
   void centralManager_didDiscoverPeripheral_advertisementData_RSSI(
       platform::Central&, const P& p, const platform::AdvertisementData& a, int rssi) override {
-    Event event{"discover", p};
-    event.advertisement = a;
-    event.rssi = rssi;
-    record(std::move(event));
+    record({.kind = "discover", .peripheral = p, .advertisement = a, .rssi = rssi});
   }
   void centralManager_didConnectPeripheral(platform::Central&, const P& p) override {
-    record(Event{"connect", p});
+    record({.kind = "connect", .peripheral = p});
   }
   void centralManager_didFailToConnectPeripheral_error(platform::Central&, const P& p,
                                                        const E& e) override {
-    record(Event{"fail", p, e});
+    record({.kind = "fail", .peripheral = p, .error = e});
   }
   void centralManager_didDisconnectPeripheral_error(platform::Central&, const P& p,
                                                     const E& e) override {
-    record(Event{"disconnect", p, e});
+    record({.kind = "disconnect", .peripheral = p, .error = e});
   }
   void peripheral_didDiscoverServices(const P& p, const E& e) override {
-    record(Event{"services", p, e});
+    record({.kind = "services", .peripheral = p, .error = e});
   }
   void peripheral_didDiscoverCharacteristicsForService_error(
       const P& p, const std::shared_ptr<platform::Service>&, const E& e) override {
-    record(Event{"characteristics", p, e});
+    record({.kind = "characteristics", .peripheral = p, .error = e});
   }
   void peripheral_didUpdateNotificationStateForCharacteristic_error(const P& p, const C& c,
                                                                     const E& e) override {
-    Event event{"notify", p, e};
-    event.notifying = c->isNotifying();
-    record(std::move(event));
+    record({.kind = "notify", .peripheral = p, .error = e, .notifying = c->isNotifying()});
   }
   void peripheral_didUpdateValueForCharacteristic_error(const P& p, const C& c,
                                                         const E& e) override {
-    Event event{"value", p, e};
-    event.value = c->value();
-    record(std::move(event));
+    record(
+        {.kind = "value", .peripheral = p, .error = e, .characteristic = c, .value = c->value()});
   }
   void peripheral_didWriteValueForCharacteristic_error(const P& p, const C&, const E& e) override {
-    record(Event{"write", p, e});
+    record({.kind = "write", .peripheral = p, .error = e});
   }
 
   std::vector<Event> events(const std::string& kind = "") const {
     std::lock_guard lock(mutex_);
     std::vector<Event> out;
-    for (const auto& e : events_) {
-      if (kind.empty() || e.kind == kind) out.push_back(e);
-    }
+    std::copy_if(events_.begin(), events_.end(), std::back_inserter(out),
+                 [&](const Event& e) { return kind.empty() || e.kind == kind; });
     return out;
   }
   size_t count(const std::string& kind) const { return events(kind).size(); }
@@ -106,15 +95,11 @@ class Recorder final : public platform::CentralDelegate, public platform::Periph
   std::optional<Event> waitFor(const std::string& kind, size_t n = 1,
                                std::chrono::milliseconds timeout = 10s) const {
     std::unique_lock lock(mutex_);
-    std::optional<Event> found;
-    cv_.wait_for(lock, timeout, [&] {
-      size_t seen = 0;
-      for (const auto& e : events_) {
-        if (e.kind == kind && ++seen == n) found = e;
-      }
-      return found.has_value();
-    });
-    return found;
+    if (!cv_.wait_for(lock, timeout, [&] { return count(kind, lock) >= n; })) return std::nullopt;
+    for (const auto& e : events_) {
+      if (e.kind == kind && --n == 0) return e;
+    }
+    return std::nullopt;
   }
   void clear() {
     std::lock_guard lock(mutex_);
@@ -122,8 +107,11 @@ class Recorder final : public platform::CentralDelegate, public platform::Periph
   }
 
  private:
+  size_t count(const std::string& kind, std::unique_lock<std::mutex>&) const {
+    return std::count_if(events_.begin(), events_.end(),
+                         [&](const Event& e) { return e.kind == kind; });
+  }
   void record(Event e) {
-    e.queue = DispatchQueue::currentLabel();
     std::lock_guard lock(mutex_);
     events_.push_back(std::move(e));
     cv_.notify_all();
