@@ -354,6 +354,7 @@ TYPED_TEST(ABackend, NeverLetsAnEarlierConnectionReachALaterOne) {
   EXPECT_NE(second.tx, old.tx);
   for (int i = 0; i < 5; ++i)
     chunk->writeValue(bytes("old"), second.tx, WriteType::WithoutResponse);
+  std::this_thread::sleep_for(25ms);  // the echoes are on their way back
   chunk->discoverServices(std::nullopt);
   this->central->cancelPeripheralConnection(chunk);
   auto bye = this->recorder->waitFor("disconnect", 2);
