@@ -3,7 +3,6 @@
 // from the frame format (so a misreading shared by both of the library's ends shows there).
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <set>
 #include <thread>
 
@@ -151,28 +150,18 @@ TEST_F(OnTheSimulatedRadio, DeliversASourcesPatternOnceNotificationsAreOn) {
   for (size_t i = 0; i < received.size(); ++i) ASSERT_EQ(uint8_t(received[i]), i % 251) << i;
 }
 
-TEST(TheSharedManager, RetrievesAStoredPeripheralAndConnectsWithoutScanning) {
-  char tmpl[] = "/tmp/qlt-e2e-store-XXXXXX";
-  const std::string dir = mkdtemp(tmpl);
-  QLT_Database::setStorePath(dir + "/known.json");
+TEST(TheSharedManager, RetrievesAPeripheralByItsIdentifierTextAndConnectsWithoutScanning) {
   auto manager = QLT_BLEManager::sharedInstance();
   EXPECT_EQ(manager, QLT_BLEManager::sharedInstance());
   ASSERT_TRUE(eventually([&] { return manager->state() == QLT_BLEManagerStateIdle; }));
   auto echo = e2e::device("E2E-Known", sim::SimBehaviour::SwEcho);
   sim::SimRadio::shared()->addDevice(echo);
   auto first = QLT_BLEManager::retrievePeripheralWithUUID(echo.identifier.UUIDString());
-  ASSERT_TRUE(first);
-  auto db = QLT_Database::create();
-  EXPECT_TRUE(db->store(first));
-  ASSERT_TRUE(db->synchronize());
-  auto stored = QLT_Database::create()->loadAll();
-  ASSERT_EQ(stored.size(), 1u);
-  auto p = QLT_BLEManager::retrievePeripheralWithUUID(stored[0].UUIDString());
-  ASSERT_TRUE(p);
+  auto p = QLT_BLEManager::retrievePeripheralWithUUID(echo.identifier.UUIDString());
+  ASSERT_TRUE(first && p);
   EXPECT_NE(p, first) << "each retrieval makes a fresh wrapper";
   EXPECT_FALSE(QLT_BLEManager::retrievePeripheralWithUUID("not-a-uuid"));
   EXPECT_FALSE(QLT_BLEManager::retrievePeripheralWithUUID(e2e::freshIdentifier().UUIDString()));
-
   auto app = std::make_shared<PeripheralRecorder>();
   auto queue = DispatchQueue::create("app");
   p->addDelegate(app, queue);
@@ -188,8 +177,6 @@ TEST(TheSharedManager, RetrievesAStoredPeripheralAndConnectsWithoutScanning) {
   manager->disconnect(p);
   ASSERT_TRUE(app->waitForState(QLT_PeripheralStateDisconnected));
   sim::SimRadio::shared()->removeDevice(echo.identifier);
-  QLT_Database::setStorePath(std::nullopt);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -21,7 +21,6 @@ using Json = nlohmann::json;
 
 // bluetoothd on a private bus, with QLT-Echo, QLT-Chunk and HR-Sensor on the air.
 struct Bluez {
-  static constexpr const char* kName = "bluez";
   MockBluez mock;
   std::string start() {
     auto why = MockBluez::unavailableReason();
@@ -31,23 +30,21 @@ struct Bluez {
   UUID id(const std::string& name) {
     return bluez::identifierForAddress(*bluez::parseAddress(MockBluez::address(name)));
   }
-  void power(bool on) { mock({{"op", "power"}, {"on", on}}); }
-  void drop(const std::string& name) {
-    mock({{"op", "drop"}, {"address", MockBluez::address(name)}});
+  // One request of the mock's session about the device named `name`.
+  Json ask(const std::string& op, const std::string& name, Json request = Json::object()) {
+    request["op"] = op;
+    request["address"] = MockBluez::address(name);
+    return mock(request);
   }
+  void power(bool on) { mock({{"op", "power"}, {"on", on}}); }
+  void drop(const std::string& name) { ask("drop", name); }
   void failConnects(bool fail) {
-    if (fail) {
-      mock({{"op", "fail-next-connect"},
-            {"address", MockBluez::address("QLT-Echo")},
-            {"error", "org.bluez.Error.Failed"}});
-    }
+    if (fail) ask("fail-next-connect", "QLT-Echo", {{"error", "org.bluez.Error.Failed"}});
   }
   void slowAir() {}
-  Json stats(const std::string& name) {
-    return mock({{"op", "stats"}, {"address", MockBluez::address(name)}});
-  }
+  Json stats(const std::string& name) { return ask("stats", name); }
   void set(const std::string& name, const std::string& what, const Json& value) {
-    mock({{"op", "set"}, {"address", MockBluez::address(name)}, {"name", what}, {"value", value}});
+    ask("set", name, {{"name", what}, {"value", value}});
   }
 };
 #endif
