@@ -473,6 +473,53 @@ TEST_F(OnBluez, IgnoresPropertiesOfUnexpectedTypesAndLogsEachOnce) {
   EXPECT_EQ(rssi, 1u);
 }
 
+// What the world outside does to a link, grouped: bluetoothd restarting under a live link (the
+// device still holds the old session's protocol state, and answers Connect with
+// AlreadyConnected), values far longer than any attribute, and a flood of signals about objects
+// nobody announced.
+TEST_F(OnBluez, StartsAfreshAfterAStaleLinkAndWithstandsWhatTheWorldOutsideSends) {
+  auto echo = find("QLT-Echo");
+  ASSERT_TRUE(echo);
+  Link old = connect(echo);
+  ASSERT_TRUE(old);
+  side.set("QLT-Echo", "hold", true);  // the device's echo of this session waits to be sent
+  echo->writeValue(bytes(std::string(1, '\0') + "old"), old.tx, WriteType::WithoutResponse);
+  ASSERT_TRUE(recorder->waitFor("value")) << "the device acknowledged the segment";
+  side.mock({{"op", "restart"}, {"downtime", 0.3}, {"keep_links", true}});
+  ASSERT_TRUE(recorder->waitFor("state", 3)) << "bluetoothd left and came back";
+  Link fresh = connect(echo);
+  ASSERT_TRUE(fresh);
+  std::this_thread::sleep_for(600ms);  // past the device's poll, had it kept its old session
+  EXPECT_EQ(valuesAfter("connect", 2), std::vector<std::string>{}) << "the old session's echo";
+  auto stats = side.stats("QLT-Echo");
+  EXPECT_EQ(stats["disconnects"], 1) << "the link left up is taken down";
+  EXPECT_EQ(stats["connects"], 1) << "and a fresh one made";
+
+  // No value longer than an attribute (512 bytes) reaches the delegate, on the socket path
+  // (QLT-Echo) or the method path (QLT-Chunk).
+  auto chunk = find("QLT-Chunk");
+  side.set("QLT-Chunk", "acquire", false);
+  ASSERT_TRUE(chunk);
+  Link chunkLink = connect(chunk);
+  ASSERT_TRUE(chunkLink);
+  for (const std::string device : {"QLT-Echo", "QLT-Chunk"}) {
+    for (int size : {65536, 513, 512}) {
+      side.ask("notify", device, {{"size", size}});
+    }
+  }
+  ASSERT_TRUE(eventually([&] { return valuesAfter("connect", 3).size() >= 2; }));
+  std::this_thread::sleep_for(200ms);
+  for (const auto& e : recorder->events("value")) EXPECT_LE(e.value->length(), 512u);
+
+  // A flood of PropertiesChanged for unknown objects is not one log line each.
+  LogCapture logs;
+  side.mock({{"op", "flood"}, {"count", 2000}});
+  const size_t values = count("value");
+  chunk->writeValue(bytes("after the flood"), chunkLink.tx, WriteType::WithoutResponse);
+  ASSERT_TRUE(recorder->waitFor("value", values + 1)) << "handled in order, after the flood";
+  EXPECT_LT(logs.lines().size(), 50u);
+}
+
 TEST(BluezIdentifiers, MapAddressesToIdentifiersAndBack) {
   const auto address = bluez::parseAddress("c0:ff:ee:00:00:01");
   ASSERT_TRUE(address);
