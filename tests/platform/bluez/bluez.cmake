@@ -12,7 +12,7 @@ endif()
 # for the UART service only (the heart-rate sensor must not show) and a bench through the
 # chunking transport. The harness exits with 125, a skip, when it cannot start the mock.
 if(TARGET qlt AND QLT_WITH_BLUEZ)
-  set(QLT_BLUEZ_HARNESS /usr/bin/python3 ${CMAKE_CURRENT_LIST_DIR}/bus_harness.py --)
+  set(QLT_BLUEZ_HARNESS /usr/bin/python3 ${CMAKE_CURRENT_LIST_DIR}/mock_bluez.py --)
   add_test(NAME qlt_bluez.scan_nus
            COMMAND ${QLT_BLUEZ_HARNESS} $<TARGET_FILE:qlt> scan --platform bluez --nus --json --timeout 1.5)
   set_tests_properties(qlt_bluez.scan_nus PROPERTIES

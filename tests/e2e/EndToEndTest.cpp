@@ -1,0 +1,217 @@
+// The whole library as an application uses it, on each backend: the simulated radio and BlueZ
+// on the mock bluetoothd, whose sliding-window device is a separate implementation written
+// from the frame format (so a misreading shared by both of the library's ends shows there).
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "platform/Backends.h"
+#include "support/SimWorld.h"
+
+namespace qlt::test {
+namespace {
+
+using namespace std::chrono_literals;
+using e2e::pattern;
+
+template <class Side>
+class TheLibrary : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto why = side.start();
+    if (why.rfind("skip: ", 0) == 0) GTEST_SKIP() << why;
+    ASSERT_EQ(why, "");
+    world.emplace(side);
+    manager = world->manager;
+    app = world->app;
+  }
+  void TearDown() override { world.reset(); }
+  std::shared_ptr<QLT_Peripheral> find(const std::string& name) {
+    auto p = world->find(name);
+    if (p) world->follow(p);
+    return p;
+  }
+  bool connectReady(const std::shared_ptr<QLT_Peripheral>& p) { return world->connectReady(p); }
+  bool echoes(const std::shared_ptr<QLT_Peripheral>& p, const std::string& message,
+              size_t segment) {
+    app->clear();
+    p->writeTCPData(Data::fromString(message));
+    if (!app->waitForTcpBytes(message.size(), 60s)) return false;
+    for (const auto& payload : app->tcp()) EXPECT_LE(payload.length(), segment);
+    return app->tcpJoined() == message;
+  }
+
+  Side side;
+  std::optional<e2e::World<Side>> world;
+  std::shared_ptr<QLT_BLEManager> manager;
+  std::shared_ptr<PeripheralRecorder> app;
+};
+
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
+using Backends = ::testing::Types<Sim, Bluez>;
+#else
+using Backends = ::testing::Types<Sim>;
+#endif
+TYPED_TEST_SUITE(TheLibrary, Backends);
+
+TYPED_TEST(TheLibrary, ScansConnectsEchoesThroughTheSlidingWindowAndDisconnects) {
+  auto& app = *this->app;
+  EXPECT_EQ(app.managerStates(), (std::vector<int32_t>{0, 1}));
+  this->manager->startDiscover([](auto&, const std::optional<std::string>& name, auto&, int) {
+    return name == std::string("QLT-Echo");
+  });
+  EXPECT_EQ(this->manager->state(), QLT_BLEManagerStateScanning);
+  this->manager->startDiscover();  // already scanning: ignored, the filter stays
+  ASSERT_TRUE(app.waitForDiscoveries(4));
+  this->manager->stopDiscover();
+  EXPECT_EQ(this->manager->state(), QLT_BLEManagerStateIdle);
+  const auto found = app.discovered();
+  for (const auto& p : found) EXPECT_EQ(p, found[0]) << "one wrapper per device";
+  EXPECT_EQ(found[0]->name(), std::optional<std::string>("QLT-Echo"));
+  const auto rssi = app.discoveredRSSI();
+  EXPECT_GT(std::set<int32_t>(rssi.begin(), rssi.end()).size(), 1u) << "RSSI is refreshed";
+
+  auto p = this->find("QLT-Echo");
+  ASSERT_EQ(p, found[0]);
+  p->setTransportType(1);
+  ASSERT_TRUE(this->connectReady(p));
+  EXPECT_EQ(app.states(), (std::vector<int32_t>{1, 2, 5, 6, 8}));
+  EXPECT_TRUE(this->echoes(p, pattern(10 * 1024), 120));
+  p->writeUDPData(Data::fromString("a datagram"));
+  ASSERT_TRUE(app.waitForUdp(1));
+  EXPECT_EQ(app.udp().front().toString(), "a datagram");
+  if constexpr (!std::is_same_v<TypeParam, Sim>) {
+    EXPECT_EQ(this->side.stats("QLT-Echo")["malformed"], 0) << "the device's own reading";
+  }
+  this->manager->disconnect(p);
+  ASSERT_TRUE(app.waitForState(QLT_PeripheralStateDisconnected));
+  EXPECT_EQ(app.states(), (std::vector<int32_t>{3, 0})) << "after the echo";
+  DispatchQueue::main()->sync([] {});
+  EXPECT_FALSE(p->transportCounters()) << "the transport is stopped and dropped";
+  EXPECT_TRUE(p->services().empty());
+}
+
+TYPED_TEST(TheLibrary, EchoesThroughTheChunkingTransportOnAPlainDevice) {
+  auto p = this->find("QLT-Chunk");
+  ASSERT_TRUE(p);
+  p->setTransportType(0);
+  ASSERT_TRUE(this->connectReady(p));
+  EXPECT_TRUE(this->echoes(p, pattern(2000, 3), 20));
+  EXPECT_FALSE(p->transportCounters());
+}
+
+// Every way a connection ends, and a fresh transport for each new one.
+TYPED_TEST(TheLibrary, EndsInDisconnectedFailedOrDfuAndStartsEachConnectionAfresh) {
+  auto& app = *this->app;
+  auto p = this->find("QLT-Echo");
+  ASSERT_TRUE(p);
+  p->setTransportType(1);
+  ASSERT_TRUE(this->connectReady(p));
+  this->side.drop("QLT-Echo");
+  ASSERT_TRUE(app.waitForState(QLT_PeripheralStateDisconnected));
+  EXPECT_EQ(app.states(), (std::vector<int32_t>{1, 2, 5, 6, 8, 0}));
+  p->writeTCPData(Data::fromString("after the drop"));  // no transport: dropped quietly
+
+  app.clear();
+  this->side.failConnects(true);
+  this->manager->connect(p);
+  ASSERT_TRUE(app.waitForState(QLT_PeripheralStateFailedToConnect));
+  EXPECT_EQ(app.states(), (std::vector<int32_t>{1, 4}));
+  this->side.failConnects(false);
+
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(this->connectReady(p)) << round;
+    EXPECT_TRUE(this->echoes(p, pattern(500, round), 120)) << round;
+    EXPECT_EQ(p->transportCounters()->tcpDelivered, 5u) << "counts only this connection's";
+    this->manager->disconnect(p);
+    ASSERT_TRUE(app.waitForState(QLT_PeripheralStateDisconnected)) << round;
+  }
+
+  auto hr = this->find("HR-Sensor");
+  ASSERT_TRUE(hr);
+  this->manager->connect(hr);
+  ASSERT_TRUE(app.waitForState(QLT_PeripheralStateDfuInProgress));
+  EXPECT_EQ(app.states(), (std::vector<int32_t>{1, 2, 5, 9}));
+}
+
+using OnTheSimulatedRadio = TheLibrary<Sim>;
+
+TEST_F(OnTheSimulatedRadio, DeliversASourcesPatternOnceNotificationsAreOn) {
+  auto source = e2e::device("E2E-Source", sim::SimBehaviour::Source);
+  source.sourceBytes = 5000;
+  side.radio->addDevice(source);
+  auto p = find("E2E-Source");
+  p->setTransportType(1);
+  ASSERT_TRUE(connectReady(p));
+  ASSERT_TRUE(app->waitForTcpBytes(5000));
+  const std::string received = app->tcpJoined();
+  ASSERT_EQ(received.size(), 5000u);
+  for (size_t i = 0; i < received.size(); ++i) ASSERT_EQ(uint8_t(received[i]), i % 251) << i;
+}
+
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
+using OnBluez = TheLibrary<Bluez>;
+
+// A UART service listed twice, tx and rx swapped, or an rx that cannot notify: the connection
+// goes on as the device offers it, and the cause is told once, naming the UART table's part
+// (in a line a healthy connection does not log).
+TEST_F(OnBluez, NamesTheCauseOnceWhenTheUartTableIsBroken) {
+  auto p = world->find("QLT-Chunk");
+  ASSERT_TRUE(p);
+  world->follow(p);
+  p->setTransportType(0);
+  const std::regex cause("(^|[^a-z])(rx|tx|uart|nus)([^a-z]|$)", std::regex::icase);
+  std::set<std::string> healthy;
+  for (const std::string fault : {"", "twice", "swapped", "no-notify"}) {
+    SCOPED_TRACE(fault);
+    side.set("QLT-Chunk", "gatt_fault", fault);
+    LogCapture logs;
+    app->clear();
+    manager->connect(p);
+    ASSERT_TRUE(app->waitForStateCount(4));
+    std::this_thread::sleep_for(500ms);
+    size_t told = 0;
+    for (const auto& line : logs.lines()) {
+      if (fault.empty()) healthy.insert(line);
+      told += !healthy.count(line) && std::regex_search(line, cause);
+    }
+    EXPECT_EQ(told, fault.empty() ? 0u : 1u);
+    manager->disconnect(p);
+    ASSERT_TRUE(app->waitForState(QLT_PeripheralStateDisconnected));
+  }
+}
+#endif
+
+TEST(TheSharedManager, RetrievesAPeripheralByItsIdentifierTextAndConnectsWithoutScanning) {
+  auto manager = QLT_BLEManager::sharedInstance();
+  EXPECT_EQ(manager, QLT_BLEManager::sharedInstance());
+  ASSERT_TRUE(eventually([&] { return manager->state() == QLT_BLEManagerStateIdle; }));
+  auto echo = e2e::device("E2E-Known", sim::SimBehaviour::SwEcho);
+  sim::SimRadio::shared()->addDevice(echo);
+  auto first = QLT_BLEManager::retrievePeripheralWithUUID(echo.identifier.UUIDString());
+  auto p = QLT_BLEManager::retrievePeripheralWithUUID(echo.identifier.UUIDString());
+  ASSERT_TRUE(first && p);
+  EXPECT_NE(p, first) << "each retrieval makes a fresh wrapper";
+  EXPECT_FALSE(QLT_BLEManager::retrievePeripheralWithUUID("not-a-uuid"));
+  EXPECT_FALSE(QLT_BLEManager::retrievePeripheralWithUUID(e2e::freshIdentifier().UUIDString()));
+  auto app = std::make_shared<PeripheralRecorder>();
+  auto queue = DispatchQueue::create("app");
+  p->addDelegate(app, queue);
+  manager->addDelegate(app, queue);
+  p->moduleQueue()->sync([] {});
+  manager->moduleQueue()->sync([] {});
+  p->setTransportType(1);
+  manager->connect(p);
+  ASSERT_TRUE(app->waitForState(QLT_PeripheralStateReady));
+  EXPECT_TRUE(app->managerStates().empty()) << "no scan was needed";
+  p->writeTCPData(Data::fromString("known"));
+  ASSERT_TRUE(app->waitForTcpBytes(5));
+  manager->disconnect(p);
+  ASSERT_TRUE(app->waitForState(QLT_PeripheralStateDisconnected));
+  sim::SimRadio::shared()->removeDevice(echo.identifier);
+}
+
+}  // namespace
+}  // namespace qlt::test

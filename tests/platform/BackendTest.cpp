@@ -1,0 +1,674 @@
+// The platform seam's promises, checked on every backend: the simulated radio and BlueZ on
+// the mock bluetoothd (a private bus). Then what only one backend can show.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "QueltLibrary/DispatchQueue.h"
+#include "platform/Backends.h"
+#include "support/TestSupport.h"
+
+namespace qlt::test {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::CentralState;
+using platform::PeripheralState;
+using platform::WriteType;
+
+const UUID kNus = UUID::literal("6e400001-b5a3-f393-e0a9-e50e24dcca9e");
+const UUID kTx = UUID::literal("6e400002-b5a3-f393-e0a9-e50e24dcca9e");
+const UUID kRx = UUID::literal("6e400003-b5a3-f393-e0a9-e50e24dcca9e");
+Data bytes(const std::string& text) { return Data::fromString(text); }
+
+// One platform callback as it arrived, with the queue it came on.
+struct Event {
+  std::string
+      kind;  // state discover connect fail disconnect services characteristics notify value write
+  std::shared_ptr<platform::Peripheral> peripheral{};
+  std::optional<platform::Error> error{};
+  std::shared_ptr<platform::Characteristic> characteristic{};
+  std::optional<Data> value{};  // the characteristic's value as the call saw it
+  bool notifying = false;
+  CentralState state = CentralState::Unknown;
+  platform::AdvertisementData advertisement{};
+  int rssi = 0;
+  std::string queue = DispatchQueue::currentLabel();
+};
+
+class Recorder final : public platform::CentralDelegate, public platform::PeripheralDelegate {
+  using P = std::shared_ptr<platform::Peripheral>;
+  using E = std::optional<platform::Error>;
+  using C = std::shared_ptr<platform::Characteristic>;
+
+ public:
+  void centralManagerDidUpdateState(platform::Central& c) override {
+    record({.kind = "state", .state = c.state()});
+  }
+  void centralManager_didDiscoverPeripheral_advertisementData_RSSI(
+      platform::Central&, const P& p, const platform::AdvertisementData& a, int rssi) override {
+    record({.kind = "discover", .peripheral = p, .advertisement = a, .rssi = rssi});
+  }
+  void centralManager_didConnectPeripheral(platform::Central&, const P& p) override {
+    record({.kind = "connect", .peripheral = p});
+  }
+  void centralManager_didFailToConnectPeripheral_error(platform::Central&, const P& p,
+                                                       const E& e) override {
+    record({.kind = "fail", .peripheral = p, .error = e});
+  }
+  void centralManager_didDisconnectPeripheral_error(platform::Central&, const P& p,
+                                                    const E& e) override {
+    record({.kind = "disconnect", .peripheral = p, .error = e});
+  }
+  void peripheral_didDiscoverServices(const P& p, const E& e) override {
+    record({.kind = "services", .peripheral = p, .error = e});
+  }
+  void peripheral_didDiscoverCharacteristicsForService_error(
+      const P& p, const std::shared_ptr<platform::Service>&, const E& e) override {
+    record({.kind = "characteristics", .peripheral = p, .error = e});
+  }
+  void peripheral_didUpdateNotificationStateForCharacteristic_error(const P& p, const C& c,
+                                                                    const E& e) override {
+    record({.kind = "notify", .peripheral = p, .error = e, .notifying = c->isNotifying()});
+  }
+  void peripheral_didUpdateValueForCharacteristic_error(const P& p, const C& c,
+                                                        const E& e) override {
+    record(
+        {.kind = "value", .peripheral = p, .error = e, .characteristic = c, .value = c->value()});
+  }
+  void peripheral_didWriteValueForCharacteristic_error(const P& p, const C&, const E& e) override {
+    record({.kind = "write", .peripheral = p, .error = e});
+  }
+
+  std::vector<Event> events(const std::string& kind = "") const {
+    std::lock_guard lock(mutex_);
+    std::vector<Event> out;
+    std::copy_if(events_.begin(), events_.end(), std::back_inserter(out),
+                 [&](const Event& e) { return kind.empty() || e.kind == kind; });
+    return out;
+  }
+  size_t count(const std::string& kind) const { return events(kind).size(); }
+  // The `n`th event of `kind` (1-based), once it has come.
+  std::optional<Event> waitFor(const std::string& kind, size_t n = 1,
+                               std::chrono::milliseconds timeout = 10s) const {
+    std::unique_lock lock(mutex_);
+    if (!cv_.wait_for(lock, timeout, [&] { return count(kind, lock) >= n; })) return std::nullopt;
+    for (const auto& e : events_) {
+      if (e.kind == kind && --n == 0) return e;
+    }
+    return std::nullopt;
+  }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    events_.clear();
+  }
+
+ private:
+  size_t count(const std::string& kind, std::unique_lock<std::mutex>&) const {
+    return std::count_if(events_.begin(), events_.end(),
+                         [&](const Event& e) { return e.kind == kind; });
+  }
+  void record(Event e) {
+    std::lock_guard lock(mutex_);
+    events_.push_back(std::move(e));
+    cv_.notify_all();
+  }
+  mutable std::mutex mutex_;
+  mutable std::condition_variable cv_;
+  std::vector<Event> events_;
+};
+
+// The NUS pair of a connected peripheral with notifications on.
+struct Link {
+  std::shared_ptr<platform::Characteristic> tx, rx;
+  explicit operator bool() const { return tx && rx; }
+};
+
+template <class Side>
+class ABackend : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto why = side.start();
+    if (why.rfind("skip: ", 0) == 0) GTEST_SKIP() << why;
+    ASSERT_EQ(why, "");
+    open();
+  }
+  void TearDown() override {
+    close();
+    for (const auto& e : recorder->events()) ASSERT_EQ(e.queue, "TestCentral") << e.kind;
+  }
+  void open() {
+    central = side.backend()->createCentral(recorder, queue, {});
+    auto state = recorder->waitFor("state");
+    ASSERT_TRUE(state && state->state == CentralState::PoweredOn);
+  }
+  // Drops the central while its queue is held, so no callback in flight holds the last reference.
+  void close() {
+    if (central) queue->sync([&] { central.reset(); });
+  }
+  size_t count(const std::string& kind) { return recorder->count(kind); }
+
+  // Scans (all devices, duplicates allowed) until `name` shows; its peripheral.
+  std::shared_ptr<platform::Peripheral> find(const std::string& name) {
+    const size_t before = count("discover");
+    central->scanForPeripherals(std::nullopt, {true});
+    std::shared_ptr<platform::Peripheral> found;
+    for (size_t n = before + 1; !found && recorder->waitFor("discover", n); ++n) {
+      auto e = recorder->events("discover")[n - 1];
+      if (e.advertisement.localName == name) found = e.peripheral;
+    }
+    central->stopScan();
+    if (found) found->setDelegate(recorder);
+    return found;
+  }
+
+  // Connects, discovers the UART service and switches notifications on.
+  Link connect(const std::shared_ptr<platform::Peripheral>& p) {
+    Link link;
+    const size_t connects = count("connect"), services = count("services"),
+                 characteristics = count("characteristics"), notify = count("notify");
+    central->connect(p);
+    if (!recorder->waitFor("connect", connects + 1)) return link;
+    p->discoverServices(std::vector<UUID>{kNus});
+    if (!recorder->waitFor("services", services + 1) || p->services().size() != 1) return link;
+    p->discoverCharacteristics(std::nullopt, p->services()[0]);
+    if (!recorder->waitFor("characteristics", characteristics + 1)) return link;
+    for (const auto& c : p->services()[0]->characteristics()) {
+      (c->uuid() == kTx ? link.tx : link.rx) = c;
+    }
+    p->setNotifyValue(true, link.rx);
+    auto on = recorder->waitFor("notify", notify + 1);
+    if (!on || on->error || !on->notifying) link.rx = nullptr;
+    return link;
+  }
+
+  // The values received after the `n`th event of `kind`.
+  std::vector<std::string> valuesAfter(const std::string& kind, size_t n) {
+    std::vector<std::string> out;
+    size_t seen = 0;
+    for (const auto& e : recorder->events()) {
+      if (e.kind == kind) ++seen;
+      if (seen >= n && e.kind == "value") out.push_back(e.value.value_or(Data()).toString());
+    }
+    return out;
+  }
+
+  Side side;
+  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+  std::shared_ptr<DispatchQueue> queue = DispatchQueue::create("TestCentral");
+  std::shared_ptr<platform::Central> central;
+};
+
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
+using Backends = ::testing::Types<Sim, Bluez>;
+#else
+using Backends = ::testing::Types<Sim>;
+#endif
+TYPED_TEST_SUITE(ABackend, Backends);
+
+TYPED_TEST(ABackend,
+           EndsItsLinksBeforeReportingPowerOffAndNeitherScansNorConnectsUntilPowerReturns) {
+  auto chunk = this->find("QLT-Chunk");
+  ASSERT_TRUE(chunk && this->connect(chunk));
+  this->side.power(false);
+  ASSERT_TRUE(this->recorder->waitFor("state", 2));
+  auto events = this->recorder->events();
+  std::vector<std::string> kinds;
+  for (const auto& e : events) {
+    if (e.kind == "disconnect" || e.kind == "state") kinds.push_back(e.kind);
+  }
+  EXPECT_EQ(kinds, (std::vector<std::string>{"state", "disconnect", "state"}));
+  EXPECT_EQ(this->recorder->events("state")[1].state, CentralState::PoweredOff);
+  EXPECT_TRUE(this->recorder->events("disconnect")[0].error) << "a lost link carries an error";
+  EXPECT_EQ(chunk->state(), PeripheralState::Disconnected);
+  this->central->scanForPeripherals(std::nullopt, {true});
+  EXPECT_FALSE(this->central->isScanning());
+  this->side.power(true);
+  auto on = this->recorder->waitFor("state", 3);
+  ASSERT_TRUE(on);
+  EXPECT_EQ(on->state, CentralState::PoweredOn);
+  EXPECT_TRUE(this->connect(chunk)) << "usable again";
+}
+
+TYPED_TEST(ABackend, ReportsOnlyTheServicesAskedForAndRepeatsOnlyWhenDuplicatesAreAllowed) {
+  auto& r = *this->recorder;
+  auto seen = [&] {
+    std::map<std::string, int> names;
+    for (const auto& e : r.events("discover")) ++names[e.advertisement.localName.value_or("")];
+    return names;
+  };
+  this->central->scanForPeripherals(std::vector<UUID>{kNus}, {true});
+  EXPECT_TRUE(this->central->isScanning());
+  ASSERT_TRUE(eventually([&] { return seen()["QLT-Echo"] >= 3 && seen()["QLT-Chunk"] >= 3; }));
+  this->central->stopScan();
+  EXPECT_FALSE(this->central->isScanning());
+  this->queue->sync([] {});
+  std::set<int> rssis;
+  std::set<std::shared_ptr<platform::Peripheral>> objects;
+  for (const auto& e : r.events("discover")) {
+    EXPECT_NE(e.advertisement.localName, "HR-Sensor") << "not asked for";
+    EXPECT_EQ(e.advertisement.serviceUUIDs, std::vector<UUID>{kNus});
+    EXPECT_EQ(e.advertisement.manufacturerData,
+              Data(std::vector<uint8_t>{0xFF, 0xFF, 'Q', 'L', 'T'}));
+    if (e.advertisement.localName != "QLT-Echo") continue;
+    objects.insert(e.peripheral);
+    rssis.insert(e.rssi);
+    EXPECT_EQ(e.peripheral->identifier(), this->side.id("QLT-Echo"));
+  }
+  EXPECT_EQ(objects.size(), 1u) << "one peripheral object per device";
+  EXPECT_GE(rssis.size(), 2u) << "each advertisement brings its signal strength";
+  const size_t afterStop = r.count("discover");
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(r.count("discover"), afterStop) << "reports after stopScan";
+
+  r.clear();
+  this->central->scanForPeripherals(std::nullopt, {false});
+  ASSERT_TRUE(eventually([&] { return seen()["HR-Sensor"] == 1 && seen()["QLT-Echo"] == 1; }));
+  std::this_thread::sleep_for(400ms);
+  for (const auto& [name, n] : seen()) EXPECT_EQ(n, 1) << name << " reported again";
+  this->central->stopScan();
+}
+
+TYPED_TEST(ABackend, RetrievesTheDevicesItKnowsByIdentifierInALaterCentral) {
+  ASSERT_TRUE(this->find("QLT-Echo"));  // bluetoothd lists what a scan has seen
+  this->close();
+  this->recorder->clear();
+  this->open();
+  const auto unknown = UUID::literal("514C5442-5A00-8000-8000-C0FFEE000099");
+  auto found =
+      this->central->retrievePeripheralsWithIdentifiers({unknown, this->side.id("QLT-Echo"), kNus});
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0]->identifier(), this->side.id("QLT-Echo"));
+  EXPECT_EQ(found[0]->name(), "QLT-Echo");
+  EXPECT_EQ(found[0]->state(), PeripheralState::Disconnected);
+  EXPECT_TRUE(found[0]->services().empty());
+  found[0]->setDelegate(this->recorder);
+  EXPECT_TRUE(this->connect(found[0]));
+}
+
+TYPED_TEST(ABackend, EchoesABurstInOrderAndStopsReportingOnceNotificationsAreOff) {
+  auto chunk = this->find("QLT-Chunk");
+  ASSERT_TRUE(chunk);
+  Link link = this->connect(chunk);
+  ASSERT_TRUE(link);
+  EXPECT_EQ(chunk->state(), PeripheralState::Connected);
+  EXPECT_EQ(link.tx->properties(),
+            uint32_t(platform::kPropertyWriteWithoutResponse | platform::kPropertyWrite));
+  EXPECT_EQ(link.rx->properties(), uint32_t(platform::kPropertyNotify));
+  EXPECT_EQ(chunk->maximumWriteValueLength(WriteType::WithoutResponse), 182u);  // MTU 185
+  const int kBurst = 60;
+  for (int i = 0; i < kBurst; ++i) {
+    chunk->writeValue(bytes("frame " + std::to_string(i)), link.tx, WriteType::WithoutResponse);
+  }
+  ASSERT_TRUE(this->recorder->waitFor("value", kBurst));
+  for (int i = 0; i < 3; ++i) chunk->writeValue(bytes("req"), link.tx, WriteType::WithResponse);
+  ASSERT_TRUE(this->recorder->waitFor("write", 3));
+  ASSERT_TRUE(this->recorder->waitFor("value", kBurst + 3));
+  for (const auto& e : this->recorder->events("write")) EXPECT_FALSE(e.error);
+  auto values = this->valuesAfter("connect", 1);
+  for (int i = 0; i < kBurst; ++i) EXPECT_EQ(values[i], "frame " + std::to_string(i));
+  EXPECT_EQ(link.rx->value(), bytes("req"));
+
+  chunk->setNotifyValue(false, link.rx);
+  auto off = this->recorder->waitFor("notify", 2);
+  ASSERT_TRUE(off);
+  EXPECT_FALSE(off->notifying);
+  chunk->writeValue(bytes("unheard"), link.tx, WriteType::WithoutResponse);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(this->count("value"), size_t(kBurst + 3));
+}
+
+TYPED_TEST(ABackend, ReportsAFailedConnectWithAnErrorAndConnectsNextTime) {
+  auto echo = this->find("QLT-Echo");
+  ASSERT_TRUE(echo);
+  this->side.failConnects(true);
+  this->central->connect(echo);
+  auto failed = this->recorder->waitFor("fail");
+  ASSERT_TRUE(failed);
+  EXPECT_TRUE(failed->error);
+  EXPECT_EQ(this->count("connect"), 0u);
+  EXPECT_EQ(echo->state(), PeripheralState::Disconnected);
+  this->side.failConnects(false);
+  EXPECT_TRUE(this->connect(echo));
+}
+
+// After a lost link, and after a cancelled one whose answers are still on their way, nothing
+// of the earlier connection reaches the next: its characteristics stay dead.
+TYPED_TEST(ABackend, NeverLetsAnEarlierConnectionReachALaterOne) {
+  this->side.slowAir();
+  auto chunk = this->find("QLT-Chunk");
+  ASSERT_TRUE(chunk);
+  Link old = this->connect(chunk);
+  ASSERT_TRUE(old);
+  this->side.drop("QLT-Chunk");
+  auto lost = this->recorder->waitFor("disconnect");
+  ASSERT_TRUE(lost && lost->peripheral == chunk);
+  EXPECT_TRUE(lost->error);
+  EXPECT_EQ(chunk->state(), PeripheralState::Disconnected);
+
+  Link second = this->connect(chunk);
+  ASSERT_TRUE(second);
+  EXPECT_NE(second.tx, old.tx);
+  for (int i = 0; i < 5; ++i)
+    chunk->writeValue(bytes("old"), second.tx, WriteType::WithoutResponse);
+  std::this_thread::sleep_for(25ms);  // the echoes are on their way back
+  chunk->discoverServices(std::nullopt);
+  this->central->cancelPeripheralConnection(chunk);
+  auto bye = this->recorder->waitFor("disconnect", 2);
+  ASSERT_TRUE(bye);
+  EXPECT_FALSE(bye->error) << "a requested disconnection carries none";
+  const size_t services = this->count("services");
+  Link third = this->connect(chunk);
+  ASSERT_TRUE(third);
+  chunk->writeValue(bytes("stale"), old.tx, WriteType::WithoutResponse);
+  chunk->writeValue(bytes("stale"), second.tx, WriteType::WithoutResponse);
+  chunk->writeValue(bytes("fresh"), third.tx, WriteType::WithoutResponse);
+  ASSERT_TRUE(eventually([&] { return !this->valuesAfter("disconnect", 2).empty(); }));
+  std::this_thread::sleep_for(150ms);
+  EXPECT_EQ(this->valuesAfter("disconnect", 2), std::vector<std::string>{"fresh"});
+  EXPECT_EQ(this->count("services"), services + 1) << "the cancelled discovery was answered";
+  EXPECT_EQ(this->count("disconnect"), 2u);
+}
+
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
+using OnBluez = ABackend<Bluez>;
+
+size_t openSockets() {
+  size_t n = 0;
+  std::error_code error;
+  for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+    n += std::filesystem::read_symlink(fd.path(), error).string().rfind("socket:", 0) == 0;
+  }
+  return n;
+}
+
+// Writes and notifications go over the sockets bluetoothd hands out; when it closes its ends
+// the link carries on with method calls, and notifications switched on again acquire afresh.
+TEST_F(OnBluez, CarriesDataOnAcquiredSocketsAndFallsBackToMethodCallsWhenTheyClose) {
+  auto chunk = find("QLT-Chunk");
+  ASSERT_TRUE(chunk);
+  Link link = connect(chunk);
+  ASSERT_TRUE(link);
+  for (int i = 0; i < 20; ++i) {
+    chunk->writeValue(bytes("s" + std::to_string(i)), link.tx, WriteType::WithoutResponse);
+  }
+  ASSERT_TRUE(recorder->waitFor("value", 20));
+  EXPECT_EQ(recorder->events("value")[19].value, bytes("s19"));
+  EXPECT_EQ(side.stats("QLT-Chunk")["acquired-writes"], 20);
+  EXPECT_EQ(side.stats("QLT-Chunk")["acquired-notifications"], 20);
+
+  side.ask("close-sockets", "QLT-Chunk");
+  ASSERT_TRUE(eventually([&] { return !link.rx->isNotifying(); }));
+  EXPECT_EQ(chunk->state(), PeripheralState::Connected);
+  chunk->writeValue(bytes("by method"), link.tx, WriteType::WithoutResponse);
+  ASSERT_TRUE(eventually([&] { return side.stats("QLT-Chunk")["command"] == 21; }));
+  EXPECT_EQ(side.stats("QLT-Chunk")["acquired-writes"], 20);
+  chunk->setNotifyValue(true, link.rx);
+  auto on = recorder->waitFor("notify", 2);
+  ASSERT_TRUE(on && on->notifying);
+  chunk->writeValue(bytes("back"), link.tx, WriteType::WithoutResponse);
+  auto back = recorder->waitFor("value", 21);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(back->value, bytes("back"));
+  EXPECT_EQ(side.stats("QLT-Chunk")["acquired-notifications"], 21);
+}
+
+// A link ends by cancel, by link loss and by bluetoothd leaving the bus (which also powers
+// the central off until it returns, with the same peripheral object); every end closes the
+// link's sockets, and the central's own end closes the rest.
+TEST_F(OnBluez, ClosesALinksSocketsWhicheverWayItEndsAndSurvivesADaemonRestart) {
+  const size_t beforeCentral = openSockets() - 2;  // the central's own bus connection
+  auto chunk = find("QLT-Chunk");
+  ASSERT_TRUE(chunk);
+  const size_t baseline = openSockets();
+  auto exchange = [&] {
+    Link link = connect(chunk);
+    const size_t values = count("value");
+    if (link) chunk->writeValue(bytes("ping"), link.tx, WriteType::WithoutResponse);
+    return link && recorder->waitFor("value", values + 1) && openSockets() > baseline;
+  };
+  for (const std::string how : {"cancel", "drop", "restart"}) {
+    SCOPED_TRACE(how);
+    ASSERT_TRUE(exchange());
+    const size_t disconnects = count("disconnect");
+    if (how == "cancel") central->cancelPeripheralConnection(chunk);
+    if (how == "drop") side.drop("QLT-Chunk");
+    if (how == "restart") side.mock({{"op", "restart"}, {"downtime", 0.3}});
+    auto ended = recorder->waitFor("disconnect", disconnects + 1);
+    ASSERT_TRUE(ended);
+    EXPECT_EQ(ended->error.has_value(), how != "cancel");
+    EXPECT_TRUE(eventually([&] { return openSockets() == baseline; })) << openSockets();
+  }
+  ASSERT_TRUE(recorder->waitFor("state", 3));
+  std::vector<CentralState> states;
+  for (const auto& e : recorder->events()) {
+    if (e.kind == "state") states.push_back(e.state);
+    if (e.kind == "disconnect" && e.error) {
+      EXPECT_EQ(states.size(), 1u) << "links end first";
+    }
+  }
+  EXPECT_EQ(states, (std::vector<CentralState>{CentralState::PoweredOn, CentralState::PoweredOff,
+                                               CentralState::PoweredOn}));
+  EXPECT_EQ(find("QLT-Chunk"), chunk) << "the same object for the same device";
+  ASSERT_TRUE(exchange());
+  chunk.reset();
+  close();
+  EXPECT_TRUE(eventually([&] { return openSockets() <= beforeCentral; })) << openSockets();
+}
+
+TEST_F(OnBluez, IgnoresPropertiesOfUnexpectedTypesAndLogsEachOnce) {
+  LogCapture logs;
+  ASSERT_TRUE(find("HR-Sensor"));
+  central->scanForPeripherals(std::nullopt, {true});
+  for (int i = 0; i < 3; ++i) side.ask("wrong-types", "HR-Sensor");
+  const size_t reports = count("discover");
+  EXPECT_TRUE(recorder->waitFor("discover", reports + 5)) << "still scanning";
+  central->stopScan();
+  size_t rssi = 0;
+  for (const auto& line : logs.lines())
+    rssi += line.find("RSSI of /org/bluez/hci0/dev_C0_FF_EE_00_00_03") != std::string::npos;
+  EXPECT_EQ(rssi, 1u);
+}
+
+// What the world outside does to a link, grouped: bluetoothd restarting under a live link (the
+// device still holds the old session's protocol state, and answers Connect with
+// AlreadyConnected), values far longer than any attribute, and a flood of signals about objects
+// nobody announced.
+TEST_F(OnBluez, StartsAfreshAfterAStaleLinkAndWithstandsWhatTheWorldOutsideSends) {
+  auto echo = find("QLT-Echo");
+  ASSERT_TRUE(echo);
+  Link old = connect(echo);
+  ASSERT_TRUE(old);
+  side.set("QLT-Echo", "hold", true);  // the device's echo of this session waits to be sent
+  echo->writeValue(bytes(std::string(1, '\0') + "old"), old.tx, WriteType::WithoutResponse);
+  ASSERT_TRUE(recorder->waitFor("value")) << "the device acknowledged the segment";
+  side.mock({{"op", "restart"}, {"downtime", 0.3}, {"keep_links", true}});
+  ASSERT_TRUE(recorder->waitFor("state", 3)) << "bluetoothd left and came back";
+  Link fresh = connect(echo);
+  ASSERT_TRUE(fresh);
+  std::this_thread::sleep_for(600ms);  // past the device's poll, had it kept its old session
+  EXPECT_EQ(valuesAfter("connect", 2), std::vector<std::string>{}) << "the old session's echo";
+  auto stats = side.stats("QLT-Echo");
+  EXPECT_EQ(stats["disconnects"], 1) << "the link left up is taken down";
+  EXPECT_EQ(stats["connects"], 1) << "and a fresh one made";
+
+  // No value longer than an attribute (512 bytes) reaches the delegate, on the socket path
+  // (QLT-Echo) or the method path (QLT-Chunk).
+  auto chunk = find("QLT-Chunk");
+  side.set("QLT-Chunk", "acquire", false);
+  ASSERT_TRUE(chunk);
+  Link chunkLink = connect(chunk);
+  ASSERT_TRUE(chunkLink);
+  for (const std::string device : {"QLT-Echo", "QLT-Chunk"}) {
+    for (int size : {65536, 513, 512}) {
+      side.ask("notify", device, {{"size", size}});
+    }
+  }
+  ASSERT_TRUE(eventually([&] { return valuesAfter("connect", 3).size() >= 2; }));
+  std::this_thread::sleep_for(200ms);
+  for (const auto& e : recorder->events("value")) EXPECT_LE(e.value->length(), 512u);
+
+  // A flood of PropertiesChanged for unknown objects is not one log line each.
+  LogCapture logs;
+  side.mock({{"op", "flood"}, {"count", 2000}});
+  const size_t values = count("value");
+  chunk->writeValue(bytes("after the flood"), chunkLink.tx, WriteType::WithoutResponse);
+  ASSERT_TRUE(recorder->waitFor("value", values + 1)) << "handled in order, after the flood";
+  EXPECT_LT(logs.lines().size(), 50u);
+}
+
+TEST(BluezIdentifiers, MapAddressesToIdentifiersAndBack) {
+  const auto address = bluez::parseAddress("c0:ff:ee:00:00:01");
+  ASSERT_TRUE(address);
+  EXPECT_EQ(bluez::addressString(*address), "C0:FF:EE:00:00:01");
+  const UUID id = bluez::identifierForAddress(*address);
+  EXPECT_EQ(id.UUIDString(), "514C5442-5A00-8000-8000-C0FFEE000001");
+  EXPECT_EQ(bluez::addressForIdentifier(id), address);
+  EXPECT_FALSE(bluez::addressForIdentifier(kNus));
+  for (const char* bad :
+       {"", "C0:FF:EE:00:00", "C0:FF:EE:00:00:0G", "C0-FF-EE-00-00-01", "C0:FF:EE:00:00:01:"}) {
+    EXPECT_FALSE(bluez::parseAddress(bad)) << bad;
+  }
+}
+#endif  // QLT_TESTS_WITHOUT_BLUEZ
+
+// ---- what only the simulated radio does: a seeded air, its faults and its configuration
+
+using OnTheSimulatedRadio = ABackend<Sim>;
+
+TEST_F(OnTheSimulatedRadio, LosesTheSamePacketsForTheSameSeedAndNeverReorders) {
+  auto received = [&](uint64_t seed) {
+    close();
+    side.radio = sim::SimRadio::create(true);
+    sim::AirFaults faults;
+    faults.seed = seed;
+    faults.lostWritesWithoutResponse = 0.2;
+    faults.lostNotifications = 0.1;
+    side.radio->setFaults(faults);
+    recorder->clear();
+    open();
+    auto p = central->retrievePeripheralsWithIdentifiers({side.id("QLT-Chunk")}).at(0);
+    p->setDelegate(recorder);
+    Link link = connect(p);
+    for (int i = 0; i < 300; ++i)
+      p->writeValue(bytes(std::to_string(i)), link.tx, WriteType::WithoutResponse);
+    p->writeValue(bytes("end"), link.tx, WriteType::WithResponse);  // never lost, and last
+    EXPECT_TRUE(recorder->waitFor("write"));
+    std::vector<int> out;
+    for (const auto& v : valuesAfter("connect", 1)) {
+      if (v != "end") out.push_back(std::stoi(v));
+    }
+    const auto stats = side.radio->stats(side.id("QLT-Chunk"));
+    EXPECT_EQ(stats.writesReceived + stats.writesLost, 301u);
+    return out;
+  };
+  const auto first = received(7), again = received(7), other = received(8);
+  EXPECT_EQ(first, again);
+  EXPECT_NE(first, other);
+  EXPECT_GT(first.size(), 150u);  // about 0.8 x 0.9 of 300
+  EXPECT_LT(first.size(), 270u);
+  EXPECT_TRUE(std::is_sorted(first.begin(), first.end()));
+}
+
+// Each fault of the air, with the least it must cost: a delay both ways, paced writes, a
+// link that drops after so many packets or so much time, a device that takes one central.
+TEST_F(OnTheSimulatedRadio, AppliesEachFaultOfTheAir) {
+  auto p = central->retrievePeripheralsWithIdentifiers({side.id("QLT-Chunk")}).at(0);
+  p->setDelegate(recorder);
+  auto echo20 = [&](sim::AirFaults faults) {
+    side.radio->setFaults(faults);
+    Link link = connect(p);
+    const auto start = std::chrono::steady_clock::now();
+    const size_t before = count("value");
+    for (int i = 0; i < 20; ++i)
+      p->writeValue(bytes(std::to_string(i)), link.tx, WriteType::WithoutResponse);
+    EXPECT_TRUE(recorder->waitFor("value", before + 20));
+    const auto took = std::chrono::steady_clock::now() - start;
+    central->cancelPeripheralConnection(p);
+    EXPECT_TRUE(eventually([&] { return p->state() == PeripheralState::Disconnected; }));
+    return took;
+  };
+  sim::AirFaults delayed, paced, dropping, timed;
+  delayed.connectionInterval = 0.015;
+  EXPECT_GE(echo20(delayed), 30ms) << "there and back";
+  paced.writeRateLimit = 200;
+  EXPECT_GE(echo20(paced), 95ms) << "one write every 5 ms";
+  EXPECT_EQ(valuesAfter("connect", 2).size(), 20u) << "paced, not lost";
+
+  dropping.dropAfterPackets = 6;  // three writes and their three echoes
+  side.radio->setFaults(dropping);
+  Link link = connect(p);
+  for (int i = 0; i < 4; ++i) {
+    p->writeValue(bytes("d"), link.tx, WriteType::WithoutResponse);
+    if (i < 3) {
+      ASSERT_TRUE(recorder->waitFor("value", 40 + i + 1));
+    }
+  }
+  auto lost = recorder->waitFor("disconnect", 3);
+  ASSERT_TRUE(lost);
+  EXPECT_TRUE(lost->error);
+  EXPECT_EQ(valuesAfter("connect", 3).size(), 3u);
+  timed.dropAfterSeconds = 0.05;
+  side.radio->setFaults(timed);
+  const auto start = std::chrono::steady_clock::now();
+  central->connect(p);
+  ASSERT_TRUE(recorder->waitFor("connect", 4));
+  ASSERT_TRUE(recorder->waitFor("disconnect", 4));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+
+  side.radio->setFaults({});
+  ASSERT_TRUE(connect(p));
+  auto otherQueue = DispatchQueue::create("other");
+  auto other = std::make_shared<Recorder>();
+  auto second = side.backend()->createCentral(other, otherQueue, {});
+  ASSERT_TRUE(other->waitFor("state"));
+  second->connect(second->retrievePeripheralsWithIdentifiers({side.id("QLT-Chunk")}).at(0));
+  EXPECT_TRUE(other->waitFor("fail")) << "one central at a time";
+  otherQueue->sync([&] { second.reset(); });
+}
+
+TEST_F(OnTheSimulatedRadio, LoadsItsConfigurationAllOrNothing) {
+  const std::pair<const char*, const char*> bad[] = {
+      {"{", "not valid JSON"},
+      {R"({"devcies": []})", "(top level): unknown key \"devcies\""},
+      {R"({"devices": [{"name": "x"}]})", "devices[0]: missing \"identifier\""},
+      {R"({"devices": [{"identifier": "xyz"}]})", "devices[0].identifier: not a UUID: \"xyz\""},
+      {R"({"devices": [{"identifier": "180D"}, {"identifier": "180d"}]})",
+       "devices[1].identifier: duplicate identifier"},
+      {R"({"faults": {"lostNotifications": 1.5}})", "faults.lostNotifications: out of range"},
+      {R"({"devices": [{"identifier": "180D", "manufacturerData": "12G4"}]})",
+       "devices[0].manufacturerData: not hexadecimal"},
+      {R"({"devices": [{"identifier": "180D", "services": [{"uuid": "180F", "characteristics": [{"uuid": "2A19", "properties": ["fly"]}]}]}]})",
+       "devices[0].services[0].characteristics[0].properties[0]: unknown property \"fly\""},
+  };
+  const size_t devices = side.radio->devices().size();
+  for (const auto& [json, expected] : bad) {
+    std::string error;
+    EXPECT_FALSE(side.radio->loadConfigString(json, &error)) << json;
+    EXPECT_NE(error.find(expected), std::string::npos) << json << " gave: " << error;
+  }
+  EXPECT_EQ(side.radio->devices().size(), devices) << "a refused configuration changes nothing";
+  std::string error;
+  ASSERT_TRUE(side.radio->loadConfigString(R"({"faults": {"connectionIntervalMs": 7.5}, "devices": [
+      {"identifier": "51D0E001-0000-4000-8000-000000000001", "name": "Board", "mtu": 247,
+       "manufacturerData": "5900 0102", "behaviour": "sink", "faults": {"dropAfterPackets": 100},
+       "services": [{"uuid": "180F", "characteristics": [{"uuid": "2A19", "properties": ["read", "notify"]}]}]}]})",
+                                           &error))
+      << error;
+  auto board = side.radio->device(UUID::literal("51D0E001-0000-4000-8000-000000000001"));
+  ASSERT_TRUE(board && board->faults && board->services.size() == 1);
+  EXPECT_EQ(board->localName, "Board");
+  EXPECT_EQ(board->manufacturerData, Data(std::vector<uint8_t>{0x59, 0x00, 0x01, 0x02}));
+  EXPECT_EQ(board->mtu, 247u);
+  EXPECT_EQ(board->behaviour, sim::SimBehaviour::Sink);
+  EXPECT_EQ(board->services[0].characteristics[0].properties,
+            uint32_t(platform::kPropertyRead | platform::kPropertyNotify));
+  EXPECT_EQ(board->faults->dropAfterPackets, 100u);
+  EXPECT_DOUBLE_EQ(side.radio->faults().connectionInterval, 0.0075);
+}
+
+}  // namespace
+}  // namespace qlt::test

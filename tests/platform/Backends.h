@@ -1,0 +1,52 @@
+// The backends the platform and end-to-end suites run on, each with the devices QLT-Echo
+// (sliding-window echo), QLT-Chunk (echoes every write) and HR-Sensor (no UART service), and
+// the faults a test can make happen on it.
+#pragma once
+
+#include <string>
+
+#include "support/SimWorld.h"
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
+#include "MockBluez.h"
+#include "platform/bluez/BluezBackend.h"
+#include "platform/bluez/BluezIdentifiers.h"
+#endif
+
+namespace qlt::test {
+
+using e2e::Sim;
+
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
+using Json = nlohmann::json;
+
+// bluetoothd on a private bus, with QLT-Echo, QLT-Chunk and HR-Sensor on the air.
+struct Bluez {
+  MockBluez mock;
+  std::string start() {
+    auto why = MockBluez::unavailableReason();
+    return why.empty() ? mock.start() : "skip: " + why;
+  }
+  std::shared_ptr<platform::Backend> backend() { return bluez::makeBackend(); }
+  UUID id(const std::string& name) {
+    return bluez::identifierForAddress(*bluez::parseAddress(MockBluez::address(name)));
+  }
+  // One request of the mock's session about the device named `name`.
+  Json ask(const std::string& op, const std::string& name, Json request = Json::object()) {
+    request["op"] = op;
+    request["address"] = MockBluez::address(name);
+    return mock(request);
+  }
+  void power(bool on) { mock({{"op", "power"}, {"on", on}}); }
+  void drop(const std::string& name) { ask("drop", name); }
+  void failConnects(bool fail) {
+    if (fail) ask("fail-next-connect", "QLT-Echo", {{"error", "org.bluez.Error.Failed"}});
+  }
+  void slowAir() {}
+  Json stats(const std::string& name) { return ask("stats", name); }
+  void set(const std::string& name, const std::string& what, const Json& value) {
+    ask("set", name, {{"name", what}, {"value", value}});
+  }
+};
+#endif
+
+}  // namespace qlt::test
