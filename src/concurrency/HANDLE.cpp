@@ -1,5 +1,6 @@
 #include "QueltLibrary/HANDLE.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -7,8 +8,11 @@ namespace qlt {
 
 namespace {
 
-void sleepSeconds(double seconds) {
-  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+// Sleeps `seconds`, saturated to `atMost` (NaN, infinite and huge pauses are not converted
+// to an integer count, which would be undefined).
+void sleepSeconds(double seconds, double atMost = 1.0) {
+  if (!(seconds > 0)) return;
+  std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, atMost)));
 }
 
 }  // namespace
@@ -62,7 +66,8 @@ long HANDLE::waitForMultipleObjects(const std::vector<std::shared_ptr<HANDLE>>& 
       if (event && event->isSet()) return counter;
     }
     ++counter;
-    if (t > 0) sleepSeconds(t);
+    // The pause never outlasts the stopwatch's limit, whatever t is.
+    if (t > 0) sleepSeconds(t, std::max(0.0, stopwatch->Timeout() - stopwatch->elapse()) + 0.001);
     if (t >= 0 && stopwatch->isTimeout()) return -1;
   }
 }
