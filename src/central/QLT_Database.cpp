@@ -82,23 +82,29 @@ void moveAside(const std::string& path, const std::string& why) {
 // Reads the list. A file that exists but cannot be read (permissions, an I/O error while
 // opening) sets `unreadable` to the reason: it is not damaged, and must not be replaced.
 std::vector<std::string> readStore(const std::string& path, std::string& unreadable) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    if (errno == ENOENT) return {};  // a fresh installation
-    unreadable = "cannot read " + path + " (" + std::strerror(errno) + ")";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0 && (errno == ENOENT || errno == ENOTDIR)) return {};  // nothing there yet
+  std::string text;
+  int error = fd < 0 ? errno : 0;
+  while (fd >= 0 && error == 0) {
+    char chunk[4096];
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n > 0) {
+      text.append(chunk, static_cast<size_t>(n));
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      error = errno;
+    }
+  }
+  if (fd >= 0) ::close(fd);
+  if (error != 0) {
+    unreadable = "cannot read " + path + " (" + std::strerror(error) + ")";
     QLTLog("QLT_Database : %@; the store stays empty and the file will not be replaced",
            unreadable);
     return {};
   }
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  if (in.bad()) {
-    unreadable = "cannot read " + path + " (" + std::strerror(errno) + ")";
-    QLTLog("QLT_Database : %@; the store stays empty and the file will not be replaced",
-           unreadable);
-    return {};
-  }
-  nlohmann::json doc = nlohmann::json::parse(buffer.str(), nullptr, /*allow_exceptions=*/false);
+  nlohmann::json doc = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (doc.is_discarded() || !doc.is_object()) {
     moveAside(path, "not a JSON object");
     return {};
