@@ -34,11 +34,20 @@ std::string lineEnding(const std::string& eol) {
   return "\n";
 }
 
-// A received payload as a line: one line ending at its end is the line's own, not shown.
-std::string shownPayload(std::string text) {
+// A received payload as lines for people: split at line feeds (a carriage return before
+// one, and one line ending at the very end, are not shown), each line as text or hex.
+std::vector<std::string> shownLines(std::string text) {
   if (!text.empty() && text.back() == '\n') text.pop_back();
-  if (!text.empty() && text.back() == '\r') text.pop_back();
-  return describePayload(text);
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (;;) {
+    const size_t nl = text.find('\n', start);
+    std::string line = text.substr(start, nl == std::string::npos ? std::string::npos : nl - start);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    lines.push_back(describePayload(line));
+    if (nl == std::string::npos) return lines;
+    start = nl + 1;
+  }
 }
 
 // Reads stdin line by line without blocking the check for a dropped link or Ctrl-C.
@@ -104,7 +113,8 @@ int runChat(const ChatOptions& o) {
   auto received = std::make_shared<std::atomic<uint64_t>>(0);  // payloads, for the drain at the end
   events.onData = [received](const Data& d, bool datagram) {
     received->fetch_add(1);
-    printLine(std::string(datagram ? "< (udp) " : "< ") + shownPayload(d.toString()));
+    for (const auto& line : shownLines(d.toString()))
+      printLine(std::string(datagram ? "< (udp) " : "< ") + line);
   };
   Connection connection(session, peripheral, transport, events);
   connection.open(o.timeoutS);

@@ -141,7 +141,10 @@ CommandAction addKnownCommand(CLI::App& app) {
   auto* list =
       cmd->add_subcommand("list", "Print the known identifiers, one per line, oldest first");
   addCommonOptions(*list, o->common, false);
-  list->callback([which] { *which = 1; });
+  list->callback([which, o] {
+    *which = 1;
+    o->common.command = "known list";
+  });
 
   auto* add = cmd->add_subcommand("add", "Find DEVICE (identifier or name) and remember it");
   add->add_option("DEVICE", o->device, "Device identifier (UUID) or name")->required();
@@ -149,16 +152,25 @@ CommandAction addKnownCommand(CLI::App& app) {
                   "a number of seconds")
       ->default_str("5");
   addCommonOptions(*add, o->common, false);
-  add->callback([which] { *which = 2; });
+  add->callback([which, o] {
+    *which = 2;
+    o->common.command = "known add";
+  });
 
   auto* remove = cmd->add_subcommand("remove", "Forget the device with identifier ID");
   remove->add_option("ID", o->id, "Device identifier (UUID, any case)")->required();
   addCommonOptions(*remove, o->common, false);
-  remove->callback([which] { *which = 3; });
+  remove->callback([which, o] {
+    *which = 3;
+    o->common.command = "known remove";
+  });
 
   auto* clear = cmd->add_subcommand("clear", "Forget every known device");
   addCommonOptions(*clear, o->common, false);
-  clear->callback([which] { *which = 4; });
+  clear->callback([which, o] {
+    *which = 4;
+    o->common.command = "known clear";
+  });
 
   return [o, which] {
     switch (*which) {

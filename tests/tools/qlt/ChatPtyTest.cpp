@@ -25,7 +25,7 @@ class AChatOnATerminal : public ::testing::Test {
       if (entry.rfind("QLT_STORE_PATH=", 0) == 0 || entry.rfind("TERM=", 0) == 0) continue;
       env.push_back(entry);
     }
-    env.push_back("QLT_STORE_PATH=" + store_.path());
+    env.push_back("QLT_STORE_PATH=" + storeFile(store_.path()));
     env.push_back("TERM=xterm");
     for (auto& e : env) envp_.push_back(strdup(e.c_str()));
     envp_.push_back(nullptr);
@@ -105,15 +105,26 @@ TEST_F(AChatOnATerminal, EchoesATypedLineAndLeavesCleanlyOnCtrlD) {
   EXPECT_NE(screen_.find("[disconnected]"), std::string::npos) << screen_;
 }
 
-TEST_F(AChatOnATerminal, WorksOverPlainChunksTracesFramesAndLeavesOnCtrlC) {
-  start({"chat", "QLT-Chunk", "--transport", "nus", "--trace"});
-  ASSERT_TRUE(readUntil("Ctrl-D to leave")) << screen_;
-  type("ping\n");
-  ASSERT_TRUE(readUntil("< ping")) << screen_;
-  EXPECT_NE(screen_.find("→ chunk 4 B"), std::string::npos) << screen_;
-  type("\x03");  // Ctrl-C leaves as cleanly as Ctrl-D
-  EXPECT_EQ(exitCode(), 0) << screen_;
-  EXPECT_NE(screen_.find("[disconnected]"), std::string::npos) << screen_;
+// Ctrl-C, a closed terminal (SIGHUP) and SIGTERM all disconnect before leaving, exit 130.
+TEST_F(AChatOnATerminal, WorksOverPlainChunksAndDisconnectsOnEveryInterrupt) {
+  for (const int signal : {0, SIGHUP, SIGTERM}) {
+    SCOPED_TRACE(signal);
+    screen_.clear();
+    start({"chat", "QLT-Chunk", "--transport", "nus", "--trace"});
+    ASSERT_TRUE(readUntil("Ctrl-D to leave")) << screen_;
+    type("ping\n");
+    ASSERT_TRUE(readUntil("< ping")) << screen_;
+    EXPECT_NE(screen_.find("→ chunk 5 B"), std::string::npos) << screen_;  // "ping\n"
+    if (signal == 0) {
+      type("\x03");  // Ctrl-C
+    } else {
+      ::kill(pid_, signal);
+    }
+    EXPECT_EQ(exitCode(), 130) << screen_;
+    EXPECT_NE(screen_.find("[disconnected]"), std::string::npos) << screen_;
+    ::close(master_);
+    master_ = -1;
+  }
 }
 
 }  // namespace

@@ -2,9 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "RunTool.h"
 
@@ -13,29 +21,82 @@ namespace {
 
 class TheQltTool : public ::testing::Test {
  protected:
-  ToolRun qlt(const std::vector<std::string>& args, double limitS = 60) {
-    return runTool(args, store_.path(), limitS);
+  ToolRun qlt(const std::vector<std::string>& args, double limitS = 60,
+              const ToolInput& input = {}) {
+    return runTool(args, store_.path(), limitS, input);
   }
+  // A simulated radio of devices that misbehave; the path of its --sim-config file.
+  std::string hostileRadio() {
+    auto nus = [](int i) {
+      return "\"6E40000" + std::to_string(i) + "-B5A3-F393-E0A9-E50E24DCCA9E\"";
+    };
+    auto table = [&](const std::string& txProperties, const std::string& rxProperties) {
+      return R"("behaviour": "sw-echo", "services": [{"uuid": )" + nus(1) +
+             R"(, "characteristics": [{"uuid": )" + nus(2) + R"(, "properties": [")" +
+             txProperties + R"("]}, {"uuid": )" + nus(3) + R"(, "properties": [")" + rxProperties +
+             R"("]}]}])";
+    };
+    const std::vector<std::pair<std::string, std::string>> devices{
+        {"Small", R"("mtu": 23, "behaviour": "sw-echo")"},
+        {"SmallChunk", R"("mtu": 23, "behaviour": "chunk-echo")"},
+        {"Twice", R"("services": ["nus", "nus"], "behaviour": "sw-echo")"},
+        {"Swapped", table("notify", "write")},
+        {"Mute", table("write", "read")},
+        {"Dropper", R"("behaviour": "source", "faults": {"dropAfterPackets": 20})"},
+        {"EchoDropper", R"("behaviour": "sw-echo", "faults": {"dropAfterPackets": 20})"},
+        {kEvilName, R"("behaviour": "sw-echo")"},
+    };
+    std::string json = R"({"devices": [)";
+    for (size_t i = 0; i < devices.size(); ++i) {
+      json += std::string(i ? "," : "") + R"({"identifier": "0E0E0E0E-0000-4000-8000-00000000000)" +
+              std::to_string(i) + R"(", "name": ")" + devices[i].first + "\", " +
+              devices[i].second + "}";
+    }
+    const std::string path = store_.path() + "/hostile.json";
+    std::ofstream(path) << json << "]}";
+    return path;
+  }
+  static constexpr const char* kEvilName =
+      R"(Evil\u001b[2J\nfake row  0E0E0E0E-9999 xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx)";
   TempDir store_;
 };
 
+// Bad usage is exit 2 with a message that names the command (and the option, for a bad
+// number): nothing hangs on NaN, wraps around, or claims an absurd time.
 TEST_F(TheQltTool, RejectsBadUsageWithExitCodeTwo) {
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {},                            // no command
-           {"frobnicate"},                // unknown command
-           {"bench", "--bytes", "lots"},  // not a number
-           {"bench", "--transport", "carrier-pigeon"},
-           {"chat"},  // DEVICE missing
-           {"scan", "--platform", "zigbee"},
-           {"known"},  // no action
-           {"known", "remove", "not-a-uuid"},
-       }) {
-    const auto run = qlt(args);
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+      {{}, ""},              // no command
+      {{"frobnicate"}, ""},  // unknown command
+      {{"bench", "--bytes", "lots"}, "--bytes"},
+      {{"bench", "--transport", "carrier-pigeon"}, "--transport"},
+      {{"chat"}, "DEVICE"},
+      {{"scan", "--platform", "zigbee"}, "--platform"},
+      {{"known"}, ""},
+      {{"known", "remove", "not-a-uuid"}, "not-a-uuid"},
+      {{"scan", "--timeout", "nan"}, "--timeout"},
+      {{"chat", "X", "--timeout", "-5"}, "--timeout"},
+      {{"receive", "X", "f", "--idle", "nan"}, "--idle"},
+      {{"known", "add", "X", "--timeout", "1e300"}, "--timeout"},
+      {{"demo", "--loss", "nan"}, "--loss"},
+      {{"bench", "--loss", "inf"}, "--loss"},
+      {{"bench", "--bytes", "-1"}, "--bytes"},
+      {{"receive", "X", "f", "--bytes", "99999999999999999999"}, "--bytes"},
+      {{"bench", "--pings", "1.5"}, "--pings"},
+      {{"demo", "--interval-ms", "-1"}, "--interval-ms"},
+      {{"chat", "X", "--eol", "lfcr"}, "--eol"},
+  };
+  for (const auto& [args, named] : cases) {
     std::string joined;
     for (const auto& a : args) joined += a + " ";
+    const auto run = qlt(args);
     EXPECT_EQ(run.exitCode, 2) << "qlt " << joined << "\n" << run.out << run.err;
-    EXPECT_FALSE(run.err.empty()) << "qlt " << joined << " says nothing on stderr";
+    EXPECT_NE(run.err.find(named), std::string::npos) << "qlt " << joined << ": " << run.err;
+    if (!args.empty() && args[0] != "frobnicate")
+      EXPECT_EQ(run.err.rfind("qlt " + args[0], 0), 0u) << run.err;
   }
+  const auto env = qlt({"scan", "--timeout", "0.2"}, 60, {{"QLT_PLATFORM=zigbee"}});
+  EXPECT_EQ(env.exitCode, 2);
+  EXPECT_NE(env.err.find("QLT_PLATFORM is 'zigbee'"), std::string::npos) << env.err;
 }
 
 TEST_F(TheQltTool, ShowsHelpWithExamplesForEveryCommand) {
@@ -47,6 +108,8 @@ TEST_F(TheQltTool, ShowsHelpWithExamplesForEveryCommand) {
   }
   const auto bench = qlt({"bench", "--help"});
   EXPECT_NE(bench.out.find("bound_Bps  = 3 × 120 B / round trip"), std::string::npos) << bench.out;
+  for (const char* text : {"docs/simulated-radio.md", "[0 to 0.9]", "64k, 1M, 1MiB"})
+    EXPECT_NE(bench.out.find(text), std::string::npos) << text << " missing in\n" << bench.out;
   EXPECT_EQ(qlt({"--help"}).exitCode, 0);
 }
 
@@ -59,10 +122,21 @@ TEST_F(TheQltTool, FailsInPlainWordsWhenTheDeviceIsNotThere) {
   EXPECT_EQ(run.err.find("Start discovery"), std::string::npos) << run.err;
 }
 
-TEST_F(TheQltTool, ShowsTheLibraryLogOnlyWhenAsked) {
+TEST_F(TheQltTool, ShowsTheLibraryLogOnlyWhenAskedAndSaysWhichPlatform) {
   const auto run = qlt({"scan", "--timeout", "0.3", "--verbose"});
   EXPECT_EQ(run.exitCode, 0) << run.err;
   EXPECT_NE(run.err.find("Start discovery"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("qlt scan: platform sim"), std::string::npos) << run.err;
+  // QLT_PLATFORM counts when --platform is absent; with no system bus BlueZ fails at once,
+  // saying why, instead of waiting out the five-second power-on limit.
+  const auto bluez =
+      qlt({"scan", "--timeout", "0.3"}, 60,
+          {{"QLT_PLATFORM=bluez", "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent"}});
+  if (bluez.exitCode == 2 && bluez.err.find("not available") != std::string::npos) return;
+  EXPECT_EQ(bluez.exitCode, 1) << bluez.err;
+  EXPECT_NE(bluez.err.find("platform bluez"), std::string::npos) << bluez.err;
+  EXPECT_NE(bluez.err.find("system bus"), std::string::npos) << bluez.err;
+  EXPECT_LT(bluez.seconds, 4.0);
 }
 
 TEST_F(TheQltTool, RunsTheDemoToAVerifiedSummary) {
@@ -136,6 +210,48 @@ TEST_F(TheQltTool, BenchKeepsGoodputBelowTheWindowBoundOnASlowLink) {
   EXPECT_GE(j["latency_p50_ms"].get<double>(), 20.0);
 }
 
+// The store: changes by concurrent processes all land (each waits for the others' lock),
+// and a store that cannot be read or written is never reported as changed.
+TEST_F(TheQltTool, ChangesTheKnownStoreUnderALockOrFailsSayingWhy) {
+  const std::string lockPath = storeFile(store_.path()) + ".lock";
+  const int lock = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  const std::string stale = storeFile(store_.path()) + ".tmp-999999999-0";  // no such process
+  std::ofstream(stale) << "{";
+  std::vector<std::future<ToolRun>> adds;
+  for (const char* device : {"QLT-Echo", "QLT-Chunk", "QLT-Sink"})
+    adds.push_back(std::async(std::launch::async, [this, device] {
+      return qlt({"known", "add", device});
+    }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  EXPECT_FALSE(std::filesystem::exists(storeFile(store_.path()))) << "written without the lock";
+  ::close(lock);
+  for (auto& add : adds) EXPECT_EQ(add.get().exitCode, 0);
+  EXPECT_EQ(splitLines(qlt({"known", "list"}).out).size(), 3u);
+  EXPECT_FALSE(std::filesystem::exists(stale));
+
+  const std::string file = storeFile(store_.path());
+  std::filesystem::remove(file);
+  std::filesystem::create_directory(file);  // there, but not readable as a file
+  const std::string underAFile = "QLT_STORE_PATH=" + store_.path() + "/in.bin/known.json";
+  std::ofstream(store_.path() + "/in.bin") << "a file";
+  for (const auto& [env, why] : std::vector<std::pair<std::string, std::string>>{
+           {"", "cannot read"}, {underAFile, "Not a directory"}}) {
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"known", "list"},
+             {"known", "add", "QLT-Echo"},
+             {"known", "clear"},
+             {"known", "remove", "0E0E0E0E-0000-4000-8000-000000000001"}}) {
+      if (args[1] == "list" && !env.empty()) continue;  // nothing to read: an empty list
+      const auto run = qlt(args, 60, {{env}});
+      EXPECT_EQ(run.exitCode, 1) << args[1] << ": " << run.out << run.err;
+      if (args[1] != "remove" || env.empty())
+        EXPECT_NE(run.err.find(why), std::string::npos) << args[1] << ": " << run.err;
+    }
+  }
+  EXPECT_TRUE(std::filesystem::is_directory(file));
+}
+
 TEST_F(TheQltTool, RemembersAndForgetsKnownDevices) {
   EXPECT_EQ(qlt({"known", "list"}).out, "");
   const auto add = qlt({"known", "add", "QLT-Echo"});
@@ -187,6 +303,109 @@ TEST_F(TheQltTool, SendsAndReceivesFilesThroughTheWindow) {
   ASSERT_EQ(bytes.size(), 3000u);
   for (size_t i = 0; i < bytes.size(); ++i)
     ASSERT_EQ(static_cast<unsigned char>(bytes[i]), i % 251) << i;
+}
+
+// A receive that fails leaves its target as it was (a partial transfer is kept only when
+// asked, under a name that says so), and every failure, a lost link included, is exit 1
+// with the count that got through.
+TEST_F(TheQltTool, NeverLosesOrMisreportsDataWhenATransferFails) {
+  const std::string radio = hostileRadio(), target = store_.path() + "/target.bin";
+  struct Case {
+    std::vector<std::string> args;
+    std::string why;
+  };
+  const std::vector<Case> cases{
+      {{"receive", "NoSuch", target, "--timeout", "0.5"}, "no device named 'NoSuch'"},
+      {{"receive", "Twice", target, "--sim-config", radio}, "UART service 2 times"},
+      {{"receive", "Dropper", target, "--sim-config", radio}, "the connection was lost"},
+      {{"receive", "QLT-Source", "/dev/full", "--bytes", "1000"}, "No space left on device"},
+      {{"receive", "QLT-Sink", target, "--timeout", "0.5", "--idle", "0.5"}, "nothing received"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[1]);
+    std::ofstream(target) << "precious";
+    const auto run = qlt(c.args);
+    EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+    EXPECT_NE(run.err.find(c.why), std::string::npos) << run.err;
+    std::ifstream in(target);
+    std::string text;
+    in >> text;
+    EXPECT_EQ(text, "precious");
+    for (const auto& e : std::filesystem::directory_iterator(store_.path()))
+      EXPECT_EQ(e.path().string().find(".receiving"), std::string::npos) << e.path();
+  }
+  // Asked for, the part that arrived is kept beside the untouched target.
+  ASSERT_EQ(qlt({"receive", "Dropper", target, "--sim-config", radio, "--keep-partial"}).exitCode,
+            1);
+  EXPECT_GT(std::filesystem::file_size(target + ".partial"), 0u);
+  EXPECT_EQ(std::filesystem::file_size(target), 8u);
+  // Interrupted: the summary, exit 130, the target untouched.
+  const auto stopped = qlt({"receive", "QLT-Source", target}, 60, {{}, "", SIGINT, 1.5});
+  EXPECT_EQ(stopped.exitCode, 130) << stopped.out << stopped.err;
+  EXPECT_NE(stopped.out.find("summary"), std::string::npos) << stopped.out;
+  EXPECT_EQ(std::filesystem::file_size(target), 8u);
+  // A send cut short counts what the device acknowledged, not what was queued.
+  std::ofstream(store_.path() + "/in.bin") << std::string(100000, 'x');
+  const auto send = qlt({"send", "EchoDropper", store_.path() + "/in.bin", "--sim-config", radio});
+  EXPECT_EQ(send.exitCode, 1) << send.out << send.err;
+  const auto lost = send.err.find("lost (");
+  ASSERT_NE(lost, std::string::npos) << send.err;
+  EXPECT_LT(std::stoul(send.err.substr(lost + 6)), 100000u) << send.err;
+}
+
+// A device whose link cannot carry the transport is refused at once, in words that say why,
+// instead of stalling silently; the chunking transport fits a small MTU.
+TEST_F(TheQltTool, RefusesALinkThatCannotCarryTheTransport) {
+  const std::string radio = hostileRadio();
+  for (const auto& [device, why] : std::vector<std::pair<std::string, std::string>>{
+           {"Small", "ATT MTU is 23"},
+           {"Twice", "offers the UART service 2 times"},
+           {"Swapped", "tx and rx characteristics are swapped"},
+           {"Mute", "the device's rx characteristic does not notify"}}) {
+    const auto run = qlt({"chat", device, "--sim-config", radio}, 60, {{}, "hi\n"});
+    EXPECT_EQ(run.exitCode, 1) << device << run.out << run.err;
+    EXPECT_NE(run.err.find(why), std::string::npos) << run.err;
+    EXPECT_EQ(run.out, "") << device;
+  }
+  EXPECT_NE(qlt({"bench", "--device", "Small", "--sim-config", radio}).err.find("--transport nus"),
+            std::string::npos);
+  const auto chunks =
+      qlt({"chat", "SmallChunk", "--transport", "nus", "--sim-config", radio}, 60, {{}, "hi\n"});
+  EXPECT_EQ(chunks.exitCode, 0) << chunks.err;
+  EXPECT_EQ(chunks.out, "< hi\n");
+}
+
+// Stdout carries only data when it carries data; what comes from a device is shown safely.
+TEST_F(TheQltTool, KeepsDataOnStdoutAndShowsWhatDevicesSendSafely) {
+  const auto bench = qlt({"bench", "--json", "--trace", "--bytes", "2k", "--pings", "1"});
+  EXPECT_EQ(bench.exitCode, 0) << bench.err;
+  EXPECT_EQ(nlohmann::json::parse(bench.out)["bytes"], 2000);
+  EXPECT_NE(bench.err.find("→ seg seq=0"), std::string::npos);
+
+  const auto chat = qlt({"chat", "QLT-Echo"}, 60, {{}, "héllo\n\nbye\n"});
+  EXPECT_EQ(chat.exitCode, 0) << chat.err;
+  EXPECT_EQ(splitLines(chat.out), (std::vector<std::string>{"< héllo", "< ", "< bye"})) << chat.out;
+  EXPECT_NE(chat.err.find("[ready]"), std::string::npos);
+
+  const std::string radio = hostileRadio();
+  const auto scan = qlt({"scan", "--sim-config", radio, "--timeout", "0.5"});
+  const auto json = qlt({"scan", "--sim-config", radio, "--timeout", "0.5", "--json"});
+  const auto evil =
+      qlt({"chat", "0E0E0E0E-0000-4000-8000-000000000007", "--sim-config", radio}, 60, {{}, "x\n"});
+  for (const std::string& shown : {scan.out, evil.err}) {
+    EXPECT_EQ(shown.find('\x1b'), std::string::npos) << shown;
+    EXPECT_NE(shown.find("Evil\\x1b[2J\\x0afake row"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("…"), std::string::npos) << shown;
+  }
+  for (const auto& line : splitLines(scan.out))
+    EXPECT_EQ(line.rfind("fake row", 0), std::string::npos);
+  std::vector<std::string> names;
+  for (const auto& line : splitLines(json.out))
+    names.push_back(nlohmann::json::parse(line)["name"]);
+  EXPECT_NE(
+      std::find(names.begin(), names.end(),
+                nlohmann::json::parse(std::string("\"") + kEvilName + "\"").get<std::string>()),
+      names.end());
 }
 
 TEST_F(TheQltTool, DescribesTheSimulatedRadioFromAJsonFile) {
