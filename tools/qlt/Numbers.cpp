@@ -39,8 +39,10 @@ std::optional<uint64_t> parseByteCount(const std::string& text, uint64_t min, ui
   const std::string t = trimmed(text);
   size_t digits = 0;
   while (digits < t.size() && t[digits] >= '0' && t[digits] <= '9') ++digits;
-  if (digits == 0 || digits > 19) return std::nullopt;
-  const uint64_t number = std::stoull(t.substr(0, digits));
+  if (digits == 0) return std::nullopt;
+  errno = 0;
+  const uint64_t number = std::strtoull(t.substr(0, digits).c_str(), nullptr, 10);
+  if (errno == ERANGE) return std::nullopt;
   std::string unit = trimmed(t.substr(digits));
   uint64_t scale = 1;
   if (!unit.empty() && unit != "B") {

@@ -28,6 +28,20 @@ TempDir::~TempDir() {
 
 std::string storeFile(const std::string& storeDir) { return storeDir + "/known.json"; }
 
+std::vector<std::string> toolEnvironment(const std::string& storeDir,
+                                         const std::vector<std::string>& extra) {
+  std::vector<std::string> env;
+  for (char** e = environ; *e; ++e) {
+    const std::string entry = *e;
+    if (entry.rfind("QLT_STORE_PATH=", 0) && entry.rfind("QLT_PLATFORM=", 0) &&
+        entry.rfind("TERM=", 0))
+      env.push_back(entry);
+  }
+  env.insert(env.end(), extra.begin(), extra.end());  // these win over the store path
+  env.push_back("QLT_STORE_PATH=" + storeFile(storeDir));
+  return env;
+}
+
 ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDir, double limitS,
                 const ToolInput& input) {
   int outPipe[2], errPipe[2], inPipe[2];
@@ -40,14 +54,7 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDi
     throw std::runtime_error("stdin write failed");
   ::close(inPipe[1]);
   // Everything the child needs is prepared before fork(): after it, only exec.
-  std::vector<std::string> env;
-  for (char** e = environ; *e; ++e) {
-    const std::string entry = *e;
-    if (entry.rfind("QLT_STORE_PATH=", 0) == 0 || entry.rfind("QLT_PLATFORM=", 0) == 0) continue;
-    env.push_back(entry);
-  }
-  env.insert(env.end(), input.env.begin(), input.env.end());  // these win
-  env.push_back("QLT_STORE_PATH=" + storeFile(storeDir));
+  std::vector<std::string> env = toolEnvironment(storeDir, input.env);
   std::vector<char*> envp;
   for (auto& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);
