@@ -1,6 +1,5 @@
 #include "QueltLibrary/HANDLE.h"
 
-#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -8,11 +7,18 @@ namespace qlt {
 
 namespace {
 
-// Sleeps `seconds`, saturated to `atMost` (NaN, infinite and huge pauses are not converted
-// to an integer count, which would be undefined).
-void sleepSeconds(double seconds, double atMost = 1.0) {
+// Pauses longer than this sleep for good: converting them to the clock's integer count
+// would overflow, which is undefined.
+constexpr double kLongestPauseS = 1e9;  // about 31 years
+
+// Sleeps `seconds`; NaN and negative pauses do not sleep, huge and infinite ones saturate
+// (the thread sleeps on, a day at a time, for good).
+void sleepSeconds(double seconds) {
   if (!(seconds > 0)) return;
-  std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, atMost)));
+  if (seconds >= kLongestPauseS) {
+    for (;;) std::this_thread::sleep_for(std::chrono::hours(24));
+  }
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
 }  // namespace
@@ -66,8 +72,7 @@ long HANDLE::waitForMultipleObjects(const std::vector<std::shared_ptr<HANDLE>>& 
       if (event && event->isSet()) return counter;
     }
     ++counter;
-    // The pause never outlasts the stopwatch's limit, whatever t is.
-    if (t > 0) sleepSeconds(t, std::max(0.0, stopwatch->Timeout() - stopwatch->elapse()) + 0.001);
+    if (t > 0) sleepSeconds(t);
     if (t >= 0 && stopwatch->isTimeout()) return -1;
   }
 }
