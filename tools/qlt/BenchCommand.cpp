@@ -10,6 +10,7 @@
 #include "Echo.h"
 #include "Errors.h"
 #include "Numbers.h"
+#include "QueltLibrary/QLT_Peripheral.h"
 #include "Session.h"
 #include "Stats.h"
 #include "Terminal.h"
@@ -79,7 +80,7 @@ int runBench(const BenchOptions& o) {
   if (o.json) {
     nlohmann::json j = {
         {"transport", transportName(transport)},
-        {"device", connection.deviceName()},
+        {"device", connection.peripheral()->name().value_or(connection.deviceIdentifier())},
         {"bytes", run.bytes},
         {"echoed_bytes", run.echoed},
         {"seconds", r3(run.seconds)},

@@ -31,6 +31,12 @@ std::string fixed(double v, int decimals) {
 void writeRaw(std::string_view s) { std::fwrite(s.data(), 1, s.size(), stdout); }
 
 bool gStdoutCarriesData = false;  // guarded by the output lock
+int gStdoutErrno = 0;             // guarded by the output lock: the first failed write's reason
+
+// Flushes stdout (under the output lock), noting the reason of the first failure.
+void flushLocked() {
+  if (std::fflush(stdout) != 0 && gStdoutErrno == 0) gStdoutErrno = errno;
+}
 
 // The length of the UTF-8 sequence at `s[i]` and its code point, or 0 when it is invalid.
 size_t utf8Sequence(std::string_view s, size_t i, uint32_t& cp) {
@@ -78,13 +84,6 @@ void printError(std::string_view line) {
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
-bool writeStdout(std::string_view text) {
-  std::lock_guard lock(outputLock());
-  errno = 0;
-  const bool ok = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
-  return std::fflush(stdout) == 0 && ok;
-}
-
 std::string displayText(std::string_view text, size_t maxChars) {
   std::string out;
   size_t chars = 0;
@@ -123,7 +122,13 @@ void printLine(std::string_view line) {
   writeRaw(line);
   writeRaw("\n");
   if (activeBar) writeRaw(activeBarText);
-  std::fflush(stdout);
+  flushLocked();
+}
+
+int stdoutWriteError() {
+  std::lock_guard lock(outputLock());
+  flushLocked();
+  return gStdoutErrno ? gStdoutErrno : (std::ferror(stdout) ? EIO : 0);
 }
 
 std::string formatBytes(double bytes) {

@@ -31,8 +31,8 @@ void setStdoutCarriesData(bool data);
 void printStatus(std::string_view line);
 // A line to stderr, under the output lock.
 void printError(std::string_view line);
-// Writes `text` to stdout and flushes: false (with errno set) when the write failed.
-bool writeStdout(std::string_view text);
+// Flushes stdout; the reason (an errno value) of the first write to it that failed, else 0.
+int stdoutWriteError();
 
 // "64.0 kB", "1.2 MB", "512 B" (decimal units, as rates are usually quoted).
 std::string formatBytes(double bytes);

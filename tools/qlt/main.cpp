@@ -5,7 +5,9 @@
 // 130 interrupted (Ctrl-C, SIGTERM, SIGHUP; after the command's summary).
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <map>
 
@@ -100,8 +102,8 @@ int main(int argc, char** argv) {
       printError("qlt " + path + ": " + e.what());
       code = kExitFailure;
     }
-    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
-      printError("qlt " + path + ": cannot write to standard output");
+    if (const int error = stdoutWriteError()) {
+      printError("qlt " + path + ": cannot write to standard output: " + std::strerror(error));
       code = kExitFailure;
     }
     return wasInterrupted() ? kExitInterrupted : code;
