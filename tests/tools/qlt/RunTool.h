@@ -33,6 +33,9 @@ struct ToolInput {
   int signal = 0;                // sent once `signalAfterS` have passed
   double signalAfterS = 0;
 };
+inline ToolInput withEnv(std::vector<std::string> env) { return {std::move(env), "", 0, 0}; }
+inline ToolInput withStdin(std::string text) { return {{}, std::move(text), 0, 0}; }
+inline ToolInput signalAfter(int signal, double seconds) { return {{}, "", signal, seconds}; }
 
 // Runs qlt with `args`, QLT_STORE_PATH=`storeDir`/known.json, killing it after `limitS`
 // seconds.
