@@ -27,8 +27,7 @@ class TheQltTool : public ::testing::Test {
   }
   // A simulated radio of devices that misbehave: a small MTU, broken UART tables, links
   // that drop, a hostile name (hostile-radio.json beside this file).
-  const std::string radio_ =
-      std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/hostile-radio.json";
+  const std::string radio_ = QLT_TOOL_TEST_DATA "/hostile-radio.json";
   const std::string evilName_ =
       "Evil\x1b[2J\nfake row  0E0E0E0E-9999 xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx";
   TempDir store_;
