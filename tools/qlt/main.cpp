@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
@@ -106,7 +107,11 @@ int main(int argc, char** argv) {
       printError("qlt " + path + ": cannot write to standard output: " + std::strerror(error));
       code = kExitFailure;
     }
-    return wasInterrupted() ? kExitInterrupted : code;
+    // Leave without running static destructors: library threads may still log (a late
+    // state change), and the log sink is a static that would fall back to printing on
+    // stderr once destroyed. Everything the tool prints has been flushed.
+    std::fflush(stderr);
+    std::_Exit(wasInterrupted() ? kExitInterrupted : code);
   }
   return kExitUsage;
 }
