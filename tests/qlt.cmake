@@ -5,7 +5,8 @@ if(TARGET qlt)
   file(GLOB QLT_TOOL_TEST_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tools/qlt/*.cpp)
   add_executable(qlt_tests_qlt ${QLT_TOOL_TEST_SOURCES})
   target_link_libraries(qlt_tests_qlt PRIVATE qlt_cli GTest::gtest_main util)
-  target_compile_definitions(qlt_tests_qlt PRIVATE QLT_TOOL_PATH="$<TARGET_FILE:qlt>")
+  target_compile_definitions(qlt_tests_qlt PRIVATE QLT_TOOL_PATH="$<TARGET_FILE:qlt>"
+                             QLT_TOOL_TEST_DATA="${CMAKE_CURRENT_SOURCE_DIR}/tools/qlt")
   add_dependencies(qlt_tests_qlt qlt)
   gtest_discover_tests(qlt_tests_qlt
     DISCOVERY_TIMEOUT 60

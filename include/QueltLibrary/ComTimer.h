@@ -26,6 +26,7 @@ class ComTimer : public QLT_Object {
       double seconds, std::shared_ptr<Clock> clock = Clock::monotonic());
 
   void start();
+  // Seconds since the origin; never below 0, also while start() runs on another thread.
   double elapse() const;
   bool isTimeout() const;
 

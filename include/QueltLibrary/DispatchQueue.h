@@ -18,6 +18,11 @@
 //   through nested sync calls), f runs at once, inline, so re-entrant code cannot deadlock.
 // - isCurrent(): whether the calling thread is running a task of this queue right now.
 //
+// Exceptions: a task run by async or asyncAfter that throws (an application callback, a
+// scan filter, any queued task) is contained: the library logs the queue's label and the
+// exception's message, and the queue goes on with its next task. A task run by sync()
+// that throws releases the queue, and the exception reaches the caller of sync().
+//
 // Thread safety: every member may be called from any thread.
 #pragma once
 
@@ -79,9 +84,12 @@ class MainQueue {
   static void useApplicationThread();
   // Serves the main queue on the calling thread until stop() is called.
   static void run();
-  // Makes run() return after the task it is running (if any).
+  // Application-driven mode: makes run() return after the task it is running (if any). A
+  // stop() while no run() is active is kept, and the next run() runs the tasks waiting then
+  // and returns. With the library's own main thread (the default) stop() does nothing: that
+  // thread serves the main queue for the life of the process.
   static void stop();
-  // Serves the main queue for `duration`, then returns.
+  // Serves the main queue for `duration`, then returns; stop() does not shorten it.
   static void runFor(std::chrono::milliseconds duration);
   // Runs the tasks that are waiting now and returns how many ran; does not wait.
   static size_t runPending();

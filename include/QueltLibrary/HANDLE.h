@@ -7,7 +7,9 @@
 // waitForMultipleObjects keeps the quirks of the interface it copies, on purpose: the
 // result is 0 when any event was set (whichever it was) and -1 on time-out; `t` is the
 // pause between passes, not the limit; the limit for any t >= 0 is a fixed 1.0 s, and a
-// negative t polls without pause and without limit.
+// negative t polls without pause and without limit (NaN too). A pause of 10^9 s or more,
+// infinite included, saturates: the pause never ends, so such a wait does not return (it is
+// never converted to the clock's integer count, which would overflow).
 //
 // Thread safety: set, reset and isSet may be called from any thread. waitTimeout re-arms
 // the event's one stopwatch, so an event is meant to have one waiter at a time; the class

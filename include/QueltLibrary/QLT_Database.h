@@ -17,13 +17,22 @@
 // Crash safety: synchronize() writes a temporary file in the same directory, flushes it
 // to disk, renames it over the old file and flushes the directory, so a crash at any
 // moment leaves either the old list or the new one. The file is readable and writable by
-// its owner only (0600). A file that cannot be read or parsed gives an empty store and a
-// log line, and is renamed to "<name>.damaged-<timestamp>" so that it is kept, not
-// overwritten by the next synchronize().
+// its owner only (0600). A file that cannot be parsed gives an empty store and a log line,
+// and is renamed to "<name>.damaged-<timestamp>" so that it is kept, not overwritten by
+// the next synchronize(). A file that exists but cannot be read (no permission, an I/O
+// error) is not damaged: the store starts empty, and synchronize() refuses to replace the
+// file (false, with the reason in lastError()). Temporary files left by writers that died
+// during synchronize() ("<name>.tmp-PID-N" of a process that no longer exists) are removed
+// by the next synchronize().
 //
 // Thread safety: every member may be called from any thread (one lock per instance).
-// Two instances, or two processes, do not see each other's unsynchronized changes; the
-// last synchronize() wins.
+//
+// Several writers: last synchronize wins. Two instances, or two processes, do not see each
+// other's changes: each writes its whole list, so of two read-modify-write cycles that
+// overlap, the one that synchronizes last wins and the other's change is lost. The file
+// is never torn, but entries can be. Processes that change the store concurrently take a
+// lock of their own around create() ... synchronize() (the qlt tool holds an advisory
+// flock(2) on "<name>.lock").
 #pragma once
 
 #include <memory>
@@ -60,19 +69,27 @@ class QLT_Database : public QLT_Object {
   // Removes the first entry equal to `uuidString` (exact, case-sensitive): true if one was
   // removed. Not persisted until synchronize().
   bool removePeripheralWithUUIDString(const std::string& uuidString);
-  // Empties the list and persists at once.
-  void removeAll();
-  // Writes the whole list to the file (crash-safe); false (with a log line) on failure.
+  // Empties the list and persists at once; false as synchronize().
+  bool removeAll();
+  // Writes the whole list to the file (crash-safe); false on failure, with a log line and
+  // the reason in lastError().
   bool synchronize();
+  // Why the last synchronize() failed, in words ("cannot save /x/y.json (No space left on
+  // device)"); empty after a success. Before any synchronize(), why the file could not be
+  // read when the store was made (empty when it was read, or did not exist).
+  std::string lastError() const;
 
   // The stored strings, in order.
   std::vector<std::string> storedPeripheralIdentifiers() const;
 
  private:
   QLT_Database();
+  bool fail(std::string why);  // logs, records lastError(), returns false
 
   mutable std::mutex mutex_;
   std::vector<std::string> storedPeripheralIdentifiers_;  // guarded by mutex_
+  std::string unreadable_;  // guarded by mutex_: why the file could not be read, if so
+  std::string lastError_;   // guarded by mutex_
 };
 
 }  // namespace qlt

@@ -140,6 +140,20 @@ class QLT_Peripheral : public QLT_Object,
   std::shared_ptr<platform::Characteristic> tx() const;
   void setTx(std::shared_ptr<platform::Characteristic> tx);
 
+  // Why this connection cannot carry data, or why the last attempt to connect failed, in
+  // words for people; empty when nothing is known to be wrong. When the peripheral becomes
+  // ready it checks, once per connection, what would make the transport stall silently:
+  // the UART service offered twice, rx (6E400003) that cannot notify ("the device's rx
+  // characteristic does not notify"), tx (6E400002) that cannot be written, tx and rx
+  // swapped, or an ATT MTU too small for the transport's largest frame (a sliding-window
+  // frame is 121 bytes; at the minimum MTU of 23 a write carries 20). A failed connection
+  // records the platform's reason (state 4 then follows). Each problem is logged once; the
+  // states stay as they are (a problem does not change state numbers), so an application
+  // reads this on state 8 or 4. Cleared when a new connection attempt begins (state 1).
+  std::string linkProblem() const;
+  // Records `problem` (logged once); the manager and the readiness check call it.
+  void setLinkProblem(std::string problem);
+
   // Data path. Without a transport (not ready), the data is dropped silently.
   void writeTCPData(const Data& data);
   void writeUDPData(const Data& data);
@@ -235,6 +249,8 @@ class QLT_Peripheral : public QLT_Object,
   void retireTransport(const std::shared_ptr<BaseTransport>& transport);
   void applyState(int32_t state, uint64_t generation);
   void tearDown(uint64_t generation);
+  // The readiness check behind linkProblem(): "" when the link can carry the transport.
+  std::string checkReadiness(const std::optional<platform::Error>& notifyError) const;
 
   const std::shared_ptr<platform::Peripheral> basePeripheral_;
   std::atomic<int32_t> state_;
@@ -254,6 +270,7 @@ class QLT_Peripheral : public QLT_Object,
   std::shared_ptr<platform::Characteristic> rx_;   // guarded by mutex_
   std::shared_ptr<platform::Characteristic> tx_;   // guarded by mutex_
   FrameTrace frameTrace_;                          // guarded by mutex_
+  std::string linkProblem_;                        // guarded by mutex_
 };
 
 }  // namespace qlt

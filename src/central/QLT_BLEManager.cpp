@@ -204,6 +204,7 @@ void QLT_BLEManager::centralManager_didFailToConnectPeripheral_error(
   auto wrapper = findPeripheralObject(peripheral);
   if (!wrapper) return;
   QLTLog("Failed to connect : %@", wrapper->name());
+  wrapper->setLinkProblem(error ? "could not connect: " + error->message : "could not connect");
   wrapper->setState(QLT_PeripheralStateFailedToConnect);
 }
 

@@ -1,7 +1,9 @@
 #include "QueltLibrary/QLT_Database.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,21 +80,32 @@ void moveAside(const std::string& path, const std::string& why) {
   }
 }
 
-std::vector<std::string> readStore(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    if (errno == ENOENT) return {};  // a fresh installation
-    QLTLog("QLT_Database : cannot read %@ (%@); starting with an empty store", path,
-           std::generic_category().message(errno));
+// Reads the list. A file that exists but cannot be read (permissions, an I/O error while
+// opening) sets `unreadable` to the reason: it is not damaged, and must not be replaced.
+std::vector<std::string> readStore(const std::string& path, std::string& unreadable) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0 && (errno == ENOENT || errno == ENOTDIR)) return {};  // nothing there yet
+  std::string text;
+  int error = fd < 0 ? errno : 0;
+  while (fd >= 0 && error == 0) {
+    char chunk[4096];
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n > 0) {
+      text.append(chunk, static_cast<size_t>(n));
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      error = errno;
+    }
+  }
+  if (fd >= 0) ::close(fd);
+  if (error != 0) {
+    unreadable = "cannot read " + path + " (" + std::generic_category().message(error) + ")";
+    QLTLog("QLT_Database : %@; the store stays empty and the file will not be replaced",
+           unreadable);
     return {};
   }
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  if (in.bad()) {
-    moveAside(path, "read error");
-    return {};
-  }
-  nlohmann::json doc = nlohmann::json::parse(buffer.str(), nullptr, /*allow_exceptions=*/false);
+  nlohmann::json doc = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (doc.is_discarded() || !doc.is_object()) {
     moveAside(path, "not a JSON object");
     return {};
@@ -114,6 +127,26 @@ std::vector<std::string> readStore(const std::string& path) {
   return list;
 }
 
+// Removes "<name>.tmp-PID-N" files left by writers that died during synchronize().
+void removeStaleTemporaries(const std::string& path) {
+  const std::string dir = directoryOf(path);
+  const std::string prefix = path.substr(path.find_last_of('/') + 1) + ".tmp-";
+  DIR* d = ::opendir(dir.c_str());
+  if (!d) return;
+  while (const dirent* e = ::readdir(d)) {
+    const std::string name = e->d_name;
+    if (name.rfind(prefix, 0) != 0) continue;
+    char* end = nullptr;
+    const long pid = std::strtol(name.c_str() + prefix.size(), &end, 10);
+    if (pid <= 0 || !end || *end != '-') continue;
+    if (pid == getpid() || ::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+    const std::string stale = dir + "/" + name;
+    if (::unlink(stale.c_str()) == 0)
+      QLTLog("QLT_Database : removed %@, left by a writer that has ended", stale);
+  }
+  ::closedir(d);
+}
+
 bool writeAll(int fd, const std::string& text) {
   size_t done = 0;
   while (done < text.size()) {
@@ -133,9 +166,12 @@ QLT_Database::QLT_Database() : QLT_Object("QLT_Database") {}
 
 std::shared_ptr<QLT_Database> QLT_Database::create() {
   auto db = std::shared_ptr<QLT_Database>(new QLT_Database());
-  auto list = readStore(storePath());
+  std::string unreadable;
+  auto list = readStore(storePath(), unreadable);
   std::lock_guard lock(db->mutex_);
   db->storedPeripheralIdentifiers_ = std::move(list);
+  db->lastError_ = unreadable;
+  db->unreadable_ = std::move(unreadable);
   return db;
 }
 
@@ -198,12 +234,24 @@ bool QLT_Database::removePeripheralWithUUIDString(const std::string& uuidString)
   return true;
 }
 
-void QLT_Database::removeAll() {
+bool QLT_Database::removeAll() {
   {
     std::lock_guard lock(mutex_);
     storedPeripheralIdentifiers_.clear();
   }
-  synchronize();
+  return synchronize();
+}
+
+std::string QLT_Database::lastError() const {
+  std::lock_guard lock(mutex_);
+  return lastError_;
+}
+
+bool QLT_Database::fail(std::string why) {
+  QLTLog("QLT_Database : %@", why);
+  std::lock_guard lock(mutex_);
+  lastError_ = std::move(why);
+  return false;
 }
 
 std::vector<std::string> QLT_Database::storedPeripheralIdentifiers() const {
@@ -213,31 +261,34 @@ std::vector<std::string> QLT_Database::storedPeripheralIdentifiers() const {
 
 bool QLT_Database::synchronize() {
   nlohmann::json doc = nlohmann::json::object();
-  doc[kStoreKey] = storedPeripheralIdentifiers();
+  std::string unreadable;
+  {
+    std::lock_guard lock(mutex_);
+    doc[kStoreKey] = storedPeripheralIdentifiers_;
+    unreadable = unreadable_;
+    lastError_.clear();
+  }
+  if (!unreadable.empty()) return fail(unreadable + "; not replacing a file that was not read");
   const std::string text = doc.dump(2) + "\n";
 
   const std::string path = storePath();
   const std::string dir = directoryOf(path);
   if (!makeDirectories(dir)) {
-    QLTLog("QLT_Database : cannot create %@ (%@)", dir, std::generic_category().message(errno));
-    return false;
+    return fail("cannot create " + dir + " (" + std::generic_category().message(errno) + ")");
   }
+  removeStaleTemporaries(path);
   static std::atomic<unsigned> counter{0};
   const std::string tmp =
       path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    QLTLog("QLT_Database : cannot write %@ (%@)", tmp, std::generic_category().message(errno));
-    return false;
-  }
+  if (fd < 0) return fail("cannot write " + tmp + " (" + std::generic_category().message(errno) + ")");
   bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, text) && ::fsync(fd) == 0;
   const int savedErrno = errno;
   ok = (::close(fd) == 0) && ok;
   if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    QLTLog("QLT_Database : cannot save %@ (%@)", path,
-           std::generic_category().message(ok ? errno : savedErrno));
+    const int why = ok ? errno : savedErrno;
     ::unlink(tmp.c_str());
-    return false;
+    return fail("cannot save " + path + " (" + std::generic_category().message(why) + ")");
   }
   // Make the rename itself durable.
   const int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -24,9 +24,23 @@
 #include <utility>
 #include <vector>
 
+#include "QueltLibrary/Log.h"
+
 namespace qlt {
 
 namespace {
+
+// Runs one task of an asynchronous queue; an exception it throws is logged with the
+// queue's label and goes no further, so the queue and the pool keep running.
+void runContained(const DispatchQueue::Task& task, const std::string& label) {
+  try {
+    task();
+  } catch (const std::exception& e) {
+    QLTLog("DispatchQueue \"%@\" : a task threw an exception : %@", label, std::string(e.what()));
+  } catch (...) {
+    QLTLog("DispatchQueue \"%@\" : a task threw an exception that is not a std::exception", label);
+  }
+}
 
 // Hands a queue from the worker that reached a sync() marker to the waiting caller.
 struct SyncHandoff {
@@ -282,19 +296,19 @@ class MainLoop {
     if (!applicationDriven_ && !thread_.joinable()) {
       thread_ = std::thread([this] {
         nameThisThread("qlt.main");
-        for (;;) serveOnce(std::chrono::steady_clock::time_point::max());
+        for (;;) serveOnce(std::chrono::steady_clock::time_point::max(), false);
       });
     }
     cv_.notify_all();
   }
 
-  // Waits until the main queue has work (or `deadline`, or stop()), then runs one turn of
-  // it. Returns the number of tasks run.
-  size_t serveOnce(std::chrono::steady_clock::time_point deadline) {
+  // Waits until the main queue has work (or `deadline`, or stop() when `stoppable`), then
+  // runs one turn of it. Returns the number of tasks run.
+  size_t serveOnce(std::chrono::steady_clock::time_point deadline, bool stoppable) {
     std::shared_ptr<DispatchQueue> queue;
     {
       std::unique_lock lock(mutex_);
-      auto ready = [this] { return pending_ != nullptr || stopRequested_; };
+      auto ready = [&] { return pending_ != nullptr || (stoppable && stopRequested_); };
       if (deadline == std::chrono::steady_clock::time_point::max()) {
         cv_.wait(lock, ready);
       } else {
@@ -306,13 +320,11 @@ class MainLoop {
     return queue ? QueueRunner::drain(queue) : 0;
   }
 
+  // A stop() that came while no run() was active is kept: this run() then runs what is
+  // waiting and returns.
   void run() {
-    {
-      std::lock_guard lock(mutex_);
-      stopRequested_ = false;
-    }
     for (;;) {
-      serveOnce(std::chrono::steady_clock::time_point::max());
+      serveOnce(std::chrono::steady_clock::time_point::max(), true);
       std::lock_guard lock(mutex_);
       if (stopRequested_) {
         stopRequested_ = false;
@@ -323,6 +335,7 @@ class MainLoop {
 
   void stop() {
     std::lock_guard lock(mutex_);
+    if (!applicationDriven_) return;  // the library's own thread serves on; nothing to stop
     stopRequested_ = true;
     cv_.notify_all();
   }
@@ -443,7 +456,7 @@ size_t QueueRunner::drain(const std::shared_ptr<DispatchQueue>& queue) {
       entry.handoff->give();  // the queue now belongs to the waiting sync() caller
       return ran;
     }
-    entry.task();
+    runContained(entry.task, s.label);
     ++ran;
     gTasksRun.fetch_add(1, std::memory_order_relaxed);
   }
@@ -517,9 +530,12 @@ void DispatchQueue::sync(const Task& task) {
     }
   }
   if (wait) handoff.wait();
-  {
+  try {
     FrameScope frame(state_.get());
     task();
+  } catch (...) {
+    QueueRunner::release(shared_from_this());  // the queue goes on; the caller gets the exception
+    throw;
   }
   QueueRunner::release(shared_from_this());
 }
@@ -563,7 +579,7 @@ size_t MainQueue::runPending() { return MainLoop::shared().runPending(); }
 
 void MainQueue::runFor(std::chrono::milliseconds duration) {
   const auto deadline = std::chrono::steady_clock::now() + duration;
-  while (std::chrono::steady_clock::now() < deadline) MainLoop::shared().serveOnce(deadline);
+  while (std::chrono::steady_clock::now() < deadline) MainLoop::shared().serveOnce(deadline, false);
 }
 
 }  // namespace qlt

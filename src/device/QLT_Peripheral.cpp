@@ -139,6 +139,7 @@ void QLT_Peripheral::setState(int32_t state) {
              state == QLT_PeripheralStateDisconnecting) {
     linkUp_ = false;
   }
+  if (state == QLT_PeripheralStateConnecting) linkProblem_.clear();
   latestState_ = state;
   const uint64_t generation = linkGeneration_;
   // Queued under the lock so that the main queue applies states in setState() order.
@@ -340,8 +341,75 @@ void QLT_Peripheral::peripheral_didUpdateNotificationStateForCharacteristic_erro
     QLTLog("Ignoring a notification state change after the link went down : %@", description());
     return;
   }
+  if (const std::string problem = checkReadiness(error); !problem.empty()) setLinkProblem(problem);
   startTransport();
   setState(QLT_PeripheralStateReady);
+}
+
+std::string QLT_Peripheral::linkProblem() const {
+  std::lock_guard lock(mutex_);
+  return linkProblem_;
+}
+
+void QLT_Peripheral::setLinkProblem(std::string problem) {
+  {
+    std::lock_guard lock(mutex_);
+    if (problem == linkProblem_) return;
+    linkProblem_ = problem;
+  }
+  if (!problem.empty()) QLTLog("%@ : %@", description(), problem);
+}
+
+std::string QLT_Peripheral::checkReadiness(
+    const std::optional<platform::Error>& notifyError) const {
+  if (!basePeripheral_) return {};
+  const UUID nusUUID = QLT_UUID::uartServiceUUID();
+  const UUID rxUUID = QLT_UUID::rxCharacteristicUUID();
+  const UUID txUUID = QLT_UUID::txCharacteristicUUID();
+  int nusCount = 0;
+  std::shared_ptr<platform::Characteristic> rx, tx;
+  for (const auto& service : basePeripheral_->services()) {
+    if (!service || service->uuid() != nusUUID) continue;
+    ++nusCount;
+    for (const auto& c : service->characteristics()) {
+      if (c && c->uuid() == rxUUID && !rx) rx = c;
+      if (c && c->uuid() == txUUID && !tx) tx = c;
+    }
+  }
+  constexpr uint32_t kNotifies = platform::kPropertyNotify | platform::kPropertyIndicate;
+  constexpr uint32_t kWritable = platform::kPropertyWrite | platform::kPropertyWriteWithoutResponse;
+  if (nusCount > 1) {
+    return formatString("the device offers the UART service %d times; only one can be used",
+                        nusCount);
+  }
+  if (rx && tx && !(rx->properties() & kNotifies) && (tx->properties() & kNotifies) &&
+      (rx->properties() & kWritable)) {
+    return "the device's tx and rx characteristics are swapped (rx 6E400003 must notify, tx "
+           "6E400002 must accept writes)";
+  }
+  if (!rx || !(rx->properties() & kNotifies) || notifyError) {
+    return "the device's rx characteristic does not notify" +
+           (notifyError ? " (" + notifyError->description() + ")" : std::string());
+  }
+  if (!tx || !(tx->properties() & kWritable)) {
+    return "the device's tx characteristic cannot be written";
+  }
+  // The largest write each transport makes: a sliding-window segment with its header byte,
+  // or one chunk.
+  const size_t largestFrame =
+      transportType() == 0 ? NUSTransport::kChunkSize : SWTransport::kSegmentSize + 1;
+  const size_t limit =
+      basePeripheral_->maximumWriteValueLength(platform::WriteType::WithoutResponse);
+  if (limit < largestFrame) {
+    return formatString(
+        "the device's ATT MTU is %d: a write carries at most %d bytes, but the %@ transport "
+        "writes frames of up to %d bytes (stock UART firmware needs the chunking transport, "
+        "transport type 0)",
+        static_cast<int>(limit + 3), static_cast<int>(limit),
+        std::string(transportType() == 0 ? "chunking" : "sliding-window"),
+        static_cast<int>(largestFrame));
+  }
+  return {};
 }
 
 void QLT_Peripheral::peripheral_didUpdateValueForDescriptor_error(

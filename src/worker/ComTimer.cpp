@@ -1,5 +1,7 @@
 #include "QueltLibrary/ComTimer.h"
 
+#include <algorithm>
+
 namespace qlt {
 
 ComTimer::ComTimer(double seconds, std::shared_ptr<Clock> clock)
@@ -17,7 +19,11 @@ std::shared_ptr<ComTimer> ComTimer::timerWithTimeout(double seconds, std::shared
 
 void ComTimer::start() { tm_.store(clock_->now(), std::memory_order_relaxed); }
 
-double ComTimer::elapse() const { return clock_->now() - tm_.load(std::memory_order_relaxed); }
+// Never negative: a start() on another thread may move the origin past the clock reading.
+double ComTimer::elapse() const {
+  const double origin = tm_.load(std::memory_order_relaxed);
+  return std::max(0.0, clock_->now() - origin);
+}
 
 bool ComTimer::isTimeout() const { return elapse() > Timeout(); }
 

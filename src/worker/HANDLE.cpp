@@ -7,7 +7,17 @@ namespace qlt {
 
 namespace {
 
+// Pauses longer than this sleep for good: converting them to the clock's integer count
+// would overflow, which is undefined.
+constexpr double kLongestPauseS = 1e9;  // about 31 years
+
+// Sleeps `seconds`; NaN and negative pauses do not sleep, huge and infinite ones saturate
+// (the thread sleeps on, a day at a time, for good).
 void sleepSeconds(double seconds) {
+  if (!(seconds > 0)) return;
+  if (seconds >= kLongestPauseS) {
+    for (;;) std::this_thread::sleep_for(std::chrono::hours(24));
+  }
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 

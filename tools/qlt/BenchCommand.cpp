@@ -9,6 +9,8 @@
 #include "Commands.h"
 #include "Echo.h"
 #include "Errors.h"
+#include "Numbers.h"
+#include "QueltLibrary/QLT_Peripheral.h"
 #include "Session.h"
 #include "Stats.h"
 #include "Terminal.h"
@@ -33,7 +35,9 @@ double r3(double v) { return std::round(v * 1000) / 1000; }
 
 int runBench(const BenchOptions& o) {
   const TransportKind transport = parseTransport(o.transport);
-  if (o.common.platform != "sim" && o.device.empty())
+  setStdoutCarriesData(o.json);
+  const bool onSim = resolvePlatform(o.common) == "sim";
+  if (!onSim && o.device.empty())
     throw UsageError("on real hardware, name a device that echoes: --device DEVICE");
   SimLinkSettings link;
   if (o.loss >= 0) link.loss = o.loss;
@@ -66,9 +70,7 @@ int runBench(const BenchOptions& o) {
   // What the transport's design allows on this link (see the help text and docs/qlt.md).
   const LinkTiming timing = session.linkTiming();
   const bool sw = transport == TransportKind::SlidingWindow;
-  const double bound = o.common.platform != "sim" ? 0
-                       : sw                       ? windowBoundBps({}, timing)
-                                                  : chunkerBoundBps(timing);
+  const double bound = !onSim ? 0 : sw ? windowBoundBps({}, timing) : chunkerBoundBps(timing);
   const double intervalMs = timing.oneWayS * 1000;
   const TransferCounters c{after.retransmissions - before.retransmissions,
                            after.pollsSent - before.pollsSent,
@@ -78,7 +80,7 @@ int runBench(const BenchOptions& o) {
   if (o.json) {
     nlohmann::json j = {
         {"transport", transportName(transport)},
-        {"device", connection.deviceName()},
+        {"device", connection.peripheral()->name().value_or(connection.deviceIdentifier())},
         {"bytes", run.bytes},
         {"echoed_bytes", run.echoed},
         {"seconds", r3(run.seconds)},
@@ -136,22 +138,22 @@ CommandAction addBenchCommand(CLI::App& app) {
       "--device", o->device,
       "A device that echoes what it receives (default on the simulated radio: QLT-Echo, "
       "or QLT-Chunk with --transport nus)");
-  cmd->add_option("--bytes", o->bytes, "Payload size")
-      ->check(CLI::Range(uint64_t{1}, uint64_t{64} << 20))
-      ->capture_default_str();
-  cmd->add_option("--loss", o->loss, "Fraction of frames lost on the simulated air (0..1)")
-      ->check(CLI::Range(0.0, 0.9));
-  cmd->add_option("--interval-ms", o->intervalMs, "Connection interval of the simulated link in ms")
-      ->check(CLI::Range(0.0, 1000.0));
+  addByteOption(*cmd, "--bytes", o->bytes, "Payload size", 1, uint64_t{64} << 20)
+      ->default_str("64KiB");
+  addNumberOption(*cmd, "--loss", o->loss, "Fraction of frames lost on the simulated air", 0, 0.9,
+                  "a fraction");
+  addNumberOption(*cmd, "--interval-ms", o->intervalMs,
+                  "Connection interval of the simulated link in ms", 0, 1000, "a number of ms");
   cmd->add_option("--transport", o->transport, "sw (sliding window) or nus (plain 20-byte chunks)")
       ->check(CLI::IsMember({"sw", "nus"}))
       ->capture_default_str();
-  cmd->add_option("--pings", o->pings, "Round trips of a 16-byte message for the latency figures")
-      ->check(CLI::Range(0, 10000))
-      ->capture_default_str();
-  cmd->add_option("--timeout", o->timeoutS, "Seconds to connect; also how long the echo may stall")
-      ->check(CLI::Range(0.1, 600.0))
-      ->capture_default_str();
+  addCountOption(*cmd, "--pings", o->pings,
+                 "Round trips of a 16-byte message for the latency figures", 0, 10000)
+      ->default_str("30");
+  addNumberOption(*cmd, "--timeout", o->timeoutS,
+                  "Seconds to connect; also how long the echo may stall", 0.1, 600,
+                  "a number of seconds")
+      ->default_str("10");
   cmd->add_flag(
       "--json", o->json,
       "Print one JSON object: transport, bytes, seconds, goodput_Bps, bound_Bps, verified, "

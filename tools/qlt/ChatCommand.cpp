@@ -10,6 +10,7 @@
 
 #include "Commands.h"
 #include "Errors.h"
+#include "Numbers.h"
 #include "Session.h"
 #include "Terminal.h"
 #include "Waiter.h"
@@ -23,7 +24,31 @@ struct ChatOptions {
   std::string transport = "sw";
   bool udp = false;
   double timeoutS = 10.0;
+  std::string eol = "lf";  // what ends each line sent: lf, cr, crlf or none
 };
+
+std::string lineEnding(const std::string& eol) {
+  if (eol == "cr") return "\r";
+  if (eol == "crlf") return "\r\n";
+  if (eol == "none") return "";
+  return "\n";
+}
+
+// A received payload as lines for people: split at line feeds (a carriage return before
+// one, and one line ending at the very end, are not shown), each line as text or hex.
+std::vector<std::string> shownLines(std::string text) {
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (;;) {
+    const size_t nl = text.find('\n', start);
+    std::string line = text.substr(start, nl == std::string::npos ? std::string::npos : nl - start);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    lines.push_back(describePayload(line));
+    if (nl == std::string::npos) return lines;
+    start = nl + 1;
+  }
+}
 
 // Reads stdin line by line without blocking the check for a dropped link or Ctrl-C.
 class LineReader {
@@ -76,27 +101,31 @@ int runChat(const ChatOptions& o) {
   const TransportKind transport = parseTransport(o.transport);
   if (o.udp && transport != TransportKind::SlidingWindow)
     throw UsageError("--udp needs the sliding-window transport (--transport sw)");
+  const std::string ending = lineEnding(o.eol);
+  // Received payloads on stdout; states and notes on stderr.
+  setStdoutCarriesData(true);
   Session session(o.common);
   session.powerOn(5.0);
   auto peripheral = session.find(o.device, o.timeoutS);
 
   ConnectionEvents events;
-  events.onState = [](int32_t, const std::string& text) { printLine("[" + text + "]"); };
+  events.onState = [](int32_t, const std::string& text) { printStatus("[" + text + "]"); };
   auto received = std::make_shared<std::atomic<uint64_t>>(0);  // payloads, for the drain at the end
   events.onData = [received](const Data& d, bool datagram) {
     received->fetch_add(1);
-    printLine(std::string(datagram ? "< (udp) " : "< ") + describePayload(d.toString()));
+    for (const auto& line : shownLines(d.toString()))
+      printLine(std::string(datagram ? "< (udp) " : "< ") + line);
   };
   Connection connection(session, peripheral, transport, events);
   connection.open(o.timeoutS);
-  printLine("connected to '" + connection.deviceName() + "' over " + transportName(transport) +
-            (o.udp ? " (datagrams)" : "") + "; type lines to send, Ctrl-D to leave");
+  printStatus("connected to '" + connection.deviceName() + "' over " + transportName(transport) +
+              (o.udp ? " (datagrams)" : "") + "; type lines to send, Ctrl-D to leave");
 
   LineReader reader;
   std::string line;
   bool endOfInput = false;
   for (;;) {
-    if (interruptRequested()) {  // Ctrl-C: leave as cleanly as Ctrl-D
+    if (interruptRequested()) {  // Ctrl-C: leave as cleanly as Ctrl-D (then exit 130)
       acknowledgeInterrupt();
       break;
     }
@@ -109,12 +138,16 @@ int runChat(const ChatOptions& o) {
     }
     if (r == LineReader::Result::Idle) continue;
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (line.empty()) continue;
+    line += ending;
+    if (line.empty()) {
+      printStatus("(an empty line carries no bytes with --eol none; nothing sent)");
+      continue;
+    }
     const Data data = Data::fromString(line);
     if (o.udp) {
       if (line.size() > 119) {
-        printLine("(a datagram carries at most 119 bytes; this line has " +
-                  std::to_string(line.size()) + ")");
+        printStatus("(a datagram carries at most 119 bytes; this line has " +
+                    std::to_string(line.size()) + ")");
         continue;
       }
       connection.sendUDP(data);
@@ -147,8 +180,9 @@ CommandAction addChatCommand(CLI::App& app) {
   auto o = std::make_shared<ChatOptions>();
   auto* cmd = app.add_subcommand(
       "chat",
-      "Interactive: connect to DEVICE, send each line typed, print each payload received (text "
-      "where printable, hex otherwise) and every connection state; Ctrl-D disconnects cleanly");
+      "Interactive: connect to DEVICE, send each line typed (ended as --eol says), print each "
+      "payload received on stdout (UTF-8 text, hex when it holds control or invalid bytes) and "
+      "every connection state on stderr; Ctrl-D disconnects cleanly (Ctrl-C too, exit 130)");
   cmd->add_option("DEVICE", o->device, "Device identifier (UUID) or name")->required();
   cmd->add_option("--transport", o->transport,
                   "sw: the sliding window (acknowledged, ordered); nus: plain 20-byte chunks")
@@ -156,16 +190,23 @@ CommandAction addChatCommand(CLI::App& app) {
       ->capture_default_str();
   cmd->add_flag("--udp", o->udp,
                 "Send each line as a datagram (unacknowledged, at most 119 bytes)");
-  cmd->add_option("--timeout", o->timeoutS, "Seconds to find and connect to the device")
-      ->check(CLI::Range(0.1, 600.0))
+  addNumberOption(*cmd, "--timeout", o->timeoutS, "Seconds to find and connect to the device", 0.1,
+                  600, "a number of seconds")
+      ->default_str("10");
+  cmd->add_option("--eol", o->eol,
+                  "What ends each line sent: lf (\\n), cr (\\r), crlf (\\r\\n) or none; a "
+                  "received payload's own line ending is not shown")
+      ->check(CLI::IsMember({"lf", "cr", "crlf", "none"}))
       ->capture_default_str();
   addCommonOptions(*cmd, o->common, /*movesData=*/true);
   cmd->footer(
       "Examples:\n"
       "  qlt chat QLT-Echo                          chat with the simulated echo device\n"
       "  qlt chat QLT-Echo --trace                  ... and watch every frame\n"
-      "  qlt chat 51D0E001-0000-4000-8000-0000000000C1 --transport nus\n"
-      "                                             by identifier, over plain chunks");
+      "  qlt chat 51D0E001-0000-4000-8000-0000000000C1 --transport nus --eol crlf\n"
+      "                                             stock UART firmware: plain chunks, CR LF\n"
+      "The sliding window (sw) needs a device that runs the same protocol; a device with stock\n"
+      "UART firmware needs --transport nus.");
   return [o] { return runChat(*o); };
 }
 

@@ -13,12 +13,17 @@ namespace qlt::cli {
 
 // Options that every command takes.
 struct CommonOptions {
-  std::string platform = "sim";  // --platform sim|bluez
-  std::string simConfig;         // --sim-config FILE: simulated devices and air faults
-  bool verbose = false;          // --verbose: the library's log lines on stderr
-  std::string logFile;           // --log FILE: the library's log lines appended to FILE
-  bool trace = false;            // --trace: one decoded line per frame (data-moving commands)
+  std::string command;    // "scan", "known add": for messages ("qlt known add: ...")
+  std::string platform;   // --platform sim|bluez; empty: $QLT_PLATFORM, else sim
+  std::string simConfig;  // --sim-config FILE: simulated devices and air faults
+  bool verbose = false;   // --verbose: the library's log lines on stderr
+  std::string logFile;    // --log FILE: the library's log lines appended to FILE
+  bool trace = false;     // --trace: one decoded line per frame (data-moving commands)
 };
+
+// The platform a command uses: --platform, else $QLT_PLATFORM, else "sim". Throws
+// UsageError for a name that is neither "sim" nor "bluez".
+std::string resolvePlatform(const CommonOptions& options);
 
 // A parsed command, ready to run; returns the exit code (or throws Failure / UsageError).
 using CommandAction = std::function<int()>;

@@ -1,18 +1,36 @@
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 
 #include "Commands.h"
+#include "Errors.h"
 
 namespace qlt::cli {
 
+std::string resolvePlatform(const CommonOptions& o) {
+  if (!o.platform.empty()) return o.platform;  // checked by the parser
+  const char* env = std::getenv("QLT_PLATFORM");
+  if (!env || !*env) return "sim";
+  const std::string name = env;
+  if (name != "sim" && name != "bluez")
+    throw UsageError("QLT_PLATFORM is '" + name + "': use sim or bluez");
+  return name;
+}
+
 void addCommonOptions(CLI::App& command, CommonOptions& o, bool movesData) {
   command.option_defaults()->always_capture_default();
+  o.command = command.get_parent() && command.get_parent()->get_parent()
+                  ? command.get_parent()->get_name() + " " + command.get_name()
+                  : command.get_name();
   command
-      .add_option("--platform", o.platform, "Bluetooth backend: sim (the simulated radio) or bluez")
+      .add_option("--platform", o.platform,
+                  "Bluetooth backend: sim (the simulated radio) or bluez; without it, "
+                  "$QLT_PLATFORM, else sim")
       ->check(CLI::IsMember({"sim", "bluez"}))
       ->group("Common options");
   command
       .add_option("--sim-config", o.simConfig,
-                  "JSON file describing the simulated devices and air faults (see docs/qlt.md)")
+                  "JSON file describing the simulated devices and air faults (format: "
+                  "docs/simulated-radio.md)")
       ->check(CLI::ExistingFile)
       ->group("Common options");
   command.add_flag("--verbose,-v", o.verbose, "Show the library's own log lines on stderr")
@@ -23,8 +41,8 @@ void addCommonOptions(CLI::App& command, CommonOptions& o, bool movesData) {
   if (movesData) {
     command
         .add_flag("--trace", o.trace,
-                  "Print one decoded line per frame on the air, e.g. '→ seg seq=1 120 B', "
-                  "'← ack R=2', '← rej R=1', '→ poll 0..3'")
+                  "Print one decoded line per frame on the air (on stderr), e.g. "
+                  "'→ seg seq=1 120 B', '← ack R=2', '← rej R=1', '→ poll 0..3'")
         ->group("Common options");
   }
 }

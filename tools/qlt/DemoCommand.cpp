@@ -6,6 +6,7 @@
 #include "Commands.h"
 #include "Echo.h"
 #include "Errors.h"
+#include "Numbers.h"
 #include "Session.h"
 #include "Terminal.h"
 
@@ -36,7 +37,7 @@ void printSummary(const EchoRun& run, const TransferCounters& c) {
 }
 
 int runDemo(const DemoOptions& o) {
-  if (o.common.platform != "sim")
+  if (resolvePlatform(o.common) != "sim")
     throw UsageError(
         "the demo runs on the simulated radio only; against hardware use "
         "'qlt bench --platform bluez --device DEVICE'");
@@ -57,8 +58,8 @@ int runDemo(const DemoOptions& o) {
   std::vector<std::vector<std::string>> rows;
   rows.reserve(devices.size());
   for (const auto& d : devices)
-    rows.push_back({d.identifier, d.name.empty() ? "(no name)" : d.name, std::to_string(d.rssi),
-                    d.nus ? "yes" : "no"});
+    rows.push_back({d.identifier, d.name.empty() ? "(no name)" : displayText(d.name),
+                    std::to_string(d.rssi), d.nus ? "yes" : "no"});
   for (const auto& line : table.render(rows)) printLine("  " + line);
 
   const DeviceInfo* echo = nullptr;
@@ -67,7 +68,7 @@ int runDemo(const DemoOptions& o) {
   if (!echo)
     throw Failure("no echo device found among " + std::to_string(devices.size()) + " devices");
 
-  printLine("connecting to '" + echo->name + "' (sliding-window transport)");
+  printLine("connecting to '" + displayText(echo->name) + "' (sliding-window transport)");
   EchoSink sink;
   ConnectionEvents events;
   events.onState = [](int32_t, const std::string& text) { printLine("  state: " + text); };
@@ -104,15 +105,15 @@ CommandAction addDemoCommand(CLI::App& app) {
       "The library's main job on the simulated radio: power on, scan with a filter, connect to "
       "the echo device, send a short message and a 64 kB payload through the sliding window, "
       "verify the echo byte for byte, show the summary, disconnect");
-  cmd->add_option("--loss", o->loss,
-                  "Fraction of frames lost on the air (0..1), to watch the recovery")
-      ->check(CLI::Range(0.0, 0.9));
-  cmd->add_option("--interval-ms", o->intervalMs,
-                  "Connection interval of the simulated link in ms (the one-way delay of a frame)")
-      ->check(CLI::Range(0.0, 1000.0));
-  cmd->add_option("--bytes", o->bytes, "Size of the payload sent through the window")
-      ->check(CLI::Range(uint64_t{1}, uint64_t{16} << 20))
-      ->capture_default_str();
+  addNumberOption(*cmd, "--loss", o->loss,
+                  "Fraction of frames lost on the air, to watch the recovery", 0, 0.9,
+                  "a fraction");
+  addNumberOption(*cmd, "--interval-ms", o->intervalMs,
+                  "Connection interval of the simulated link in ms (the one-way delay of a frame)",
+                  0, 1000, "a number of ms");
+  addByteOption(*cmd, "--bytes", o->bytes, "Size of the payload sent through the window", 1,
+                uint64_t{16} << 20)
+      ->default_str("64KiB");
   cmd->add_option("--message", o->message, "The short message sent first")->capture_default_str();
   addCommonOptions(*cmd, o->common, /*movesData=*/true);
   cmd->footer(

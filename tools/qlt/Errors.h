@@ -10,8 +10,9 @@ namespace qlt::cli {
 
 enum ExitCode : int {
   kExitOk = 0,
-  kExitFailure = 1,  // device not found, transfer failed, time-out, I/O error
-  kExitUsage = 2,    // bad command line
+  kExitFailure = 1,        // device not found, transfer failed, time-out, I/O error
+  kExitUsage = 2,          // bad command line
+  kExitInterrupted = 130,  // Ctrl-C, SIGTERM or SIGHUP
 };
 
 // The command could not do its job (exit code 1).

@@ -9,6 +9,7 @@
 
 #include "Errors.h"
 #include "QueltLibrary/Log.h"
+#include "Terminal.h"
 
 namespace qlt::cli {
 namespace {
@@ -33,7 +34,22 @@ struct Routing {
   std::ofstream file;  // guarded by mutex
 };
 
+std::mutex gBackendMutex;
+std::string gBackendLine;  // guarded by gBackendMutex
+
+void noteBackendLine(std::string_view line) {
+  const auto at = line.find("BlueZ: ");
+  if (at == std::string_view::npos) return;
+  std::lock_guard lock(gBackendMutex);
+  gBackendLine = std::string(line.substr(at + 7));
+}
+
 }  // namespace
+
+std::string lastBackendLogLine() {
+  std::lock_guard lock(gBackendMutex);
+  return gBackendLine;
+}
 
 void routeLibraryLog(bool verbose, const std::string& logFile) {
   auto routing = std::make_shared<Routing>();
@@ -44,10 +60,10 @@ void routeLibraryLog(bool verbose, const std::string& logFile) {
   }
   // The sink is called from any library thread, never under a library lock.
   qlt::setLogSink([routing](std::string_view line) {
+    noteBackendLine(line);
     std::lock_guard lock(routing->mutex);
     if (routing->verbose) {
-      const std::string text = timestamp() + " " + std::string(line) + "\n";
-      std::fwrite(text.data(), 1, text.size(), stderr);
+      printError(timestamp() + " " + std::string(line));
     }
     if (routing->file.is_open()) {
       routing->file << timestamp() << ' ' << line << '\n';

@@ -9,5 +9,9 @@ namespace qlt::cli {
 // Installs the sink through qlt::setLogSink. Throws UsageError when the file cannot be
 // opened. Safe to call again (the later call replaces the earlier routing).
 void routeLibraryLog(bool verbose, const std::string& logFile);
+// The last line the library logged about its BlueZ backend ("BlueZ: bluetoothd (org.bluez)
+// is not on the system bus; ..."), without the prefix; "" when none. Kept whatever the
+// routing, so that a failure can say why.
+std::string lastBackendLogLine();
 
 }  // namespace qlt::cli

@@ -7,6 +7,7 @@
 
 #include "Commands.h"
 #include "Errors.h"
+#include "Numbers.h"
 #include "Session.h"
 #include "Terminal.h"
 #include "Waiter.h"
@@ -26,12 +27,17 @@ nlohmann::json toJson(const DeviceInfo& d) {
   return {{"identifier", d.identifier}, {"name", d.name}, {"rssi", d.rssi}, {"nus", d.nus}};
 }
 
+// Names come from the air: escaped and cut for the terminal (--json keeps them exact).
+std::string shownName(const DeviceInfo& d) {
+  return d.name.empty() ? "(no name)" : displayText(d.name);
+}
+
 std::vector<std::string> toRow(const DeviceInfo& d) {
-  return {d.identifier, d.name.empty() ? "(no name)" : d.name, std::to_string(d.rssi),
-          d.nus ? "yes" : "no"};
+  return {d.identifier, shownName(d), std::to_string(d.rssi), d.nus ? "yes" : "no"};
 }
 
 int runScan(const ScanOptions& o) {
+  setStdoutCarriesData(o.json);
   Session session(o.common);
   session.powerOn(5.0);
   const bool live = stdoutIsTerminal() && !o.json;
@@ -52,8 +58,8 @@ int runScan(const ScanOptions& o) {
           for (const auto& id : order) rows.push_back(toRow(latest[id]));
           table.show(rows);
         } else if (first) {
-          printLine(d.identifier + "  " + (d.name.empty() ? "(no name)" : d.name) + "  RSSI " +
-                    std::to_string(d.rssi) + "  NUS " + (d.nus ? "yes" : "no"));
+          printLine(d.identifier + "  " + shownName(d) + "  RSSI " + std::to_string(d.rssi) +
+                    "  NUS " + (d.nus ? "yes" : "no"));
         }
       });
   if (!o.json && !live && devices.empty()) printLine("no devices found");
@@ -71,9 +77,9 @@ CommandAction addScanCommand(CLI::App& app) {
       "service (NUS) is advertised; or one JSON object per device with --json");
   cmd->add_option("--name", o->name, "Keep only devices whose name contains TEXT (any case)")
       ->type_name("TEXT");
-  cmd->add_option("--timeout", o->timeoutS, "How long to scan, in seconds")
-      ->check(CLI::Range(0.1, 3600.0))
-      ->capture_default_str();
+  addNumberOption(*cmd, "--timeout", o->timeoutS, "How long to scan, in seconds", 0.1, 3600,
+                  "a number of seconds")
+      ->default_str("5");
   cmd->add_flag("--json", o->json,
                 "One JSON object per device, as it is first seen: "
                 "{\"identifier\",\"name\",\"rssi\",\"nus\"}");

@@ -80,12 +80,15 @@ struct Session::Impl : QLT_BLEManagerDidChangedState, QLT_BLEManagerDidDiscovere
 
 Session::Session(const CommonOptions& options, const SimLinkSettings& link)
     : options_(options),
+      platform_(resolvePlatform(options)),
       link_(link),
       queue_(DispatchQueue::create("qlt")),
       impl_(std::make_shared<Impl>()) {
   routeLibraryLog(options.verbose, options.logFile);
+  printError("qlt " + options.command + ": platform " + platform_ +
+             (platform_ == "sim" ? " (the simulated radio)" : " (BlueZ on the system bus)"));
 
-  if (options.platform == "sim") {
+  if (platform_ == "sim") {
     const auto& radio = sim::SimRadio::shared();
     if (!options.simConfig.empty()) {
       std::string error;
@@ -118,10 +121,10 @@ Session::Session(const CommonOptions& options, const SimLinkSettings& link)
     throw UsageError(
         "--loss and --interval-ms shape the simulated radio; they need --platform sim");
   }
-  if (!platform::setBackendByName(options.platform)) {
+  if (!platform::setBackendByName(platform_)) {
     std::string names;
     for (const auto& n : platform::availableBackends()) names += (names.empty() ? "" : ", ") + n;
-    throw UsageError("the '" + options.platform +
+    throw UsageError("the '" + platform_ +
                      "' platform is not available in this build (available: " + names + ")");
   }
   auto manager = QLT_BLEManager::sharedInstance();
@@ -145,26 +148,35 @@ void Session::powerOn(double timeoutS, bool show) {
     if (impl_->managerState < 0) impl_->managerState = manager->state();
   });
   if (show) printLine("  manager: " + QLT_BLEManager::convertStateToNSString(manager->state()));
-  if (options_.platform == "sim" && !sim::SimRadio::shared()->isPowered()) {
+  if (platform_ == "sim" && !sim::SimRadio::shared()->isPowered()) {
     if (show) printLine("  switching the simulated radio on");
     sim::SimRadio::shared()->setPowered(true);
   }
   // Idle (1) is where discovery starts; scanning (2) left over from an earlier run is fine too.
-  const bool on = impl_->waiter.waitUntil(
-      [&] {
-        auto up = [](int32_t s) {
-          return s == QLT_BLEManagerStateIdle || s == QLT_BLEManagerStateScanning;
-        };
-        // The announcement, when states are shown (so that every one is printed); else the
-        // stored state will do.
-        return up(impl_->managerState) || (!show && up(manager->state()));
-      },
-      timeoutS);
+  const auto isUp = [&] {
+    auto up = [](int32_t s) {
+      return s == QLT_BLEManagerStateIdle || s == QLT_BLEManagerStateScanning;
+    };
+    // The announcement, when states are shown (so that every one is printed); else the
+    // stored state will do.
+    return up(impl_->managerState) || (!show && up(manager->state()));
+  };
+  // On BlueZ, a backend that has said why it is down (no system bus, no bluetoothd, no
+  // adapter) fails after a second rather than at the time-out.
+  const double firstWait = platform_ == "bluez" ? std::min(1.0, timeoutS) : timeoutS;
+  bool on = impl_->waiter.waitUntil(isUp, firstWait);
+  const std::string reason = platform_ == "bluez" ? lastBackendLogLine() : "";
+  if (!on && reason.empty() && timeoutS > firstWait)
+    on = impl_->waiter.waitUntil(isUp, timeoutS - firstWait);
   impl_->waiter.update([&] { impl_->showStates = false; });
   if (!on) {
     std::string hint;
-    if (options_.platform == "bluez")
+    if (!reason.empty()) {
+      hint = ": " + reason;
+      timeoutS = firstWait;
+    } else if (platform_ == "bluez") {
       hint = "; is bluetoothd running, with a powered adapter, on the system bus?";
+    }
     if (!options_.verbose) hint += " (--verbose shows the library's log)";
     throw Failure("Bluetooth did not power on within " + seconds(timeoutS) + " (manager state: " +
                   QLT_BLEManager::convertStateToNSString(manager->state()) + ")" + hint);
@@ -245,7 +257,7 @@ std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double 
 
 LinkTiming Session::linkTiming() const {
   LinkTiming t;
-  if (options_.platform != "sim") return t;
+  if (platform_ != "sim") return t;
   const auto faults = sim::SimRadio::shared()->faults();
   t.oneWayS = faults.connectionInterval;
   if (faults.writeRateLimit && *faults.writeRateLimit > 0) t.pacingS = 1.0 / *faults.writeRateLimit;
@@ -253,7 +265,7 @@ LinkTiming Session::linkTiming() const {
 }
 
 double Session::airLoss() const {
-  if (options_.platform != "sim") return 0;
+  if (platform_ != "sim") return 0;
   const auto faults = sim::SimRadio::shared()->faults();
   return std::max(faults.lostWritesWithoutResponse, faults.lostNotifications);
 }
@@ -310,10 +322,10 @@ Connection::Connection(Session& session, std::shared_ptr<QLT_Peripheral> periphe
     const bool sw = transport == TransportKind::SlidingWindow;
     peripheral_->setFrameTrace([sw](bool outgoing, const Data& frame) {
       if (sw) {
-        printLine(describeFrame(frame.span(), outgoing));
+        printStatus(describeFrame(frame.span(), outgoing));
       } else {
-        printLine(std::string(outgoing ? "→ " : "← ") + "chunk " + std::to_string(frame.size()) +
-                  " B");
+        printStatus(std::string(outgoing ? "→ " : "← ") + "chunk " + std::to_string(frame.size()) +
+                    " B");
       }
     });
   }
@@ -350,7 +362,20 @@ void Connection::open(double timeoutS) {
                   (last < 0 ? std::string("none") : QLT_Peripheral::convertStateToNSString(last)) +
                   ")");
   }
-  if (last == QLT_PeripheralStateFailedToConnect) throw Failure("could not connect to " + name);
+  const std::string problem = displayText(peripheral_->linkProblem(), 400);
+  if (last == QLT_PeripheralStateFailedToConnect) {
+    const std::string why = problem.rfind("could not connect: ", 0) == 0 ? problem.substr(19) : "";
+    throw Failure("could not connect to " + name + (why.empty() ? "" : ": " + why));
+  }
+  if (last == QLT_PeripheralStateReady && !problem.empty()) {
+    QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
+    const bool mtu = problem.find("ATT MTU") != std::string::npos;
+    throw Failure(
+        name + " cannot carry the " +
+        (transport_ == TransportKind::NUS ? "chunking" : "sliding-window") +
+        " transport: " + (mtu ? problem.substr(0, problem.find(" (stock")) : problem) +
+        (mtu && transport_ == TransportKind::SlidingWindow ? "; try --transport nus" : ""));
+  }
   if (last == QLT_PeripheralStateDfuInProgress) {
     QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
     throw Failure(name + " does not offer the UART service");
@@ -392,12 +417,14 @@ TransferCounters Connection::counters() const {
     c.rejectionsSent = s->rejectionsSent;
     c.rejectionsReceived = s->rejectionsReceived;
     c.bytesQueued = s->bytesQueued;
+    c.present = true;
   }
   return c;
 }
 
 std::string Connection::deviceName() const {
-  return peripheral_->name().value_or(deviceIdentifier());
+  const auto name = peripheral_->name();
+  return name ? displayText(*name) : deviceIdentifier();
 }
 
 std::string Connection::deviceIdentifier() const {

@@ -51,6 +51,7 @@ struct TransferCounters {
   uint64_t rejectionsSent = 0;
   uint64_t rejectionsReceived = 0;
   uint64_t bytesQueued = 0;  // payload bytes in the send queue (sent but unacknowledged, or unsent)
+  bool present = false;      // false once the transport is gone (the figures are then 0)
 };
 
 class Session {
@@ -64,6 +65,8 @@ class Session {
   Session& operator=(const Session&) = delete;
 
   const CommonOptions& options() const { return options_; }
+  // "sim" or "bluez" (see resolvePlatform).
+  const std::string& platform() const { return platform_; }
 
   // Waits until Bluetooth is powered on and the manager is idle (switching the simulated
   // radio on if it was started off). Prints each manager state when `show` is set. Throws
@@ -93,6 +96,7 @@ class Session {
 
  private:
   CommonOptions options_;
+  std::string platform_;
   SimLinkSettings link_;
   std::shared_ptr<DispatchQueue> queue_;
   std::shared_ptr<Impl> impl_;
@@ -120,7 +124,9 @@ class Connection {
   Connection& operator=(const Connection&) = delete;
 
   // Connects and waits until the peripheral is ready. Throws Failure on failure to
-  // connect, an unexpected state (a device without the UART service), or time-out.
+  // connect (with the platform's reason), an unexpected state (a device without the UART
+  // service), a link that cannot carry the transport (QLT_Peripheral::linkProblem: a broken
+  // UART table, an ATT MTU too small for the sliding window), or time-out.
   void open(double timeoutS);
   // Disconnects and waits for the disconnected state. Throws Failure on time-out.
   void close(double timeoutS);
@@ -133,6 +139,7 @@ class Connection {
   void sendUDP(const Data& data);
 
   TransferCounters counters() const;
+  // The device's name made safe for a terminal (displayText), else its identifier.
   std::string deviceName() const;
   std::string deviceIdentifier() const;
   const std::shared_ptr<QLT_Peripheral>& peripheral() const { return peripheral_; }

@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +30,82 @@ std::string fixed(double v, int decimals) {
 
 void writeRaw(std::string_view s) { std::fwrite(s.data(), 1, s.size(), stdout); }
 
+bool gStdoutCarriesData = false;  // guarded by the output lock
+int gStdoutErrno = 0;             // guarded by the output lock: the first failed write's reason
+
+// Flushes stdout (under the output lock), noting the reason of the first failure.
+void flushLocked() {
+  if (std::fflush(stdout) != 0 && gStdoutErrno == 0) gStdoutErrno = errno;
+}
+
+// The length of the UTF-8 sequence at `s[i]` and its code point, or 0 when it is invalid.
+size_t utf8Sequence(std::string_view s, size_t i, uint32_t& cp) {
+  const auto b = static_cast<unsigned char>(s[i]);
+  size_t n = b < 0x80 ? 1 : (b >> 5) == 6 ? 2 : (b >> 4) == 14 ? 3 : (b >> 3) == 30 ? 4 : 0;
+  if (n == 0 || i + n > s.size()) return 0;
+  cp = n == 1 ? b : b & (0x7f >> n);
+  for (size_t k = 1; k < n; ++k) {
+    const auto c = static_cast<unsigned char>(s[i + k]);
+    if ((c >> 6) != 2) return 0;
+    cp = (cp << 6) | (c & 0x3f);
+  }
+  static constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (cp < kSmallest[n] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff)) return 0;
+  return n;
+}
+
+bool isControl(uint32_t cp) { return cp < 0x20 || (cp >= 0x7f && cp < 0xa0); }
+
 }  // namespace
+
+void setStdoutCarriesData(bool data) {
+  std::lock_guard lock(outputLock());
+  gStdoutCarriesData = data;
+}
+
+void printStatus(std::string_view line) {
+  bool toStderr;
+  {
+    std::lock_guard lock(outputLock());
+    toStderr = gStdoutCarriesData;
+  }
+  if (toStderr) {
+    printError(line);
+  } else {
+    printLine(line);
+  }
+}
+
+void printError(std::string_view line) {
+  std::lock_guard lock(outputLock());
+  std::fflush(stdout);
+  std::string text(line);
+  text += '\n';
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+std::string displayText(std::string_view text, size_t maxChars) {
+  std::string out;
+  size_t chars = 0;
+  for (size_t i = 0; i < text.size();) {
+    if (chars == maxChars) return out + "…";
+    uint32_t cp = 0;
+    const size_t n = utf8Sequence(text, i, cp);
+    if (n == 0 || isControl(cp)) {
+      char buf[8];
+      for (size_t k = 0; k < std::max<size_t>(n, 1); ++k) {
+        std::snprintf(buf, sizeof buf, "\\x%02x", static_cast<unsigned char>(text[i + k]));
+        out += buf;
+      }
+      i += std::max<size_t>(n, 1);
+    } else {
+      out.append(text.substr(i, n));
+      i += n;
+    }
+    ++chars;
+  }
+  return out;
+}
 
 bool stdoutIsTerminal() {
   static const bool terminal = [] {
@@ -45,7 +122,13 @@ void printLine(std::string_view line) {
   writeRaw(line);
   writeRaw("\n");
   if (activeBar) writeRaw(activeBarText);
-  std::fflush(stdout);
+  flushLocked();
+}
+
+int stdoutWriteError() {
+  std::lock_guard lock(outputLock());
+  flushLocked();
+  return gStdoutErrno ? gStdoutErrno : (std::ferror(stdout) ? EIO : 0);
 }
 
 std::string formatBytes(double bytes) {
@@ -63,10 +146,13 @@ std::string formatSeconds(double seconds) {
 }
 
 std::string describePayload(std::string_view bytes) {
-  const bool printable = std::all_of(bytes.begin(), bytes.end(), [](char c) {
-    const auto u = static_cast<unsigned char>(c);
-    return (u >= 0x20 && u < 0x7f) || u == '\t';
-  });
+  bool printable = true;
+  for (size_t i = 0; i < bytes.size() && printable;) {
+    uint32_t cp = 0;
+    const size_t n = utf8Sequence(bytes, i, cp);
+    printable = n > 0 && (!isControl(cp) || cp == '\t');
+    i += std::max<size_t>(n, 1);
+  }
   if (printable) return std::string(bytes);
   std::string out = "hex:";
   char buf[4];
@@ -84,7 +170,7 @@ ProgressBar::ProgressBar(std::string label, uint64_t total)
     : label_(std::move(label)),
       total_(total),
       started_(std::chrono::steady_clock::now()),
-      enabled_(stdoutIsTerminal()) {
+      enabled_(stdoutIsTerminal() && !gStdoutCarriesData) {
   if (!enabled_) return;
   std::lock_guard lock(outputLock());
   if (!activeBar) activeBar = this;

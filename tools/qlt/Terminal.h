@@ -24,6 +24,15 @@ bool stdoutIsTerminal();
 // Writes one line (a newline is added) to stdout, under the output lock. If a progress
 // bar is on screen, the line is printed above it and the bar is redrawn.
 void printLine(std::string_view line);
+// Whether stdout carries the command's data (JSON, received payloads). Once set, status
+// lines (states, traces, notes) and progress go to stderr, so stdout stays data only.
+void setStdoutCarriesData(bool data);
+// A status line: to stdout, or to stderr once stdout carries data.
+void printStatus(std::string_view line);
+// A line to stderr, under the output lock.
+void printError(std::string_view line);
+// Flushes stdout; the reason (an errno value) of the first write to it that failed, else 0.
+int stdoutWriteError();
 
 // "64.0 kB", "1.2 MB", "512 B" (decimal units, as rates are usually quoted).
 std::string formatBytes(double bytes);
@@ -31,9 +40,12 @@ std::string formatBytes(double bytes);
 std::string formatRate(double bytesPerSecond);
 // "1.23 s", "45.6 ms".
 std::string formatSeconds(double seconds);
-// A payload for people: the text when every byte is printable ASCII (or tab), otherwise
-// "hex: 01 02 ff".
+// A payload for people: the text when it is valid UTF-8 without control characters (tab
+// allowed), otherwise "hex: 01 02 ff".
 std::string describePayload(std::string_view bytes);
+// Text that comes from a device (its name), made safe for a terminal: control characters
+// and invalid UTF-8 as \xNN escapes, at most `maxChars` characters (then "…").
+std::string displayText(std::string_view text, size_t maxChars = 40);
 
 // A one-line progress bar, redrawn at most every 50 ms, on a terminal only:
 //   "  sending   [##########..........]  50%  32.8 kB / 65.5 kB  21.4 kB/s"

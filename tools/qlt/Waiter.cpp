@@ -6,9 +6,13 @@
 namespace qlt::cli {
 namespace {
 
-std::atomic<bool> interrupted{false};
+std::atomic<bool> interrupted{false};  // pending: wakes waiters
+std::atomic<bool> everInterrupted{false};
 
-extern "C" void onInterrupt(int) { interrupted.store(true); }
+extern "C" void onInterrupt(int) {
+  interrupted.store(true);
+  everInterrupted.store(true);
+}
 
 }  // namespace
 
@@ -17,8 +21,10 @@ void installInterruptHandler() {
   sa.sa_handler = onInterrupt;
   sigemptyset(&sa.sa_mask);
   sa.sa_flags = 0;  // no SA_RESTART: a blocking read() in chat returns EINTR
-  sigaction(SIGINT, &sa, nullptr);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &sa, nullptr);
 }
+
+bool wasInterrupted() { return everInterrupted.load(); }
 
 bool interruptRequested() { return interrupted.load(); }
 
@@ -39,7 +45,7 @@ void Waiter::read(const std::function<void()>& reader) {
 
 bool Waiter::waitUntil(const std::function<bool()>& condition, double timeoutS) {
   using clock = std::chrono::steady_clock;
-  const bool limited = timeoutS >= 0;
+  const bool limited = timeoutS >= 0 && timeoutS < 1e9;  // longer is "without limit"
   const auto deadline = clock::now() + std::chrono::duration_cast<clock::duration>(
                                            std::chrono::duration<double>(limited ? timeoutS : 0));
   std::unique_lock lock(mutex_);

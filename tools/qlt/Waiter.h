@@ -10,8 +10,9 @@
 //   command:   if (!w.waitUntil([&] { return state == 8; }, 5.0))
 //                throw Failure("'" + name + "' did not become ready within " + seconds(5.0));
 //
-// Ctrl-C (SIGINT) wakes every waiter: waitUntil then throws Interrupted, so a command
-// unwinds and disconnects cleanly.
+// Ctrl-C (SIGINT), SIGTERM and SIGHUP (the terminal closed) wake every waiter: waitUntil
+// then throws Interrupted, so a command unwinds and disconnects cleanly; the process then
+// exits 130.
 #pragma once
 
 #include <atomic>
@@ -44,13 +45,15 @@ class Waiter {
   std::condition_variable changed_;
 };
 
-// Installs the SIGINT handler that wakes waiters (once per process).
+// Installs the SIGINT, SIGTERM and SIGHUP handler that wakes waiters (once per process).
 void installInterruptHandler();
-// Whether Ctrl-C was pressed.
+// Whether an interrupt is pending (not yet acknowledged).
 bool interruptRequested();
-// Takes note of a Ctrl-C that the command handles itself (chat leaves cleanly), so that the
-// waits of its clean-up are not interrupted by it.
+// Takes note of an interrupt that the command handles itself (it prints its summary and
+// disconnects), so that the waits of its clean-up are not interrupted by it.
 void acknowledgeInterrupt();
+// Whether the process was interrupted at all (the exit code is then 130).
+bool wasInterrupted();
 
 // "5.0 s": how time-outs are written in messages.
 std::string seconds(double s);

@@ -1,19 +1,45 @@
 // qlt: the QueltLibrary command-line tool. See `qlt --help` and docs/qlt.md.
 //
 // main() parses the command line (CLI11), runs the chosen command and turns its outcome
-// into an exit code: 0 success, 1 failure (message on stderr in plain words), 2 bad usage.
+// into an exit code: 0 success, 1 failure (message on stderr in plain words), 2 bad usage,
+// 130 interrupted (Ctrl-C, SIGTERM, SIGHUP; after the command's summary).
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <map>
 
 #include "Commands.h"
 #include "Errors.h"
 #include "QueltLibrary/QueltLibrary_vers.h"
+#include "Terminal.h"
 #include "Waiter.h"
 
 using namespace qlt::cli;
+
+namespace {
+
+// "known add": the subcommands named on the command line, for the prefix of messages.
+std::string commandPath(CLI::App& app, int argc, char** argv) {
+  std::string path;
+  CLI::App* at = &app;
+  for (int i = 1; i < argc; ++i) {
+    CLI::App* next = nullptr;
+    try {
+      next = at->get_subcommand(argv[i]);
+    } catch (const CLI::OptionNotFound&) {
+      continue;
+    }
+    path += (path.empty() ? "" : " ") + next->get_name();
+    at = next;
+  }
+  return path;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   CLI::App app{
@@ -33,7 +59,7 @@ int main(int argc, char** argv) {
       "  qlt chat QLT-Echo               type lines, see them echoed; Ctrl-D to leave\n"
       "  qlt bench --json                goodput, latency and counters as one JSON object\n"
       "\nRun 'qlt COMMAND --help' for a command's options.\n"
-      "Exit codes: 0 success, 1 failure, 2 bad usage.");
+      "Exit codes: 0 success, 1 failure, 2 bad usage, 130 interrupted.");
 
   std::map<CLI::App*, CommandAction> actions;
   auto add = [&](CommandAction action) {
@@ -56,23 +82,36 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    app.exit(e);  // prints the parser's message and a hint on stderr
+    const std::string path = commandPath(app, argc, argv);
+    std::fprintf(stderr, "qlt%s%s: %s\nRun 'qlt%s%s --help' for the options.\n",
+                 path.empty() ? "" : " ", path.c_str(), e.what(), path.empty() ? "" : " ",
+                 path.c_str());
     return kExitUsage;
   }
 
   installInterruptHandler();
+  const std::string path = commandPath(app, argc, argv);
   for (auto& [command, action] : actions) {
     if (!command->parsed()) continue;
+    int code = kExitUsage;
     try {
-      return action();
+      code = action();
     } catch (const UsageError& e) {
-      std::fprintf(stderr, "qlt %s: %s\n", command->get_name().c_str(), e.what());
+      printError("qlt " + path + ": " + e.what());
       return kExitUsage;
     } catch (const std::exception& e) {
-      std::fflush(stdout);
-      std::fprintf(stderr, "qlt %s: %s\n", command->get_name().c_str(), e.what());
-      return kExitFailure;
+      printError("qlt " + path + ": " + e.what());
+      code = kExitFailure;
     }
+    if (const int error = stdoutWriteError()) {
+      printError("qlt " + path + ": cannot write to standard output: " + std::strerror(error));
+      code = kExitFailure;
+    }
+    // Leave without running static destructors: library threads may still log (a late
+    // state change), and the log sink is a static that would fall back to printing on
+    // stderr once destroyed. Everything the tool prints has been flushed.
+    std::fflush(stderr);
+    std::_Exit(wasInterrupted() ? kExitInterrupted : code);
   }
   return kExitUsage;
 }

@@ -19,15 +19,8 @@ namespace {
 class AChatOnATerminal : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) {
-      const std::string entry = *e;
-      if (entry.rfind("QLT_STORE_PATH=", 0) == 0 || entry.rfind("TERM=", 0) == 0) continue;
-      env.push_back(entry);
-    }
-    env.push_back("QLT_STORE_PATH=" + store_.path());
-    env.push_back("TERM=xterm");
-    for (auto& e : env) envp_.push_back(strdup(e.c_str()));
+    for (auto& e : toolEnvironment(store_.path(), {"TERM=xterm"}))
+      envp_.push_back(strdup(e.c_str()));
     envp_.push_back(nullptr);
   }
   void TearDown() override {
@@ -94,26 +87,27 @@ class AChatOnATerminal : public ::testing::Test {
   std::string screen_;
 };
 
-TEST_F(AChatOnATerminal, EchoesATypedLineAndLeavesCleanlyOnCtrlD) {
-  start({"chat", "QLT-Echo"});
-  ASSERT_TRUE(readUntil("Ctrl-D to leave")) << screen_;
-  EXPECT_NE(screen_.find("[ready]"), std::string::npos) << screen_;
-  type("hello over the window\n");
-  ASSERT_TRUE(readUntil("< hello over the window")) << screen_;
-  type("\x04");  // Ctrl-D
-  EXPECT_EQ(exitCode(), 0) << screen_;
-  EXPECT_NE(screen_.find("[disconnected]"), std::string::npos) << screen_;
-}
-
-TEST_F(AChatOnATerminal, WorksOverPlainChunksTracesFramesAndLeavesOnCtrlC) {
-  start({"chat", "QLT-Chunk", "--transport", "nus", "--trace"});
-  ASSERT_TRUE(readUntil("Ctrl-D to leave")) << screen_;
-  type("ping\n");
-  ASSERT_TRUE(readUntil("< ping")) << screen_;
-  EXPECT_NE(screen_.find("→ chunk 4 B"), std::string::npos) << screen_;
-  type("\x03");  // Ctrl-C leaves as cleanly as Ctrl-D
-  EXPECT_EQ(exitCode(), 0) << screen_;
-  EXPECT_NE(screen_.find("[disconnected]"), std::string::npos) << screen_;
+// Ctrl-D leaves cleanly (exit 0); Ctrl-C, a closed terminal (SIGHUP) and SIGTERM
+// disconnect as cleanly, then exit 130.
+TEST_F(AChatOnATerminal, EchoesTypedLinesAndDisconnectsHoweverItIsLeft) {
+  for (const int signal : {-1, 0, SIGHUP, SIGTERM}) {
+    SCOPED_TRACE(signal);
+    screen_.clear();
+    start({"chat", "QLT-Chunk", "--transport", "nus", "--trace"});
+    ASSERT_TRUE(readUntil("Ctrl-D to leave")) << screen_;
+    type("ping\n");
+    ASSERT_TRUE(readUntil("< ping")) << screen_;
+    EXPECT_NE(screen_.find("→ chunk 5 B"), std::string::npos) << screen_;  // with "\n"
+    if (signal <= 0) {
+      type(signal < 0 ? "\x04" : "\x03");  // Ctrl-D, Ctrl-C
+    } else {
+      ::kill(pid_, signal);
+    }
+    EXPECT_EQ(exitCode(), signal < 0 ? 0 : 130) << screen_;
+    EXPECT_NE(screen_.find("[disconnected]"), std::string::npos) << screen_;
+    ::close(master_);
+    master_ = -1;
+  }
 }
 
 }  // namespace

@@ -2,9 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "RunTool.h"
 
@@ -13,29 +21,50 @@ namespace {
 
 class TheQltTool : public ::testing::Test {
  protected:
-  ToolRun qlt(const std::vector<std::string>& args, double limitS = 60) {
-    return runTool(args, store_.path(), limitS);
+  ToolRun qlt(const std::vector<std::string>& args, double limitS = 60,
+              const ToolInput& input = {}) {
+    return runTool(args, store_.path(), limitS, input);
   }
+  // A simulated radio of devices that misbehave: a small MTU, broken UART tables, links
+  // that drop, a hostile name (hostile-radio.json beside this file).
+  const std::string radio_ = QLT_TOOL_TEST_DATA "/hostile-radio.json";
+  const std::string evilName_ =
+      "Evil\x1b[2J\nfake row  0E0E0E0E-9999 xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx";
   TempDir store_;
 };
 
+// Bad usage is exit 2 with a message that names the command (and the option, for a bad
+// number): nothing hangs on NaN, wraps around, or claims an absurd time.
 TEST_F(TheQltTool, RejectsBadUsageWithExitCodeTwo) {
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {},                            // no command
-           {"frobnicate"},                // unknown command
-           {"bench", "--bytes", "lots"},  // not a number
-           {"bench", "--transport", "carrier-pigeon"},
-           {"chat"},  // DEVICE missing
-           {"scan", "--platform", "zigbee"},
-           {"known"},  // no action
-           {"known", "remove", "not-a-uuid"},
-       }) {
+  const std::string bad = store_.path() + "/bad.json";
+  std::ofstream(bad) << R"({"devices": [{"name": "no identifier"}]})";
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+      {{}, ""},  // no command
+      {{"bench", "--transport", "carrier-pigeon"}, "--transport"},
+      {{"chat"}, "DEVICE"},
+      {{"scan", "--platform", "zigbee"}, "--platform"},
+      {{"known"}, ""},
+      {{"scan", "--sim-config", bad}, "identifier"},  // a device without one
+      {{"known", "remove", "not-a-uuid"}, "not-a-uuid"},
+      {{"scan", "--timeout", "nan"}, "--timeout"},
+      {{"chat", "X", "--timeout", "-5"}, "--timeout"},
+      {{"receive", "X", "f", "--idle", "nan"}, "--idle"},
+      {{"known", "add", "X", "--timeout", "1e300"}, "--timeout"},
+      {{"demo", "--loss", "nan"}, "--loss"},
+      {{"bench", "--bytes", "-1"}, "--bytes"},
+      {{"receive", "X", "f", "--bytes", "99999999999999999999"}, "--bytes"},
+      {{"bench", "--pings", "1.5"}, "--pings"},
+  };
+  for (const auto& [args, named] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(args));
     const auto run = qlt(args);
-    std::string joined;
-    for (const auto& a : args) joined += a + " ";
-    EXPECT_EQ(run.exitCode, 2) << "qlt " << joined << "\n" << run.out << run.err;
-    EXPECT_FALSE(run.err.empty()) << "qlt " << joined << " says nothing on stderr";
+    EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
+    EXPECT_NE(run.err.find(named), std::string::npos) << run.err;
+    EXPECT_TRUE(args.empty() || run.err.rfind("qlt " + args[0], 0) == 0) << run.err;
   }
+  const auto env = qlt({"scan", "--timeout", "0.2"}, 60, withEnv({"QLT_PLATFORM=zigbee"}));
+  EXPECT_EQ(env.exitCode, 2);
+  EXPECT_NE(env.err.find("QLT_PLATFORM is 'zigbee'"), std::string::npos) << env.err;
 }
 
 TEST_F(TheQltTool, ShowsHelpWithExamplesForEveryCommand) {
@@ -47,22 +76,25 @@ TEST_F(TheQltTool, ShowsHelpWithExamplesForEveryCommand) {
   }
   const auto bench = qlt({"bench", "--help"});
   EXPECT_NE(bench.out.find("bound_Bps  = 3 × 120 B / round trip"), std::string::npos) << bench.out;
-  EXPECT_EQ(qlt({"--help"}).exitCode, 0);
+  for (const char* text : {"docs/simulated-radio.md", "[0 to 0.9]", "64k, 1M, 1MiB"})
+    EXPECT_NE(bench.out.find(text), std::string::npos) << text << " missing in\n" << bench.out;
 }
 
-TEST_F(TheQltTool, FailsInPlainWordsWhenTheDeviceIsNotThere) {
-  const auto run = qlt({"chat", "foo", "--timeout", "1"});
-  EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
-  EXPECT_NE(run.err.find("no device named 'foo' found within 1.0 s"), std::string::npos) << run.err;
-  // The library's own log lines stay hidden without --verbose.
-  EXPECT_EQ(run.err.find("QueltLibrary"), std::string::npos) << run.err;
-  EXPECT_EQ(run.err.find("Start discovery"), std::string::npos) << run.err;
-}
-
-TEST_F(TheQltTool, ShowsTheLibraryLogOnlyWhenAsked) {
+TEST_F(TheQltTool, ShowsTheLibraryLogOnlyWhenAskedAndSaysWhichPlatform) {
   const auto run = qlt({"scan", "--timeout", "0.3", "--verbose"});
   EXPECT_EQ(run.exitCode, 0) << run.err;
   EXPECT_NE(run.err.find("Start discovery"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("qlt scan: platform sim"), std::string::npos) << run.err;
+  // QLT_PLATFORM counts when --platform is absent; with no system bus BlueZ fails at once,
+  // saying why, instead of waiting out the five-second power-on limit.
+  const auto bluez =
+      qlt({"scan", "--timeout", "0.3"}, 60,
+          withEnv({"QLT_PLATFORM=bluez", "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent"}));
+  if (bluez.exitCode == 2 && bluez.err.find("not available") != std::string::npos) return;
+  EXPECT_EQ(bluez.exitCode, 1) << bluez.err;
+  EXPECT_NE(bluez.err.find("platform bluez"), std::string::npos) << bluez.err;
+  EXPECT_NE(bluez.err.find("system bus"), std::string::npos) << bluez.err;
+  EXPECT_LT(bluez.seconds, 4.0);
 }
 
 TEST_F(TheQltTool, RunsTheDemoToAVerifiedSummary) {
@@ -75,33 +107,16 @@ TEST_F(TheQltTool, RunsTheDemoToAVerifiedSummary) {
     EXPECT_NE(run.out.find(expected), std::string::npos) << "missing '" << expected << "' in:\n"
                                                          << run.out;
   }
-  // The demo aims at well under 15 s; the bound here leaves room for sanitizers and a
-  // loaded machine, and only catches a demo that hangs on its way to the summary.
-  EXPECT_LT(run.seconds, 60.0);
   // Piped output carries no progress bar or cursor movement.
   EXPECT_EQ(run.out.find('\r'), std::string::npos);
   EXPECT_EQ(run.out.find("\033["), std::string::npos);
 }
 
-TEST_F(TheQltTool, ScanPrintsOneJsonObjectPerDevice) {
-  const auto run = qlt({"scan", "--json", "--timeout", "0.5"});
-  ASSERT_EQ(run.exitCode, 0) << run.err;
-  std::vector<std::string> names;
-  for (const auto& line : splitLines(run.out)) {
-    const auto j = nlohmann::json::parse(line);  // throws (and fails the test) on a bad line
-    EXPECT_TRUE(j.contains("identifier") && j.contains("rssi") && j.contains("nus")) << line;
-    names.push_back(j.value("name", ""));
-  }
-  EXPECT_NE(std::find(names.begin(), names.end(), "QLT-Echo"), names.end()) << run.out;
-
-  const auto filtered = qlt({"scan", "--json", "--timeout", "0.5", "--name", "echo"});
-  for (const auto& line : splitLines(filtered.out))
-    EXPECT_NE(nlohmann::json::parse(line).value("name", "").find("Echo"), std::string::npos)
-        << line;
-}
-
-TEST_F(TheQltTool, BenchReportsEveryKeyAndAVerifiedEchoUnderLoss) {
-  const auto run = qlt({"bench", "--json", "--bytes", "12000", "--pings", "5", "--loss", "0.05"});
+// On a lossy, slow link: every key, a verified echo, something recovered, and goodput
+// below the window's bound.
+TEST_F(TheQltTool, BenchReportsAVerifiedEchoBelowTheBoundOnALossySlowLink) {
+  const auto run = qlt({"bench", "--json", "--bytes", "12000", "--pings", "5", "--loss", "0.05",
+                        "--interval-ms", "10"});
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   const auto j = nlohmann::json::parse(run.out);
   for (const char* key : {"transport", "bytes", "seconds", "goodput_Bps", "bound_Bps", "verified",
@@ -113,53 +128,72 @@ TEST_F(TheQltTool, BenchReportsEveryKeyAndAVerifiedEchoUnderLoss) {
   EXPECT_EQ(j["bytes"], 12000);
   EXPECT_EQ(j["verified"], true);
   EXPECT_DOUBLE_EQ(j["loss"].get<double>(), 0.05);
-  EXPECT_GT(j["goodput_Bps"].get<double>(), 0);
-  EXPECT_LE(j["latency_p50_ms"].get<double>(), j["latency_p99_ms"].get<double>());
+  EXPECT_DOUBLE_EQ(j["interval_ms"].get<double>(), 10.0);
   // With 5% of 100 frames lost each way, something had to be recovered.
   EXPECT_GT(j["retransmissions"].get<int>() + j["polls_sent"].get<int>() +
                 j["rejections_received"].get<int>(),
             0)
       << run.out;
-}
-
-TEST_F(TheQltTool, BenchKeepsGoodputBelowTheWindowBoundOnASlowLink) {
-  const auto run =
-      qlt({"bench", "--json", "--bytes", "6000", "--pings", "3", "--interval-ms", "10"});
-  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-  const auto j = nlohmann::json::parse(run.out);
-  EXPECT_EQ(j["verified"], true);
-  EXPECT_DOUBLE_EQ(j["interval_ms"].get<double>(), 10.0);
   // 3 × 120 B per (2 × 10 ms + 1 ms) = 17142.857 B/s
   EXPECT_NEAR(j["bound_Bps"].get<double>(), 360 / 0.021, 0.01);
   EXPECT_LE(j["goodput_Bps"].get<double>(), j["bound_Bps"].get<double>());
   // An echo round trip crosses the link twice each way at least.
   EXPECT_GE(j["latency_p50_ms"].get<double>(), 20.0);
+  EXPECT_LE(j["latency_p50_ms"].get<double>(), j["latency_p99_ms"].get<double>());
+}
+
+// The store: changes by concurrent processes all land (each waits for the others' lock),
+// and a store that cannot be read or written is never reported as changed.
+TEST_F(TheQltTool, ChangesTheKnownStoreUnderALockOrFailsSayingWhy) {
+  const std::string lockPath = storeFile(store_.path()) + ".lock";
+  const int lock = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  const std::string stale = storeFile(store_.path()) + ".tmp-999999999-0";  // no such process
+  std::ofstream(stale) << "{";
+  std::vector<std::future<ToolRun>> adds;
+  for (const char* device : {"QLT-Echo", "QLT-Chunk", "QLT-Sink"})
+    adds.push_back(std::async(std::launch::async, [this, device] {
+      return qlt({"known", "add", device});
+    }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  EXPECT_FALSE(std::filesystem::exists(storeFile(store_.path()))) << "written without the lock";
+  ::close(lock);
+  for (auto& add : adds) EXPECT_EQ(add.get().exitCode, 0);
+  EXPECT_EQ(splitLines(qlt({"known", "list"}).out).size(), 3u);
+  EXPECT_FALSE(std::filesystem::exists(stale));
+  EXPECT_NE(qlt({"known", "clear"}).out.find("forgot 3"), std::string::npos);
+
+  const std::string file = storeFile(store_.path());
+  std::filesystem::remove(file);
+  std::filesystem::create_directory(file);  // there, but not readable as a file
+  const std::string underAFile = "QLT_STORE_PATH=" + store_.path() + "/in.bin/known.json";
+  std::ofstream(store_.path() + "/in.bin") << "a file";
+  using Case = std::tuple<std::vector<std::string>, std::string, std::string>;
+  for (const auto& [args, env, why] : std::vector<Case>{
+           {{"known", "list"}, "", "cannot read"},
+           {{"known", "add", "QLT-Echo"}, "", "cannot read"},
+           {{"known", "remove", "0E0E0E0E-0000-4000-8000-000000000001"}, "", "cannot read"},
+           {{"known", "clear"}, underAFile, "Not a directory"}}) {
+    const auto run = qlt(args, 60, withEnv({env}));
+    EXPECT_EQ(run.exitCode, 1) << args[1] << ": " << run.out << run.err;
+    EXPECT_NE(run.err.find(why), std::string::npos) << args[1] << ": " << run.err;
+  }
+  EXPECT_TRUE(std::filesystem::is_directory(file));
 }
 
 TEST_F(TheQltTool, RemembersAndForgetsKnownDevices) {
-  EXPECT_EQ(qlt({"known", "list"}).out, "");
   const auto add = qlt({"known", "add", "QLT-Echo"});
   ASSERT_EQ(add.exitCode, 0) << add.err;
-  EXPECT_NE(add.out.find("added"), std::string::npos) << add.out;
-
   const auto list = splitLines(qlt({"known", "list"}).out);
   ASSERT_EQ(list.size(), 1u);
-  const std::string id = list[0];
-  EXPECT_NE(add.out.find(id), std::string::npos);
+  EXPECT_NE(add.out.find("added " + list[0]), std::string::npos) << add.out;
   EXPECT_NE(qlt({"known", "add", "QLT-Echo"}).out.find("already known"), std::string::npos);
-
-  std::string lowerId = id;
+  std::string lowerId = list[0];
   for (auto& c : lowerId) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   EXPECT_EQ(qlt({"known", "remove", lowerId}).exitCode, 0);
-  EXPECT_EQ(qlt({"known", "list"}).out, "");
-  const auto again = qlt({"known", "remove", id});
+  const auto again = qlt({"known", "remove", list[0]});
   EXPECT_EQ(again.exitCode, 1);
   EXPECT_NE(again.err.find("is not a known device"), std::string::npos) << again.err;
-
-  ASSERT_EQ(qlt({"known", "add", "QLT-Sink"}).exitCode, 0);
-  ASSERT_EQ(qlt({"known", "add", "QLT-Echo"}).exitCode, 0);
-  EXPECT_EQ(splitLines(qlt({"known", "list"}).out).size(), 2u);
-  EXPECT_EQ(qlt({"known", "clear"}).exitCode, 0);
   EXPECT_EQ(qlt({"known", "list"}).out, "");
 }
 
@@ -174,11 +208,6 @@ TEST_F(TheQltTool, SendsAndReceivesFilesThroughTheWindow) {
   EXPECT_EQ(send.exitCode, 0) << send.out << send.err;
   EXPECT_NE(send.out.find("5000 sent and acknowledged"), std::string::npos) << send.out;
 
-  // The sink swallows frames without acknowledging them: the transfer cannot complete.
-  const auto stuck = qlt({"send", "QLT-Sink", in, "--timeout", "1"});
-  EXPECT_EQ(stuck.exitCode, 1);
-  EXPECT_NE(stuck.err.find("acknowledged nothing for 1.0 s"), std::string::npos) << stuck.err;
-
   // The source sends byte i = i mod 251; exactly --bytes of it land in the file.
   const auto receive = qlt({"receive", "QLT-Source", out, "--bytes", "3000"});
   ASSERT_EQ(receive.exitCode, 0) << receive.out << receive.err;
@@ -189,22 +218,93 @@ TEST_F(TheQltTool, SendsAndReceivesFilesThroughTheWindow) {
     ASSERT_EQ(static_cast<unsigned char>(bytes[i]), i % 251) << i;
 }
 
-TEST_F(TheQltTool, DescribesTheSimulatedRadioFromAJsonFile) {
-  const std::string config = store_.path() + "/radio.json";
-  std::ofstream(config) << R"({"devices": [{"identifier": "0E0E0E0E-0000-4000-8000-000000000001",
-                                            "name": "Bench Echo", "behaviour": "sw-echo"}]})";
-  const auto bench = qlt({"bench", "--json", "--sim-config", config, "--device", "Bench Echo",
-                          "--bytes", "2000", "--pings", "2"});
-  ASSERT_EQ(bench.exitCode, 0) << bench.out << bench.err;
-  EXPECT_EQ(nlohmann::json::parse(bench.out)["device"], "Bench Echo");
-  // The default devices are gone: the file replaced them.
-  const auto gone = qlt({"chat", "QLT-Echo", "--sim-config", config, "--timeout", "0.5"});
-  EXPECT_EQ(gone.exitCode, 1);
+// Every failure, a lost link included, is exit 1 in words, with the count that got through;
+// a receive that fails leaves its target as it was (a partial transfer is kept only when
+// asked, under a name that says so).
+TEST_F(TheQltTool, NeverLosesOrMisreportsDataWhenATransferFails) {
+  const std::string radio = radio_, target = store_.path() + "/target.bin",
+                    big = store_.path() + "/big.bin";
+  std::ofstream(big) << std::string(100000, 'x');
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+      {{"receive", "NoSuch", target, "--timeout", "0.5"},
+       "no device named 'NoSuch' found within 0.5 s"},
+      // A link that cannot carry the transport is refused at once, saying why.
+      {{"receive", "Small", target, "--sim-config", radio}, "ATT MTU is 23"},
+      {{"receive", "Twice", target, "--sim-config", radio}, "UART service 2 times"},
+      {{"chat", "Swapped", "--sim-config", radio}, "tx and rx characteristics are swapped"},
+      {{"chat", "Mute", "--sim-config", radio}, "the device's rx characteristic does not notify"},
+      {{"receive", "Dropper", target, "--sim-config", radio}, "the connection was lost"},
+      {{"receive", "QLT-Source", "/dev/full", "--bytes", "1000"}, "No space left on device"},
+      {{"receive", "QLT-Sink", target, "--timeout", "0.5", "--idle", "0.5"}, "nothing received"},
+      // The sink swallows frames without acknowledging them.
+      {{"send", "QLT-Sink", radio, "--timeout", "1"}, "acknowledged nothing for 1.0 s"},
+      // Counted: what the device acknowledged, not what was queued.
+      {{"send", "EchoDropper", big, "--sim-config", radio}, "connection was lost ("},
+  };
+  for (const auto& [args, why] : cases) {
+    SCOPED_TRACE(args[1]);
+    std::ofstream(target) << "precious";
+    const auto run = qlt(args);
+    EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+    EXPECT_NE(run.err.find(why), std::string::npos) << run.err;
+    EXPECT_EQ(run.err.find("QueltLibrary"), std::string::npos) << run.err;  // no --verbose
+    EXPECT_EQ(run.err.find("100000 of 100000"), std::string::npos) << run.err;
+    EXPECT_EQ(std::filesystem::file_size(target), 8u);  // "precious", untouched
+    for (const auto& e : std::filesystem::directory_iterator(store_.path()))
+      EXPECT_EQ(e.path().string().find(".receiving"), std::string::npos) << e.path();
+  }
+  // Asked for, the part that arrived is kept beside the untouched target.
+  ASSERT_EQ(qlt({"receive", "Dropper", target, "--sim-config", radio, "--keep-partial"}).exitCode,
+            1);
+  EXPECT_GT(std::filesystem::file_size(target + ".partial"), 0u);
+  EXPECT_EQ(std::filesystem::file_size(target), 8u);
+  // Interrupted: the summary, exit 130, the target untouched.
+  const auto stopped = qlt({"receive", "QLT-Source", target}, 60, signalAfter(SIGINT, 1.5));
+  EXPECT_EQ(stopped.exitCode, 130) << stopped.out << stopped.err;
+  EXPECT_NE(stopped.out.find("summary"), std::string::npos) << stopped.out;
+  EXPECT_EQ(std::filesystem::file_size(target), 8u);
+}
 
-  std::ofstream(config) << R"({"devices": [{"name": "no identifier"}]})";
-  const auto bad = qlt({"scan", "--sim-config", config});
-  EXPECT_EQ(bad.exitCode, 2);
-  EXPECT_NE(bad.err.find("identifier"), std::string::npos) << bad.err;
+// The chunking transport fits a small MTU that the sliding window cannot use.
+TEST_F(TheQltTool, SuggestsTheChunkingTransportForASmallMtu) {
+  EXPECT_NE(qlt({"bench", "--device", "Small", "--sim-config", radio_}).err.find("--transport nus"),
+            std::string::npos);
+  const auto chunks = qlt({"chat", "SmallChunk", "--transport", "nus", "--sim-config", radio_}, 60,
+                          withStdin("hi\n"));
+  EXPECT_EQ(chunks.exitCode, 0) << chunks.err;
+  EXPECT_EQ(chunks.out, "< hi\n");
+}
+
+// Stdout carries only data when it carries data; what comes from a device is shown safely.
+TEST_F(TheQltTool, KeepsDataOnStdoutAndShowsWhatDevicesSendSafely) {
+  const auto bench = qlt({"bench", "--json", "--trace", "--bytes", "2k", "--pings", "1"});
+  EXPECT_EQ(bench.exitCode, 0) << bench.err;
+  EXPECT_EQ(nlohmann::json::parse(bench.out)["bytes"], 2000);
+  EXPECT_NE(bench.err.find("→ seg seq=0"), std::string::npos);
+
+  const auto chat = qlt({"chat", "QLT-Echo"}, 60, withStdin("héllo\n\nbye\n"));
+  EXPECT_EQ(chat.exitCode, 0) << chat.err;
+  EXPECT_EQ(splitLines(chat.out), (std::vector<std::string>{"< héllo", "< ", "< bye"})) << chat.out;
+  EXPECT_NE(chat.err.find("[ready]"), std::string::npos);
+
+  const auto scan = qlt({"scan", "--sim-config", radio_, "--timeout", "0.5"});
+  const auto evil = qlt({"chat", "0E0E0E0E-0000-4000-8000-000000000007", "--sim-config", radio_},
+                        60, withStdin("x\n"));
+  for (const std::string& shown : {scan.out, evil.err}) {
+    EXPECT_EQ(shown.find('\x1b'), std::string::npos) << shown;
+    EXPECT_NE(shown.find("Evil\\x1b[2J\\x0afake row"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("…"), std::string::npos) << shown;
+  }
+  for (const auto& line : splitLines(scan.out))
+    EXPECT_EQ(line.rfind("fake row", 0), std::string::npos);
+  // --json keeps the name exact; the --name filter is the library's.
+  const auto json =
+      qlt({"scan", "--json", "--timeout", "0.5", "--name", "EVIL", "--sim-config", radio_});
+  const auto lines = splitLines(json.out);
+  ASSERT_EQ(lines.size(), 1u) << json.out;
+  const auto j = nlohmann::json::parse(lines[0]);
+  EXPECT_TRUE(j.contains("identifier") && j.contains("rssi") && j.contains("nus")) << lines[0];
+  EXPECT_EQ(j["name"], evilName_);
 }
 
 }  // namespace

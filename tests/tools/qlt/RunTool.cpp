@@ -26,30 +26,47 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
-ToolRun runTool(const std::vector<std::string>& args, const std::string& storePath, double limitS) {
-  int outPipe[2], errPipe[2];
-  if (::pipe(outPipe) != 0 || ::pipe(errPipe) != 0) throw std::runtime_error("pipe failed");
-  // Everything the child needs is prepared before fork(): after it, only exec.
+std::string storeFile(const std::string& storeDir) { return storeDir + "/known.json"; }
+
+std::vector<std::string> toolEnvironment(const std::string& storeDir,
+                                         const std::vector<std::string>& extra) {
   std::vector<std::string> env;
   for (char** e = environ; *e; ++e) {
     const std::string entry = *e;
-    if (entry.rfind("QLT_STORE_PATH=", 0) == 0 || entry.rfind("QLT_PLATFORM=", 0) == 0) continue;
-    env.push_back(entry);
+    if (entry.rfind("QLT_STORE_PATH=", 0) && entry.rfind("QLT_PLATFORM=", 0) &&
+        entry.rfind("TERM=", 0))
+      env.push_back(entry);
   }
-  env.push_back("QLT_STORE_PATH=" + storePath);
+  env.insert(env.end(), extra.begin(), extra.end());  // these win over the store path
+  env.push_back("QLT_STORE_PATH=" + storeFile(storeDir));
+  return env;
+}
+
+ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDir, double limitS,
+                const ToolInput& input) {
+  int outPipe[2], errPipe[2], inPipe[2];
+  if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0 ||
+      ::pipe2(inPipe, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
+  // Small inputs fit the pipe's buffer: written at once, then end of input.
+  if (::write(inPipe[1], input.stdinText.data(), input.stdinText.size()) !=
+      static_cast<ssize_t>(input.stdinText.size()))
+    throw std::runtime_error("stdin write failed");
+  ::close(inPipe[1]);
+  // Everything the child needs is prepared before fork(): after it, only exec.
+  std::vector<std::string> env = toolEnvironment(storeDir, input.env);
   std::vector<char*> envp;
   for (auto& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);
   std::vector<char*> argv{const_cast<char*>(QLT_TOOL_PATH)};
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
-  const int devnull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 
   const auto start = std::chrono::steady_clock::now();
   const pid_t pid = ::fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
-    ::dup2(devnull, STDIN_FILENO);
+    ::dup2(inPipe[0], STDIN_FILENO);
     ::dup2(outPipe[1], STDOUT_FILENO);
     ::dup2(errPipe[1], STDERR_FILENO);
     ::close(outPipe[0]);
@@ -59,16 +76,17 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storePa
   }
   ::close(outPipe[1]);
   ::close(errPipe[1]);
-  ::close(devnull);
+  ::close(inPipe[0]);
 
   ToolRun run;
   pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
   std::string* sinks[2] = {&run.out, &run.err};
   int open = 2;
-  bool killed = false;
+  bool killed = false, signalled = input.signal == 0;
   while (open > 0) {
     const double elapsed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (!signalled && elapsed > input.signalAfterS) signalled = ::kill(pid, input.signal) == 0;
     if (!killed && elapsed > limitS) {
       ::kill(pid, SIGKILL);
       killed = true;

@@ -26,10 +26,27 @@ class TempDir {
   std::string path_;
 };
 
-// Runs qlt with `args` (stdin empty), QLT_STORE_PATH=`storePath`, killing it after
-// `limitS` seconds.
-ToolRun runTool(const std::vector<std::string>& args, const std::string& storePath,
-                double limitS = 60);
+// What a run gets beyond its arguments.
+struct ToolInput {
+  std::vector<std::string> env;  // "NAME=value" added to the environment
+  std::string stdinText;         // what stdin carries (then end of input)
+  int signal = 0;                // sent once `signalAfterS` have passed
+  double signalAfterS = 0;
+};
+inline ToolInput withEnv(std::vector<std::string> env) { return {std::move(env), "", 0, 0}; }
+inline ToolInput withStdin(std::string text) { return {{}, std::move(text), 0, 0}; }
+inline ToolInput signalAfter(int signal, double seconds) { return {{}, "", signal, seconds}; }
+
+// Runs qlt with `args`, QLT_STORE_PATH=`storeDir`/known.json, killing it after `limitS`
+// seconds.
+ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDir,
+                double limitS = 60, const ToolInput& input = {});
+// The QLT_STORE_PATH runTool gives for `storeDir`.
+std::string storeFile(const std::string& storeDir);
+// The environment of a run: this process's, without QLT_STORE_PATH, QLT_PLATFORM and TERM,
+// then `extra`, then QLT_STORE_PATH=storeFile(storeDir).
+std::vector<std::string> toolEnvironment(const std::string& storeDir,
+                                         const std::vector<std::string>& extra);
 
 // The lines of `text`.
 std::vector<std::string> splitLines(const std::string& text);
