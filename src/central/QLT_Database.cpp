@@ -281,7 +281,8 @@ bool QLT_Database::synchronize() {
   const std::string tmp =
       path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0) return fail("cannot write " + tmp + " (" + std::generic_category().message(errno) + ")");
+  if (fd < 0)
+    return fail("cannot write " + tmp + " (" + std::generic_category().message(errno) + ")");
   bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, text) && ::fsync(fd) == 0;
   const int savedErrno = errno;
   ok = (::close(fd) == 0) && ok;

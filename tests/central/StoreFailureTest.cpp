@@ -59,8 +59,7 @@ TEST_F(AStoreThatFails, RefusesToWriteAndSaysWhy) {
     const std::string path = c.prepare(dir);
     QLT_Database::setStorePath(path);
     const auto store = QLT_Database::create();
-    ASSERT_TRUE(
-        store->store(QLT_Peripheral::create(fake::FakePeripheral::create())));
+    ASSERT_TRUE(store->store(QLT_Peripheral::create(fake::FakePeripheral::create())));
     EXPECT_FALSE(store->synchronize());
     EXPECT_NE(store->lastError().find(c.reason), std::string::npos) << store->lastError();
     EXPECT_FALSE(store->removeAll());
