@@ -1,12 +1,14 @@
 #include "DeviceBehaviour.h"
 
 #include <chrono>
+#include <limits>
 #include <vector>
 
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "SimLink.h"
 #include "protocol/SlideWindowEngine.h"
+#include "worker/RoundPacer.h"
 
 namespace qlt::sim {
 
@@ -30,9 +32,9 @@ class ChunkEcho final : public DeviceBehaviour {
 // Runs the library's own sliding-window engine in the device's role: frames written by
 // the central go to its receive(); the frames it writes go out as notifications. Echoes
 // every payload back (sw-echo), or sends a pattern once notifications are on (source).
-// Everything runs on the device queue: the engine's rounds are a task that puts itself
-// back every millisecond (the pace of a transport's worker) until the link ends, so a
-// simulated link costs no thread. Payloads are handled in tasks of their own, after the
+// Everything runs on the device queue: the engine's rounds are paced as a transport's
+// (RoundPacer: a round only when there is work or a deadline), so a simulated link costs
+// no thread and an idle one no wake-up. Payloads are handled in tasks of their own, after the
 // receive that delivered them.
 class SlidingWindow final : public DeviceBehaviour,
                             public SlideWindowEngine::Face,
@@ -48,7 +50,16 @@ class SlidingWindow final : public DeviceBehaviour,
   void connected() override {
     engine_ = std::make_unique<SlideWindowEngine>(
         *this, SlideWindowParameters{kTcpSegmentSize, kTcpPollTimeout}, Clock::monotonic());
-    scheduleRound();
+    if (pacer_) pacer_->stop();
+    pacer_ = RoundPacer::create(deviceQueue_, [weak = weak_from_this()] {
+      auto self = weak.lock();
+      if (!self || !self->engine_) return std::numeric_limits<double>::infinity();
+      self->engine_->round();
+      return self->engine_->untilNextRound();
+    });
+    engine_->setWakeup([pacer = std::weak_ptr<RoundPacer>(pacer_)](double delay) {
+      if (auto p = pacer.lock()) p->wake(delay);
+    });
   }
   void notificationsChanged(bool enabled) override {
     if (echo_ || !enabled || sent_ || !engine_) return;
@@ -61,7 +72,11 @@ class SlidingWindow final : public DeviceBehaviour,
   void written(const Data& value) override {
     if (engine_) engine_->receive(value);
   }
-  void disconnected() override { engine_.reset(); }
+  void disconnected() override {
+    engine_.reset();
+    if (pacer_) pacer_->stop();
+    pacer_.reset();
+  }
 
   // SlideWindowEngine::Face, on the device queue.
   void writeFrame(const uint8_t* bytes, size_t length) override {
@@ -83,22 +98,12 @@ class SlidingWindow final : public DeviceBehaviour,
   }
 
  private:
-  static constexpr std::chrono::milliseconds kRoundInterval{1};
-
-  void scheduleRound() {
-    deviceQueue_->asyncAfter(kRoundInterval, [weak = weak_from_this()] {
-      auto self = weak.lock();
-      if (!self || !self->engine_) return;
-      self->engine_->round();
-      self->scheduleRound();
-    });
-  }
-
   const bool echo_;
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
   std::unique_ptr<SlideWindowEngine> engine_;  // device queue only; null once disconnected
+  std::shared_ptr<RoundPacer> pacer_;          // device queue only: the engine's rounds
   bool sent_ = false;                          // device queue only
 };
 
