@@ -3,6 +3,7 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <fstream>
 #include <thread>
 
 namespace qlt::test {
@@ -43,6 +44,25 @@ size_t osThreadCount() {
   if (DIR* dir = opendir("/proc/self/task")) {
     while (dirent* e = readdir(dir)) {
       if (e->d_name[0] != '.') ++n;
+    }
+    closedir(dir);
+  }
+  return n;
+}
+
+uint64_t processWakeups() {
+  uint64_t n = 0;
+  if (DIR* dir = opendir("/proc/self/task")) {
+    while (dirent* e = readdir(dir)) {
+      if (e->d_name[0] == '.') continue;
+      std::ifstream status(std::string("/proc/self/task/") + e->d_name + "/status");
+      std::string key;
+      uint64_t value = 0;
+      while (status >> key) {
+        if (key == "voluntary_ctxt_switches:" || key == "nonvoluntary_ctxt_switches:") {
+          if (status >> value) n += value;
+        }
+      }
     }
     closedir(dir);
   }

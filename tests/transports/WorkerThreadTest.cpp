@@ -59,6 +59,25 @@ void stopAndJoin(const std::shared_ptr<Object>& object) {
 
 }  // namespace
 
+TEST(StartedIdleTransports, MakeNoWakeUps) {
+  auto sw = SWTransport::create();
+  auto nus = NUSTransport::create();
+  auto window = BLESlideWindow::create();
+  auto wire = std::make_shared<FrameSink>();
+  sw->setSenderDelegate(wire);
+  nus->setSenderDelegate(wire);
+  window->setSenderDelegate(wire);
+  sw->start();
+  nus->start();
+  window->start();
+  std::this_thread::sleep_for(50ms);
+  const uint64_t before = test::processWakeups();
+  std::this_thread::sleep_for(200ms);
+  // A loop polling every millisecond would make about 600 here.
+  EXPECT_LT(test::processWakeups() - before, 60u);
+  EXPECT_EQ(wire->size(), 0u);
+}
+
 TEST(AStartedSWTransport, PollsAnUnansweredSegmentEveryThreeTenthsOfASecond) {
   auto transport = SWTransport::create();
   auto wire = std::make_shared<FrameSink>();
