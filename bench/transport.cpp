@@ -3,9 +3,8 @@
 // Goodput: two engines with SWTransport's constants back to back over the link harness; A
 // sends 1000 full segments (120 000 bytes) to B over a link with the given one-way delay and
 // loss (both ways); goodput = bytes / simulated time until everything is acknowledged. The
-// window bound is 3 segments of 120 bytes per round trip, where a round trip is twice the
-// one-way delay plus the receiver's acknowledgement delay of one worker round (1 ms):
-//   bound_Bps = 360 / (2 * delay + 0.001).
+// window bound is qlt bench's (Stats.h): 3 segments of 120 bytes per round trip, where a
+// round trip is twice the one-way delay plus the receiver's acknowledgement delay (1 ms).
 // resent_per_delivered = segments sent again / segments delivered.
 //
 // Echo: one 100-byte message at a time from A, echoed by B as it arrives, 400 times over 4
@@ -19,6 +18,7 @@
 #include <vector>
 
 #include "QueltLibrary/SWTransport.h"
+#include "Stats.h"
 #include "support/AllocationCounter.h"
 #include "support/LinkHarness.h"
 #include "support/TestSupport.h"
@@ -57,7 +57,7 @@ void BM_Goodput(benchmark::State& state) {
     }
   }
   const double goodput = kBytes * seeds / simSeconds;
-  const double bound = 3.0 * SWTransport::kSegmentSize / (2 * delay + 0.001);
+  const double bound = cli::windowBoundBps({}, {.oneWayS = delay});
   state.counters["delay_ms"] = delay * 1000;
   state.counters["loss_pct"] = loss * 100;
   state.counters["goodput_Bps"] = goodput;

@@ -3,7 +3,8 @@
 // Not a transport: an application can put it over any byte pipe of its own. It speaks the
 // same frame format (SlideWindowFrame.h) with 160-byte segments (datagrams of at most 159
 // bytes), follows the same recovery rules (src/transports/SlideWindowEngine.h) but polls
-// never later than 1.0 s, and carries its own worker thread. Frames to write go to its
+// never later than 1.0 s. Started, it runs its rounds as BaseTransport does: on a queue of
+// its own, only when there is work, with no thread of its own. Frames to write go to its
 // sender delegate (slideWindow_requestWriteData); received payloads reach its delegates
 // through the multicast delegate (slideWindow_tcpDataReceived,
 // slideWindow_udpDataReceived), each on the delegate's own queue.
@@ -33,6 +34,7 @@ namespace qlt {
 
 class BLESlideWindow;
 class SlideWindowEngine;
+class RoundPacer;
 
 // Who writes the slide window's frames to the peer.
 class BLESlideWindowSenderDelegate : public virtual Delegate {
@@ -60,12 +62,12 @@ class BLESlideWindow : public QLT_Object, public ThreadBaseDelegate {
 
   // Resets the send queue and the send sequence (done once, at creation).
   void initState();
-  // Starts the worker thread (making one when there is none); stop asks it to end.
+  // Starts the rounds; stop ends them (a round already running finishes).
   void start();
   void stop();
 
   // ThreadBaseDelegate
-  void threadStarted(const std::shared_ptr<ThreadBase>& /*thread*/) override {}
+  void threadStarted(const std::shared_ptr<ThreadBase>& thread) override;
   std::function<void()> threadRunloop(const std::shared_ptr<ThreadBase>& thread) override;
   void threadStopped(const std::shared_ptr<ThreadBase>& thread) override;
 
@@ -80,14 +82,14 @@ class BLESlideWindow : public QLT_Object, public ThreadBaseDelegate {
   void transfer();
   void checkControl();
   void doPendingWork();
-  // Rounds until this object's current thread is closing.
+  // A polling loop of rounds until the ThreadBase running it (thread()) is closing.
   void run();
 
   std::shared_ptr<BLESlideWindowSenderDelegate> senderDelegate() const;
   void setSenderDelegate(const std::shared_ptr<BLESlideWindowSenderDelegate>& delegate);
   uint64_t pendingWork() const;
   void setPendingWork(uint64_t bits);
-  // The current worker thread, or null.
+  // The ThreadBase running run(), when code runs one for it (threadRunloop); else null.
   std::shared_ptr<ThreadBase> thread() const;
 
   SlideWindowCounters counters() const;
@@ -111,6 +113,7 @@ class BLESlideWindow : public QLT_Object, public ThreadBaseDelegate {
 
   mutable std::mutex mutex_;
   std::shared_ptr<ThreadBase> thread_;                          // guarded by mutex_
+  std::shared_ptr<RoundPacer> pacer_;                           // guarded by mutex_
   std::weak_ptr<BLESlideWindowSenderDelegate> senderDelegate_;  // guarded by mutex_
   std::unique_ptr<Face> face_;
   std::unique_ptr<SlideWindowEngine> engine_;

@@ -1,4 +1,4 @@
-// The transport contract, and BaseTransport, which owns a transport's worker thread.
+// The transport contract, and BaseTransport, which paces a transport's rounds.
 //
 // A transport sits between a connected peripheral's UART service and the application: it
 // cuts messages into frames that fit one characteristic write and asks its sender
@@ -10,17 +10,25 @@
 // drop the transport. A transport serves one connection.
 //
 // Threads: start, stop, sendTCP and sendUDP run on the caller's thread; receive on the
-// thread that delivers notifications; run() on the transport's own worker thread. The
-// sender delegate is called from the worker thread and, for some frames, from the
-// receiving thread, so it must accept calls from any thread; it should return once the
-// write is queued (transports may call it while holding their queue lock).
+// thread that delivers notifications. A started transport needs no thread of its own: its
+// rounds run one at a time as tasks on a serial queue of its own (the library's pool),
+// only when there is work: something queued to send, a control frame owed (about 1 ms
+// later, so that frames arriving together draw one answer), a deadline of the protocol
+// (its timer thread waits for those), or nothing at all while idle. The sender delegate
+// is called from the rounds and, for some frames, from the receiving thread, so it must
+// accept calls from any thread; it should return once the write is queued (transports
+// may call it while holding their queue lock).
 //
-// Lifetime: the worker thread holds the transport until it has ended, so a started
-// transport is never destroyed under its own thread; destroying a transport stops it.
+// run(thread) is the same work as a loop polling `thread`'s isClosing() (about a round a
+// millisecond), for code that drives a transport from a ThreadBase of its own.
+//
+// Lifetime: the rounds hold the transport weakly (its owner keeps it); destroying a
+// transport stops it.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -33,6 +41,7 @@
 namespace qlt {
 
 class BaseTransport;
+class RoundPacer;
 
 // The operations every transport offers.
 class Transport {
@@ -48,7 +57,7 @@ class Transport {
   virtual void writeRequest(const uint8_t* bytes, uint64_t length) = 0;
   // Feeds one received value in.
   virtual void receive(const Data& value) = 0;
-  // The worker loop; returns when `thread` is closing.
+  // A polling worker loop, for a ThreadBase of the caller's; returns when `thread` is closing.
   virtual void run(const std::shared_ptr<ThreadBase>& thread) = 0;
 };
 
@@ -95,7 +104,8 @@ class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDele
   std::shared_ptr<TransportSenderDelegate> senderDelegate() const;
   void setSenderDelegate(const std::shared_ptr<TransportSenderDelegate>& delegate);
 
-  // The current worker thread, or null.
+  // Null: start() runs the rounds on the pool, with no thread of their own. Kept for
+  // source compatibility.
   std::shared_ptr<ThreadBase> thread() const;
 
   // ThreadBaseDelegate
@@ -105,13 +115,18 @@ class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDele
 
  protected:
   explicit BaseTransport(std::string className);
+  // One round of a started transport: does what is due and returns the seconds until the
+  // next round is due when nothing else happens (infinity: none). On the rounds' queue.
+  virtual double round() { return std::numeric_limits<double>::infinity(); }
+  // Asks for a round within `delaySeconds` (any thread; nothing when not started).
+  void wakeRounds(double delaySeconds);
   std::shared_ptr<BaseTransport> sharedTransport() {
     return std::static_pointer_cast<BaseTransport>(shared_from_this());
   }
 
  private:
   mutable std::mutex mutex_;
-  std::shared_ptr<ThreadBase> thread_;                     // guarded by mutex_
+  std::shared_ptr<RoundPacer> pacer_;                      // guarded by mutex_
   std::weak_ptr<TransportSenderDelegate> senderDelegate_;  // guarded by mutex_
 };
 

@@ -1,8 +1,9 @@
 // NUSTransport: the plain transport. No header, no sequence numbers, no acknowledgements.
 //
-// Outgoing bytes are cut into chunks of at most 20 bytes and queued; the worker thread
-// writes one chunk per round (about one per millisecond), oldest first. Datagrams are
-// queued and chunked exactly like messages, with no size limit. Every received value is
+// Outgoing bytes are cut into chunks of at most 20 bytes and queued; they leave oldest
+// first, each as a write of its own, at one chunk a millisecond on average: a round
+// writes up to kChunksPerRound of them, and the next is due that many milliseconds later. Datagrams
+// are queued and chunked exactly like messages, with no size limit. Every received value is
 // delivered unchanged, whatever its length, as "TCP" data (transport_tcpDataReceived);
 // transport_udpDataReceived is never sent. start discards whatever was queued before it.
 //
@@ -23,6 +24,8 @@ namespace qlt {
 class NUSTransport : public BaseTransport {
  public:
   static constexpr size_t kChunkSize = 20;
+  static constexpr size_t kChunksPerRound = 8;
+  static constexpr double kChunkInterval = 0.001;
 
   static std::shared_ptr<NUSTransport> create();
 
@@ -33,9 +36,13 @@ class NUSTransport : public BaseTransport {
   void sendUDP(const uint8_t* bytes, uint64_t length) override;
   void receive(const Data& value) override;
   void run(const std::shared_ptr<ThreadBase>& thread) override;
-  // Writes the oldest queued chunk, if any.
+  // Writes the oldest queued chunk, if any (a polling loop's round).
   void transfer();
 
+ protected:
+  double round() override;
+
+ public:
   size_t queuedChunks() const;
   // Called for every chunk written and every value received, on the thread doing it.
   // Must be quick and must not call back into this transport. Empty function: off.

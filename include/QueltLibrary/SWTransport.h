@@ -51,6 +51,10 @@ class SWTransport : public BaseTransport {
   // Rounds of transfer, checkControl and doPendingWork until `thread` is closing.
   void run(const std::shared_ptr<ThreadBase>& thread) override;
 
+ protected:
+  double round() override;
+
+ public:
   // Resets the send queue and the send sequence (done once, at creation).
   void initState();
   // Releases `count` segments from the head of the queue.

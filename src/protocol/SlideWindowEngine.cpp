@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/SlideWindowFrame.h"
@@ -45,7 +46,7 @@ void SlideWindowEngine::initState() {
 
 void SlideWindowEngine::sendTCP(const uint8_t* bytes, uint64_t length) {
   if (length == 0 || bytes == nullptr) return;
-  std::lock_guard lock(txMutex_);
+  std::unique_lock lock(txMutex_);
   while (length > 0) {
     const size_t n = static_cast<size_t>(std::min<uint64_t>(parameters_.segmentSize, length));
     txBuffer_.emplace_back(bytes, n);
@@ -54,6 +55,8 @@ void SlideWindowEngine::sendTCP(const uint8_t* bytes, uint64_t length) {
     bytesQueued_ += n;
   }
   counters_.bytesQueued.store(bytesQueued_, std::memory_order_relaxed);
+  lock.unlock();
+  wake(0);
 }
 
 void SlideWindowEngine::sendUDP(const uint8_t* bytes, uint64_t length) {
@@ -270,6 +273,7 @@ void SlideWindowEngine::receive(const Data& value) {
           gapTimed_ = false;
           oweRejection(reply);
         }
+        wake(kOwedDelay);  // lock released
       }
       return;
     }
@@ -290,7 +294,10 @@ void SlideWindowEngine::receive(const Data& value) {
           setPollWaitLocked();
         }
       }
-      if (honoured) timer_->start();
+      if (honoured) {
+        timer_->start();
+        wake(0);
+      }
       return;
     }
 
@@ -320,6 +327,7 @@ void SlideWindowEngine::receive(const Data& value) {
       if (honoured) {
         bump(counters_.rejectionsHonoured);
         timer_->start();
+        wake(0);
       }
       return;
     }
@@ -337,9 +345,10 @@ void SlideWindowEngine::receive(const Data& value) {
         if (frame.sequence == ((expected + 3) & 3)) {
           // A copy of the segment accepted last: nothing is missing.
           pendingWork_.fetch_or(1, std::memory_order_acq_rel);
+          wake(kOwedDelay);
           return;
         }
-        std::lock_guard lock(gapMutex_);
+        std::unique_lock lock(gapMutex_);
         if (gapOpen_.load(std::memory_order_relaxed) && gapSequence_ == expected) return;
         gapOpen_.store(true, std::memory_order_release);
         gapSequence_ = expected;
@@ -349,6 +358,8 @@ void SlideWindowEngine::receive(const Data& value) {
         gapWritten_ = false;
         oweRejection(expected);
         timer_->start();
+        lock.unlock();
+        wake(kOwedDelay);
         return;
       }
       if (gapOpen_.load(std::memory_order_acquire)) {
@@ -366,9 +377,25 @@ void SlideWindowEngine::receive(const Data& value) {
       pendingWork_.fetch_or(1, std::memory_order_acq_rel);
       bump(counters_.tcpDelivered);
       face_.deliverTCP(payload);
+      wake(kOwedDelay);
       return;
     }
   }
+}
+
+double SlideWindowEngine::untilNextRound() const {
+  const double now = clock_->now();
+  double due = std::numeric_limits<double>::infinity();
+  if ((pendingWork() & 3) != 0) return 0;
+  // The poll: the timer's time-out is strict, so a hair past it.
+  if (ackWindow_.load(std::memory_order_acquire) != (readPos_.load(std::memory_order_acquire) & 3))
+    due = timer_->tm() + timer_->Timeout() + 1e-4;
+  if (gapOpen_.load(std::memory_order_acquire)) {
+    std::lock_guard lock(gapMutex_);
+    if (gapOpen_.load(std::memory_order_relaxed) && gapRejections_ < kRejectionsPerGap)
+      due = std::min(due, rejectedAt_ + rto_.load(std::memory_order_acquire));
+  }
+  return std::max(due - now, 0.0);
 }
 
 void SlideWindowEngine::writeControl(uint8_t header) { write(&header, 1); }

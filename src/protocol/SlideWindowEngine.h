@@ -117,6 +117,15 @@ class SlideWindowEngine {
     checkControl();
     doPendingWork();
   }
+  // Event-driven pacing, for owners that run rounds only when there is work. `wake` is
+  // called (from the calling thread, no lock held) when a round has something to do:
+  // with 0 when segments can go, with kOwedDelay when a control frame is owed, so that
+  // segments arriving together still draw one acknowledgement. Set it before first use.
+  static constexpr double kOwedDelay = 0.001;
+  void setWakeup(std::function<void(double delaySeconds)> wake) { wake_ = std::move(wake); }
+  // Seconds until a round is due when nothing else happens (a poll, a rejection repeated);
+  // infinity when nothing is. Call it after a round, from the thread that runs them.
+  double untilNextRound() const;
 
   // Bit 0: an acknowledgement is owed; bit 1: a rejection, for the sequence in bits 4-5.
   uint64_t pendingWork() const { return pendingWork_.load(std::memory_order_acquire); }
@@ -154,6 +163,9 @@ class SlideWindowEngine {
   void setPollWaitLocked();            // txMutex_ held: the timer's time-out from rto
   void sample(double seconds);
   void oweRejection(uint8_t sequence);
+  void wake(double delay) const {
+    if (wake_) wake_(delay);
+  }
 
   static constexpr uint64_t kNone = ~uint64_t{0};
 
@@ -182,7 +194,7 @@ class SlideWindowEngine {
   std::atomic<double> rto_;
 
   // The receiver's gap (guarded by gapMutex_; gapOpen_ is read without it by idle rounds).
-  std::mutex gapMutex_;
+  mutable std::mutex gapMutex_;
   std::atomic<bool> gapOpen_{false};
   uint8_t gapSequence_ = 0;  // the sequence expected when the gap opened
   int gapRejections_ = 0;    // unsolicited rejections owed for it
@@ -195,6 +207,7 @@ class SlideWindowEngine {
   std::atomic<bool> tracing_{false};
 
   Counters counters_;
+  std::function<void(double)> wake_;  // set before use, then only read
 };
 
 }  // namespace qlt

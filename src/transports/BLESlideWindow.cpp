@@ -1,6 +1,7 @@
 #include "QueltLibrary/BLESlideWindow.h"
 
 #include "protocol/SlideWindowEngine.h"
+#include "worker/RoundPacer.h"
 
 namespace qlt {
 
@@ -27,7 +28,16 @@ BLESlideWindow::BLESlideWindow(std::shared_ptr<Clock> clock)
     : QLT_Object("BLESlideWindow"),
       face_(std::make_unique<Face>(*this)),
       engine_(std::make_unique<SlideWindowEngine>(
-          *face_, SlideWindowParameters{kSegmentSize, kPollTimeout}, std::move(clock))) {}
+          *face_, SlideWindowParameters{kSegmentSize, kPollTimeout}, std::move(clock))) {
+  engine_->setWakeup([this](double delay) {
+    std::shared_ptr<RoundPacer> pacer;
+    {
+      std::lock_guard lock(mutex_);
+      pacer = pacer_;
+    }
+    if (pacer) pacer->wake(delay);
+  });
+}
 
 BLESlideWindow::~BLESlideWindow() {
   // A started slide window is held by its own thread until that thread ends, so here the
@@ -41,18 +51,28 @@ std::shared_ptr<BLESlideWindow> BLESlideWindow::create(std::shared_ptr<Clock> cl
 }
 
 void BLESlideWindow::start() {
-  std::shared_ptr<ThreadBase> t;
+  std::shared_ptr<RoundPacer> pacer;
   {
     std::lock_guard lock(mutex_);
-    if (!thread_) thread_ = ThreadBase::create(self());
-    t = thread_;
+    if (pacer_) return;
+    pacer_ = pacer = RoundPacer::create(DispatchQueue::create("BLESlideWindow.rounds"),
+                                        [weak = std::weak_ptr<BLESlideWindow>(self())] {
+                                          auto self = weak.lock();
+                                          if (!self) return std::numeric_limits<double>::infinity();
+                                          self->engine_->round();
+                                          return self->engine_->untilNextRound();
+                                        });
   }
-  if (!t->alive()) t->start();
+  pacer->wake(0);
 }
 
 void BLESlideWindow::stop() {
-  std::shared_ptr<ThreadBase> t = thread();
-  if (t && t->alive()) t->stop();
+  std::shared_ptr<RoundPacer> pacer;
+  {
+    std::lock_guard lock(mutex_);
+    pacer = std::move(pacer_);
+  }
+  if (pacer) pacer->stop();
 }
 
 std::shared_ptr<ThreadBase> BLESlideWindow::thread() const {
@@ -62,6 +82,11 @@ std::shared_ptr<ThreadBase> BLESlideWindow::thread() const {
 
 std::function<void()> BLESlideWindow::threadRunloop(const std::shared_ptr<ThreadBase>&) {
   return [self = self()] { self->run(); };
+}
+
+void BLESlideWindow::threadStarted(const std::shared_ptr<ThreadBase>& thread) {
+  std::lock_guard lock(mutex_);
+  thread_ = thread;
 }
 
 void BLESlideWindow::threadStopped(const std::shared_ptr<ThreadBase>& thread) {

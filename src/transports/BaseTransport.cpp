@@ -1,5 +1,7 @@
 #include "QueltLibrary/BaseTransport.h"
 
+#include "worker/RoundPacer.h"
+
 namespace qlt {
 
 BaseTransport::BaseTransport(std::string className) : QLT_Object(std::move(className)) {}
@@ -15,26 +17,39 @@ BaseTransport::~BaseTransport() {
 }
 
 void BaseTransport::start() {
-  std::shared_ptr<ThreadBase> t;
+  std::shared_ptr<RoundPacer> pacer;
   {
     std::lock_guard lock(mutex_);
-    if (!thread_) {
-      thread_ = ThreadBase::create(std::static_pointer_cast<BaseTransport>(shared_from_this()));
-    }
-    t = thread_;
+    if (pacer_) return;
+    pacer_ = pacer =
+        RoundPacer::create(DispatchQueue::create(moduleQueue()->label() + ".rounds"),
+                           [weak = std::weak_ptr<BaseTransport>(sharedTransport())] {
+                             auto self = weak.lock();
+                             return self ? self->round() : std::numeric_limits<double>::infinity();
+                           });
   }
-  if (!t->alive()) t->start();
+  pacer->wake(0);
 }
 
 void BaseTransport::stop() {
-  std::shared_ptr<ThreadBase> t = thread();
-  if (t && t->alive()) t->stop();
+  std::shared_ptr<RoundPacer> pacer;
+  {
+    std::lock_guard lock(mutex_);
+    pacer = std::move(pacer_);
+  }
+  if (pacer) pacer->stop();
 }
 
-std::shared_ptr<ThreadBase> BaseTransport::thread() const {
-  std::lock_guard lock(mutex_);
-  return thread_;
+void BaseTransport::wakeRounds(double delaySeconds) {
+  std::shared_ptr<RoundPacer> pacer;
+  {
+    std::lock_guard lock(mutex_);
+    pacer = pacer_;
+  }
+  if (pacer) pacer->wake(delaySeconds);
 }
+
+std::shared_ptr<ThreadBase> BaseTransport::thread() const { return nullptr; }
 
 void BaseTransport::writeRequest(const uint8_t* bytes, uint64_t length) {
   auto sender = senderDelegate();
@@ -56,9 +71,6 @@ std::function<void()> BaseTransport::threadRunloop(const std::shared_ptr<ThreadB
   return [self = sharedTransport(), thread] { self->run(thread); };
 }
 
-void BaseTransport::threadStopped(const std::shared_ptr<ThreadBase>& thread) {
-  std::lock_guard lock(mutex_);
-  if (thread_ == thread) thread_.reset();
-}
+void BaseTransport::threadStopped(const std::shared_ptr<ThreadBase>& /*thread*/) {}
 
 }  // namespace qlt

@@ -1,6 +1,8 @@
 #include "QueltLibrary/NUSTransport.h"
 
 #include <algorithm>
+#include <array>
+#include <limits>
 
 namespace qlt {
 
@@ -22,13 +24,17 @@ void NUSTransport::clearBuffer() {
 
 void NUSTransport::sendTCP(const uint8_t* bytes, uint64_t length) {
   if (length == 0 || bytes == nullptr) return;
-  std::lock_guard lock(txMutex_);
+  std::unique_lock lock(txMutex_);
+  const size_t queued = txBuffer_.size();
   while (length > 0) {
     const size_t n = static_cast<size_t>(std::min<uint64_t>(kChunkSize, length));
     txBuffer_.emplace_back(bytes, n);
     bytes += n;
     length -= n;
   }
+  const bool wasIdle = queued == 0;
+  lock.unlock();
+  if (wasIdle) wakeRounds(0);  // otherwise a round is due already
 }
 
 void NUSTransport::sendUDP(const uint8_t* bytes, uint64_t length) { sendTCP(bytes, length); }
@@ -41,6 +47,27 @@ void NUSTransport::receive(const Data& value) {
 
 void NUSTransport::run(const std::shared_ptr<ThreadBase>& thread) {
   while (!thread || !thread->isClosing()) transfer();
+}
+
+double NUSTransport::round() {
+  // A batch of chunks per round at the pace of one chunk a millisecond: one wake-up and
+  // one lock per batch, while the write path sees no more than it did one chunk a round.
+  std::array<Data, kChunksPerRound> batch;
+  size_t n = 0;
+  bool more = false;
+  {
+    std::lock_guard lock(txMutex_);
+    while (n < kChunksPerRound && !txBuffer_.empty()) {
+      batch[n++] = std::move(txBuffer_.front());
+      txBuffer_.pop_front();
+    }
+    more = !txBuffer_.empty();
+  }
+  for (size_t i = 0; i < n; ++i) {
+    trace(true, batch[i]);
+    writeRequest(batch[i].bytes(), batch[i].length());
+  }
+  return more ? kChunkInterval * kChunksPerRound : std::numeric_limits<double>::infinity();
 }
 
 void NUSTransport::transfer() {

@@ -28,7 +28,9 @@ SWTransport::SWTransport(std::shared_ptr<Clock> clock)
     : BaseTransport("SWTransport"),
       face_(std::make_unique<Face>(*this)),
       engine_(std::make_unique<SlideWindowEngine>(
-          *face_, SlideWindowParameters{kSegmentSize, kPollTimeout}, std::move(clock))) {}
+          *face_, SlideWindowParameters{kSegmentSize, kPollTimeout}, std::move(clock))) {
+  engine_->setWakeup([this](double delay) { wakeRounds(delay); });
+}
 
 SWTransport::~SWTransport() = default;
 
@@ -47,6 +49,11 @@ void SWTransport::receive(const Data& value) { engine_->receive(value); }
 
 void SWTransport::run(const std::shared_ptr<ThreadBase>& thread) {
   while (!thread || !thread->isClosing()) engine_->round();
+}
+
+double SWTransport::round() {
+  engine_->round();
+  return engine_->untilNextRound();
 }
 
 void SWTransport::initState() { engine_->initState(); }

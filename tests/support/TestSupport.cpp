@@ -1,7 +1,10 @@
 #include "support/TestSupport.h"
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 namespace qlt::test {
@@ -38,6 +41,25 @@ size_t osThreadCount() {
   std::error_code ignored;  // a thread may end while the directory is read
   auto tasks = std::filesystem::directory_iterator("/proc/self/task", ignored);
   return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+uint64_t processWakeups() {
+  uint64_t n = 0;
+  if (DIR* dir = opendir("/proc/self/task")) {
+    while (dirent* e = readdir(dir)) {
+      if (e->d_name[0] == '.') continue;
+      std::ifstream status(std::string("/proc/self/task/") + e->d_name + "/status");
+      std::string key;
+      uint64_t value = 0;
+      while (status >> key) {
+        if (key == "voluntary_ctxt_switches:" || key == "nonvoluntary_ctxt_switches:") {
+          if (status >> value) n += value;
+        }
+      }
+    }
+    closedir(dir);
+  }
+  return n;
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

@@ -32,6 +32,8 @@ class LogCapture {
   LogSink previous_;
 };
 
+// Context switches (voluntary and not) of every thread of this process so far.
+uint64_t processWakeups();
 // Number of OS threads of this process (from /proc/self/task).
 size_t osThreadCount();
 // Polls `condition` every millisecond until true (returns true) or until `timeout`.

@@ -1,7 +1,11 @@
 // The transport contract: the base transport's thread handling and the plain chunker.
 #include <gtest/gtest.h>
 
+#include <thread>
+
+#include "QueltLibrary/BLESlideWindow.h"
 #include "QueltLibrary/NUSTransport.h"
+#include "QueltLibrary/SWTransport.h"
 #include "support/TestSupport.h"
 #include "support/TransportProbes.h"
 
@@ -101,4 +105,24 @@ TEST(ANUSTransport, DeliversEveryValueUnchangedAsTCPOnTheDelegatesQueue) {
   EXPECT_TRUE(inbox->udp().empty());
   EXPECT_EQ(inbox->offQueue(), 0u);
   EXPECT_EQ(traced, 3u);
+}
+
+TEST(StartedIdleTransports, MakeNoWakeUps) {
+  using namespace std::chrono_literals;
+  auto sw = SWTransport::create();
+  auto nus = NUSTransport::create();
+  auto window = BLESlideWindow::create();
+  auto wire = std::make_shared<FrameSink>();
+  sw->setSenderDelegate(wire);
+  nus->setSenderDelegate(wire);
+  window->setSenderDelegate(wire);
+  sw->start();
+  nus->start();
+  window->start();
+  std::this_thread::sleep_for(50ms);
+  const uint64_t before = test::processWakeups();
+  std::this_thread::sleep_for(200ms);
+  // A loop polling every millisecond would make about 600 here.
+  EXPECT_LT(test::processWakeups() - before, 60u);
+  EXPECT_EQ(wire->size(), 0u);
 }

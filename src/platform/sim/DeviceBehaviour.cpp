@@ -1,14 +1,14 @@
 #include "DeviceBehaviour.h"
 
 #include <chrono>
-#include <optional>
+#include <limits>
 #include <vector>
 
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "SimLink.h"
 #include "protocol/SlideWindowEngine.h"
-#include "protocol/SlideWindowRound.h"
+#include "worker/RoundPacer.h"
 
 namespace qlt::sim {
 
@@ -32,11 +32,10 @@ class ChunkEcho final : public DeviceBehaviour {
 // Runs the library's own sliding-window engine in the device's role: frames written by
 // the central go to its receive(); the frames it writes go out as notifications. Echoes
 // every payload back (sw-echo), or sends a pattern once notifications are on (source).
-// Everything runs on the device queue, and a simulated link costs no thread: a round runs
-// in a task of its own right after every input (a write from the central, a payload to
-// echo) and then when stepRound says the next one is due; an idle link has no task
-// pending. Payloads are handled in tasks of their own, after the receive that delivered
-// them.
+// Everything runs on the device queue: the engine's rounds are paced as a transport's
+// (RoundPacer: a round only when there is work or a deadline), so a simulated link costs
+// no thread and an idle one no wake-up. Payloads are handled in tasks of their own, after the
+// receive that delivered them.
 class SlidingWindow final : public DeviceBehaviour,
                             public SlideWindowEngine::Face,
                             public std::enable_shared_from_this<SlidingWindow> {
@@ -51,6 +50,16 @@ class SlidingWindow final : public DeviceBehaviour,
   void connected() override {
     engine_ = std::make_unique<SlideWindowEngine>(
         *this, SlideWindowParameters{kTcpSegmentSize, kTcpPollTimeout}, Clock::monotonic());
+    if (pacer_) pacer_->stop();
+    pacer_ = RoundPacer::create(deviceQueue_, [weak = weak_from_this()] {
+      auto self = weak.lock();
+      if (!self || !self->engine_) return std::numeric_limits<double>::infinity();
+      self->engine_->round();
+      return self->engine_->untilNextRound();
+    });
+    engine_->setWakeup([pacer = std::weak_ptr<RoundPacer>(pacer_)](double delay) {
+      if (auto p = pacer.lock()) p->wake(delay);
+    });
   }
   void notificationsChanged(bool enabled) override {
     if (echo_ || !enabled || sent_ || !engine_) return;
@@ -59,14 +68,15 @@ class SlidingWindow final : public DeviceBehaviour,
     for (uint64_t i = 0; i < sourceBytes_; ++i) pattern[i] = static_cast<uint8_t>(i % 251);
     if (auto link = link_.lock()) link->counters().payloadBytesSent.fetch_add(sourceBytes_);
     engine_->sendTCP(pattern.data(), pattern.size());
-    roundIn(std::chrono::nanoseconds::zero());
   }
   void written(const Data& value) override {
-    if (!engine_) return;
-    engine_->receive(value);
-    roundIn(std::chrono::nanoseconds::zero());
+    if (engine_) engine_->receive(value);
   }
-  void disconnected() override { engine_.reset(); }
+  void disconnected() override {
+    engine_.reset();
+    if (pacer_) pacer_->stop();
+    pacer_.reset();
+  }
 
   // SlideWindowEngine::Face, on the device queue.
   void writeFrame(const uint8_t* bytes, size_t length) override {
@@ -79,7 +89,6 @@ class SlidingWindow final : public DeviceBehaviour,
       if (!self->echo_ || !self->engine_) return;
       if (link) link->counters().payloadBytesSent.fetch_add(payload.length());
       self->engine_->sendTCP(payload.bytes(), payload.length());
-      self->roundIn(std::chrono::nanoseconds::zero());
     });
   }
   void deliverUDP(const Data& payload) override {
@@ -89,36 +98,13 @@ class SlidingWindow final : public DeviceBehaviour,
   }
 
  private:
-  using SteadyClock = std::chrono::steady_clock;
-
-  // Makes sure a round runs within `delay`. One task is the pending round; a sooner need
-  // schedules a new one, and the task it replaces finds itself stale and does nothing.
-  void roundIn(std::chrono::nanoseconds delay) {
-    const auto due = SteadyClock::now() + delay;
-    if (roundDue_ && *roundDue_ <= due) return;
-    roundDue_ = due;
-    const uint64_t ticket = ++roundTicket_;
-    auto task = [weak = weak_from_this(), ticket] {
-      auto self = weak.lock();
-      if (!self || !self->engine_ || ticket != self->roundTicket_) return;
-      self->roundDue_.reset();
-      if (auto next = stepRound(*self->engine_)) self->roundIn(*next);
-    };
-    if (delay <= std::chrono::nanoseconds::zero()) {
-      deviceQueue_->async(std::move(task));
-    } else {
-      deviceQueue_->asyncAfter(delay, std::move(task));
-    }
-  }
-
   const bool echo_;
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
-  std::unique_ptr<SlideWindowEngine> engine_;        // device queue only; null once disconnected
-  bool sent_ = false;                                // device queue only
-  std::optional<SteadyClock::time_point> roundDue_;  // device queue only: the pending round's time
-  uint64_t roundTicket_ = 0;                         // device queue only: the pending round's task
+  std::unique_ptr<SlideWindowEngine> engine_;  // device queue only; null once disconnected
+  std::shared_ptr<RoundPacer> pacer_;          // device queue only: the engine's rounds
+  bool sent_ = false;                          // device queue only
 };
 
 }  // namespace
