@@ -93,17 +93,8 @@ TYPED_TEST(TheLibrary, ScansConnectsEchoesThroughTheSlidingWindowAndDisconnects)
   EXPECT_TRUE(p->services().empty());
 }
 
-TYPED_TEST(TheLibrary, EchoesThroughTheChunkingTransportOnAPlainDevice) {
-  auto p = this->find("QLT-Chunk");
-  ASSERT_TRUE(p);
-  p->setTransportType(0);
-  ASSERT_TRUE(this->connectReady(p));
-  EXPECT_TRUE(this->echoes(p, pattern(2000, 3), 20));
-  EXPECT_FALSE(p->transportCounters());
-}
-
-// Every way a connection ends, and a fresh transport for each new one.
-TYPED_TEST(TheLibrary, EndsInDisconnectedFailedOrDfuAndStartsEachConnectionAfresh) {
+// Every way a connection ends, a fresh transport for each new one, and each transport.
+TYPED_TEST(TheLibrary, EndsInDisconnectedFailedOrDfuAndStartsEachConnectionAndTransportAfresh) {
   auto& app = *this->app;
   auto p = this->find("QLT-Echo");
   ASSERT_TRUE(p);
@@ -128,6 +119,15 @@ TYPED_TEST(TheLibrary, EndsInDisconnectedFailedOrDfuAndStartsEachConnectionAfres
     this->manager->disconnect(p);
     ASSERT_TRUE(app.waitForState(QLT_PeripheralStateDisconnected)) << round;
   }
+
+  auto chunk = this->find("QLT-Chunk");  // a plain device, through the chunking transport
+  ASSERT_TRUE(chunk);
+  chunk->setTransportType(0);
+  ASSERT_TRUE(this->connectReady(chunk));
+  EXPECT_TRUE(this->echoes(chunk, pattern(2000, 3), 20));
+  EXPECT_FALSE(chunk->transportCounters());
+  this->manager->disconnect(chunk);
+  ASSERT_TRUE(app.waitForState(QLT_PeripheralStateDisconnected));
 
   auto hr = this->find("HR-Sensor");
   ASSERT_TRUE(hr);

@@ -45,13 +45,16 @@ class ALifecycleRace : public ::testing::Test {
       world.appQueue->sync([] {});
     }
   }
+  void expectLegalStates(int round) {
+    std::string why;
+    EXPECT_TRUE(test::isLegalStateSequence(world.app->states(), initialState, &why))
+        << round << ": " << why;
+  }
   // Lets every queued event run, checks what the application saw, and ends any link left up.
   void settle(const std::shared_ptr<QLT_Peripheral>& p, int round) {
     std::this_thread::sleep_for(15ms);
     flush();
-    std::string why;
-    EXPECT_TRUE(test::isLegalStateSequence(world.app->states(), initialState, &why))
-        << round << ": " << why;
+    expectLegalStates(round);
     if (p->state() != QLT_PeripheralStateDisconnected) {
       world.manager->disconnect(p);
       ASSERT_TRUE(world.app->waitForState(QLT_PeripheralStateDisconnected)) << round;
@@ -129,9 +132,7 @@ TEST_F(ALifecycleRace, TheApplicationDropsItsLastReferenceWhileCallbacksAreQueue
     world.radio->dropLink(config.identifier);
     flush();
     ASSERT_TRUE(test::eventually([&] { return weak.expired(); })) << round;
-    std::string why;
-    EXPECT_TRUE(test::isLegalStateSequence(world.app->states(), initialState, &why))
-        << round << ": " << why;
+    expectLegalStates(round);
     world.app->clear();
     // A connection that completed after the drop is up with nobody holding a wrapper.
     auto platformPeripheral = base();

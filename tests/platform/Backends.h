@@ -5,9 +5,11 @@
 
 #include <string>
 
+#include <sys/types.h>
+#include <nlohmann/json.hpp>
+
 #include "support/SimWorld.h"
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
-#include "MockBluez.h"
 #include "platform/bluez/BluezBackend.h"
 #include "platform/bluez/BluezIdentifiers.h"
 #endif
@@ -15,6 +17,33 @@
 namespace qlt::test {
 
 using e2e::Sim;
+
+// A mock bluetoothd on a private bus of its own (mock_bluez.py --session), steered by the test
+// with one JSON request per line. Sets DBUS_SYSTEM_BUS_ADDRESS for this process while it lives.
+class MockBluez {
+ public:
+  // Why the mock cannot run here ("" when it can): dbus-daemon or python3-dbus missing.
+  static std::string unavailableReason();
+
+  MockBluez() = default;
+  ~MockBluez();  // closes its input: the mock stops its bus and exits
+  MockBluez(const MockBluez&) = delete;
+  MockBluez& operator=(const MockBluez&) = delete;
+
+  // Starts bus and mock; an error text when they do not come up.
+  std::string start();
+  // One request (see bluez/README.md); its result. A refused request is a test failure.
+  nlohmann::json operator()(nlohmann::json request);
+  // The mock's address on the air of a default device ("QLT-Chunk" -> "C0:FF:EE:00:00:02").
+  static std::string address(const std::string& name);
+
+ private:
+  bool readLine(std::string* line, int timeoutMs);
+
+  pid_t pid_ = -1;
+  int toMock_ = -1, fromMock_ = -1;
+  std::string buffer_;
+};
 
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
 using Json = nlohmann::json;

@@ -1,4 +1,4 @@
-#include "MockBluez.h"
+#include "Backends.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -4,6 +4,8 @@
 
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
 
+#include <sstream>
+
 #include "FakeBusPort.h"
 #include "core/LogRateLimiter.h"
 #include "platform/bluez/BluezGattQueue.h"
@@ -18,22 +20,25 @@ using test::FakeBusPort;
 constexpr Address kDevice = {0xC0, 0xFF, 0xEE, 0, 0, 1};
 constexpr Address kOther = {0xC0, 0xFF, 0xEE, 0, 0, 2};
 
-// What a script does to the link: bluetoothd's answers and signals, the application's calls.
-enum class Op { Ok, Fail, AlreadyConnected, Resolve, Lost, Cancel, Connect, TimeOut };
-struct Step {
-  Op op;
-  const char* method = "";
-};
-
+// A script of what happens to the link, one step a word: bluetoothd's answers ("ok:Connect",
+// "fail:Connect", "already:Connect" for AlreadyConnected) and signals ("resolve", "lost"), the
+// application's calls ("cancel", "connect") and a connect time-out ("timeout").
 struct LinkCase {
   const char* name;
   bool reportedConnected;  // Device1.Connected when the application connects
-  std::vector<Step> steps;
-  std::vector<std::string> calls;   // the methods sent to bluetoothd, in order
-  std::vector<std::string> events;  // what the listener heard
+  const char* steps;
+  const char* calls;   // the methods sent to bluetoothd, in order
+  const char* events;  // what the listener heard, comma-separated
   LinkPhase phase;
 };
 void PrintTo(const LinkCase& c, std::ostream* os) { *os << c.name; }
+
+std::vector<std::string> split(const std::string& text, char by) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string item; std::getline(in, item, by);) out.push_back(item);
+  return out;
+}
 
 class LinkScript : public LinkListener {
  public:
@@ -49,35 +54,24 @@ class LinkScript : public LinkListener {
   void run(const LinkCase& c) {
     link.setPath("/org/bluez/hci0/dev_C0_FF_EE_00_00_01");
     link.connect(generation++, c.reportedConnected);
-    for (const Step& step : c.steps) {
-      switch (step.op) {
-        case Op::Ok:
-          ASSERT_TRUE(port.answer(step.method)) << step.method;
-          break;
-        case Op::Fail:
-          ASSERT_TRUE(port.answer(step.method, "org.bluez.Error.Failed"));
-          break;
-        case Op::AlreadyConnected:
-          ASSERT_TRUE(port.answer(step.method, "org.bluez.Error.AlreadyConnected"));
-          break;
-        case Op::Resolve:
-          resolved = true;
-          link.checkReady();
-          break;
-        case Op::Lost:
-          resolved = false;
-          link.connectedLost();
-          break;
-        case Op::Cancel:
-          link.cancel();
-          break;
-        case Op::Connect:
-          link.connect(generation++, false);
-          break;
-        case Op::TimeOut:
-          port.advance(20s);
-          break;
+    for (const std::string& step : split(c.steps, ' ')) {
+      const auto colon = step.find(':');
+      const std::string op = step.substr(0, colon), method = step.substr(colon + 1);
+      ASSERT_NE(
+          std::string(" ok fail already resolve lost cancel connect timeout ").find(" " + op + " "),
+          std::string::npos)
+          << step;
+      if (op == "ok") ASSERT_TRUE(port.answer(method)) << step;
+      if (op == "fail") ASSERT_TRUE(port.answer(method, "org.bluez.Error.Failed")) << step;
+      if (op == "already") {
+        ASSERT_TRUE(port.answer(method, "org.bluez.Error.AlreadyConnected")) << step;
       }
+      if (op == "resolve" || op == "lost") resolved = op == "resolve";
+      if (op == "resolve") link.checkReady();
+      if (op == "lost") link.connectedLost();
+      if (op == "cancel") link.cancel();
+      if (op == "connect") link.connect(generation++, false);
+      if (op == "timeout") port.advance(20s);
     }
   }
 
@@ -88,99 +82,36 @@ class LinkScript : public LinkListener {
   std::vector<std::string> events;
 };
 
-const std::vector<LinkCase> kLinkCases = {
-    {"UpOnceConnectReturnedAndServicesResolved",
-     false,
-     {{Op::Resolve}, {Op::Ok, "Connect"}},
-     {"Connect"},
-     {"up"},
-     LinkPhase::Connected},
-    {"RefusedConnectFailsWithTheDaemonsError",
-     false,
-     {{Op::Fail, "Connect"}},
-     {"Connect"},
-     {"failed:refused"},
-     LinkPhase::Idle},
-    {"TimeOutDisconnectsAndFails",
-     false,
-     {{Op::TimeOut}},
-     {"Connect", "Disconnect"},
-     {"failed:timed out"},
-     LinkPhase::Idle},
-    {"TimeOutAfterUpChangesNothing",
-     false,
-     {{Op::Ok, "Connect"}, {Op::Resolve}, {Op::TimeOut}},
-     {"Connect"},
-     {"up"},
-     LinkPhase::Connected},
-    {"ConnectedFalseBeforeTheReplyIsAnEarlierLinks",
-     false,
-     {{Op::Lost}, {Op::Ok, "Connect"}, {Op::Resolve}},
-     {"Connect"},
-     {"up"},
-     LinkPhase::Connected},
-    {"LostWhileResolvingServicesFails",
-     false,
-     {{Op::Ok, "Connect"}, {Op::Lost}},
-     {"Connect"},
-     {"failed:link lost"},
-     LinkPhase::Idle},
-    {"LostWhenUpEndsWithAnError",
-     false,
-     {{Op::Ok, "Connect"}, {Op::Resolve}, {Op::Lost}},
-     {"Connect"},
-     {"up", "ended:link lost"},
-     LinkPhase::Idle},
-    {"CancelWhileConnectingIsADisconnection",
-     false,
-     {{Op::Cancel}},
-     {"Connect", "Disconnect"},
-     {"ended"},
-     LinkPhase::Idle},
-    {"CancelWhenUpEndsOnTheDisconnectReply",
-     false,
-     {{Op::Ok, "Connect"}, {Op::Resolve}, {Op::Cancel}, {Op::Ok, "Disconnect"}},
-     {"Connect", "Disconnect"},
-     {"up", "ended"},
-     LinkPhase::Idle},
-    {"CancelWhenIdleIsConfirmed",
-     false,
-     {{Op::Fail, "Connect"}, {Op::Cancel}},
-     {"Connect"},
-     {"failed:refused", "ended"},
-     LinkPhase::Idle},
-    {"AnEarlierLinksDisconnectReplyIsIgnored",
-     false,
-     {{Op::Ok, "Connect"},
-      {Op::Resolve},
-      {Op::Cancel},
-      {Op::Connect},
-      {Op::Ok, "Disconnect"},
-      {Op::Ok, "Connect"}},
-     {"Connect", "Disconnect", "Connect"},
-     {"up", "up"},
-     LinkPhase::Connected},
-    {"AlreadyConnectedIsDisconnectedAndConnectedAfresh",
-     false,
-     {{Op::AlreadyConnected, "Connect"},
-      {Op::Resolve},
-      {Op::Ok, "Disconnect"},
-      {Op::Ok, "Connect"}},
-     {"Connect", "Disconnect", "Connect"},
-     {"up"},
-     LinkPhase::Connected},
-    {"ReportedConnectedIsDisconnectedFirst",
-     true,
-     {{Op::Resolve}, {Op::Lost}, {Op::Ok, "Disconnect"}, {Op::Ok, "Connect"}, {Op::Resolve}},
-     {"Disconnect", "Connect"},
-     {"up"},
-     LinkPhase::Connected},
-    {"AlreadyConnectedAfterAFreshStartFails",
-     false,
-     {{Op::AlreadyConnected, "Connect"}, {Op::Ok, "Disconnect"}, {Op::AlreadyConnected, "Connect"}},
-     {"Connect", "Disconnect", "Connect"},
-     {"failed:refused"},
-     LinkPhase::Idle},
+constexpr LinkPhase kUp = LinkPhase::Connected, kIdle = LinkPhase::Idle;
+const LinkCase kLinkCases[] = {
+    {"UpOnceConnectReturnedAndServicesResolved", false, "resolve ok:Connect", "Connect", "up", kUp},
+    {"RefusedConnectFailsWithTheDaemonsError", false, "fail:Connect", "Connect", "failed:refused",
+     kIdle},
+    {"TimeOutDisconnectsAndFails", false, "timeout", "Connect Disconnect", "failed:timed out",
+     kIdle},
+    {"TimeOutAfterUpChangesNothing", false, "ok:Connect resolve timeout", "Connect", "up", kUp},
+    {"ConnectedFalseBeforeTheReplyIsAnEarlierLinks", false, "lost ok:Connect resolve", "Connect",
+     "up", kUp},
+    {"LostWhileResolvingServicesFails", false, "ok:Connect lost", "Connect", "failed:link lost",
+     kIdle},
+    {"LostWhenUpEndsWithAnError", false, "ok:Connect resolve lost", "Connect", "up,ended:link lost",
+     kIdle},
+    {"CancelWhileConnectingIsADisconnection", false, "cancel", "Connect Disconnect", "ended",
+     kIdle},
+    {"CancelWhenUpEndsOnTheDisconnectReply", false, "ok:Connect resolve cancel ok:Disconnect",
+     "Connect Disconnect", "up,ended", kIdle},
+    {"CancelWhenIdleIsConfirmed", false, "fail:Connect cancel", "Connect", "failed:refused,ended",
+     kIdle},
+    {"AnEarlierLinksDisconnectReplyIsIgnored", false,
+     "ok:Connect resolve cancel connect ok:Disconnect ok:Connect", "Connect Disconnect Connect",
+     "up,up", kUp},
+    {"AlreadyConnectedIsDisconnectedAndConnectedAfresh", false,
+     "already:Connect resolve ok:Disconnect ok:Connect", "Connect Disconnect Connect", "up", kUp},
+    {"ReportedConnectedIsDisconnectedFirst", true, "resolve lost ok:Disconnect ok:Connect resolve",
+     "Disconnect Connect", "up", kUp},
+    {"AlreadyConnectedAfterAFreshStartFails", false,
+     "already:Connect ok:Disconnect already:Connect", "Connect Disconnect Connect",
+     "failed:refused", kIdle},
 };
 
 class ALink : public testing::TestWithParam<LinkCase> {};
@@ -189,8 +120,8 @@ TEST_P(ALink, FollowsBluetoothd) {
   const LinkCase& c = GetParam();
   LinkScript script;
   script.run(c);
-  EXPECT_EQ(script.port.takeSent(), c.calls);
-  EXPECT_EQ(script.events, c.events);
+  EXPECT_EQ(script.port.takeSent(), split(c.calls, ' '));
+  EXPECT_EQ(script.events, split(c.events, ','));
   EXPECT_EQ(script.link.phase(), c.phase) << toString(script.link.phase());
 }
 

@@ -9,7 +9,7 @@ and serves hci0 with QLT-Echo (sw-echo: the device side of the sliding window, f
 slide_window.py), QLT-Chunk (chunk-echo: every write comes back as a notification) and
 HR-Sensor (heart rate, no UART service). See README.md for the session's requests.
 """
-import ctypes, json, logging, os, shutil, signal, socket, subprocess, sys, tempfile, time
+import ctypes, json, os, shutil, signal, socket, subprocess, sys, tempfile, time
 import dbus, dbus.lowlevel, dbus.mainloop.glib, dbus.service
 from gi.repository import GLib
 
@@ -25,7 +25,6 @@ HEART_RATE = '0000180d-0000-1000-8000-00805f9b34fb'
 DEVICES = [('C0:FF:EE:00:00:01', 'QLT-Echo', 'sw-echo', -55), ('C0:FF:EE:00:00:02', 'QLT-Chunk', 'chunk-echo', -62),
            ('C0:FF:EE:00:00:03', 'HR-Sensor', 'heart-rate', -70)]
 MTU = 185
-log = logging.getLogger('mock_bluez')
 BUS, WORLD, LOOP, OBJECTS, RESTART = None, None, None, {}, []
 
 
@@ -80,7 +79,7 @@ class Root(dbus.service.Object):
 class Adapter(Obj):
     @dbus.service.method(ADAPTER, in_signature='a{sv}', sender_keyword='sender')
     def SetDiscoveryFilter(self, flt, sender=None):
-        WORLD.filters[sender] = WORLD.last_filter = dict(flt)
+        WORLD.filters[sender] = dict(flt)
 
     @dbus.service.method(ADAPTER, sender_keyword='sender')
     def StartDiscovery(self, sender=None):
@@ -146,10 +145,10 @@ class Device:
         self.uuids = [HEART_RATE if behaviour == 'heart-rate' else NUS]
         self.obj, self.gatt, self.peer, self.pending, self.fail_next = None, [], None, None, None
         self.connected, self.hold, self.gatt_fault = False, False, ''
-        self.acquire = os.environ.get('QLT_MOCK_BLUEZ_ACQUIRE', '1') != '0'  # offer AcquireWrite/AcquireNotify
+        self.acquire = True  # offer AcquireWrite/AcquireNotify
         self.sockets = {}  # characteristic path -> (our end, GLib watch)
         self.stats = dict.fromkeys(['command', 'request', 'acquired-writes', 'acquired-notifications',
-                                    'connects', 'disconnects', 'notifications'], 0)
+                                    'connects', 'disconnects'], 0)
 
     def publish(self, connected=False):
         if self.obj is None:
@@ -269,7 +268,6 @@ class Device:
         rx = self.chrc(RX)
         if rx is None or not self.connected or not rx.props.get('Notifying'):
             return False
-        self.stats['notifications'] += 1
         if rx.path in self.sockets:
             sock = self.sockets[rx.path][0]
             sock.settimeout(1.0)  # as the air would, wait for room a while
@@ -333,7 +331,7 @@ class Device:
 class World:
     def __init__(self, saved):
         self.devices = {a: Device(a, n, b, r) for a, n, b, r in DEVICES}
-        self.scanners, self.filters, self.last_filter = set(), {}, {}
+        self.scanners, self.filters = set(), {}
         self.adapter = Adapter(HCI, ADAPTER, {'Address': '00:01:02:03:04:05', 'Name': 'qlt-mock',
                                               'Powered': dbus.Boolean(True), 'Discovering': dbus.Boolean(False)})
         for state in saved:  # what was on the air (and connected) before a restart
@@ -382,8 +380,6 @@ def request(req):
     op, dev = req['op'], WORLD.devices.get(req.get('address', ''))
     if op == 'power':
         WORLD.set_powered(req['on'])
-    elif op == 'filter':
-        return json.loads(json.dumps(WORLD.last_filter))
     elif op == 'drop':
         dev.link_down()
     elif op == 'fail-next-connect':
@@ -398,7 +394,7 @@ def request(req):
     elif op == 'stats':
         return dict(dev.stats, malformed=dev.peer.malformed if dev.peer else 0)
     elif op == 'notify':
-        return dev.notify(bytes(req['size'] * [0x5A]) if 'size' in req else bytes.fromhex(req['hex']))
+        return dev.notify(bytes(req['size'] * [0x5A]))
     elif op == 'wrong-types':  # properties of D-Bus types bluetoothd never sends
         changed(dev.path, DEVICE, {'RSSI': dbus.String('loud'), 'ManufacturerData': dbus.Array(['x'], 's')})
     elif op == 'flood':  # PropertiesChanged of objects that were never announced
@@ -407,9 +403,6 @@ def request(req):
     elif op == 'restart':  # off the bus (as a crash: no InterfacesRemoved), back after `downtime` seconds
         os.environ['QLT_MOCK_WORLD'] = json.dumps(WORLD.save(req.get('keep_links', False)))
         RESTART.append(req.get('downtime', 0.2))  # once the reply is out
-    elif op == 'log':
-        with open(os.environ['QLT_MOCK_BLUEZ_DIR'] + '/mock.log', encoding='utf-8') as f:
-            return ''.join(f.readlines()[-60:])
     else:
         raise ValueError('unknown request %r' % op)
     return None
@@ -433,7 +426,6 @@ def on_stdin(fd, condition, buffer=[b'']):
         try:
             reply = {'ok': request(json.loads(line))}
         except Exception as e:  # noqa: BLE001 - the test reads the reason
-            log.exception('request %s failed', line)
             reply = {'error': repr(e)}
         sys.stdout.write(json.dumps(reply) + '\n')
         sys.stdout.flush()
@@ -470,7 +462,6 @@ def stop_bus():
 def main():
     global BUS, WORLD, LOOP
     address = start_bus()
-    logging.basicConfig(filename=os.environ['QLT_MOCK_BLUEZ_DIR'] + '/mock.log', level=logging.INFO)
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     for _ in range(200):
         try:
@@ -489,11 +480,7 @@ def main():
         print('READY ' + address, flush=True)
     else:
         cmd = sys.argv[2:] if sys.argv[1:2] == ['--'] else sys.argv[1:]
-        if 'QLT_MOCK_CHILD' in os.environ:
-            child = int(os.environ['QLT_MOCK_CHILD'])
-        else:
-            child = subprocess.Popen(cmd).pid
-            os.environ['QLT_MOCK_CHILD'] = str(child)
+        child = subprocess.Popen(cmd).pid
         GLib.child_watch_add(child, lambda pid, status: (code.__setitem__(0, os.waitstatus_to_exitcode(status)),
                                                           LOOP.quit()))
     GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, lambda: (code.__setitem__(0, 130), LOOP.quit()))
