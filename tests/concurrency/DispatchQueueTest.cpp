@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
+#include <csignal>
 #include <future>
 #include <numeric>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -129,4 +132,70 @@ TEST(ASerialQueue, RunsDelayedTasksNoSoonerThanAskedInDeadlineOrderAndAZeroDelay
   EXPECT_EQ(std::make_pair(ran[2].first, ran[3].first), std::make_pair(2, 3));
   EXPECT_GE(ran[2].second, 0.02);
   EXPECT_GE(ran[3].second, 0.08);
+}
+
+// Whatever a task throws, and however it was queued, the queue runs its next task and the
+// exception is logged with the queue's label.
+TEST(AThrowingTask, IsContainedAndTheQueueGoesOn) {
+  test::LogCapture log;
+  const auto queue = DispatchQueue::create("edges.thrower");
+  using Submit = std::function<void(const std::shared_ptr<DispatchQueue>&, DispatchQueue::Task)>;
+  const std::vector<std::pair<const char*, Submit>> ways{
+      {"async", [](auto& q, auto t) { q->async(std::move(t)); }},
+      {"asyncAfter", [](auto& q, auto t) { q->asyncAfter(1ms, std::move(t)); }},
+      {"main", [](auto&, auto t) { DispatchQueue::main()->async(std::move(t)); }},
+  };
+  for (const auto& [name, submit] : ways) {
+    SCOPED_TRACE(name);
+    submit(queue, [] { throw std::runtime_error("callback failed"); });
+    submit(queue, [] { throw 42; });
+    std::promise<void> next;
+    submit(queue, [&] { next.set_value(); });
+    ASSERT_EQ(next.get_future().wait_for(10s), std::future_status::ready);
+  }
+  std::string logged;
+  for (const auto& line : log.lines()) logged += line + "\n";
+  EXPECT_NE(logged.find("\"edges.thrower\" : a task threw an exception : callback failed"),
+            std::string::npos)
+      << logged;
+  EXPECT_NE(logged.find("\"qlt.main\""), std::string::npos) << logged;
+  // sync() hands the exception to its caller and releases the queue.
+  EXPECT_THROW(queue->sync([] { throw std::runtime_error("to the caller"); }), std::runtime_error);
+  bool ran = false;
+  queue->sync([&] { ran = true; });
+  EXPECT_TRUE(ran);
+}
+
+TEST(AStopOutsideRun, LeavesTheLibraryMainThreadServingAndIdle) {
+  std::promise<void> before;
+  DispatchQueue::main()->async([&] { before.set_value(); });
+  ASSERT_EQ(before.get_future().wait_for(10s), std::future_status::ready);
+  MainQueue::stop();
+  auto cpuSeconds = [] {
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+  };
+  const double cpu = cpuSeconds();
+  std::this_thread::sleep_for(500ms);
+  // A spinning main thread would burn about the whole half second.
+  EXPECT_LT(cpuSeconds() - cpu, 0.25);
+  std::promise<void> after;
+  DispatchQueue::main()->async([&] { after.set_value(); });
+  EXPECT_EQ(after.get_future().wait_for(10s), std::future_status::ready);
+}
+
+TEST(AStopOutsideRun, IsKeptForTheNextRunOfAnApplicationDrivenMainQueue) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process, its main queue unused
+  EXPECT_EXIT(
+      {
+        alarm(10);  // a lost stop would leave run() waiting forever
+        MainQueue::useApplicationThread();
+        int ran = 0;
+        DispatchQueue::main()->async([&] { ++ran; });
+        MainQueue::stop();
+        MainQueue::run();  // runs what waits, then returns
+        std::_Exit(ran == 1 ? 0 : 3);
+      },
+      ::testing::ExitedWithCode(0), "");
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <future>
+#include <limits>
 #include <thread>
 
 #include "QueltLibrary/ComTimer.h"
@@ -58,6 +59,9 @@ TEST(AComTimer, TimesOutStrictlyAfterItsTimeout) {
   clock->advance(1e-9);
   EXPECT_TRUE(zero->isTimeout());
   EXPECT_TRUE(ComTimer::timerWithTimeout(-1, clock)->isTimeout());
+  t->setTm(clock->now() + 5.0);  // as a start() on another thread that read a later time
+  EXPECT_EQ(t->elapse(), 0.0) << "a negative elapsed time";
+  EXPECT_FALSE(t->isTimeout());
   auto real = ComTimer::timerWithTimeout(0.05);  // the monotonic clock by default
   EXPECT_FALSE(real->isTimeout());
   std::this_thread::sleep_for(60ms);
@@ -119,6 +123,25 @@ TEST(AnEvent, WaitsAsLongAsItsRulesSayFromBothSides) {
     EXPECT_LT(r->second, atLeast + 2.5) << name;
   }
   EXPECT_FALSE(third->isSet()) << "the wait consumed the signal";
+}
+
+// A pause far beyond what the clock can count (or infinite) saturates: the wait pauses for
+// good. It is never converted to an integer count (undefined: UBSan reports it), nor cut
+// short to return after the one-second limit as if it had waited.
+TEST(AHandleWait, SaturatesHugeAndInfinitePauses) {
+  for (const double pause : {1e300, std::numeric_limits<double>::infinity(), 1e12}) {
+    SCOPED_TRACE(pause);
+    auto returned = std::make_shared<std::atomic<bool>>(false);
+    std::thread([pause, returned] {
+      HANDLE::waitForSingleObject(HANDLE::createManualEvent(), pause);
+      returned->store(true);
+    }).detach();  // pauses for good
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_FALSE(returned->load());
+  }
+  const auto event = HANDLE::createManualEvent();
+  event->set();
+  EXPECT_TRUE(event->waitTimeout(std::numeric_limits<double>::infinity()));
 }
 
 namespace {

@@ -139,21 +139,6 @@ TEST_F(AMulticastDelegate, PassesOverGoneDelegatesPrunesThemAndStillDeliversWhat
   EXPECT_FALSE(md.hasDelegateThatRespondsToSelector<Pinged>());
 }
 
-TEST_F(AMulticastDelegate, CopiesEveryKindOfArgument) {
-  using Object = std::shared_ptr<std::string>;
-  struct Described : virtual Delegate {
-    std::promise<std::tuple<int32_t, double, float, bool, std::string>> got;
-    void sender_described(int32_t i, double d, float f, bool b, Object o) {
-      got.set_value({i, d, f, b, *o});
-    }
-  };
-  GCDMulticastDelegate md;
-  auto r = std::make_shared<Described>();
-  md.addDelegate(r, DispatchQueue::create("q"));
-  md.invoke(&Described::sender_described, -7, 2.5, 1.25f, true, std::make_shared<std::string>("x"));
-  EXPECT_EQ(r->got.get_future().get(), std::make_tuple(-7, 2.5, 1.25f, true, "x"));
-}
-
 TEST_F(AModule, HasItsOwnQueueAndKeepsADelegateOnceOnTheNewQueueOrByDefaultTheMainQueue) {
   test::LogCapture log;
   auto m = std::make_shared<Module>();

@@ -13,7 +13,6 @@ LogCapture::LogCapture() {
   previous_ = setLogSink([this](std::string_view line) {
     std::lock_guard lock(mutex_);
     lines_.emplace_back(line);
-    cv_.notify_all();
   });
 }
 
@@ -25,16 +24,6 @@ std::vector<std::string> LogCapture::lines() const {
 size_t LogCapture::count(const std::string& line) const {
   std::lock_guard lock(mutex_);
   return static_cast<size_t>(std::count(lines_.begin(), lines_.end(), line));
-}
-
-bool LogCapture::waitFor(const std::string& line, std::chrono::milliseconds timeout) {
-  std::unique_lock lock(mutex_);
-  return cv_.wait_for(lock, timeout, [&] { return std::ranges::count(lines_, line) > 0; });
-}
-
-void LogCapture::clear() {
-  std::lock_guard lock(mutex_);
-  lines_.clear();
 }
 
 size_t osThreadCount() {

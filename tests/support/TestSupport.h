@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -20,14 +19,9 @@ class LogCapture {
   std::vector<std::string> lines() const;
   size_t count(const std::string& line) const;
   bool contains(const std::string& line) const { return count(line) > 0; }
-  // Waits until `line` has been logged (true) or `timeout` has passed (false).
-  bool waitFor(const std::string& line,
-               std::chrono::milliseconds timeout = std::chrono::seconds(5));
-  void clear();
 
  private:
   mutable std::mutex mutex_;
-  std::condition_variable cv_;
   std::vector<std::string> lines_;  // guarded by mutex_
   LogSink previous_;
 };

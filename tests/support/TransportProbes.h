@@ -1,5 +1,5 @@
-// Probes for transport tests: a sender delegate that keeps every frame written, and a
-// receiver that keeps every payload delivered (on its own serial queue).
+// Probes for transport tests: counting bytes, a sender delegate that keeps every frame written, and
+// a receiver that keeps every payload delivered (on its own serial queue).
 #pragma once
 
 #include <memory>
@@ -12,6 +12,13 @@
 #include "QueltLibrary/DispatchQueue.h"
 
 namespace qlt::test {
+
+// `n` bytes counting up from `start`.
+inline Data bytes(size_t n, uint8_t start = 0) {
+  std::vector<uint8_t> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(start + i);
+  return Data(v);
+}
 
 class FrameSink : public TransportSenderDelegate, public BLESlideWindowSenderDelegate {
  public:

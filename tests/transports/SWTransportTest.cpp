@@ -10,15 +10,11 @@
 #include "support/TransportProbes.h"
 
 using namespace qlt;
+using test::bytes;
 
 namespace {
 
 Data frame(std::initializer_list<uint8_t> b) { return Data(std::vector<uint8_t>(b)); }
-Data bytes(size_t n, uint8_t start = 0) {
-  std::vector<uint8_t> v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(start + i);
-  return Data(v);
-}
 Data operator+(const Data& a, const Data& b) {
   std::vector<uint8_t> v(a.bytes(), a.bytes() + a.length());
   v.insert(v.end(), b.bytes(), b.bytes() + b.length());

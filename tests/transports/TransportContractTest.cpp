@@ -10,15 +10,10 @@
 #include "support/TransportProbes.h"
 
 using namespace qlt;
+using test::bytes;
 using test::FrameSink;
 
 namespace {
-
-Data bytes(size_t n) {
-  std::vector<uint8_t> v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i);
-  return Data(v);
-}
 
 // Stops `object` and waits until its worker has ended and been joined here (the last
 // reference to the ThreadBase is dropped here, and its destructor joins).
