@@ -25,6 +25,7 @@
 
 using namespace qlt;
 using namespace qlt::test;
+using qlt::bench::AllocationScope;
 
 namespace {
 

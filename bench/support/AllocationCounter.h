@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace qlt::test {
+namespace qlt::bench {
 
 uint64_t threadAllocationCount();
 
@@ -17,4 +17,4 @@ class AllocationScope {
   uint64_t start_ = threadAllocationCount();
 };
 
-}  // namespace qlt::test
+}  // namespace qlt::bench

@@ -7,7 +7,7 @@ namespace {
 thread_local uint64_t t_allocations = 0;
 }  // namespace
 
-uint64_t qlt::test::threadAllocationCount() { return t_allocations; }
+uint64_t qlt::bench::threadAllocationCount() { return t_allocations; }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   ++t_allocations;
