@@ -152,7 +152,7 @@ class QLT_Peripheral : public QLT_Object,
   // reads this on state 8 or 4. Cleared when a new connection attempt begins (state 1).
   std::string linkProblem() const;
   // Records `problem` (logged once); the manager and the readiness check call it.
-  void setLinkProblem(std::string problem);
+  void setLinkProblem(const std::string& problem);
 
   // Data path. Without a transport (not ready), the data is dropped silently.
   void writeTCPData(const Data& data);

@@ -1,6 +1,5 @@
 #include "QueltLibrary/QLT_Database.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <signal.h>
@@ -14,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
@@ -131,20 +131,20 @@ std::vector<std::string> readStore(const std::string& path, std::string& unreada
 void removeStaleTemporaries(const std::string& path) {
   const std::string dir = directoryOf(path);
   const std::string prefix = path.substr(path.find_last_of('/') + 1) + ".tmp-";
-  DIR* d = ::opendir(dir.c_str());
-  if (!d) return;
-  while (const dirent* e = ::readdir(d)) {
-    const std::string name = e->d_name;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(dir, ec), last; !ec && it != last; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
     if (name.rfind(prefix, 0) != 0) continue;
     char* end = nullptr;
     const long pid = std::strtol(name.c_str() + prefix.size(), &end, 10);
     if (pid <= 0 || !end || *end != '-') continue;
     if (pid == getpid() || ::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
-    const std::string stale = dir + "/" + name;
+    std::string stale = dir;
+    stale += '/';
+    stale += name;
     if (::unlink(stale.c_str()) == 0)
       QLTLog("QLT_Database : removed %@, left by a writer that has ended", stale);
   }
-  ::closedir(d);
 }
 
 bool writeAll(int fd, const std::string& text) {

@@ -351,7 +351,7 @@ std::string QLT_Peripheral::linkProblem() const {
   return linkProblem_;
 }
 
-void QLT_Peripheral::setLinkProblem(std::string problem) {
+void QLT_Peripheral::setLinkProblem(const std::string& problem) {
   {
     std::lock_guard lock(mutex_);
     if (problem == linkProblem_) return;

@@ -8,9 +8,10 @@ namespace qlt::cli {
 
 std::string resolvePlatform(const CommonOptions& o) {
   if (!o.platform.empty()) return o.platform;  // checked by the parser
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): read once at start-up, before any thread runs.
   const char* env = std::getenv("QLT_PLATFORM");
   if (!env || !*env) return "sim";
-  const std::string name = env;
+  std::string name = env;
   if (name != "sim" && name != "bluez")
     throw UsageError("QLT_PLATFORM is '" + name + "': use sim or bluez");
   return name;

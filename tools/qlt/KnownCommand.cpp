@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "Commands.h"
 #include "Errors.h"
@@ -41,12 +42,14 @@ class StoreLock {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
     fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd_ < 0)
-      throw Failure("cannot lock the known-device store '" + path + "': " + std::strerror(errno));
+      throw Failure("cannot lock the known-device store '" + path +
+                    "': " + std::generic_category().message(errno));
     while (::flock(fd_, LOCK_EX) != 0) {
       if (errno == EINTR && !interruptRequested()) continue;
       const int e = errno;
       ::close(fd_);
-      throw Failure("cannot lock the known-device store '" + path + "': " + std::strerror(e));
+      throw Failure("cannot lock the known-device store '" + path +
+                    "': " + std::generic_category().message(e));
     }
   }
   ~StoreLock() { ::close(fd_); }  // closing releases the lock

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <system_error>
 #include <utility>
 
 #include "Commands.h"
@@ -36,7 +37,7 @@ struct TransferOptions {
 };
 
 std::string osError(const std::string& what, const std::string& file, int error) {
-  return "cannot " + what + " '" + file + "': " + std::strerror(error);
+  return "cannot " + what + " '" + file + "': " + std::generic_category().message(error);
 }
 
 // Where receive writes. A regular file (or a new one) is written beside the target as

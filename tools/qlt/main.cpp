@@ -11,6 +11,7 @@
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <system_error>
 
 #include "Commands.h"
 #include "Errors.h"
@@ -104,7 +105,8 @@ int main(int argc, char** argv) {
       code = kExitFailure;
     }
     if (const int error = stdoutWriteError()) {
-      printError("qlt " + path + ": cannot write to standard output: " + std::strerror(error));
+      printError("qlt " + path +
+                 ": cannot write to standard output: " + std::generic_category().message(error));
       code = kExitFailure;
     }
     // Leave without running static destructors: library threads may still log (a late

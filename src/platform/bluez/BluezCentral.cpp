@@ -157,7 +157,7 @@ std::vector<std::shared_ptr<platform::Peripheral>> BluezCentral::retrievePeriphe
 
 void BluezCentral::discoverServices(std::shared_ptr<BluezPeripheral> peripheral,
                                     std::optional<std::vector<UUID>> uuids) {
-  loop_.post([this, peripheral, uuids = std::move(uuids)] {
+  loop_.post([this, peripheral = std::move(peripheral), uuids = std::move(uuids)] {
     gattClient_.discoverServices(peripheral, uuids);
   });
 }
@@ -165,7 +165,8 @@ void BluezCentral::discoverServices(std::shared_ptr<BluezPeripheral> peripheral,
 void BluezCentral::discoverCharacteristics(std::shared_ptr<BluezPeripheral> peripheral,
                                            std::shared_ptr<BluezService> service,
                                            std::optional<std::vector<UUID>> uuids) {
-  loop_.post([this, peripheral, service, uuids = std::move(uuids)] {
+  loop_.post([this, peripheral = std::move(peripheral), service = std::move(service),
+              uuids = std::move(uuids)] {
     gattClient_.discoverCharacteristics(peripheral, service, uuids);
   });
 }
@@ -173,23 +174,24 @@ void BluezCentral::discoverCharacteristics(std::shared_ptr<BluezPeripheral> peri
 void BluezCentral::writeValue(std::shared_ptr<BluezPeripheral> peripheral,
                               std::shared_ptr<BluezCharacteristic> characteristic, Data data,
                               platform::WriteType type) {
-  loop_.post([this, peripheral, characteristic, data = std::move(data), type] {
-    gattClient_.writeValue(peripheral, characteristic, data, type);
-  });
+  loop_.post([this, peripheral = std::move(peripheral), characteristic = std::move(characteristic),
+              data = std::move(data),
+              type] { gattClient_.writeValue(peripheral, characteristic, data, type); });
 }
 
 void BluezCentral::readValue(std::shared_ptr<BluezPeripheral> peripheral,
                              std::shared_ptr<BluezCharacteristic> characteristic) {
   loop_.post(
-      [this, peripheral, characteristic] { gattClient_.readValue(peripheral, characteristic); });
+      [this, peripheral = std::move(peripheral), characteristic = std::move(characteristic)] {
+        gattClient_.readValue(peripheral, characteristic);
+      });
 }
 
 void BluezCentral::setNotifyValue(std::shared_ptr<BluezPeripheral> peripheral,
                                   std::shared_ptr<BluezCharacteristic> characteristic,
                                   bool enabled) {
-  loop_.post([this, peripheral, characteristic, enabled] {
-    gattClient_.setNotifyValue(peripheral, characteristic, enabled);
-  });
+  loop_.post([this, peripheral = std::move(peripheral), characteristic = std::move(characteristic),
+              enabled] { gattClient_.setNotifyValue(peripheral, characteristic, enabled); });
 }
 
 // ------------------------------------------------------------------------------------------

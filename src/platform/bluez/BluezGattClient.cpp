@@ -85,7 +85,7 @@ std::optional<UUID> GattClient::wantedUuid(const PropertyMap& props, const std::
 }
 
 void GattClient::fulfilServiceDiscovery(const Address& address,
-                                        std::optional<std::vector<UUID>> uuids) {
+                                        const std::optional<std::vector<UUID>>& uuids) {
   Session& session = sessions_[address];
   const Link& link = *links_.find(address);
   if (!servicesResolved(link.path())) {
@@ -329,7 +329,7 @@ void GattClient::deliverNotification(const Address& address, const std::string& 
 
 void GattClient::reportNotifying(const std::shared_ptr<BluezPeripheral>& peripheral,
                                  const std::shared_ptr<BluezCharacteristic>& characteristic,
-                                 bool enabled, std::optional<Error> failure) {
+                                 bool enabled, const std::optional<Error>& failure) {
   deliver(
       peripheral,
       [peripheral, characteristic, failure](platform::PeripheralDelegate& d) {

@@ -102,7 +102,8 @@ class GattClient final : private SocketListener {
   // absent); nullopt otherwise, logged when it has none.
   std::optional<UUID> wantedUuid(const PropertyMap& props, const std::string& path,
                                  const char* kind, const std::optional<std::vector<UUID>>& wanted);
-  void fulfilServiceDiscovery(const Address& address, std::optional<std::vector<UUID>> uuids);
+  void fulfilServiceDiscovery(const Address& address,
+                              const std::optional<std::vector<UUID>>& uuids);
   void setNotifyByMethod(const Address& address,
                          const std::shared_ptr<BluezCharacteristic>& characteristic, bool enabled);
   void deliverNotification(const Address& address, const std::string& path, size_t length,
@@ -110,7 +111,7 @@ class GattClient final : private SocketListener {
   // The notification-state callback; the characteristic says `enabled` unless it failed.
   void reportNotifying(const std::shared_ptr<BluezPeripheral>& peripheral,
                        const std::shared_ptr<BluezCharacteristic>& characteristic, bool enabled,
-                       std::optional<platform::Error> failure = std::nullopt);
+                       const std::optional<platform::Error>& failure = std::nullopt);
   void updateMtu(const Address& address, const std::string& characteristicPath);
   std::shared_ptr<BluezCharacteristic> characteristicOf(const Address& address,
                                                         const std::string& path);

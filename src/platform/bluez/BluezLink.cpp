@@ -198,7 +198,7 @@ void Link::sendDisconnect(const char* why) {
              });
 }
 
-void Link::end(std::optional<Error> error) {
+void Link::end(const std::optional<Error>& error) {
   QLT_ASSERT_BUS_THREAD(port_);
   const LinkPhase was = phase_;
   if (was == LinkPhase::Idle) return;

@@ -74,7 +74,7 @@ class Link {
   // Connected or ServicesResolved changed: the attempt may be complete.
   void checkReady();
   // Ends the link from outside (device removed, power off, bluetoothd gone).
-  void end(std::optional<platform::Error> error);
+  void end(const std::optional<platform::Error>& error);
 
  private:
   void sendConnect();

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 #include "QueltLibrary/Log.h"
 #include "platform/bluez/BluezProperties.h"
@@ -179,7 +180,8 @@ bool SocketPath::sendOnSocket(const Address& device, const std::string& path, Wr
     }
     break;
   }
-  const std::string why = std::string("the write socket failed: ") + std::strerror(errno);
+  const std::string why =
+      std::string("the write socket failed: ") + std::generic_category().message(errno);
   fallBackToMethod(device, path, why.c_str());
   return false;
 }
@@ -256,7 +258,8 @@ void SocketPath::readNotifications(const Address& device, const std::string& pat
         if (revents & (POLLHUP | POLLERR)) closeNotify(device, path, "bluetoothd closed it");
         return;
       }
-      const std::string why = std::string("reading it failed: ") + std::strerror(errno);
+      const std::string why =
+          std::string("reading it failed: ") + std::generic_category().message(errno);
       closeNotify(device, path, why.c_str());
       return;
     }

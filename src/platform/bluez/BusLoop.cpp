@@ -196,6 +196,7 @@ bool BusLoop::openConnection(const Hooks& hooks) {
   } catch (const sdbus::Error& e) {
     // Said once per outage; the retries go on quietly.
     if (!connectFailureReported_) {
+      // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing in this process modifies the environment.
       const char* address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
       QLTLog("BlueZ: cannot connect to the system bus (%s): %s: %s; retrying every %lld ms",
              address ? address : "the standard address", e.getName(), e.getMessage(),
@@ -261,7 +262,7 @@ int BusLoop::pollTimeoutMs() {
   return timeout;
 }
 
-void BusLoop::run(Hooks hooks) {
+void BusLoop::run(const Hooks& hooks) {
   threadId_ = std::this_thread::get_id();
   registerExitHandlerOnce();
   openConnection(hooks);

@@ -87,7 +87,7 @@ class BusLoop {
   static void guard(const char* what, const std::function<void()>& body);
 
  private:
-  void run(Hooks hooks);
+  void run(const Hooks& hooks);
   bool openConnection(const Hooks& hooks);
   void closeConnection(const Hooks& hooks, bool stopping);
   void runTasks();
