@@ -1,8 +1,8 @@
 // QLT_Peripheral's state machine, discovery and data path, on a fake platform peripheral.
 #include <gtest/gtest.h>
 
-#include <thread>
 #include <future>
+#include <thread>
 
 #include "QueltLibrary/NUSTransport.h"
 #include "QueltLibrary/QLT_Peripheral.h"
