@@ -49,11 +49,6 @@ class TheLibrary : public ::testing::Test {
   std::shared_ptr<PeripheralRecorder> app;
 };
 
-#ifndef QLT_TESTS_WITHOUT_BLUEZ
-using Backends = ::testing::Types<Sim, Bluez>;
-#else
-using Backends = ::testing::Types<Sim>;
-#endif
 TYPED_TEST_SUITE(TheLibrary, Backends);
 
 TYPED_TEST(TheLibrary, ScansConnectsEchoesThroughTheSlidingWindowAndDisconnects) {

@@ -78,4 +78,11 @@ struct Bluez {
 };
 #endif
 
+// What the suites that run on every backend run on.
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
+using Backends = ::testing::Types<Sim, Bluez>;
+#else
+using Backends = ::testing::Types<Sim>;
+#endif
+
 }  // namespace qlt::test

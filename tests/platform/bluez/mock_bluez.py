@@ -1,14 +1,7 @@
 #!/usr/bin/python3
-"""A mock bluetoothd on a private system bus, for the BlueZ backend's tests.
-
-    mock_bluez.py --session        serve; steered by one JSON request per line on stdin
-    mock_bluez.py [--] CMD ARGS    serve while CMD runs with DBUS_SYSTEM_BUS_ADDRESS set; exit with its code
-
-Starts a dbus-daemon of its own (it never touches the real system bus), takes org.bluez
-and serves hci0 with QLT-Echo (sw-echo: the device side of the sliding window, from
-slide_window.py), QLT-Chunk (chunk-echo: every write comes back as a notification) and
-HR-Sensor (heart rate, no UART service). See README.md for the session's requests.
-"""
+"""A mock bluetoothd on a private system bus, for the BlueZ backend's tests (see README.md):
+`mock_bluez.py --session` is steered by JSON requests on stdin; `mock_bluez.py [--] CMD` serves
+while CMD runs."""
 import ctypes, json, os, shutil, signal, socket, subprocess, sys, tempfile, time
 import dbus, dbus.lowlevel, dbus.mainloop.glib, dbus.service
 from gi.repository import GLib

@@ -150,8 +150,6 @@ TEST_F(TheQltTool, ChangesTheKnownStoreUnderALockOrFailsSayingWhy) {
   const std::string lockPath = storeFile(store_.path()) + ".lock";
   const int lock = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_EQ(::flock(lock, LOCK_EX), 0);
-  const std::string stale = storeFile(store_.path()) + ".tmp-999999999-0";  // no such process
-  std::ofstream(stale) << "{";
   std::vector<std::future<ToolRun>> adds;
   for (const char* device : {"QLT-Echo", "QLT-Chunk", "QLT-Sink"})
     adds.push_back(std::async(std::launch::async, [this, device] {
@@ -162,7 +160,6 @@ TEST_F(TheQltTool, ChangesTheKnownStoreUnderALockOrFailsSayingWhy) {
   ::close(lock);
   for (auto& add : adds) EXPECT_EQ(add.get().exitCode, 0);
   EXPECT_EQ(splitLines(qlt({"known", "list"}).out).size(), 3u);
-  EXPECT_FALSE(std::filesystem::exists(stale));
   EXPECT_NE(qlt({"known", "clear"}).out.find("forgot 3"), std::string::npos);
 
   const std::string file = storeFile(store_.path());
@@ -171,11 +168,10 @@ TEST_F(TheQltTool, ChangesTheKnownStoreUnderALockOrFailsSayingWhy) {
   const std::string underAFile = "QLT_STORE_PATH=" + store_.path() + "/in.bin/known.json";
   std::ofstream(store_.path() + "/in.bin") << "a file";
   using Case = std::tuple<std::vector<std::string>, std::string, std::string>;
-  for (const auto& [args, env, why] : std::vector<Case>{
-           {{"known", "list"}, "", "cannot read"},
-           {{"known", "add", "QLT-Echo"}, "", "cannot read"},
-           {{"known", "remove", "0E0E0E0E-0000-4000-8000-000000000001"}, "", "cannot read"},
-           {{"known", "clear"}, underAFile, "Not a directory"}}) {
+  for (const auto& [args, env, why] :
+       std::vector<Case>{{{"known", "list"}, "", "cannot read"},
+                         {{"known", "add", "QLT-Echo"}, "", "cannot read"},
+                         {{"known", "clear"}, underAFile, "Not a directory"}}) {
     const auto run = qlt(args, 60, withEnv({env}));
     EXPECT_EQ(run.exitCode, 1) << args[1] << ": " << run.out << run.err;
     EXPECT_NE(run.err.find(why), std::string::npos) << args[1] << ": " << run.err;
