@@ -61,8 +61,12 @@ class LinkScript : public LinkListener {
           std::string(" ok fail already resolve lost cancel connect timeout ").find(" " + op + " "),
           std::string::npos)
           << step;
-      if (op == "ok") ASSERT_TRUE(port.answer(method)) << step;
-      if (op == "fail") ASSERT_TRUE(port.answer(method, "org.bluez.Error.Failed")) << step;
+      if (op == "ok") {
+        ASSERT_TRUE(port.answer(method)) << step;
+      }
+      if (op == "fail") {
+        ASSERT_TRUE(port.answer(method, "org.bluez.Error.Failed")) << step;
+      }
       if (op == "already") {
         ASSERT_TRUE(port.answer(method, "org.bluez.Error.AlreadyConnected")) << step;
       }
