@@ -85,17 +85,7 @@ void BM_Echo(benchmark::State& state) {
       o.aToB = {.lossProbability = loss, .delaySeconds = delay};
       o.bToA = o.aToB;
       o.seed = seed;
-      LinkHarness h(o);
-      size_t got = 0;
-      h.b().onTCP = [&](const Data& d) { h.b().sendTCP(d.span()); };
-      h.a().onTCP = [&](const Data& d) { got += d.length(); };
-      for (size_t i = 1; i <= 100; ++i) {
-        const double sent = h.now();
-        h.a().sendTCP(std::vector<uint8_t>(100, static_cast<uint8_t>(i)));
-        while (got < i * 100 && h.now() - sent < 60) h.runFor(0.0002);
-        echoes.push_back(h.now() - sent);
-        h.runFor(0.003 * (i % 5));
-      }
+      measureEchoes(o, 60, echoes);
     }
   }
   std::sort(echoes.begin(), echoes.end());

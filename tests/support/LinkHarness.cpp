@@ -111,6 +111,20 @@ std::vector<uint8_t> joined(const std::vector<Data>& payloads) {
   return out;
 }
 
+void measureEchoes(const HarnessOptions& options, double limit, std::vector<double>& echoes) {
+  LinkHarness h(options);
+  size_t got = 0;
+  h.b().onTCP = [&](const Data& d) { h.b().sendTCP(d.span()); };
+  h.a().onTCP = [&](const Data& d) { got += d.length(); };
+  for (size_t i = 1; i <= 100; ++i) {
+    const double sent = h.now();
+    h.a().sendTCP(std::vector<uint8_t>(100, static_cast<uint8_t>(i)));
+    while (got < i * 100 && h.now() - sent < limit) h.runFor(0.0002);
+    echoes.push_back(h.now() - sent);
+    h.runFor(0.003 * (i % 5));
+  }
+}
+
 ExchangeResult runExchange(const HarnessOptions& options, const ExchangePlan& exchange) {
   LinkHarness h = exchange.make ? LinkHarness(options, exchange.make) : LinkHarness(options);
   std::mt19937_64 rng(options.seed * 7919 + 17);

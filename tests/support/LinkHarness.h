@@ -140,4 +140,9 @@ struct ExchangeResult {
 
 ExchangeResult runExchange(const HarnessOptions& options, const ExchangePlan& exchange);
 
+// Sends 100 messages of 100 bytes one at a time from A, each echoed by B as it arrives,
+// with short pauses between them, and appends to `echoes` the time each took to come
+// back (a message stops waiting after `limit` seconds).
+void measureEchoes(const HarnessOptions& options, double limit, std::vector<double>& echoes);
+
 }  // namespace qlt::test

@@ -206,17 +206,7 @@ TEST(LossRecovery, EchoesWithinFourRoundTripsAtThe99thPercentile) {
     std::vector<double> echoes;
     for (uint64_t seed = 1; seed <= 4; ++seed) {
       sim::LinkConfig link{.lossProbability = 0.05, .delaySeconds = delay};
-      LinkHarness h({.aToB = link, .bToA = link, .seed = seed});
-      size_t got = 0;
-      h.b().onTCP = [&](const Data& d) { h.b().sendTCP(d.span()); };
-      h.a().onTCP = [&](const Data& d) { got += d.length(); };
-      for (size_t i = 1; i <= 100; ++i) {
-        const double sent = h.now();
-        h.a().sendTCP(std::vector<uint8_t>(100, static_cast<uint8_t>(i)));
-        while (got < i * 100 && h.now() - sent < 10) h.runFor(0.0002);
-        echoes.push_back(h.now() - sent);
-        h.runFor(0.003 * (i % 5));
-      }
+      measureEchoes({.aToB = link, .bToA = link, .seed = seed}, 10, echoes);
     }
     std::sort(echoes.begin(), echoes.end());
     const double p99 = echoes[echoes.size() * 99 / 100], roundTrip = 2 * delay + 0.001;
