@@ -9,6 +9,7 @@
 
 #include "QueltLibrary/DispatchQueue.h"
 #include "platform/Backends.h"
+#include "support/PeripheralRecorder.h"
 #include "support/TestSupport.h"
 
 namespace qlt::test {
@@ -38,7 +39,9 @@ struct Event {
   std::string queue = DispatchQueue::currentLabel();
 };
 
-class Recorder final : public platform::CentralDelegate, public platform::PeripheralDelegate {
+class Recorder final : public EventLog<Event>,
+                       public platform::CentralDelegate,
+                       public platform::PeripheralDelegate {
   using P = std::shared_ptr<platform::Peripheral>;
   using E = std::optional<platform::Error>;
   using C = std::shared_ptr<platform::Characteristic>;
@@ -80,32 +83,6 @@ class Recorder final : public platform::CentralDelegate, public platform::Periph
   void peripheral_didWriteValueForCharacteristic_error(const P& p, const C&, const E& e) override {
     record({.kind = "write", .peripheral = p, .error = e});
   }
-
-  std::vector<Event> events(const std::string& kind = "") const {
-    std::lock_guard lock(mutex_);
-    std::vector<Event> out;
-    std::copy_if(events_.begin(), events_.end(), std::back_inserter(out),
-                 [&](const Event& e) { return kind.empty() || e.kind == kind; });
-    return out;
-  }
-  size_t count(const std::string& kind) const { return events(kind).size(); }
-  // The `n`th event of `kind` (1-based), once it has come.
-  std::optional<Event> waitFor(const std::string& kind, size_t n = 1) const {
-    if (!eventually([&] { return count(kind) >= n; })) return {};
-    return events(kind)[n - 1];
-  }
-  void clear() {
-    std::lock_guard lock(mutex_);
-    events_.clear();
-  }
-
- private:
-  void record(Event e) {
-    std::lock_guard lock(mutex_);
-    events_.push_back(std::move(e));
-  }
-  mutable std::mutex mutex_;
-  std::vector<Event> events_;  // guarded by mutex_
 };
 
 // The NUS pair of a connected peripheral with notifications on.

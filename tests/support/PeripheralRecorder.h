@@ -1,5 +1,6 @@
-// Records what a QLT_Peripheral and a QLT_BLEManager announce, for tests: states in
-// order, received payloads, discovered peripherals; with waits that time out generously.
+// The tests' recorders: EventLog keeps events of any kind in arrival order, with waits that
+// time out generously; PeripheralRecorder records what a QLT_Peripheral and a QLT_BLEManager
+// announce (the platform suites record the backends' callbacks with one of their own).
 #pragma once
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,95 +18,45 @@
 
 namespace qlt::test {
 
-class PeripheralRecorder : public QLT_PeripheralDidChangeState,
-                           public QLT_PeripheralDidReceivedTCPData,
-                           public QLT_PeripheralDidReceivedUDPData,
-                           public QLT_BLEManagerDidChangedState,
-                           public QLT_BLEManagerDidDiscoveredPeripheral {
+// Events with a `kind`, as they arrived.
+template <class Event>
+class EventLog {
  public:
-  using Hook = std::function<void(const std::shared_ptr<QLT_Peripheral>&, int32_t)>;
-
-  void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& p,
-                                     int32_t state) override {
-    Hook hook = locked([&] { return states_.push_back(state), onState_; });
-    if (hook) hook(p, state);
+  std::vector<Event> events(const std::string& kind = "") const {
+    return locked([&] { return of(kind); });
   }
-  void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>&,
-                                         const Data& d) override {
-    locked([&] { tcp_.push_back(d), tcpBytes_ += d.length(); });
-  }
-  void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>&,
-                                         const Data& d) override {
-    locked([&] { udp_.push_back(d); });
-  }
-  void manager_didChangedState(const std::shared_ptr<QLT_BLEManager>&, int32_t state) override {
-    locked([&] { managerStates_.push_back(state); });
-  }
-  void manager_didDiscoveredPeripheral(const std::shared_ptr<QLT_BLEManager>&,
-                                       const std::shared_ptr<QLT_Peripheral>& p) override {
-    locked([&] { discovered_.push_back(p), discoveredRSSI_.push_back(p->RSSI()); });
-  }
-
-  // Called on the delegate's queue after each state is recorded.
-  void onState(Hook hook) {
-    locked([&] { onState_ = std::move(hook); });
-  }
-  std::vector<int32_t> states() const {
-    return locked([&] { return states_; });
-  }
-  std::vector<int32_t> managerStates() const {
-    return locked([&] { return managerStates_; });
-  }
-  std::vector<Data> tcp() const {
-    return locked([&] { return tcp_; });
-  }
-  std::vector<Data> udp() const {
-    return locked([&] { return udp_; });
-  }
-  std::vector<std::shared_ptr<QLT_Peripheral>> discovered() const {
-    return locked([&] { return discovered_; });
-  }
-  std::vector<int32_t> discoveredRSSI() const {
-    return locked([&] { return discoveredRSSI_; });
-  }
-  std::string tcpJoined() const {
-    std::string s;
-    for (const auto& d : tcp()) s += d.toString();
-    return s;
-  }
-  void clear() {
-    locked([&] {
-      states_.clear(), managerStates_.clear(), tcp_.clear(), udp_.clear();
-      discovered_.clear(), discoveredRSSI_.clear(), tcpBytes_ = 0;
-    });
-  }
-
-  // Waits until `pred` holds (checked under the recorder's lock); false on time-out.
+  size_t count(const std::string& kind) const { return events(kind).size(); }
+  // Waits until `pred` holds (checked under the log's lock); false on time-out.
   bool waitUntil(const std::function<bool()>& pred,
                  std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
     std::unique_lock lock(mutex_);
     return cv_.wait_for(lock, timeout, pred);
   }
-  bool waitForState(int32_t state, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    return waitUntil([&] { return !states_.empty() && states_.back() == state; }, timeout);
+  // The `n`th event of `kind` (1-based), once it has come.
+  std::optional<Event> waitFor(const std::string& kind, size_t n = 1) {
+    std::optional<Event> found;
+    waitUntil([&] {
+      auto all = of(kind);
+      if (all.size() >= n) found = all[n - 1];
+      return found.has_value();
+    });
+    return found;
   }
-  bool waitForStateCount(size_t n) {
-    return waitUntil([&] { return states_.size() >= n; });
-  }
-  bool waitForManagerState(int32_t state) {
-    return waitUntil([&] { return !managerStates_.empty() && managerStates_.back() == state; });
-  }
-  bool waitForTcpBytes(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
-    return waitUntil([&] { return tcpBytes_ >= n; }, timeout);
-  }
-  bool waitForUdp(size_t n) {
-    return waitUntil([&] { return udp_.size() >= n; });
-  }
-  bool waitForDiscoveries(size_t n) {
-    return waitUntil([&] { return discovered_.size() >= n; });
+  void clear() {
+    locked([&] { events_.clear(); });
   }
 
- private:
+ protected:
+  void record(Event e) {
+    locked([&] { events_.push_back(std::move(e)); });
+  }
+  // The events of `kind` (all for ""); under the lock.
+  std::vector<Event> of(const std::string& kind) const {
+    std::vector<Event> out;
+    std::copy_if(events_.begin(), events_.end(), std::back_inserter(out),
+                 [&](const Event& e) { return kind.empty() || e.kind == kind; });
+    return out;
+  }
   // Runs `f` under the lock and wakes the waiters.
   template <class F>
   auto locked(F f) const -> decltype(f()) {
@@ -116,14 +68,105 @@ class PeripheralRecorder : public QLT_PeripheralDidChangeState,
     return f();
   }
 
+ private:
   mutable std::mutex mutex_;
   mutable std::condition_variable cv_;
-  std::vector<int32_t> states_, managerStates_;
-  std::vector<Data> tcp_, udp_;
-  size_t tcpBytes_ = 0;
-  std::vector<std::shared_ptr<QLT_Peripheral>> discovered_;
-  std::vector<int32_t> discoveredRSSI_;
-  Hook onState_;
+  std::vector<Event> events_;  // guarded by mutex_
+};
+
+// kind: state manager (a manager state) tcp udp discover
+struct LibraryEvent {
+  std::string kind;
+  int32_t state = 0;  // of the peripheral or the manager; for discover, the RSSI
+  Data data{};
+  std::shared_ptr<QLT_Peripheral> peripheral{};
+};
+
+class PeripheralRecorder : public EventLog<LibraryEvent>,
+                           public QLT_PeripheralDidChangeState,
+                           public QLT_PeripheralDidReceivedTCPData,
+                           public QLT_PeripheralDidReceivedUDPData,
+                           public QLT_BLEManagerDidChangedState,
+                           public QLT_BLEManagerDidDiscoveredPeripheral {
+ public:
+  using Hook = std::function<void(const std::shared_ptr<QLT_Peripheral>&, int32_t)>;
+
+  void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& p,
+                                     int32_t state) override {
+    record({"state", state});
+    if (Hook hook = locked([&] { return onState_; })) hook(p, state);
+  }
+  void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>&,
+                                         const Data& d) override {
+    record({"tcp", 0, d});
+  }
+  void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>&,
+                                         const Data& d) override {
+    record({"udp", 0, d});
+  }
+  void manager_didChangedState(const std::shared_ptr<QLT_BLEManager>&, int32_t state) override {
+    record({"manager", state});
+  }
+  void manager_didDiscoveredPeripheral(const std::shared_ptr<QLT_BLEManager>&,
+                                       const std::shared_ptr<QLT_Peripheral>& p) override {
+    record({"discover", p->RSSI(), {}, p});
+  }
+
+  // Called on the delegate's queue after each state is recorded.
+  void onState(Hook hook) {
+    locked([&] { onState_ = std::move(hook); });
+  }
+  std::vector<int32_t> states() const { return field("state", &LibraryEvent::state); }
+  std::vector<int32_t> managerStates() const { return field("manager", &LibraryEvent::state); }
+  std::vector<Data> tcp() const { return field("tcp", &LibraryEvent::data); }
+  std::vector<Data> udp() const { return field("udp", &LibraryEvent::data); }
+  std::vector<std::shared_ptr<QLT_Peripheral>> discovered() const {
+    return field("discover", &LibraryEvent::peripheral);
+  }
+  std::vector<int32_t> discoveredRSSI() const { return field("discover", &LibraryEvent::state); }
+  std::string tcpJoined() const {
+    std::string s;
+    for (const auto& d : tcp()) s += d.toString();
+    return s;
+  }
+
+  bool waitForState(int32_t state, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    return waitUntil([&] { return last("state") == state; }, timeout);
+  }
+  bool waitForStateCount(size_t n) {
+    return waitUntil([&] { return of("state").size() >= n; });
+  }
+  bool waitForManagerState(int32_t state) {
+    return waitUntil([&] { return last("manager") == state; });
+  }
+  bool waitForTcpBytes(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+    return waitUntil(
+        [&] {
+          size_t bytes = 0;
+          for (const auto& e : of("tcp")) bytes += e.data.length();
+          return bytes >= n;
+        },
+        timeout);
+  }
+  bool waitForUdp(size_t n) {
+    return waitUntil([&] { return of("udp").size() >= n; });
+  }
+  bool waitForDiscoveries(size_t n) {
+    return waitUntil([&] { return of("discover").size() >= n; });
+  }
+
+ private:
+  template <class T>
+  std::vector<T> field(const std::string& kind, T LibraryEvent::*member) const {
+    std::vector<T> out;
+    for (const auto& e : events(kind)) out.push_back(e.*member);
+    return out;
+  }
+  std::optional<int32_t> last(const std::string& kind) const {
+    auto all = of(kind);
+    return all.empty() ? std::nullopt : std::optional(all.back().state);
+  }
+  Hook onState_;  // guarded by the log's lock
 };
 
 // Whether `states` is a sequence the peripheral state machine can produce, starting from
