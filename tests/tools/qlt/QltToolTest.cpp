@@ -74,10 +74,6 @@ TEST_F(TheQltTool, ShowsHelpWithExamplesForEveryCommand) {
     EXPECT_NE(run.out.find("Example"), std::string::npos) << cmd << " --help has no example:\n"
                                                           << run.out;
   }
-  const auto bench = qlt({"bench", "--help"});
-  EXPECT_NE(bench.out.find("bound_Bps  = 3 × 120 B / round trip"), std::string::npos) << bench.out;
-  for (const char* text : {"docs/simulated-radio.md", "[0 to 0.9]", "64k, 1M, 1MiB"})
-    EXPECT_NE(bench.out.find(text), std::string::npos) << text << " missing in\n" << bench.out;
 }
 
 TEST_F(TheQltTool, ShowsTheLibraryLogOnlyWhenAskedAndSaysWhichPlatform) {

@@ -2,16 +2,17 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-
-extern char** environ;
 #include <sstream>
 #include <stdexcept>
+
+extern char** environ;
 
 namespace qlt::test {
 
@@ -28,8 +29,9 @@ TempDir::~TempDir() {
 
 std::string storeFile(const std::string& storeDir) { return storeDir + "/known.json"; }
 
-std::vector<std::string> toolEnvironment(const std::string& storeDir,
-                                         const std::vector<std::string>& extra) {
+ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDir, double limitS,
+                const ToolInput& input) {
+  // Everything the child needs is prepared before fork(): after it, only exec.
   std::vector<std::string> env;
   for (char** e = environ; *e; ++e) {
     const std::string entry = *e;
@@ -37,24 +39,8 @@ std::vector<std::string> toolEnvironment(const std::string& storeDir,
         entry.rfind("TERM=", 0))
       env.push_back(entry);
   }
-  env.insert(env.end(), extra.begin(), extra.end());  // these win over the store path
+  env.insert(env.end(), input.env.begin(), input.env.end());  // these win over the store path
   env.push_back("QLT_STORE_PATH=" + storeFile(storeDir));
-  return env;
-}
-
-ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDir, double limitS,
-                const ToolInput& input) {
-  int outPipe[2], errPipe[2], inPipe[2];
-  if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0 ||
-      ::pipe2(inPipe, O_CLOEXEC) != 0)
-    throw std::runtime_error("pipe failed");
-  // Small inputs fit the pipe's buffer: written at once, then end of input.
-  if (::write(inPipe[1], input.stdinText.data(), input.stdinText.size()) !=
-      static_cast<ssize_t>(input.stdinText.size()))
-    throw std::runtime_error("stdin write failed");
-  ::close(inPipe[1]);
-  // Everything the child needs is prepared before fork(): after it, only exec.
-  std::vector<std::string> env = toolEnvironment(storeDir, input.env);
   std::vector<char*> envp;
   for (auto& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);
@@ -62,34 +48,50 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDi
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
 
+  int out[2] = {-1, -1}, err[2] = {-1, -1}, in[2] = {-1, -1}, terminal = -1;
+  if (!input.terminal) {
+    if (::pipe2(out, O_CLOEXEC) || ::pipe2(err, O_CLOEXEC) || ::pipe2(in, O_CLOEXEC))
+      throw std::runtime_error("pipe failed");
+    // Small inputs fit the pipe's buffer: written at once, then end of input.
+    if (::write(in[1], input.stdinText.data(), input.stdinText.size()) !=
+        static_cast<ssize_t>(input.stdinText.size()))
+      throw std::runtime_error("stdin write failed");
+    ::close(in[1]);
+  }
   const auto start = std::chrono::steady_clock::now();
-  const pid_t pid = ::fork();
+  const pid_t pid = input.terminal ? ::forkpty(&terminal, nullptr, nullptr, nullptr) : ::fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
-    ::dup2(inPipe[0], STDIN_FILENO);
-    ::dup2(outPipe[1], STDOUT_FILENO);
-    ::dup2(errPipe[1], STDERR_FILENO);
-    ::close(outPipe[0]);
-    ::close(errPipe[0]);
+    if (!input.terminal) {
+      ::dup2(in[0], STDIN_FILENO);
+      ::dup2(out[1], STDOUT_FILENO);
+      ::dup2(err[1], STDERR_FILENO);
+    }
     ::execve(QLT_TOOL_PATH, argv.data(), envp.data());
     ::_exit(127);
   }
-  ::close(outPipe[1]);
-  ::close(errPipe[1]);
-  ::close(inPipe[0]);
+  for (int fd : {out[1], err[1], in[0]})
+    if (fd >= 0) ::close(fd);
 
   ToolRun run;
-  pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+  pollfd fds[2] = {{input.terminal ? terminal : out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
   std::string* sinks[2] = {&run.out, &run.err};
-  int open = 2;
+  int open = input.terminal ? 1 : 2;
   bool killed = false, signalled = input.signal == 0;
+  size_t step = 0, seen = 0;  // the next step, and where the screen is read from for it
   while (open > 0) {
     const double elapsed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (!signalled && elapsed > input.signalAfterS) signalled = ::kill(pid, input.signal) == 0;
-    if (!killed && elapsed > limitS) {
-      ::kill(pid, SIGKILL);
-      killed = true;
+    if (!killed && elapsed > limitS) killed = ::kill(pid, SIGKILL) == 0;
+    if (step < input.steps.size()) {
+      const ToolStep& s = input.steps[step];
+      if (const size_t at = run.out.find(s.expect, seen); at != std::string::npos) {
+        if (::write(terminal, s.keys.data(), s.keys.size()) < 0) {}
+        if (s.signal) ::kill(pid, s.signal);
+        seen = at + s.expect.size();
+        ++step;
+      }
     }
     if (::poll(fds, 2, 100) <= 0) continue;
     for (int i = 0; i < 2; ++i) {
@@ -98,7 +100,7 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDi
       const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
       if (n > 0) {
         sinks[i]->append(buf, static_cast<size_t>(n));
-      } else {
+      } else {  // end of output (a terminal says EIO once the tool has gone)
         ::close(fds[i].fd);
         fds[i].fd = -1;
         --open;

@@ -26,27 +26,37 @@ class TempDir {
   std::string path_;
 };
 
+// On a terminal run: once the screen shows `expect` (after the previous step's), the keys are
+// typed, then the signal (if any) is sent.
+struct ToolStep {
+  std::string expect, keys;
+  int signal = 0;
+};
+
 // What a run gets beyond its arguments.
 struct ToolInput {
-  std::vector<std::string> env;  // "NAME=value" added to the environment
-  std::string stdinText;         // what stdin carries (then end of input)
-  int signal = 0;                // sent once `signalAfterS` have passed
+  std::vector<std::string> env{};  // "NAME=value" added to the environment
+  std::string stdinText{};         // what stdin carries (then end of input)
+  int signal = 0;                  // sent once `signalAfterS` have passed
   double signalAfterS = 0;
+  bool terminal = false;  // on a pseudo-terminal: `out` is the screen, input comes from `steps`
+  std::vector<ToolStep> steps{};
 };
-inline ToolInput withEnv(std::vector<std::string> env) { return {std::move(env), "", 0, 0}; }
-inline ToolInput withStdin(std::string text) { return {{}, std::move(text), 0, 0}; }
-inline ToolInput signalAfter(int signal, double seconds) { return {{}, "", signal, seconds}; }
+inline ToolInput withEnv(std::vector<std::string> env) { return {.env = std::move(env)}; }
+inline ToolInput withStdin(std::string text) { return {.stdinText = std::move(text)}; }
+inline ToolInput signalAfter(int signal, double seconds) {
+  return {.signal = signal, .signalAfterS = seconds};
+}
+inline ToolInput onATerminal(std::vector<ToolStep> steps) {
+  return {.env = {"TERM=xterm"}, .terminal = true, .steps = std::move(steps)};
+}
 
-// Runs qlt with `args`, QLT_STORE_PATH=`storeDir`/known.json, killing it after `limitS`
-// seconds.
+// Runs qlt with `args` in this process's environment without QLT_STORE_PATH, QLT_PLATFORM and
+// TERM, then `input.env`, then QLT_STORE_PATH=storeFile(storeDir); kills it after `limitS` s.
 ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDir,
                 double limitS = 60, const ToolInput& input = {});
 // The QLT_STORE_PATH runTool gives for `storeDir`.
 std::string storeFile(const std::string& storeDir);
-// The environment of a run: this process's, without QLT_STORE_PATH, QLT_PLATFORM and TERM,
-// then `extra`, then QLT_STORE_PATH=storeFile(storeDir).
-std::vector<std::string> toolEnvironment(const std::string& storeDir,
-                                         const std::vector<std::string>& extra);
 
 // The lines of `text`.
 std::vector<std::string> splitLines(const std::string& text);
