@@ -33,7 +33,7 @@ TEST(ACharacteristicWrapper, PrefersWritingWithoutResponseAndRefusesWithoutAWrit
     auto w = BLECharacteristic::create(p->addService(kRx)->add(kTx, properties), "x");
     test::LogCapture log;
     w->writeValueWithData(Data::fromString(data));
-    auto writes = p->snapshot(p->writes);
+    auto writes = fake::snapshot(p->writes);
     ASSERT_EQ(writes.size(), type ? 1u : 0u) << properties << " " << data;
     if (type) {
       EXPECT_EQ(std::make_pair(writes[0].type, writes[0].data.toString()),
@@ -52,7 +52,7 @@ TEST(ACharacteristicWrapper, ReadsTheLastValueSwitchesNotificationsAndEqualsOnly
   EXPECT_EQ(a->readValue(), Data::fromString("hi"));
   a->startNotifications();
   a->stopNotifications();
-  EXPECT_EQ(p->snapshot(p->notifyRequests), (Requests{{kRx, true}, {kRx, false}}));
+  EXPECT_EQ(fake::snapshot(p->notifyRequests), (Requests{{kRx, true}, {kRx, false}}));
   EXPECT_TRUE(a->isEqual(rx) && b->isEqual(rx) && a->isEqual(a));
   EXPECT_FALSE(a->isEqual(b));  // wrappers by identity
   EXPECT_FALSE(a->isEqual(p->characteristic(kTx)));
@@ -85,8 +85,8 @@ TEST(TheUartService, PicksRxAndTxInListOrderAsksNotificationsForRxOnlyAndCopesWi
   EXPECT_EQ(log.lines(), (std::vector<std::string>{"No tx characteristic found in NUS",
                                                    "No rx characteristic found in NUS", "TX found",
                                                    "RX found"}));
-  EXPECT_EQ(p->snapshot(p->notifyRequests), (Requests{{kRx, true}}));
-  EXPECT_TRUE(p->snapshot(p->writes).empty());
+  EXPECT_EQ(fake::snapshot(p->notifyRequests), (Requests{{kRx, true}}));
+  EXPECT_TRUE(fake::snapshot(p->writes).empty());
 }
 
 TEST(TheUartService, WritesChunksOfAtMost161BytesPausingOnlyBetweenThem) {
@@ -106,7 +106,7 @@ TEST(TheUartService, WritesChunksOfAtMost161BytesPausingOnlyBetweenThem) {
     EXPECT_GE(test::secondsSince(start), pauses * 0.005) << length;
     EXPECT_LT(test::secondsSince(start), pauses * 0.0075 + 0.09)
         << length << ": a pause after the last chunk?";
-    auto writes = p->snapshot(p->writes);
+    auto writes = fake::snapshot(p->writes);
     ASSERT_EQ(writes.size(), 20 * chunks.size()) << length;
     std::string joined;
     for (size_t i = 0; i < chunks.size(); ++i) {

@@ -3,9 +3,7 @@
 // from the frame format (so a misreading shared by both of the library's ends shows there).
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <set>
-#include <thread>
 
 #include "platform/Backends.h"
 #include "support/SimWorld.h"
@@ -129,55 +127,8 @@ TYPED_TEST(TheLibrary, EndsInDisconnectedFailedOrDfuAndStartsEachConnectionAndTr
   this->manager->connect(hr);
   ASSERT_TRUE(app.waitForState(QLT_PeripheralStateDfuInProgress));
   EXPECT_EQ(app.states(), (std::vector<int32_t>{1, 2, 5, 9}));
+  EXPECT_FALSE(hr->transportCounters()) << "no transport without the UART service";
 }
-
-using OnTheSimulatedRadio = TheLibrary<Sim>;
-
-TEST_F(OnTheSimulatedRadio, DeliversASourcesPatternOnceNotificationsAreOn) {
-  auto source = e2e::device("E2E-Source", sim::SimBehaviour::Source);
-  source.sourceBytes = 5000;
-  side.radio->addDevice(source);
-  auto p = find("E2E-Source");
-  p->setTransportType(1);
-  ASSERT_TRUE(connectReady(p));
-  ASSERT_TRUE(app->waitForTcpBytes(5000));
-  const std::string received = app->tcpJoined();
-  ASSERT_EQ(received.size(), 5000u);
-  for (size_t i = 0; i < received.size(); ++i) ASSERT_EQ(uint8_t(received[i]), i % 251) << i;
-}
-
-#ifndef QLT_TESTS_WITHOUT_BLUEZ
-using OnBluez = TheLibrary<Bluez>;
-
-// A UART service listed twice, tx and rx swapped, or an rx that cannot notify: the connection
-// goes on as the device offers it, and the cause is told once, naming the UART table's part
-// (in a line a healthy connection does not log).
-TEST_F(OnBluez, NamesTheCauseOnceWhenTheUartTableIsBroken) {
-  auto p = world->find("QLT-Chunk");
-  ASSERT_TRUE(p);
-  world->follow(p);
-  p->setTransportType(0);
-  const std::regex cause("(^|[^a-z])(rx|tx|uart|nus)([^a-z]|$)", std::regex::icase);
-  std::set<std::string> healthy;
-  for (const std::string fault : {"", "twice", "swapped", "no-notify"}) {
-    SCOPED_TRACE(fault);
-    side.set("QLT-Chunk", "gatt_fault", fault);
-    LogCapture logs;
-    app->clear();
-    manager->connect(p);
-    ASSERT_TRUE(app->waitForStateCount(4));
-    std::this_thread::sleep_for(500ms);
-    size_t told = 0;
-    for (const auto& line : logs.lines()) {
-      if (fault.empty()) healthy.insert(line);
-      told += !healthy.count(line) && std::regex_search(line, cause);
-    }
-    EXPECT_EQ(told, fault.empty() ? 0u : 1u);
-    manager->disconnect(p);
-    ASSERT_TRUE(app->waitForState(QLT_PeripheralStateDisconnected));
-  }
-}
-#endif
 
 TEST(TheSharedManager, RetrievesAPeripheralByItsIdentifierTextAndConnectsWithoutScanning) {
   auto manager = QLT_BLEManager::sharedInstance();

@@ -15,6 +15,16 @@
 
 namespace qlt::fake {
 
+// Guards every fake's changing fields (values, state, services, delegate, the records).
+inline std::mutex mutex;
+
+// A copy of `field`, taken under the fakes' lock.
+template <class T>
+T snapshot(const T& field) {
+  std::lock_guard lock(mutex);
+  return field;
+}
+
 class FakeCharacteristic : public platform::Characteristic {
  public:
   FakeCharacteristic(UUID uuid, uint32_t properties, std::weak_ptr<platform::Service> service)
@@ -23,12 +33,9 @@ class FakeCharacteristic : public platform::Characteristic {
   uint32_t properties() const override { return properties_; }
   bool isNotifying() const override { return false; }
   std::shared_ptr<platform::Service> service() const override { return service_.lock(); }
-  std::optional<Data> value() const override {
-    std::lock_guard lock(mutex_);
-    return value_;
-  }
+  std::optional<Data> value() const override { return snapshot(value_); }
   void setValue(const std::string& v) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     value_ = Data::fromString(v);
   }
 
@@ -36,12 +43,11 @@ class FakeCharacteristic : public platform::Characteristic {
   const UUID uuid_;
   const uint32_t properties_;
   const std::weak_ptr<platform::Service> service_;
-  mutable std::mutex mutex_;
-  std::optional<Data> value_;  // guarded by mutex_
+  std::optional<Data> value_;
 };
 
 // Its characteristics are added before it is handed to the code under test.
-struct FakeService : platform::Service {
+struct FakeService : platform::Service, std::enable_shared_from_this<FakeService> {
   UUID uuid_;
   std::weak_ptr<platform::Peripheral> peripheral_;
   std::vector<std::shared_ptr<platform::Characteristic>> characteristics_;
@@ -50,9 +56,8 @@ struct FakeService : platform::Service {
     return characteristics_;
   }
   std::shared_ptr<platform::Peripheral> peripheral() const override { return peripheral_.lock(); }
-  std::weak_ptr<platform::Service> self_;
   std::shared_ptr<FakeCharacteristic> add(UUID uuid, uint32_t properties) {
-    auto c = std::make_shared<FakeCharacteristic>(uuid, properties, self_);
+    auto c = std::make_shared<FakeCharacteristic>(uuid, properties, weak_from_this());
     characteristics_.push_back(c);
     return c;
   }
@@ -86,8 +91,7 @@ class FakePeripheral : public platform::Peripheral,
     auto s = std::make_shared<FakeService>();
     s->uuid_ = uuid;
     s->peripheral_ = weak_from_this();
-    s->self_ = s;
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     services_.push_back(s);
     return s;
   }
@@ -103,7 +107,7 @@ class FakePeripheral : public platform::Peripheral,
   std::optional<std::string> name() const override { return "fake"; }
   platform::PeripheralState state() const override { return snapshot(state_); }
   void setState(platform::PeripheralState s) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     state_ = s;
   }
   std::vector<std::shared_ptr<platform::Service>> services() const override {
@@ -113,23 +117,23 @@ class FakePeripheral : public platform::Peripheral,
     return snapshot(delegate_).lock();
   }
   void setDelegate(const std::shared_ptr<platform::PeripheralDelegate>& d) override {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     delegate_ = d;
   }
   void discoverServices(const std::optional<std::vector<UUID>>& uuids) override {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     serviceRequests.push_back(uuids);
   }
   void discoverCharacteristics(const std::optional<std::vector<UUID>>&,
                                const std::shared_ptr<platform::Service>&) override {}
   void writeValue(const Data& data, const std::shared_ptr<platform::Characteristic>& c,
                   platform::WriteType type) override {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     writes.push_back({data, c->uuid(), type});
   }
   void readValue(const std::shared_ptr<platform::Characteristic>&) override {}
   void setNotifyValue(bool enabled, const std::shared_ptr<platform::Characteristic>& c) override {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     notifyRequests.emplace_back(c->uuid(), enabled);
   }
   size_t maximumWriteValueLength(platform::WriteType) const override { return 244; }
@@ -138,16 +142,10 @@ class FakePeripheral : public platform::Peripheral,
   std::vector<WriteRecord> writes;
   std::vector<std::pair<UUID, bool>> notifyRequests;
   std::vector<std::optional<std::vector<UUID>>> serviceRequests;
-  template <class T>
-  T snapshot(const T& field) const {
-    std::lock_guard lock(mutex_);
-    return field;
-  }
 
  private:
   explicit FakePeripheral(UUID identifier) : identifier_(identifier) {}
   const UUID identifier_;
-  mutable std::mutex mutex_;
   platform::PeripheralState state_ = platform::PeripheralState::Disconnected;
   std::vector<std::shared_ptr<platform::Service>> services_;
   std::weak_ptr<platform::PeripheralDelegate> delegate_;
