@@ -60,7 +60,7 @@ TEST(AManager, FiltersOnTheCentralQueueAndALaterScanWithoutAFilterAcceptsEveryth
   settle(world);
   EXPECT_TRUE(world.app->discovered().empty()) << "a refused advertisement was announced";
   world.manager->startDiscover();  // replaces the earlier filter with none
-  ASSERT_TRUE(world.app->waitForDiscoveries(3));
+  ASSERT_TRUE(world.app->waitFor("discover", 3));
   world.manager->stopDiscover();
   EXPECT_EQ(offQueue, 0);
   auto found = world.app->discovered();
@@ -79,7 +79,7 @@ TEST(AManager, ClearsTheNameOfAPeripheralThatAdvertisesNone) {
   world.radio->removeDevice(named.identifier);
   world.radio->addDevice(anonymous);
   world.manager->startDiscover();
-  ASSERT_TRUE(world.app->waitForDiscoveries(1));
+  ASSERT_TRUE(world.app->waitFor("discover", 1));
   world.manager->stopDiscover();
   EXPECT_EQ(world.app->discovered().front(), p) << "the wrapper the application holds";
   EXPECT_FALSE(p->name().has_value());

@@ -101,7 +101,7 @@ TEST_F(APeripheral, DiscoversOnlyTheUartServiceAndAnnouncesEveryStateOnTheAppQue
   other->add(UUID::literal("2A19"), platform::kPropertyRead);
   connectAndDiscover();
   for (int32_t s : {8, 8, 7, 10}) peripheral->setState(s);  // repeats are announced too
-  ASSERT_TRUE(app->waitForStateCount(8));
+  ASSERT_TRUE(app->waitFor("state", 8));
   settle();
   app->onState(nullptr);
   EXPECT_EQ(app->states(), (States{2, 5, 6, 8, 8, 8, 7, 10}));
@@ -135,7 +135,7 @@ TEST_F(APeripheral, ALateDisconnectionNeverTearsDownTheNextConnection) {
     peripheral->setState(QLT_PeripheralStateConnecting);
     connectAndDiscover(0);  // ... while the next link is built, with the chunker again
   }
-  ASSERT_TRUE(app->waitForStateCount(10));
+  ASSERT_TRUE(app->waitFor("state", 10));
   EXPECT_EQ(app->states(), (States{2, 5, 6, 8, 0, 1, 2, 5, 6, 8}));
   peripheral->writeTCPData(Data::fromString("still works"));
   EXPECT_TRUE(test::eventually([&] { return written() == "still works"; }));
@@ -178,7 +178,7 @@ TEST_F(APeripheral, SpeaksTheSlidingWindowForAnyOtherTransportTypeAndCountsIt) {
   notify(kRx, std::string("\x02"
                           "dgram",
                           6));
-  ASSERT_TRUE(app->waitForUdp(1) && app->waitForTcpBytes(3));
+  ASSERT_TRUE(app->waitFor("udp", 1) && app->waitForTcpBytes(3));
   EXPECT_EQ(app->udp(), std::vector<Data>{Data::fromString("dgram")});
   EXPECT_EQ(app->tcpJoined(), "seg");
 }
@@ -188,7 +188,7 @@ TEST_F(APeripheral, ANewConfirmationReplacesTheTransportAndEndsTheOldOne) {
   peripheral->writeTCPData(Data::fromString("old"));  // stays unacknowledged: the old one polls
   ASSERT_TRUE(test::eventually([&] { return !fake::snapshot(fake->writes).empty(); }));
   confirmNotifications();
-  ASSERT_TRUE(app->waitForStateCount(5));
+  ASSERT_TRUE(app->waitFor("state", 5));
   EXPECT_EQ(app->states().back(), QLT_PeripheralStateReady);
   const size_t before = fake::snapshot(fake->writes).size();
   std::this_thread::sleep_for(std::chrono::milliseconds(800));  // past the old one's polls

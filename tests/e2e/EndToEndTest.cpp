@@ -57,14 +57,15 @@ TYPED_TEST(TheLibrary, ScansConnectsEchoesThroughTheSlidingWindowAndDisconnects)
   });
   EXPECT_EQ(this->manager->state(), QLT_BLEManagerStateScanning);
   this->manager->startDiscover();  // already scanning: ignored, the filter stays
-  ASSERT_TRUE(app.waitForDiscoveries(4));
+  ASSERT_TRUE(app.waitFor("discover", 4));
   this->manager->stopDiscover();
   EXPECT_EQ(this->manager->state(), QLT_BLEManagerStateIdle);
   const auto found = app.discovered();
   for (const auto& p : found) EXPECT_EQ(p, found[0]) << "one wrapper per device";
   EXPECT_EQ(found[0]->name(), std::optional<std::string>("QLT-Echo"));
-  const auto rssi = app.discoveredRSSI();
-  EXPECT_GT(std::set<int32_t>(rssi.begin(), rssi.end()).size(), 1u) << "RSSI is refreshed";
+  std::set<int32_t> rssi;
+  for (const auto& e : app.events("discover")) rssi.insert(e.state);
+  EXPECT_GT(rssi.size(), 1u) << "RSSI is refreshed";
 
   auto p = this->find("QLT-Echo");
   ASSERT_EQ(p, found[0]);
@@ -73,7 +74,7 @@ TYPED_TEST(TheLibrary, ScansConnectsEchoesThroughTheSlidingWindowAndDisconnects)
   EXPECT_EQ(app.states(), (std::vector<int32_t>{1, 2, 5, 6, 8}));
   EXPECT_TRUE(this->echoes(p, pattern(10 * 1024), 120));
   p->writeUDPData(Data::fromString("a datagram"));
-  ASSERT_TRUE(app.waitForUdp(1));
+  ASSERT_TRUE(app.waitFor("udp", 1));
   EXPECT_EQ(app.udp().front().toString(), "a datagram");
   if constexpr (!std::is_same_v<TypeParam, Sim>) {
     EXPECT_EQ(this->side.stats("QLT-Echo")["malformed"], 0) << "the device's own reading";

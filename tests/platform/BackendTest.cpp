@@ -525,51 +525,31 @@ TEST_F(OnTheSimulatedRadio, LosesTheSamePacketsForTheSameSeedAndNeverReorders) {
   EXPECT_TRUE(std::is_sorted(first.begin(), first.end()));
 }
 
-// Each fault of the air, with the least it must cost: a delay both ways, paced writes, a
-// link that drops after so many packets or so much time, a device that takes one central.
+// Faults of the air that no other suite reaches, with the least each must cost: paced
+// writes, a link that drops after so much time, a device that takes one central.
 TEST_F(OnTheSimulatedRadio, AppliesEachFaultOfTheAir) {
   auto p = central->retrievePeripheralsWithIdentifiers({side.id("QLT-Chunk")}).at(0);
   p->setDelegate(recorder);
-  auto echo20 = [&](sim::AirFaults faults) {
-    side.radio->setFaults(faults);
-    Link link = connect(p);
-    const auto start = std::chrono::steady_clock::now();
-    const size_t before = count("value");
-    for (int i = 0; i < 20; ++i)
-      p->writeValue(bytes(std::to_string(i)), link.tx, WriteType::WithoutResponse);
-    EXPECT_TRUE(recorder->waitFor("value", before + 20));
-    const auto took = std::chrono::steady_clock::now() - start;
-    central->cancelPeripheralConnection(p);
-    EXPECT_TRUE(eventually([&] { return p->state() == PeripheralState::Disconnected; }));
-    return took;
-  };
-  sim::AirFaults delayed, paced, dropping, timed;
-  delayed.connectionInterval = 0.015;
-  EXPECT_GE(echo20(delayed), 30ms) << "there and back";
+  sim::AirFaults paced, timed;
   paced.writeRateLimit = 200;
-  EXPECT_GE(echo20(paced), 95ms) << "one write every 5 ms";
-  EXPECT_EQ(valuesAfter("connect", 2).size(), 20u) << "paced, not lost";
-
-  dropping.dropAfterPackets = 6;  // three writes and their three echoes
-  side.radio->setFaults(dropping);
+  side.radio->setFaults(paced);
   Link link = connect(p);
-  for (int i = 0; i < 4; ++i) {
-    p->writeValue(bytes("d"), link.tx, WriteType::WithoutResponse);
-    if (i < 3) {
-      ASSERT_TRUE(recorder->waitFor("value", 40 + i + 1));
-    }
-  }
-  auto lost = recorder->waitFor("disconnect", 3);
-  ASSERT_TRUE(lost);
-  EXPECT_TRUE(lost->error);
-  EXPECT_EQ(valuesAfter("connect", 3).size(), 3u);
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i)
+    p->writeValue(bytes(std::to_string(i)), link.tx, WriteType::WithoutResponse);
+  ASSERT_TRUE(recorder->waitFor("value", 20)) << "paced, not lost";
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 95ms) << "one write every 5 ms";
+  central->cancelPeripheralConnection(p);
+  ASSERT_TRUE(recorder->waitFor("disconnect"));
+
   timed.dropAfterSeconds = 0.05;
   side.radio->setFaults(timed);
-  const auto start = std::chrono::steady_clock::now();
+  const auto connecting = std::chrono::steady_clock::now();
   central->connect(p);
-  ASSERT_TRUE(recorder->waitFor("connect", 4));
-  ASSERT_TRUE(recorder->waitFor("disconnect", 4));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+  ASSERT_TRUE(recorder->waitFor("connect", 2));
+  auto lost = recorder->waitFor("disconnect", 2);
+  ASSERT_TRUE(lost && lost->error);
+  EXPECT_GE(std::chrono::steady_clock::now() - connecting, 50ms);
 
   side.radio->setFaults({});
   ASSERT_TRUE(connect(p));
@@ -603,22 +583,14 @@ TEST_F(OnTheSimulatedRadio, LoadsItsConfigurationAllOrNothing) {
     EXPECT_NE(error.find(expected), std::string::npos) << json << " gave: " << error;
   }
   EXPECT_EQ(side.radio->devices().size(), devices) << "a refused configuration changes nothing";
-  std::string error;
+  std::string error;  // the rest of a device is the tool tests' radio file
   ASSERT_TRUE(side.radio->loadConfigString(R"({"faults": {"connectionIntervalMs": 7.5}, "devices": [
-      {"identifier": "51D0E001-0000-4000-8000-000000000001", "name": "Board", "mtu": 247,
-       "manufacturerData": "5900 0102", "behaviour": "sink", "faults": {"dropAfterPackets": 100},
-       "services": [{"uuid": "180F", "characteristics": [{"uuid": "2A19", "properties": ["read", "notify"]}]}]}]})",
+      {"identifier": "51D0E001-0000-4000-8000-000000000001", "manufacturerData": "5900 0102"}]})",
                                            &error))
       << error;
   auto board = side.radio->device(UUID::literal("51D0E001-0000-4000-8000-000000000001"));
-  ASSERT_TRUE(board && board->faults && board->services.size() == 1);
-  EXPECT_EQ(board->localName, "Board");
+  ASSERT_TRUE(board);
   EXPECT_EQ(board->manufacturerData, Data(std::vector<uint8_t>{0x59, 0x00, 0x01, 0x02}));
-  EXPECT_EQ(board->mtu, 247u);
-  EXPECT_EQ(board->behaviour, sim::SimBehaviour::Sink);
-  EXPECT_EQ(board->services[0].characteristics[0].properties,
-            uint32_t(platform::kPropertyRead | platform::kPropertyNotify));
-  EXPECT_EQ(board->faults->dropAfterPackets, 100u);
   EXPECT_DOUBLE_EQ(side.radio->faults().connectionInterval, 0.0075);
 }
 

@@ -74,7 +74,7 @@ class EventLog {
   std::vector<Event> events_;  // guarded by mutex_
 };
 
-// kind: state manager (a manager state) tcp udp discover
+// kind: state manager (a manager state) tcp udp discover; waitFor(kind, n) waits for the nth
 struct LibraryEvent {
   std::string kind;
   int32_t state = 0;  // of the peripheral or the manager; for discover, the RSSI
@@ -123,7 +123,6 @@ class PeripheralRecorder : public EventLog<LibraryEvent>,
   std::vector<std::shared_ptr<QLT_Peripheral>> discovered() const {
     return field("discover", &LibraryEvent::peripheral);
   }
-  std::vector<int32_t> discoveredRSSI() const { return field("discover", &LibraryEvent::state); }
   std::string tcpJoined() const {
     std::string s;
     for (const auto& d : tcp()) s += d.toString();
@@ -133,12 +132,6 @@ class PeripheralRecorder : public EventLog<LibraryEvent>,
   bool waitForState(int32_t state, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
     return waitUntil([&] { return last("state") == state; }, timeout);
   }
-  bool waitForStateCount(size_t n) {
-    return waitUntil([&] { return of("state").size() >= n; });
-  }
-  bool waitForManagerState(int32_t state) {
-    return waitUntil([&] { return last("manager") == state; });
-  }
   bool waitForTcpBytes(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
     return waitUntil(
         [&] {
@@ -147,12 +140,6 @@ class PeripheralRecorder : public EventLog<LibraryEvent>,
           return bytes >= n;
         },
         timeout);
-  }
-  bool waitForUdp(size_t n) {
-    return waitUntil([&] { return of("udp").size() >= n; });
-  }
-  bool waitForDiscoveries(size_t n) {
-    return waitUntil([&] { return of("discover").size() >= n; });
   }
 
  private:

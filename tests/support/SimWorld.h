@@ -85,7 +85,7 @@ struct World {
     app->clear();
     if (poweredOn) {
       side.power(true);
-      EXPECT_TRUE(app->waitForManagerState(QLT_BLEManagerStateIdle));
+      EXPECT_TRUE(app->waitFor("manager", 2));
     }
   }
   // Ends every link followed, so no transport outlives its backend.
@@ -108,7 +108,7 @@ struct World {
       EXPECT_TRUE(manager->centralQueue()->isCurrent());
       return localName == name;
     });
-    EXPECT_TRUE(app->waitForDiscoveries(before + 1));
+    EXPECT_TRUE(app->waitFor("discover", before + 1));
     manager->stopDiscover();
     auto found = app->discovered();
     app->clear();
