@@ -147,42 +147,25 @@ TEST_F(AStore, SurvivesAWriterKilledAtRandomMomentsDuringSynchronize) {
 // Each way a store's file can fail; the store must refuse to write and say why, and must
 // leave whatever is at the path as it was.
 TEST_F(AStore, RefusesToWriteWhenItsFileFailsAndSaysWhy) {
-  struct Case {
-    const char* what;
-    std::function<std::string(const std::string&)> prepare;  // makes the path fail; returns it
-    const char* reason;
-  };
-  const std::vector<Case> cases{
-      {"a file that cannot be read (a directory in its place)",
-       [](const std::string& d) {
-         fs::create_directories(d + "/known.json");
-         std::ofstream(d + "/known.json/keep") << "precious";
-         return d + "/known.json";
-       },
-       "cannot read"},
-      {"a directory that cannot be made (a file in its place)",
-       [](const std::string& d) {
-         std::ofstream(d + "/notadir") << "precious";
-         return d + "/notadir/known.json";
-       },
-       "cannot create"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    const std::string path = c.prepare(dir);
-    QLT_Database::setStorePath(path);
+  fs::create_directories(dir + "/known.json");  // a file that cannot be read: a directory
+  std::ofstream(dir + "/known.json/keep") << "precious";
+  std::ofstream(dir + "/notadir") << "precious";  // a directory that cannot be made: a file
+  for (const auto& [at, reason] : {std::pair{"/known.json", "cannot read"},
+                                   std::pair{"/notadir/known.json", "cannot create"}}) {
+    SCOPED_TRACE(at);
+    QLT_Database::setStorePath(dir + at);
     const auto store = QLT_Database::create();
     ASSERT_TRUE(store->store(device()));
     EXPECT_FALSE(store->synchronize());
-    EXPECT_NE(store->lastError().find(c.reason), std::string::npos) << store->lastError();
+    EXPECT_NE(store->lastError().find(reason), std::string::npos) << store->lastError();
     EXPECT_FALSE(store->removeAll());
-    EXPECT_NE(store->lastError().find(c.reason), std::string::npos) << store->lastError();
+    EXPECT_NE(store->lastError().find(reason), std::string::npos) << store->lastError();
   }
   // Nothing that was there is gone or moved aside.
-  std::ifstream keep(dir + "/known.json/keep");
-  std::string text;
-  keep >> text;
-  EXPECT_EQ(text, "precious");
+  EXPECT_EQ(
+      std::string(std::istreambuf_iterator<char>(std::ifstream(dir + "/known.json/keep").rdbuf()),
+                  {}),
+      "precious");
   EXPECT_TRUE(fs::is_regular_file(dir + "/notadir"));
   for (const auto& e : fs::directory_iterator(dir))
     EXPECT_EQ(e.path().filename().string().find("damaged"), std::string::npos) << e.path();

@@ -4,7 +4,6 @@
 
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/Log.h"
-#include "QueltLibrary/QueltLibrary_vers.h"
 #include "QueltLibrary/UUID.h"
 #include "support/TestSupport.h"
 
@@ -51,10 +50,4 @@ TEST(TheLog, FormatsEachArgumentByItsOwnType) {
   EXPECT_EQ(log.lines(), (std::vector<std::string>{
                              "P state = 8", "---> t-rcv : l=2, <6869>", "Connected to : (null)",
                              "text and 7 and 0.500000%", "missing (missing)"}));
-}
-
-TEST(TheVersionSymbols, CarryTheWhatString) {
-  EXPECT_EQ(QueltLibraryVersionNumber, 1.0);
-  EXPECT_STREQ(reinterpret_cast<const char*>(QueltLibraryVersionString),
-               "@(#)PROGRAM:QueltLibrary  PROJECT:QueltLibrary-1\n");
 }

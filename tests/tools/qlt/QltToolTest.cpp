@@ -158,20 +158,12 @@ TEST_F(TheQltTool, ChangesTheKnownStoreUnderALockOrFailsSayingWhy) {
   EXPECT_EQ(splitLines(qlt({"known", "list"}).out).size(), 3u);
   EXPECT_NE(qlt({"known", "clear"}).out.find("forgot 3"), std::string::npos);
 
-  const std::string file = storeFile(store_.path());
+  const std::string file = storeFile(store_.path());  // the store's own failures: its tests
   std::filesystem::remove(file);
   std::filesystem::create_directory(file);  // there, but not readable as a file
-  const std::string underAFile = "QLT_STORE_PATH=" + store_.path() + "/in.bin/known.json";
-  std::ofstream(store_.path() + "/in.bin") << "a file";
-  using Case = std::tuple<std::vector<std::string>, std::string, std::string>;
-  for (const auto& [args, env, why] :
-       std::vector<Case>{{{"known", "list"}, "", "cannot read"},
-                         {{"known", "add", "QLT-Echo"}, "", "cannot read"},
-                         {{"known", "clear"}, underAFile, "Not a directory"}}) {
-    const auto run = qlt(args, 60, withEnv({env}));
-    EXPECT_EQ(run.exitCode, 1) << args[1] << ": " << run.out << run.err;
-    EXPECT_NE(run.err.find(why), std::string::npos) << args[1] << ": " << run.err;
-  }
+  const auto run = qlt({"known", "add", "QLT-Echo"});
+  EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+  EXPECT_NE(run.err.find("cannot read"), std::string::npos) << run.err;
   EXPECT_TRUE(std::filesystem::is_directory(file));
 }
 
