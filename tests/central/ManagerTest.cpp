@@ -9,17 +9,10 @@ using States = std::vector<int32_t>;
 
 namespace {
 
-// Everything queued so far on the central, main and application queues has run.
-void settle(SimWorld& world) {
-  world.manager->centralQueue()->sync([] {});
-  DispatchQueue::main()->sync([] {});
-  world.appQueue->sync([] {});
-}
-
 // A world whose power-on announcements are behind it: the test sees only its own.
 struct QuietWorld : SimWorld {
   QuietWorld() {
-    settle(*this);
+    settle();
     app->clear();
   }
 };
@@ -41,7 +34,7 @@ TEST(AManager, AnnouncesEveryPowerReportRepeatsIncludedAndEachPowerOnAsReadyThen
     expected += on ? 2 : 1;
     ASSERT_TRUE(test::eventually([&] { return world.app->managerStates().size() >= expected; }));
   }
-  settle(world);
+  world.settle();
   EXPECT_EQ(world.app->managerStates(), (States{3, 3, 0, 1, 0, 1}));
   EXPECT_EQ(world.manager->state(), QLT_BLEManagerStateIdle);
 }
@@ -57,7 +50,7 @@ TEST(AManager, FiltersOnTheCentralQueueAndALaterScanWithoutAFilterAcceptsEveryth
   });
   ASSERT_TRUE(test::eventually([&] { return asked >= 3; }));
   world.manager->stopDiscover();
-  settle(world);
+  world.settle();
   EXPECT_TRUE(world.app->discovered().empty()) << "a refused advertisement was announced";
   world.manager->startDiscover();  // replaces the earlier filter with none
   ASSERT_TRUE(world.app->waitFor("discover", 3));
@@ -65,7 +58,7 @@ TEST(AManager, FiltersOnTheCentralQueueAndALaterScanWithoutAFilterAcceptsEveryth
   EXPECT_EQ(offQueue, 0);
   auto found = world.app->discovered();
   EXPECT_EQ(found[0], found[2]) << "one wrapper while the application holds it";
-  settle(world);
+  world.settle();
   EXPECT_EQ(world.app->managerStates(), (States{2, 1, 2, 1}));
 }
 
@@ -109,7 +102,7 @@ TEST(AManager, ReannouncesAConnectedPeripheralAndHandlesDisconnectEdgeCases) {
   // Still disconnecting: nothing. Already disconnected (the radio answers fast): 0 again.
   world.manager->disconnect(twin);
   ASSERT_TRUE(world.app->waitForState(QLT_PeripheralStateDisconnected));
-  settle(world);
+  world.settle();
   auto states = world.app->states();
   EXPECT_TRUE(states == (States{8, 3, 0}) || states == (States{8, 3, 0, 0})) << states.size();
 }

@@ -14,12 +14,6 @@ using namespace qlt;
 using Requests = std::vector<std::pair<UUID, bool>>;
 const UUID kRx = QLT_UUID::rxCharacteristicUUID(), kTx = QLT_UUID::txCharacteristicUUID();
 
-TEST(TheUartIdentifiers, NameTxAndRxFromTheLibrarysSide) {
-  EXPECT_EQ(QLT_UUID::uartServiceUUID().UUIDString(), "6E400001-B5A3-F393-E0A9-E50E24DCCA9E");
-  EXPECT_EQ(kTx.UUIDString(), "6E400002-B5A3-F393-E0A9-E50E24DCCA9E");
-  EXPECT_EQ(kRx.UUIDString(), "6E400003-B5A3-F393-E0A9-E50E24DCCA9E");
-}
-
 TEST(ACharacteristicWrapper, PrefersWritingWithoutResponseAndRefusesWithoutAWriteProperty) {
   using W = platform::WriteType;
   const std::tuple<uint32_t, std::string, std::optional<W>, const char*> cases[] = {

@@ -38,13 +38,6 @@ class ALifecycleRace : public ::testing::Test {
     world.follow(p);
     return p;
   }
-  void flush() {
-    for (int i = 0; i < 2; ++i) {
-      world.manager->centralQueue()->sync([] {});
-      DispatchQueue::main()->sync([] {});
-      world.appQueue->sync([] {});
-    }
-  }
   void expectLegalStates(int round) {
     std::string why;
     EXPECT_TRUE(test::isLegalStateSequence(world.app->states(), initialState, &why))
@@ -53,13 +46,13 @@ class ALifecycleRace : public ::testing::Test {
   // Lets every queued event run, checks what the application saw, and ends any link left up.
   void settle(const std::shared_ptr<QLT_Peripheral>& p, int round) {
     std::this_thread::sleep_for(15ms);
-    flush();
+    world.settle(2);
     expectLegalStates(round);
     if (p->state() != QLT_PeripheralStateDisconnected) {
       world.manager->disconnect(p);
       ASSERT_TRUE(world.app->waitForState(QLT_PeripheralStateDisconnected)) << round;
     }
-    flush();
+    world.settle(2);
     world.app->clear();
   }
   std::mt19937 rng;
@@ -108,7 +101,7 @@ TEST_F(ALifecycleRace, TheApplicationReconnectsFromInsideItsDisconnectedCallback
     world.app->onState(nullptr);
     // The late disconnection left the new connection alone: it still carries data.
     pause(2000);
-    flush();
+    world.settle(2);
     EXPECT_EQ(p->state(), QLT_PeripheralStateReady) << round;
     ASSERT_TRUE(p->transportCounters()) << round;
     p->writeTCPData(Data::fromString("still here"));
@@ -130,7 +123,7 @@ TEST_F(ALifecycleRace, TheApplicationDropsItsLastReferenceWhileCallbacksAreQueue
     }
     pause(2000);  // nobody holds the wrapper now; end the link behind its back
     world.radio->dropLink(config.identifier);
-    flush();
+    world.settle(2);
     ASSERT_TRUE(test::eventually([&] { return weak.expired(); })) << round;
     expectLegalStates(round);
     world.app->clear();
@@ -142,7 +135,7 @@ TEST_F(ALifecycleRace, TheApplicationDropsItsLastReferenceWhileCallbacksAreQueue
       std::this_thread::sleep_for(2ms);
       return false;
     })) << round;
-    flush();
+    world.settle(2);
   }
 }
 

@@ -120,6 +120,15 @@ struct World {
     p->moduleQueue()->sync([] {});
     followed.push_back(p);
   }
+  // Everything queued so far on the central, main and application queues has run (`times`
+  // over, for what those tasks queue in turn).
+  void settle(int times = 1) {
+    for (int i = 0; i < times; ++i) {
+      manager->centralQueue()->sync([] {});
+      DispatchQueue::main()->sync([] {});
+      appQueue->sync([] {});
+    }
+  }
   bool connectReady(const std::shared_ptr<QLT_Peripheral>& p) {
     manager->connect(p);
     return app->waitForState(QLT_PeripheralStateReady);
