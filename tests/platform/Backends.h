@@ -18,51 +18,30 @@ namespace qlt::test {
 
 using e2e::Sim;
 
-// A mock bluetoothd on a private bus of its own (mock_bluez.py --session), steered by the test
-// with one JSON request per line. Sets DBUS_SYSTEM_BUS_ADDRESS for this process while it lives.
-class MockBluez {
- public:
-  // Why the mock cannot run here ("" when it can): dbus-daemon or python3-dbus missing.
-  static std::string unavailableReason();
-
-  MockBluez() = default;
-  ~MockBluez();  // closes its input: the mock stops its bus and exits
-  MockBluez(const MockBluez&) = delete;
-  MockBluez& operator=(const MockBluez&) = delete;
-
-  // Starts bus and mock; an error text when they do not come up.
-  std::string start();
-  // One request (see bluez/README.md); its result. A refused request is a test failure.
-  nlohmann::json operator()(nlohmann::json request);
-  // The mock's address on the air of a default device ("QLT-Chunk" -> "C0:FF:EE:00:00:02").
-  static std::string address(const std::string& name);
-
- private:
-  bool readLine(std::string* line, int timeoutMs);
-
-  pid_t pid_ = -1;
-  int toMock_ = -1, fromMock_ = -1;
-  std::string buffer_;
-};
-
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
-using Json = nlohmann::json;
+// bluetoothd on a private bus of its own, with QLT-Echo, QLT-Chunk and HR-Sensor on the air: the
+// mock (mock_bluez.py --session), steered by the test with one JSON request per line. Sets
+// DBUS_SYSTEM_BUS_ADDRESS for this process while it lives.
+class Bluez {
+ public:
+  using Json = nlohmann::json;
+  Bluez() = default;
+  ~Bluez();  // closes the mock's input: it stops its bus and exits
+  Bluez(const Bluez&) = delete;
+  Bluez& operator=(const Bluez&) = delete;
 
-// bluetoothd on a private bus, with QLT-Echo, QLT-Chunk and HR-Sensor on the air.
-struct Bluez {
-  MockBluez mock;
-  std::string start() {
-    auto why = MockBluez::unavailableReason();
-    return why.empty() ? mock.start() : "skip: " + why;
-  }
+  // "" once bus and mock are up; "skip: why" without dbus-daemon or python3-dbus; else why not.
+  std::string start();
   std::shared_ptr<platform::Backend> backend() { return bluez::makeBackend(); }
   UUID id(const std::string& name) {
-    return bluez::identifierForAddress(*bluez::parseAddress(MockBluez::address(name)));
+    return bluez::identifierForAddress(*bluez::parseAddress(address(name)));
   }
+  // One request (see bluez/README.md); its result. A refused request is a test failure.
+  Json mock(Json request);
   // One request of the mock's session about the device named `name`.
   Json ask(const std::string& op, const std::string& name, Json request = Json::object()) {
     request["op"] = op;
-    request["address"] = MockBluez::address(name);
+    request["address"] = address(name);
     return mock(request);
   }
   void power(bool on) { mock({{"op", "power"}, {"on", on}}); }
@@ -75,6 +54,15 @@ struct Bluez {
   void set(const std::string& name, const std::string& what, const Json& value) {
     ask("set", name, {{"name", what}, {"value", value}});
   }
+
+ private:
+  // The mock's address of a default device ("QLT-Chunk" -> "C0:FF:EE:00:00:02").
+  static std::string address(const std::string& name);
+  bool readLine(std::string* line, int timeoutMs);
+
+  pid_t pid_ = -1;
+  int toMock_ = -1, fromMock_ = -1;
+  std::string buffer_;
 };
 #endif
 

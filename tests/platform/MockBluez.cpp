@@ -12,29 +12,25 @@
 
 extern char** environ;
 
+#ifndef QLT_TESTS_WITHOUT_BLUEZ
 namespace qlt::test {
 
-std::string MockBluez::unavailableReason() {
-  if (std::system("command -v dbus-daemon >/dev/null 2>&1") != 0) return "dbus-daemon is missing";
-  if (std::system("/usr/bin/python3 -c 'import dbus, gi' >/dev/null 2>&1") != 0) {
-    return "python3-dbus or python3-gi is missing for /usr/bin/python3";
-  }
-  return "";
-}
-
-std::string MockBluez::address(const std::string& name) {
+std::string Bluez::address(const std::string& name) {
   return name == "QLT-Echo"    ? "C0:FF:EE:00:00:01"
          : name == "QLT-Chunk" ? "C0:FF:EE:00:00:02"
                                : "C0:FF:EE:00:00:03";
 }
 
-MockBluez::~MockBluez() {
+Bluez::~Bluez() {
   if (toMock_ >= 0) ::close(toMock_);
   if (pid_ > 0) ::waitpid(pid_, nullptr, 0);
   if (fromMock_ >= 0) ::close(fromMock_);
 }
 
-std::string MockBluez::start() {
+std::string Bluez::start() {
+  if (std::system("command -v dbus-daemon >/dev/null 2>&1") != 0) return "skip: no dbus-daemon";
+  if (std::system("/usr/bin/python3 -c 'import dbus, gi' >/dev/null 2>&1") != 0)
+    return "skip: python3-dbus or python3-gi is missing for /usr/bin/python3";
   int in[2], out[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return "pipe failed";
   posix_spawn_file_actions_t actions;
@@ -58,7 +54,7 @@ std::string MockBluez::start() {
   return "";
 }
 
-bool MockBluez::readLine(std::string* line, int timeoutMs) {
+bool Bluez::readLine(std::string* line, int timeoutMs) {
   for (;;) {
     if (auto newline = buffer_.find('\n'); newline != std::string::npos) {
       *line = buffer_.substr(0, newline);
@@ -74,7 +70,7 @@ bool MockBluez::readLine(std::string* line, int timeoutMs) {
   }
 }
 
-nlohmann::json MockBluez::operator()(nlohmann::json request) {
+nlohmann::json Bluez::mock(nlohmann::json request) {
   const std::string text = request.dump() + "\n";
   std::string line = "(no answer)";
   if (::write(toMock_, text.data(), text.size()) == static_cast<ssize_t>(text.size())) {
@@ -90,3 +86,4 @@ nlohmann::json MockBluez::operator()(nlohmann::json request) {
 }
 
 }  // namespace qlt::test
+#endif
