@@ -125,6 +125,7 @@ TYPED_TEST(TheLibrary, EndsInDisconnectedFailedOrDfuAndStartsEachConnectionAndTr
 
   auto hr = this->find("HR-Sensor");
   ASSERT_TRUE(hr);
+  hr->setTransportType(1);  // a sliding window would show in the counters
   this->manager->connect(hr);
   ASSERT_TRUE(app.waitForState(QLT_PeripheralStateDfuInProgress));
   EXPECT_EQ(app.states(), (std::vector<int32_t>{1, 2, 5, 9}));
