@@ -1,4 +1,5 @@
-// libFuzzer target: a script of mostly valid frames into a sliding-window engine's receive path.
+// libFuzzer target: the input into a sliding-window engine's receive path, as raw values or as
+// a script of mostly valid frames (QLT_FUZZ_ENTRY is runRaw or runStructured).
 #include <cstddef>
 #include <cstdint>
 
@@ -11,5 +12,5 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  return qlt::fuzz::runStructured(data, size);
+  return qlt::fuzz::QLT_FUZZ_ENTRY(data, size);
 }
