@@ -234,4 +234,18 @@ std::shared_ptr<QLT_Peripheral> QLT_BLEManager::retrievePeripheralWithUUID(
   return QLT_Peripheral::create(found.front());
 }
 
+std::shared_ptr<QLT_Peripheral> QLT_BLEManager::retrievePeripheralWithAddress(
+    const std::string& addressText) {
+  const auto address = platform::canonicalAddress(addressText);
+  if (!address) {
+    QLTLog("retrievePeripheralWithAddress : \"%@\" is not a Bluetooth address", addressText);
+    return nullptr;
+  }
+  auto central = sharedInstance()->centralManager();
+  if (!central) return nullptr;
+  auto found = central->retrievePeripheralsWithAddresses({*address});
+  if (found.empty() || !found.front()) return nullptr;
+  return QLT_Peripheral::create(found.front());
+}
+
 }  // namespace qlt

@@ -152,6 +152,15 @@ std::vector<std::shared_ptr<platform::Peripheral>> BluezCentral::retrievePeriphe
   return found;
 }
 
+std::vector<std::shared_ptr<platform::Peripheral>> BluezCentral::retrievePeripheralsWithAddresses(
+    const std::vector<std::string>& addresses) {
+  std::vector<UUID> identifiers;
+  for (const auto& text : addresses) {
+    if (auto address = parseAddress(text)) identifiers.push_back(identifierForAddress(*address));
+  }
+  return retrievePeripheralsWithIdentifiers(identifiers);
+}
+
 // ------------------------------------------------------------------------------------------
 // GATT operations: on the bus thread
 
