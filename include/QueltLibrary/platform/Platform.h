@@ -185,6 +185,7 @@ struct AdvertisementData {
   // Whether the device accepts connections. A stack that does not say reports true.
   bool isConnectable = true;
 
+  friend bool operator==(const AdvertisementData&, const AdvertisementData&) = default;
   // The first (lowest) company's entry as one advertisement field carries it: the company
   // identifier, little-endian, then its bytes; nothing without manufacturer data.
   std::optional<Data> manufacturerField() const {
