@@ -67,7 +67,11 @@ class QLT_BLEManagerDidDiscoveredPeripheral : public virtual Delegate {
 
 class QLT_BLEManager : public QLT_Object, public platform::CentralDelegate {
  public:
-  // Keeps (true) or drops (false) one advertisement; called on the central queue.
+  // Keeps (true) or drops (false) one advertisement; called on the central queue. The
+  // advertisement data carries what the platform reports: name, manufacturer data by
+  // company id, service UUIDs, service data, TX power, connectable; the peripheral's
+  // bluetoothAddress() where the platform knows it. A kept one is also the wrapper's
+  // advertisementData().
   using DiscoveryFilter =
       std::function<bool(const std::shared_ptr<platform::Peripheral>& peripheral,
                          const std::optional<std::string>& localName,

@@ -317,7 +317,7 @@ void BluezCentral::deviceChanged(const std::string& path, const std::set<std::st
   if (changed.count("ServicesResolved")) gattClient_.servicesResolvedChanged(address);
   // Only values that came with this signal count as an advertisement; an invalidated RSSI
   // (discovery ended) is not one.
-  for (const char* name : {"RSSI", "Name", "ManufacturerData", "ServiceData"}) {
+  for (const char* name : {"RSSI", "Name", "ManufacturerData", "ServiceData", "TxPower"}) {
     if (changed.count(name) && props->count(name)) {
       discovery_.report(address, path);
       break;
