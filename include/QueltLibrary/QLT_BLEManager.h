@@ -67,7 +67,11 @@ class QLT_BLEManagerDidDiscoveredPeripheral : public virtual Delegate {
 
 class QLT_BLEManager : public QLT_Object, public platform::CentralDelegate {
  public:
-  // Keeps (true) or drops (false) one advertisement; called on the central queue.
+  // Keeps (true) or drops (false) one advertisement; called on the central queue. The
+  // advertisement data carries what the platform reports: name, manufacturer data by
+  // company id, service UUIDs, service data, TX power, connectable; the peripheral's
+  // bluetoothAddress() where the platform knows it. A kept one is also the wrapper's
+  // advertisementData().
   using DiscoveryFilter =
       std::function<bool(const std::shared_ptr<platform::Peripheral>& peripheral,
                          const std::optional<std::string>& localName,
@@ -84,6 +88,10 @@ class QLT_BLEManager : public QLT_Object, public platform::CentralDelegate {
   // text), without scanning; null when it knows none. Malformed text is logged and gives
   // null. Uses the shared manager.
   static std::shared_ptr<QLT_Peripheral> retrievePeripheralWithUUID(const std::string& uuidText);
+  // The same by Bluetooth address ("C0:FF:EE:00:00:01", any case): null when the system
+  // knows no device there or does not know addresses; malformed text is logged.
+  static std::shared_ptr<QLT_Peripheral> retrievePeripheralWithAddress(
+      const std::string& addressText);
   // The display string of a manager state. A value outside 0..3 is a programming error:
   // it is reported on standard error and the process aborts.
   static std::string convertStateToNSString(int32_t state);

@@ -46,6 +46,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "QueltLibrary/BLEService.h"
@@ -125,6 +126,13 @@ class QLT_Peripheral : public QLT_Object,
 
   std::optional<std::string> name() const;
   void setName(std::optional<std::string> name);
+  // The Bluetooth address ("C0:FF:EE:00:00:01", upper-case) when the platform knows it.
+  std::optional<std::string> address() const;
+  // Whether `device`, as a user names a device, means this peripheral: its name (exactly
+  // as advertised), its identifier (UUID text, any case) or its address (any case).
+  // The one rule by which the library and its tools resolve a device named by a person;
+  // any thread.
+  bool answersTo(std::string_view device) const;
   int32_t RSSI() const { return rssi_.load(std::memory_order_relaxed); }
   void setRSSI(int32_t rssi) { rssi_.store(rssi, std::memory_order_relaxed); }
   // 0: the chunking transport; anything else: the sliding window. Read at startTransport.

@@ -219,6 +219,21 @@ void QLT_BLEManager::centralManager_didDisconnectPeripheral_error(
 
 // ---- retrieval ----
 
+namespace {
+
+// A fresh wrapper for the first peripheral the shared manager's central gives `ask`.
+std::shared_ptr<QLT_Peripheral> retrieveOne(
+    const std::function<std::vector<std::shared_ptr<platform::Peripheral>>(platform::Central&)>&
+        ask) {
+  auto central = QLT_BLEManager::sharedInstance()->centralManager();
+  if (!central) return nullptr;
+  auto found = ask(*central);
+  if (found.empty() || !found.front()) return nullptr;
+  return QLT_Peripheral::create(found.front());
+}
+
+}  // namespace
+
 std::shared_ptr<QLT_Peripheral> QLT_BLEManager::retrievePeripheralWithUUID(
     const std::string& uuidText) {
   // Only the canonical 36-character form names a device.
@@ -227,11 +242,19 @@ std::shared_ptr<QLT_Peripheral> QLT_BLEManager::retrievePeripheralWithUUID(
     QLTLog("retrievePeripheralWithUUID : \"%@\" is not a peripheral identifier", uuidText);
     return nullptr;
   }
-  auto central = sharedInstance()->centralManager();
-  if (!central) return nullptr;
-  auto found = central->retrievePeripheralsWithIdentifiers({*uuid});
-  if (found.empty() || !found.front()) return nullptr;
-  return QLT_Peripheral::create(found.front());
+  return retrieveOne(
+      [&](platform::Central& c) { return c.retrievePeripheralsWithIdentifiers({*uuid}); });
+}
+
+std::shared_ptr<QLT_Peripheral> QLT_BLEManager::retrievePeripheralWithAddress(
+    const std::string& addressText) {
+  const auto address = platform::canonicalAddress(addressText);
+  if (!address) {
+    QLTLog("retrievePeripheralWithAddress : \"%@\" is not a Bluetooth address", addressText);
+    return nullptr;
+  }
+  return retrieveOne(
+      [&](platform::Central& c) { return c.retrievePeripheralsWithAddresses({*address}); });
 }
 
 }  // namespace qlt

@@ -179,6 +179,23 @@ void QLT_Peripheral::tearDown(uint64_t generation) {
 
 // ---- properties ----
 
+std::optional<std::string> QLT_Peripheral::address() const {
+  return basePeripheral_ ? basePeripheral_->bluetoothAddress() : std::nullopt;
+}
+
+bool QLT_Peripheral::answersTo(std::string_view device) const {
+  if (device.empty()) return false;
+  if (name() == device) return true;
+  if (!basePeripheral_) return false;
+  // Only the full 36-character form names a peripheral (not "180D" and the like).
+  if (device.size() == 36 &&
+      UUID::fromString(std::string(device)) == basePeripheral_->identifier()) {
+    return true;
+  }
+  const auto address = platform::canonicalAddress(device);
+  return address && address == this->address();
+}
+
 std::optional<std::string> QLT_Peripheral::name() const {
   std::lock_guard lock(mutex_);
   return name_;

@@ -12,6 +12,19 @@
 #include "support/PeripheralRecorder.h"
 #include "support/TestSupport.h"
 
+namespace qlt::platform {
+// Failures show the advertisement's fields rather than its bytes.
+void PrintTo(const AdvertisementData& a, std::ostream* os) {
+  *os << a.localName.value_or("(no name)") << " tx " << a.txPowerLevel.value_or(999)
+      << (a.isConnectable ? "" : " non-connectable");
+  for (const auto& [company, data] : a.manufacturerData)
+    *os << " " << company << "=" << data.description();
+  for (const auto& [uuid, data] : a.serviceData)
+    *os << " " << uuid.UUIDString() << "=" << data.description();
+  for (const auto& uuid : a.serviceUUIDs) *os << " uuid " << uuid.UUIDString();
+}
+}  // namespace qlt::platform
+
 namespace qlt::test {
 namespace {
 
@@ -209,8 +222,6 @@ TYPED_TEST(ABackend, ReportsOnlyTheServicesAskedForAndRepeatsOnlyWhenDuplicatesA
   for (const auto& e : r.events("discover")) {
     EXPECT_NE(e.advertisement.localName, "HR-Sensor") << "not asked for";
     EXPECT_EQ(e.advertisement.serviceUUIDs, std::vector<UUID>{kNus});
-    EXPECT_EQ(e.advertisement.manufacturerData,
-              Data(std::vector<uint8_t>{0xFF, 0xFF, 'Q', 'L', 'T'}));
     if (e.advertisement.localName != "QLT-Echo") continue;
     objects.insert(e.peripheral);
     rssis.insert(e.rssi);
@@ -253,6 +264,33 @@ TYPED_TEST(ABackend, RetrievesKnownDevicesInALaterCentralAndReportsAFailedConnec
   EXPECT_EQ(found[0]->state(), PeripheralState::Disconnected);
   this->side.failConnects(false);
   EXPECT_TRUE(this->connect(found[0])) << "connects next time";
+}
+
+TYPED_TEST(ABackend, ReportsAddressesAndAdvertisementDataAlikeAndRetrievesByAddress) {
+  const auto hr = UUID::literal("180D");
+  const Data qlt = bytes("QLT");
+  const std::map<std::string, platform::AdvertisementData> expected{
+      {"QLT-Echo",
+       {"QLT-Echo", {{0x0059, Data(std::vector<uint8_t>{1, 2})}, {0xFFFF, qlt}}, {kNus}, {}, 4}},
+      {"QLT-Chunk", {"QLT-Chunk", {{0xFFFF, qlt}}, {kNus}, {}, 4}},
+      {"HR-Sensor", {"HR-Sensor", {}, {hr}, {{hr, bytes("H")}}, -8}},
+  };
+  std::map<std::string, Event> seen;
+  this->central->scanForPeripherals(std::nullopt, {false});
+  ASSERT_TRUE(eventually([&] {
+    for (const auto& e : this->recorder->events("discover"))
+      seen[e.advertisement.localName.value_or("")] = e;
+    return seen.count("QLT-Echo") + seen.count("QLT-Chunk") + seen.count("HR-Sensor") == 3;
+  }));
+  this->central->stopScan();
+  for (const auto& [name, advertisement] : expected) {
+    EXPECT_EQ(seen[name].advertisement, advertisement) << name;
+    EXPECT_EQ(seen[name].peripheral->bluetoothAddress(), MockBluez::address(name));
+  }
+  const auto found = this->central->retrievePeripheralsWithAddresses(
+      {"c0:ff:ee:00:00:02", "C0:FF:EE:00:00:99", "x"});
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0]->identifier(), this->side.id("QLT-Chunk"));
 }
 
 TYPED_TEST(ABackend, EchoesABurstInOrderAndStopsReportingOnceNotificationsAreOff) {
@@ -569,6 +607,14 @@ TEST_F(OnTheSimulatedRadio, LoadsItsConfigurationAllOrNothing) {
       {R"({"faults": {"lostNotifications": 1.5}})", "faults.lostNotifications: out of range"},
       {R"({"devices": [{"identifier": "180D", "manufacturerData": "12G4"}]})",
        "devices[0].manufacturerData: not hexadecimal"},
+      {R"({"devices": [{"identifier": "180D", "manufacturerData": {"0x10000": ""}}]})",
+       "company identifier"},
+      {R"({"devices": [{"identifier": "180D", "serviceData": {"18G": "00"}}]})",
+       "serviceData: not a UUID"},
+      {R"({"devices": [{"identifier": "180D", "address": "C0:FF:EE:00:00"}]})",
+       "address: not a Bluetooth address"},
+      {R"({"devices": [{"identifier": "180D", "address": "C0:00:00:00:18:0D"}, {"identifier": "180F", "address": "c0:00:00:00:18:0d"}]})",
+       "devices[1].address: duplicate address"},
       {R"({"devices": [{"identifier": "180D", "services": [{"uuid": "180F", "characteristics": [{"uuid": "2A19", "properties": ["fly"]}]}]}]})",
        "devices[0].services[0].characteristics[0].properties[0]: unknown property \"fly\""},
   };
@@ -581,12 +627,30 @@ TEST_F(OnTheSimulatedRadio, LoadsItsConfigurationAllOrNothing) {
   EXPECT_EQ(side.radio->devices().size(), devices) << "a refused configuration changes nothing";
   std::string error;  // the rest of a device is the tool tests' radio file
   ASSERT_TRUE(side.radio->loadConfigString(R"({"faults": {"connectionIntervalMs": 7.5}, "devices": [
-      {"identifier": "51D0E001-0000-4000-8000-000000000001", "manufacturerData": "5900 0102"}]})",
+      {"identifier": "51D0E001-0000-4000-8000-000000000001", "manufacturerData": "5900 0102"},
+      {"identifier": "51D0E001-0000-4000-8000-000000000002", "address": "aa:bb:cc:dd:ee:ff", "txPower": -4,
+       "manufacturerData": {"0x004c": "01", "89": ""}, "serviceData": {"180F": "64"}, "connectable": false}]})",
                                            &error))
       << error;
   auto board = side.radio->device(UUID::literal("51D0E001-0000-4000-8000-000000000001"));
   ASSERT_TRUE(board);
-  EXPECT_EQ(board->manufacturerData, Data(std::vector<uint8_t>{0x59, 0x00, 0x01, 0x02}));
+  EXPECT_EQ(board->manufacturerData,
+            (std::map<uint16_t, Data>{{0x59, Data(std::vector<uint8_t>{1, 2})}}));
+  EXPECT_EQ(board->bluetoothAddress(), "C0:00:00:00:00:01") << "derived from the identifier";
+  auto tag = side.radio->device(UUID::literal("51D0E001-0000-4000-8000-000000000002"));
+  ASSERT_TRUE(tag);
+  EXPECT_EQ(tag->advertisement(),
+            (platform::AdvertisementData{std::nullopt,
+                                         {{0x4C, bytes("\x01")}, {0x59, Data()}},
+                                         {kNus},
+                                         {{UUID::literal("180F"), bytes("d")}},
+                                         -4,
+                                         false}));
+  EXPECT_EQ(tag->bluetoothAddress(), "AA:BB:CC:DD:EE:FF");
+  auto p = central->retrievePeripheralsWithIdentifiers({tag->identifier});
+  ASSERT_EQ(p.size(), 1u);
+  central->connect(p[0]);
+  ASSERT_TRUE(recorder->waitFor("fail")) << "a device that is not connectable";
   EXPECT_DOUBLE_EQ(side.radio->faults().connectionInterval, 0.0075);
 }
 

@@ -54,7 +54,9 @@ int runDemo(const DemoOptions& o) {
   printLine("scanning " + formatSeconds(o.scanS) +
             " with a filter that keeps devices advertising the UART service...");
   LiveTable table({"identifier", "name", "RSSI", "NUS"});
-  const auto devices = session.scan("", /*nusOnly=*/true, o.scanS, nullptr);
+  ScanFilter uart;
+  uart.nusOnly = true;
+  const auto devices = session.scan(uart, o.scanS, nullptr);
   std::vector<std::vector<std::string>> rows;
   rows.reserve(devices.size());
   for (const auto& d : devices)

@@ -73,6 +73,18 @@ std::optional<uint64_t> parseByteCount(const std::string& text, uint64_t min, ui
   return v;
 }
 
+std::optional<uint16_t> parseCompanyId(const std::string& text) {
+  const std::string t = trimmed(text);
+  const bool hex = t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X');
+  const std::string digits = hex ? t.substr(2) : t;
+  const char* allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
+  if (digits.empty() || digits.size() > 6 || digits.find_first_not_of(allowed) != std::string::npos)
+    return std::nullopt;
+  const unsigned long v = std::strtoul(digits.c_str(), nullptr, hex ? 16 : 10);
+  if (v > 0xFFFF) return std::nullopt;
+  return static_cast<uint16_t>(v);
+}
+
 CLI::Option* addNumberOption(CLI::App& command, const std::string& name, double& target,
                              const std::string& help, double min, double max,
                              const std::string& what) {

@@ -22,6 +22,10 @@ std::optional<double> parseNumber(const std::string& text, double min, double ma
 // whole number of bytes in [min, max]; std::nullopt otherwise (negatives, fractions,
 // overflow, unknown units).
 std::optional<uint64_t> parseByteCount(const std::string& text, uint64_t min, uint64_t max);
+// A 16-bit identifier such as a Bluetooth company identifier: decimal ("89") or
+// hexadecimal with 0x ("0x0059"), 0 to 0xFFFF; std::nullopt otherwise (signs, spaces
+// inside, trailing text, out of range).
+std::optional<uint16_t> parseCompanyId(const std::string& text);
 
 // Adds an option whose value must satisfy parseNumber(min, max); `what` describes it in the
 // error ("a number of seconds"). The help shows the range.

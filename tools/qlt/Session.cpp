@@ -33,13 +33,33 @@ bool advertisesNUS(const platform::AdvertisementData& ad) {
 DeviceInfo describe(const std::shared_ptr<QLT_Peripheral>& p) {
   DeviceInfo d;
   d.identifier = p->basePeripheral()->identifier().UUIDString();
+  d.address = p->address().value_or("");
   d.name = p->name().value_or("");
   d.rssi = p->RSSI();
-  d.nus = advertisesNUS(p->advertisementData());
+  d.advertisement = p->advertisementData();
+  d.nus = advertisesNUS(d.advertisement);
   return d;
 }
 
+bool keeps(const ScanFilter& f, const std::string& needle, const std::optional<std::string>& name,
+           const platform::AdvertisementData& ad) {
+  if (f.nusOnly && !advertisesNUS(ad)) return false;
+  if (!needle.empty() && lower(name.value_or("")).find(needle) == std::string::npos) return false;
+  if (f.manufacturer && !ad.manufacturerData.count(*f.manufacturer)) return false;
+  if (f.service && !ad.serviceData.count(*f.service) &&
+      std::find(ad.serviceUUIDs.begin(), ad.serviceUUIDs.end(), *f.service) ==
+          ad.serviceUUIDs.end())
+    return false;
+  return true;
+}
+
 }  // namespace
+
+bool looksLikeAddress(const std::string& text) {
+  return text.find(':') != std::string::npos &&
+         std::all_of(text.begin(), text.end(),
+                     [](unsigned char c) { return c == ':' || std::isxdigit(c); });
+}
 
 // ---- Session ----
 
@@ -184,24 +204,20 @@ void Session::powerOn(double timeoutS, bool show) {
 }
 
 std::vector<DeviceInfo> Session::scan(
-    const std::string& nameContains, bool nusOnly, double durationS,
+    const ScanFilter& filter, double durationS,
     const std::function<void(const DeviceInfo&, bool)>& onDevice) {
   auto manager = QLT_BLEManager::sharedInstance();
-  const std::string needle = lower(nameContains);
+  const std::string needle = lower(filter.nameContains);
   impl_->waiter.update([&] {
     impl_->onDevice = onDevice;
     impl_->order.clear();
     impl_->seen.clear();
   });
   // The filter runs on the library's central queue for every advertisement.
-  manager->startDiscover([needle, nusOnly](const std::shared_ptr<platform::Peripheral>&,
-                                           const std::optional<std::string>& localName,
-                                           const platform::AdvertisementData& ad, int) {
-    if (nusOnly && !advertisesNUS(ad)) return false;
-    if (!needle.empty() && lower(localName.value_or("")).find(needle) == std::string::npos)
-      return false;
-    return true;
-  });
+  manager->startDiscover([filter, needle](const std::shared_ptr<platform::Peripheral>&,
+                                          const std::optional<std::string>& localName,
+                                          const platform::AdvertisementData& ad,
+                                          int) { return keeps(filter, needle, localName, ad); });
   impl_->waiter.waitUntil([] { return false; }, durationS);
   manager->stopDiscover();
   queue_->sync([] {});  // advertisements already delivered are counted
@@ -215,20 +231,28 @@ std::vector<DeviceInfo> Session::scan(
 
 std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double timeoutS) {
   auto manager = QLT_BLEManager::sharedInstance();
-  const auto uuid = UUID::fromString(device);
-  std::string wanted = device;
-  if (uuid) {
-    wanted = uuid->UUIDString();
-    // A peripheral seen in this run, or one the system knows by identifier.
-    std::shared_ptr<QLT_Peripheral> known;
-    impl_->waiter.read([&] {
-      if (auto it = impl_->seen.find(wanted); it != impl_->seen.end()) known = it->second;
-    });
-    if (known) return known;
-    if (auto p = QLT_BLEManager::retrievePeripheralWithUUID(wanted)) return p;
+  const auto uuid = device.size() == 36 ? UUID::fromString(device) : std::nullopt;
+  const auto address = platform::canonicalAddress(device);
+  if (!address && looksLikeAddress(device)) {
+    throw UsageError("'" + device +
+                     "' is not a Bluetooth address (six pairs of hexadecimal digits joined by "
+                     "':', such as C0:FF:EE:00:00:01)");
   }
-  // Scan until a device with that identifier or exactly that name shows up.
+  const auto answers = [&](const std::shared_ptr<QLT_Peripheral>& p) {
+    return p->answersTo(device);
+  };
+  // A peripheral seen in this run, or one the system knows by identifier or address.
   std::shared_ptr<QLT_Peripheral> found;
+  impl_->waiter.read([&] {
+    for (const auto& [id, p] : impl_->seen) {
+      if (answers(p)) found = p;
+    }
+  });
+  if (found) return found;
+  if (uuid) found = QLT_BLEManager::retrievePeripheralWithUUID(uuid->UUIDString());
+  if (address) found = QLT_BLEManager::retrievePeripheralWithAddress(*address);
+  if (found) return found;
+  // Scan until a device with that name, identifier or address shows up.
   impl_->waiter.update([&] {
     impl_->onDevice = nullptr;
     impl_->seen.clear();
@@ -238,7 +262,7 @@ std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double 
   impl_->waiter.waitUntil(
       [&] {
         for (const auto& [id, p] : impl_->seen) {
-          if (id == wanted || (!uuid && p->name() == device)) {
+          if (answers(p)) {
             found = p;
             return true;
           }
@@ -248,8 +272,13 @@ std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double 
       timeoutS);
   manager->stopDiscover();
   if (!found) {
-    if (uuid)
-      throw Failure("no device with identifier " + wanted + " found within " + seconds(timeoutS));
+    if (uuid) {
+      throw Failure("no device with identifier " + uuid->UUIDString() + " found within " +
+                    seconds(timeoutS));
+    }
+    if (address) {
+      throw Failure("no device with address " + *address + " found within " + seconds(timeoutS));
+    }
     throw Failure("no device named '" + device + "' found within " + seconds(timeoutS));
   }
   return found;

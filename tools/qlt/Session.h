@@ -19,6 +19,8 @@
 
 #include "Commands.h"
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/UUID.h"
+#include "QueltLibrary/platform/Platform.h"
 #include "Stats.h"
 
 namespace qlt {
@@ -31,10 +33,24 @@ namespace qlt::cli {
 // One device as scan shows it.
 struct DeviceInfo {
   std::string identifier;  // upper-case UUID text
+  std::string address;     // "C0:FF:EE:00:00:01", "" when the platform does not know it
   std::string name;        // advertised name ("" when none)
   int rssi = 0;
-  bool nus = false;  // advertises the Nordic UART Service
+  bool nus = false;                           // advertises the Nordic UART Service
+  platform::AdvertisementData advertisement;  // the latest
 };
+
+// Which advertisements a scan keeps; every condition set must hold.
+struct ScanFilter {
+  std::string nameContains;              // in the advertised name, any case
+  bool nusOnly = false;                  // advertises the UART service
+  std::optional<uint16_t> manufacturer;  // carries manufacturer data of this company
+  std::optional<UUID> service;           // lists this service UUID or carries its data
+};
+
+// Whether `text` is meant as a Bluetooth address (hexadecimal digits and ':', at least one
+// ':'), so that a malformed one is reported as such rather than looked for as a name.
+bool looksLikeAddress(const std::string& text);
 
 // Link settings a command may put on the simulated radio (over --sim-config).
 struct SimLinkSettings {
@@ -73,15 +89,16 @@ class Session {
   // Failure after `timeoutS`.
   void powerOn(double timeoutS, bool show = false);
 
-  // Scans for `durationS` seconds. `nameContains` (case-insensitive) and `nusOnly` make up
-  // the filter handed to the library. `onDevice` runs for every accepted advertisement,
-  // with `first` set the first time a device is seen. Returns the devices seen, in the
-  // order first seen.
-  std::vector<DeviceInfo> scan(const std::string& nameContains, bool nusOnly, double durationS,
+  // Scans for `durationS` seconds with `filter` as the filter handed to the library.
+  // `onDevice` runs for every accepted advertisement, with `first` set the first time a
+  // device is seen. Returns the devices seen, in the order first seen.
+  std::vector<DeviceInfo> scan(const ScanFilter& filter, double durationS,
                                const std::function<void(const DeviceInfo&, bool first)>& onDevice);
 
-  // Finds DEVICE, an identifier (UUID text, any case) or a device name, by retrieving it
-  // or by scanning. Throws Failure "no device named 'foo' found within 5.0 s".
+  // Finds DEVICE, a name, an identifier (UUID text) or an address (either case; see
+  // QLT_Peripheral::answersTo), among the devices seen in this run, by retrieving it or by
+  // scanning. Throws UsageError for a malformed address ("C0:FF:EE:00:00"), Failure "no
+  // device named 'foo' found within 5.0 s".
   std::shared_ptr<QLT_Peripheral> find(const std::string& device, double timeoutS);
 
   // What limits a round trip on the link to the simulated devices (for the bench bound).

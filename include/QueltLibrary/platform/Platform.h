@@ -23,6 +23,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "QueltLibrary/Data.h"
@@ -155,14 +156,46 @@ enum class WriteType : int64_t {
   WithoutResponse = 1,
 };
 
-// What one advertisement carried.
+// A Bluetooth device address as text: six pairs of hexadecimal digits joined by ':'
+// ("C0:FF:EE:00:00:01"). Either case is accepted; the result is upper-case. Anything else
+// (other separators, missing or extra digits, surrounding spaces) gives nothing.
+inline std::optional<std::string> canonicalAddress(std::string_view text) {
+  if (text.size() != 17) return std::nullopt;
+  std::string out(text);
+  for (size_t i = 0; i < out.size(); ++i) {
+    char& c = out[i];
+    if (i % 3 == 2) {
+      if (c != ':') return std::nullopt;
+      continue;
+    }
+    if (c >= 'a' && c <= 'f') c = static_cast<char>(c - 'a' + 'A');
+    if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return std::nullopt;
+  }
+  return out;
+}
+
+// What one advertisement (with its scan response) carried, as far as the stack reports it.
 struct AdvertisementData {
   std::optional<std::string> localName;
-  std::optional<Data> manufacturerData;  // company identifier (little-endian) first
+  // Manufacturer-specific data by company identifier; the bytes follow the identifier.
+  std::map<uint16_t, Data> manufacturerData;
   std::vector<UUID> serviceUUIDs;
   std::map<UUID, Data> serviceData;
-  std::optional<int> txPowerLevel;
+  std::optional<int> txPowerLevel;  // dBm
+  // Whether the device accepts connections. A stack that does not say reports true.
   bool isConnectable = true;
+
+  friend bool operator==(const AdvertisementData&, const AdvertisementData&) = default;
+  // The first (lowest) company's entry as one advertisement field carries it: the company
+  // identifier, little-endian, then its bytes; nothing without manufacturer data.
+  std::optional<Data> manufacturerField() const {
+    if (manufacturerData.empty()) return std::nullopt;
+    const auto& [company, bytes] = *manufacturerData.begin();
+    std::vector<uint8_t> field{static_cast<uint8_t>(company & 0xff),
+                               static_cast<uint8_t>(company >> 8)};
+    field.insert(field.end(), bytes.span().begin(), bytes.span().end());
+    return Data(field.data(), field.size());
+  }
 };
 
 class CentralDelegate {
@@ -236,6 +269,9 @@ class Peripheral {
   virtual UUID identifier() const = 0;
   virtual std::optional<std::string> name() const = 0;
   virtual PeripheralState state() const = 0;
+  // The device's Bluetooth address in canonical text (canonicalAddress), when the platform
+  // knows it; the mobile platforms hide it, so nothing is a normal answer.
+  virtual std::optional<std::string> bluetoothAddress() const { return std::nullopt; }
   // The services found by the last discovery (empty before).
   virtual std::vector<std::shared_ptr<Service>> services() const = 0;
 
@@ -279,6 +315,12 @@ class Central {
   // The peripherals known by these identifiers (unknown ones are left out).
   virtual std::vector<std::shared_ptr<Peripheral>> retrievePeripheralsWithIdentifiers(
       const std::vector<UUID>& identifiers) = 0;
+  // The peripherals known by these addresses (canonical text; unknown ones are left out).
+  // A platform that does not know addresses finds none.
+  virtual std::vector<std::shared_ptr<Peripheral>> retrievePeripheralsWithAddresses(
+      const std::vector<std::string>& /*addresses*/) {
+    return {};
+  }
 };
 
 // A backend makes centrals.

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -51,10 +52,19 @@ struct SimServiceConfig {
 struct SimDeviceConfig {
   UUID identifier;
   std::optional<std::string> localName;  // advertised and the peripheral's name()
-  std::optional<Data> manufacturerData;  // company identifier (little-endian) first
-  int rssi = -60;                        // dBm, the mean
-  int rssiVariation = 6;                 // each advertisement is rssi ± up to this
-  double advertisingInterval = 0.1;      // seconds between advertisements
+  // The Bluetooth address (canonical text, see platform::canonicalAddress); empty: one
+  // derived from the identifier (see bluetoothAddress()).
+  std::optional<std::string> address;
+  // Advertised: manufacturer data by company identifier, service data by service UUID,
+  // TX power (dBm) and whether the device accepts connections (a device that does not
+  // fails every connect).
+  std::map<uint16_t, Data> manufacturerData;
+  std::map<UUID, Data> serviceData;
+  std::optional<int> txPowerLevel;
+  bool connectable = true;
+  int rssi = -60;                    // dBm, the mean
+  int rssiVariation = 6;             // each advertisement is rssi ± up to this
+  double advertisingInterval = 0.1;  // seconds between advertisements
   // The service UUIDs put in the advertisement; empty optional: those of `services`.
   std::optional<std::vector<UUID>> advertisedServices;
   double connectDelay = 0.002;  // seconds from connect() to the outcome
@@ -67,6 +77,11 @@ struct SimDeviceConfig {
 
   // The services as advertised (advertisedServices, or every service of the table).
   std::vector<UUID> advertisedServiceUUIDs() const;
+  // `address`, or a static random address made of the identifier's last six bytes (the
+  // two top bits set, as a static random address has them): stable for the device.
+  std::string bluetoothAddress() const;
+  // What one advertisement of this device carries.
+  platform::AdvertisementData advertisement() const;
   std::string description() const;  // "QLT-Echo (6E40...)"
 };
 

@@ -152,6 +152,15 @@ std::vector<std::shared_ptr<platform::Peripheral>> BluezCentral::retrievePeriphe
   return found;
 }
 
+std::vector<std::shared_ptr<platform::Peripheral>> BluezCentral::retrievePeripheralsWithAddresses(
+    const std::vector<std::string>& addresses) {
+  std::vector<UUID> identifiers;
+  for (const auto& text : addresses) {
+    if (auto address = parseAddress(text)) identifiers.push_back(identifierForAddress(*address));
+  }
+  return retrievePeripheralsWithIdentifiers(identifiers);
+}
+
 // ------------------------------------------------------------------------------------------
 // GATT operations: on the bus thread
 
@@ -308,7 +317,7 @@ void BluezCentral::deviceChanged(const std::string& path, const std::set<std::st
   if (changed.count("ServicesResolved")) gattClient_.servicesResolvedChanged(address);
   // Only values that came with this signal count as an advertisement; an invalidated RSSI
   // (discovery ended) is not one.
-  for (const char* name : {"RSSI", "Name", "ManufacturerData", "ServiceData"}) {
+  for (const char* name : {"RSSI", "Name", "ManufacturerData", "ServiceData", "TxPower"}) {
     if (changed.count(name) && props->count(name)) {
       discovery_.report(address, path);
       break;

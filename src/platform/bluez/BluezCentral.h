@@ -60,6 +60,9 @@ class BluezCentral final : public platform::Central,
   void cancelPeripheralConnection(const std::shared_ptr<platform::Peripheral>& peripheral) override;
   std::vector<std::shared_ptr<platform::Peripheral>> retrievePeripheralsWithIdentifiers(
       const std::vector<UUID>& identifiers) override;
+  // The identifiers stand for the addresses (identifierForAddress).
+  std::vector<std::shared_ptr<platform::Peripheral>> retrievePeripheralsWithAddresses(
+      const std::vector<std::string>& addresses) override;
 
   // ---- from BluezPeripheral (any thread)
   void discoverServices(std::shared_ptr<BluezPeripheral> peripheral,

@@ -51,6 +51,7 @@ class BluezPeripheral final : public platform::Peripheral,
   void setNotifyValue(bool enabled,
                       const std::shared_ptr<platform::Characteristic>& characteristic) override;
   size_t maximumWriteValueLength(platform::WriteType type) const override;
+  std::optional<std::string> bluetoothAddress() const override { return addressString(address_); }
 
   // ---- for the backend
   const Address& address() const { return address_; }

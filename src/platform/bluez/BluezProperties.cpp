@@ -100,24 +100,18 @@ platform::AdvertisementData PropertyReader::advertisement(const PropertyMap& dev
   adv.localName = string(device, path, "Name");
   adv.serviceUUIDs = uuids(device, path, "UUIDs");
   if (auto tx = int16(device, path, "TxPower")) adv.txPowerLevel = *tx;
+  // Device1 does not say whether the advertisement was connectable; bluetoothd lists the
+  // device as one it may connect to, so it stays true.
 
   if (auto md =
           get<std::map<uint16_t, sdbus::Variant>>(device, path, "ManufacturerData", "a{qv}")) {
-    // One advertisement carries one manufacturer-specific field; BlueZ keeps one entry per
-    // company. The first (lowest) company identifier is reported.
     for (const auto& [company, value] : *md) {
       if (!value.containsValueOfType<std::vector<uint8_t>>()) {
         complain(path, "ManufacturerData", "an entry of type " + value.peekValueType(), "ay");
         continue;
       }
       const auto bytes = value.get<std::vector<uint8_t>>();
-      std::vector<uint8_t> field;
-      field.reserve(bytes.size() + 2);
-      field.push_back(static_cast<uint8_t>(company & 0xff));
-      field.push_back(static_cast<uint8_t>(company >> 8));
-      field.insert(field.end(), bytes.begin(), bytes.end());
-      adv.manufacturerData = Data(field.data(), field.size());
-      break;
+      adv.manufacturerData[company] = Data(bytes.data(), bytes.size());
     }
   }
   if (auto sd = get<std::map<std::string, sdbus::Variant>>(device, path, "ServiceData", "a{sv}")) {

@@ -51,8 +51,8 @@ class PropertyReader {
   std::vector<UUID> uuids(const PropertyMap& props, const std::string& path, const char* name);
 
   // What one Device1 object says about the device's advertising: name, manufacturer data
-  // (a{qv}: the company identifier, little-endian, is put in front of the bytes, as the
-  // advertisement carries it), service data (a{sv}), service UUIDs, TX power.
+  // (a{qv}, by company identifier), service data (a{sv}, by service UUID), service UUIDs,
+  // TX power. Entries of another type are logged and left out.
   platform::AdvertisementData advertisement(const PropertyMap& device, const std::string& path);
   // "write-without-response", "notify", ... → CharacteristicProperty bits.
   uint32_t characteristicProperties(const PropertyMap& props, const std::string& path);

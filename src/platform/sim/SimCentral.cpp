@@ -159,10 +159,7 @@ void SimCentral::advertise(const UUID& identifier, uint64_t scan) {
   });
   if (!report) return;
 
-  platform::AdvertisementData advertisement;
-  advertisement.localName = config.localName;
-  advertisement.manufacturerData = config.manufacturerData;
-  advertisement.serviceUUIDs = config.advertisedServiceUUIDs();
+  const platform::AdvertisementData advertisement = config.advertisement();
   auto peripheral = peripheralFor(identifier, config.localName);
   if (auto delegate = this->delegate()) {
     delegate->centralManager_didDiscoverPeripheral_advertisementData_RSSI(*this, peripheral,
@@ -219,6 +216,18 @@ std::vector<std::shared_ptr<platform::Peripheral>> SimCentral::retrievePeriphera
     }
   }
   return found;
+}
+
+std::vector<std::shared_ptr<platform::Peripheral>> SimCentral::retrievePeripheralsWithAddresses(
+    const std::vector<std::string>& addresses) {
+  std::vector<UUID> identifiers;
+  for (const auto& text : addresses) {
+    const auto address = platform::canonicalAddress(text);
+    if (auto identifier = address ? radio_->identifierForAddress(*address) : std::nullopt) {
+      identifiers.push_back(*identifier);
+    }
+  }
+  return retrievePeripheralsWithIdentifiers(identifiers);
 }
 
 }  // namespace qlt::sim

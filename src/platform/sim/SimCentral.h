@@ -41,6 +41,8 @@ class SimCentral final : public platform::Central, public std::enable_shared_fro
   bool isScanning() const override;
   void connect(const std::shared_ptr<platform::Peripheral>& peripheral) override;
   void cancelPeripheralConnection(const std::shared_ptr<platform::Peripheral>& peripheral) override;
+  std::vector<std::shared_ptr<platform::Peripheral>> retrievePeripheralsWithAddresses(
+      const std::vector<std::string>& addresses) override;
   std::vector<std::shared_ptr<platform::Peripheral>> retrievePeripheralsWithIdentifiers(
       const std::vector<UUID>& identifiers) override;
 

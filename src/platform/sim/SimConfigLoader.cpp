@@ -1,7 +1,10 @@
 #include "SimConfigLoader.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <set>
 #include <stdexcept>
 
@@ -91,6 +94,38 @@ Data hexBytes(const json& j, const std::string& path) {
     bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
   }
   return Data(bytes.data(), bytes.size());
+}
+
+// A company identifier: decimal or 0x-prefixed hexadecimal text, 0 to 0xFFFF.
+uint16_t companyId(const std::string& key, const std::string& path) {
+  const bool hex = key.size() > 2 && key[0] == '0' && (key[1] == 'x' || key[1] == 'X');
+  const std::string digits = hex ? key.substr(2) : key;
+  const bool ok =
+      !digits.empty() && digits.size() <= 6 &&
+      std::all_of(digits.begin(), digits.end(), [&](char c) {
+        return hex ? std::isxdigit(static_cast<unsigned char>(c)) != 0 : (c >= '0' && c <= '9');
+      });
+  const unsigned long v = ok ? std::stoul(digits, nullptr, hex ? 16 : 10) : 0x10000;
+  if (v > 0xFFFF) fail(path, "not a company identifier (0 to 0xFFFF): \"" + key + "\"");
+  return static_cast<uint16_t>(v);
+}
+
+// {"0x0059": "0102", ...}, or one advertisement field as hex text: the company identifier
+// (little-endian) followed by its bytes.
+std::map<uint16_t, Data> manufacturerData(const json& j, const std::string& path) {
+  std::map<uint16_t, Data> out;
+  if (j.is_string()) {
+    const Data field = hexBytes(j, path);
+    if (field.size() < 2) fail(path, "too short for a company identifier");
+    const auto b = field.span();
+    out[static_cast<uint16_t>(b[0] | b[1] << 8)] = Data(b.subspan(2));
+    return out;
+  }
+  if (!j.is_object()) fail(path, "expected hex text or an object of company id: hex text");
+  for (const auto& [key, value] : j.items()) {
+    out[companyId(key, path)] = hexBytes(value, join(path, key));
+  }
+  return out;
 }
 
 uint32_t properties(const json& j, const std::string& path) {
@@ -190,16 +225,40 @@ SimServiceConfig service(const json& j, const std::string& path) {
 }
 
 SimDeviceConfig device(const json& j, const std::string& path) {
-  requireObject(j, path,
-                {"identifier", "name", "manufacturerData", "rssi", "rssiVariation",
-                 "advertisingIntervalMs", "advertisedServices", "connectDelayMs", "mtu", "services",
-                 "behaviour", "sourceBytes", "faults"});
+  requireObject(
+      j, path,
+      {"identifier", "name", "address", "manufacturerData", "serviceData", "txPower", "connectable",
+       "rssi", "rssiVariation", "advertisingIntervalMs", "advertisedServices", "connectDelayMs",
+       "mtu", "services", "behaviour", "sourceBytes", "faults"});
   if (!j.contains("identifier")) fail(path, "missing \"identifier\"");
   SimDeviceConfig d;
   d.identifier = uuid(j["identifier"], join(path, "identifier"));
   if (j.contains("name")) d.localName = text(j["name"], join(path, "name"));
+  if (j.contains("address")) {
+    const std::string t = text(j["address"], join(path, "address"));
+    d.address = platform::canonicalAddress(t);
+    if (!d.address) {
+      fail(join(path, "address"),
+           "not a Bluetooth address (such as C0:FF:EE:00:00:01): \"" + t + "\"");
+    }
+  }
   if (j.contains("manufacturerData")) {
-    d.manufacturerData = hexBytes(j["manufacturerData"], join(path, "manufacturerData"));
+    d.manufacturerData = manufacturerData(j["manufacturerData"], join(path, "manufacturerData"));
+  }
+  if (j.contains("serviceData")) {
+    const std::string p = join(path, "serviceData");
+    if (!j["serviceData"].is_object()) fail(p, "expected an object of service UUID: hex text");
+    for (const auto& [key, value] : j["serviceData"].items()) {
+      const auto u = UUID::fromString(key);
+      if (!u) fail(p, "not a UUID: \"" + key + "\"");
+      d.serviceData[*u] = hexBytes(value, join(p, key));
+    }
+  }
+  if (j.contains("txPower"))
+    d.txPowerLevel = integer(j["txPower"], join(path, "txPower"), -127, 20);
+  if (j.contains("connectable")) {
+    if (!j["connectable"].is_boolean()) fail(join(path, "connectable"), "expected true or false");
+    d.connectable = j["connectable"].get<bool>();
   }
   if (j.contains("rssi")) d.rssi = integer(j["rssi"], join(path, "rssi"), -127, 20);
   if (j.contains("rssiVariation")) {
@@ -264,11 +323,15 @@ bool parseRadioConfig(std::string_view text, RadioConfig& config, std::string& e
       const auto& list = j["devices"];
       if (!list.is_array()) fail("devices", "expected a list");
       std::set<UUID> seen;
+      std::set<std::string> addresses;
       for (size_t i = 0; i < list.size(); ++i) {
         const std::string path = "devices[" + std::to_string(i) + "]";
         SimDeviceConfig d = device(list[i], path);
         if (!seen.insert(d.identifier).second) {
           fail(path + ".identifier", "duplicate identifier " + d.identifier.UUIDString());
+        }
+        if (!addresses.insert(d.bluetoothAddress()).second) {
+          fail(path + ".address", "duplicate address " + d.bluetoothAddress());
         }
         parsed.devices.push_back(std::move(d));
       }

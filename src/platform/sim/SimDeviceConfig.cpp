@@ -1,5 +1,7 @@
 #include "QueltLibrary/sim/SimDeviceConfig.h"
 
+#include <cstdio>
+
 #include "QueltLibrary/QLT_UUID.h"
 
 namespace qlt::sim {
@@ -43,6 +45,30 @@ std::vector<UUID> SimDeviceConfig::advertisedServiceUUIDs() const {
   std::vector<UUID> uuids;
   for (const auto& service : services) uuids.push_back(service.uuid);
   return uuids;
+}
+
+std::string SimDeviceConfig::bluetoothAddress() const {
+  if (address) return *address;
+  const auto& bytes = identifier.bytes();
+  std::string text;
+  for (size_t i = bytes.size() - 6; i < bytes.size(); ++i) {
+    const uint8_t b = i == bytes.size() - 6 ? (bytes[i] | 0xC0) : bytes[i];
+    char pair[4];
+    std::snprintf(pair, sizeof pair, "%02X", b);
+    text += (text.empty() ? "" : ":") + std::string(pair);
+  }
+  return text;
+}
+
+platform::AdvertisementData SimDeviceConfig::advertisement() const {
+  platform::AdvertisementData ad;
+  ad.localName = localName;
+  ad.manufacturerData = manufacturerData;
+  ad.serviceUUIDs = advertisedServiceUUIDs();
+  ad.serviceData = serviceData;
+  ad.txPowerLevel = txPowerLevel;
+  ad.isConnectable = connectable;
+  return ad;
 }
 
 std::string SimDeviceConfig::description() const {

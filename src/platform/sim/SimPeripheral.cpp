@@ -73,6 +73,12 @@ size_t SimPeripheral::maximumWriteValueLength(platform::WriteType type) const {
 
 // ---- Connection ----
 
+std::optional<std::string> SimPeripheral::bluetoothAddress() const {
+  auto device = radio_->view(identifier_);
+  if (!device) return std::nullopt;
+  return device->config.bluetoothAddress();
+}
+
 void SimPeripheral::connect() {
   uint64_t generation = 0;
   {
@@ -102,6 +108,9 @@ void SimPeripheral::completeConnect(uint64_t generation) {
   auto device = radio_->view(identifier_);
   if (!device) return failConnect(generation, "no such device");
   if (!radio_->isPowered()) return failConnect(generation, "the radio is powered off");
+  if (!device->config.connectable) {
+    return failConnect(generation, "the device does not accept connections");
+  }
   SimRandom random(SimRandom::seedFrom(
       {device->faults.seed, SimRandom::hashOf(identifier_), attempt, kStreamConnect}));
   if (random.chance(device->faults.connectFailure)) {

@@ -44,6 +44,8 @@ class SimPeripheral final : public platform::Peripheral,
   ~SimPeripheral() override;
 
   UUID identifier() const override { return identifier_; }
+  // The configured or derived address; nothing once the device is gone from the radio.
+  std::optional<std::string> bluetoothAddress() const override;
   std::optional<std::string> name() const override;
   platform::PeripheralState state() const override;
   std::vector<std::shared_ptr<platform::Service>> services() const override;

@@ -49,6 +49,14 @@ std::vector<UUID> SimRadio::Impl::deviceIdentifiers() const {
   return identifiers;
 }
 
+std::optional<UUID> SimRadio::Impl::identifierForAddress(const std::string& address) const {
+  std::lock_guard lock(mutex);
+  for (const auto& [identifier, record] : devices) {
+    if (record.config.bluetoothAddress() == address) return identifier;
+  }
+  return std::nullopt;
+}
+
 bool SimRadio::Impl::claim(const UUID& identifier, const std::shared_ptr<SimLink>& link) {
   std::lock_guard lock(mutex);
   auto it = devices.find(identifier);
@@ -115,25 +123,32 @@ SimRadio::~SimRadio() {
 }
 
 std::vector<SimDeviceConfig> SimRadio::defaultDevices() {
-  auto make = [](const char* identifier, const char* name, SimBehaviour behaviour, int rssi) {
+  const auto bytes = [](std::initializer_list<uint8_t> list) { return Data(std::vector(list)); };
+  auto make = [&](const char* identifier, const char* name, SimBehaviour behaviour, int rssi,
+                  int n) {
     SimDeviceConfig d;
     d.identifier = UUID::literal(identifier);
     d.localName = name;
-    const uint8_t manufacturer[] = {0xFF, 0xFF, 0x51, 0x4C, 0x54};  // test company id, "QLT"
-    d.manufacturerData = Data(manufacturer, sizeof manufacturer);
+    d.address = "C0:FF:EE:00:00:0" + std::to_string(n);
+    d.manufacturerData = {{0xFFFF, bytes({'Q', 'L', 'T'})}};  // the test company id
+    d.txPowerLevel = 4;
     d.rssi = rssi;
     d.behaviour = behaviour;
     return d;
   };
   std::vector<SimDeviceConfig> devices{
-      make("51D0E001-0000-4000-8000-0000000000E1", "QLT-Echo", SimBehaviour::SwEcho, -48),
-      make("51D0E001-0000-4000-8000-0000000000C1", "QLT-Chunk", SimBehaviour::ChunkEcho, -55),
-      make("51D0E001-0000-4000-8000-0000000000D1", "QLT-Sink", SimBehaviour::Sink, -62),
-      make("51D0E001-0000-4000-8000-0000000000A1", "QLT-Source", SimBehaviour::Source, -66),
-      make("51D0E001-0000-4000-8000-0000000000B1", "HR-Sensor", SimBehaviour::None, -71),
+      make("51D0E001-0000-4000-8000-0000000000E1", "QLT-Echo", SimBehaviour::SwEcho, -48, 1),
+      make("51D0E001-0000-4000-8000-0000000000C1", "QLT-Chunk", SimBehaviour::ChunkEcho, -55, 2),
+      make("51D0E001-0000-4000-8000-0000000000D1", "QLT-Sink", SimBehaviour::Sink, -62, 4),
+      make("51D0E001-0000-4000-8000-0000000000A1", "QLT-Source", SimBehaviour::Source, -66, 5),
+      make("51D0E001-0000-4000-8000-0000000000B1", "HR-Sensor", SimBehaviour::None, -71, 3),
   };
-  devices.back().services = {SimServiceConfig::heartRate()};
-  devices.back().manufacturerData.reset();
+  devices.front().manufacturerData[0x0059] = bytes({0x01, 0x02});  // and Nordic's
+  auto& heartRate = devices.back();
+  heartRate.services = {SimServiceConfig::heartRate()};
+  heartRate.manufacturerData.clear();
+  heartRate.serviceData = {{UUID::literal("180D"), bytes({0x48})}};
+  heartRate.txPowerLevel = -8;
   return devices;
 }
 

@@ -58,6 +58,8 @@ struct SimRadio::Impl {
   bool isPowered() const;
   std::optional<DeviceView> view(const UUID& identifier) const;
   std::vector<UUID> deviceIdentifiers() const;
+  // The device with this address (canonical text), if any.
+  std::optional<UUID> identifierForAddress(const std::string& address) const;
   // Makes `link` the device's link unless it has a live one; false when busy or gone.
   bool claim(const UUID& identifier, const std::shared_ptr<SimLink>& link);
   void release(const UUID& identifier, const SimLink* link);

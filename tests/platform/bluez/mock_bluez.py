@@ -148,15 +148,20 @@ class Device:
             self.obj = DeviceObj(self.path, DEVICE, {
                 'Address': self.address, 'Name': self.name, 'Alias': self.name, 'Adapter': dbus.ObjectPath(HCI),
                 'Connected': dbus.Boolean(connected), 'ServicesResolved': dbus.Boolean(connected),
-                'UUIDs': dbus.Array(self.uuids, 's'), 'RSSI': dbus.Int16(self.rssi),
-                **({} if self.behaviour == 'heart-rate' else  # as the simulated radio's devices
-                   {'ManufacturerData': dbus.Dictionary({dbus.UInt16(0xFFFF): ay(b'QLT')}, 'qv')})}, self)
+                'UUIDs': dbus.Array(self.uuids, 's'), 'RSSI': dbus.Int16(self.rssi), **self.advertising()}, self)
             self.connected = connected
             if connected:
                 self.add_gatt()
         else:
             self.rssi += 1 if self.rssi < -60 else -3
             self.obj.set(RSSI=dbus.Int16(self.rssi))
+
+    def advertising(self):
+        """As the simulated radio's default devices advertise."""
+        if self.behaviour == 'heart-rate':
+            return {'ServiceData': dbus.Dictionary({HEART_RATE: ay(b'H')}, 'sv'), 'TxPower': dbus.Int16(-8)}
+        companies = {dbus.UInt16(0xFFFF): ay(b'QLT'), **({dbus.UInt16(0x59): ay(b'\x01\x02')} if self.name == 'QLT-Echo' else {})}
+        return {'ManufacturerData': dbus.Dictionary(companies, 'qv'), 'TxPower': dbus.Int16(4)}
 
     def connect(self, ok, err):
         if not WORLD.adapter.props['Powered']:

@@ -54,6 +54,9 @@ TEST_F(TheQltTool, RejectsBadUsageWithExitCodeTwo) {
       {{"bench", "--bytes", "-1"}, "--bytes"},
       {{"receive", "X", "f", "--bytes", "99999999999999999999"}, "--bytes"},
       {{"bench", "--pings", "1.5"}, "--pings"},
+      {{"scan", "--manufacturer", "0x1FFFF"}, "--manufacturer"},
+      {{"scan", "--service", "180G"}, "--service"},
+      {{"chat", "C0:FF:EE:00:00"}, "not a Bluetooth address"},
   };
   for (const auto& [args, named] : cases) {
     SCOPED_TRACE(::testing::PrintToString(args));

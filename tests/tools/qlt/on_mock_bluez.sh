@@ -1,12 +1,14 @@
 #!/bin/sh
 # qlt on the BlueZ backend against the mock bluetoothd, all in one run of the mock (started
 # by tests/platform/bluez/run_with_mock_bus.sh): scans (the UART filter keeps the heart-rate
-# sensor out), an echo bench over each transport, the known store, and a chat.
+# sensor out; addresses and manufacturer data), an echo bench over each transport, the known
+# store, and a chat with a device named by its address.
 # Usage: on_mock_bluez.sh PATH-TO-QLT
 set -eu
 qlt=$1
 export QLT_STORE_PATH="${QLT_MOCK_BLUEZ_DIR:-/tmp}/known.json"
-$qlt scan --platform bluez --timeout 2 --json | grep -q '"name":"QLT-Echo"'
+$qlt scan --platform bluez --timeout 2 --json --manufacturer 0x59 |
+  grep -q '"address":"C0:FF:EE:00:00:01".*"manufacturerData":{"0x0059":"0102","0xFFFF":"514c54"}.*"name":"QLT-Echo"'
 nus=$(QLT_PLATFORM=bluez $qlt scan --nus --json --timeout 1.5)
 echo "$nus" | grep -q '"name":"QLT-Chunk"'
 if echo "$nus" | grep -q 'HR-Sensor'; then echo "scan --nus shows HR-Sensor" >&2; exit 1; fi
@@ -15,5 +17,5 @@ $qlt bench --platform bluez --device QLT-Chunk --transport nus --bytes 10k --pin
   grep -q '"verified":true'
 $qlt known add --platform bluez QLT-Echo | grep -q added
 test "$($qlt known list | wc -l)" -eq 1
-echo hello | $qlt chat --platform bluez QLT-Echo | grep -q '^< hello$'
+echo hello | $qlt chat --platform bluez c0:ff:ee:00:00:01 | grep -q '^< hello$'
 echo "qlt on the mock bluez: ok"
