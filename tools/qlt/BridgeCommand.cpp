@@ -126,8 +126,9 @@ class Inbox {
       }
     }
     if (first)
-      printError("qlt bridge: nobody reads the device's bytes; beyond " + formatBytes(kHeldLimit) +
-                 " they are discarded (counted at the end)");
+      printError(
+          "qlt bridge: nobody reads the device's bytes; beyond 1 MiB they are "
+          "discarded (counted at the end)");
     wake(wakeFd_);
   }
   // Moves what has arrived onto the end of `out`.
@@ -448,7 +449,7 @@ CommandAction addBridgeCommand(CLI::App& app) {
       "  qlt bridge QLT-Echo --pty --link /tmp/ttyBLE      then: screen /tmp/ttyBLE\n"
       "  qlt bridge QLT-Echo --tcp 7000                    then: nc 127.0.0.1 7000\n"
       "  qlt bridge 51D0E001-0000-4000-8000-0000000000C1 --transport nus --pty --reconnect\n"
-      "Reading stops while 64 kB are owed to the device and resumes at 16 kB, so memory stays\n"
+      "Reading stops while 64 KiB are owed to the device and resumes at 16 KiB, so memory stays\n"
       "bounded; the device's bytes wait (up to 1 MiB) until someone reads them. After a drop\n"
       "with --reconnect, bytes the old link had not confirmed are counted, not resent (the\n"
       "device may have had them). Exit: 0 at the end of stdin with every byte confirmed, 1 on a\n"
