@@ -38,10 +38,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr uint64_t kHighWater = 64 * 1024;  // bytes owed to the device: stop reading above
-constexpr uint64_t kLowWater = 16 * 1024;   // ... and read again at or below
-constexpr size_t kHeldLimit = 1 << 20;      // the device's bytes waiting for a reader
-constexpr size_t kChunk = 4096;             // one read or write of the local end
+// Reading the local end stops while this many bytes are owed to the device, and resumes at
+// kLowWater. The device's bytes wait for a reader up to kHeldLimit. One read or write of the
+// local end moves at most kChunk bytes.
+constexpr uint64_t kHighWater = uint64_t{64} * 1024;
+constexpr uint64_t kLowWater = uint64_t{16} * 1024;
+constexpr size_t kHeldLimit = size_t{1} << 20;
+constexpr size_t kChunk = 4096;
 
 struct BridgeOptions {
   CommonOptions common;

@@ -42,7 +42,9 @@ class ABridge : public ::testing::Test {
         "B21D0E00-0000-4000-8000-000000000001", "name": "Echo", "behaviour": "sw-echo"}]})";
   }
   void TearDown() override {
-    if (pid_ > 0) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
   }
 
   // Starts qlt bridge Echo `args` with stdin from `in`, stdout and stderr into files.
