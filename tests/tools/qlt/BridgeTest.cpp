@@ -118,7 +118,7 @@ class ABridge : public ::testing::Test {
 };
 
 TEST_F(ABridge, CarriesAFileFromStdinToStdoutAndEndsWithTheInput) {
-  start({"--linger", "3"}, dir_.path() + "/in.bin");
+  start({"--linger", "5"}, dir_.path() + "/in.bin");
   ASSERT_EQ(exitCode(), 0) << readFile(err_);
   EXPECT_TRUE(readFile(out_) == data_) << readFile(out_).size() << " bytes came back";
   EXPECT_NE(readFile(err_).find("80000 bytes to the device (80000 acknowledged), 80000 bytes"),
