@@ -1,7 +1,7 @@
 #!/bin/sh
 # qlt on the BlueZ backend against the mock bluetoothd, all in one run of the mock (started
 # by tests/platform/bluez/run_with_mock_bus.sh): scans (the UART filter keeps the heart-rate
-# sensor out), an echo bench over each transport, the known store, and a chat.
+# sensor out), an echo bench over each transport, the known store, a chat and a bridge.
 # Usage: on_mock_bluez.sh PATH-TO-QLT
 set -eu
 qlt=$1
@@ -16,4 +16,7 @@ $qlt bench --platform bluez --device QLT-Chunk --transport nus --bytes 10k --pin
 $qlt known add --platform bluez QLT-Echo | grep -q added
 test "$($qlt known list | wc -l)" -eq 1
 echo hello | $qlt chat --platform bluez QLT-Echo | grep -q '^< hello$'
+bytes="${QLT_MOCK_BLUEZ_DIR:-/tmp}/bridge.bin"
+head -c 20000 /dev/urandom >"$bytes"
+$qlt bridge --platform bluez QLT-Echo <"$bytes" | cmp -s - "$bytes"
 echo "qlt on the mock bluez: ok"
