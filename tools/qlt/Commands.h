@@ -39,5 +39,6 @@ CommandAction addSendCommand(CLI::App& app);
 CommandAction addReceiveCommand(CLI::App& app);
 CommandAction addBenchCommand(CLI::App& app);
 CommandAction addKnownCommand(CLI::App& app);
+CommandAction addBridgeCommand(CLI::App& app);
 
 }  // namespace qlt::cli

@@ -59,6 +59,7 @@ int main(int argc, char** argv) {
       "  qlt scan --name Echo --json     devices whose name contains 'Echo', as JSON lines\n"
       "  qlt chat QLT-Echo               type lines, see them echoed; Ctrl-D to leave\n"
       "  qlt bench --json                goodput, latency and counters as one JSON object\n"
+      "  qlt bridge QLT-Echo --pty       a serial port onto the device, for screen or minicom\n"
       "\nRun 'qlt COMMAND --help' for a command's options.\n"
       "Exit codes: 0 success, 1 failure, 2 bad usage, 130 interrupted.");
 
@@ -73,6 +74,7 @@ int main(int argc, char** argv) {
   add(addReceiveCommand(app));
   add(addBenchCommand(app));
   add(addKnownCommand(app));
+  add(addBridgeCommand(app));
 
   try {
     app.parse(argc, argv);

@@ -2,7 +2,7 @@
 # qlt on the BlueZ backend against the mock bluetoothd, all in one run of the mock (started
 # by tests/platform/bluez/run_with_mock_bus.sh): scans (the UART filter keeps the heart-rate
 # sensor out; addresses and manufacturer data), an echo bench over each transport, the known
-# store, and a chat with a device named by its address.
+# store, a chat with a device named by its address, and a bridge.
 # Usage: on_mock_bluez.sh PATH-TO-QLT
 set -eu
 qlt=$1
@@ -18,4 +18,7 @@ $qlt bench --platform bluez --device QLT-Chunk --transport nus --bytes 10k --pin
 $qlt known add --platform bluez QLT-Echo | grep -q added
 test "$($qlt known list | wc -l)" -eq 1
 echo hello | $qlt chat --platform bluez c0:ff:ee:00:00:01 | grep -q '^< hello$'
+bytes="${QLT_MOCK_BLUEZ_DIR:-/tmp}/bridge.bin"
+head -c 20000 /dev/urandom >"$bytes"
+$qlt bridge --platform bluez QLT-Echo <"$bytes" | cmp -s - "$bytes"
 echo "qlt on the mock bluez: ok"
