@@ -39,6 +39,7 @@ std::vector<std::string> toolEnvironment(const std::string& storeDir,
   }
   env.insert(env.end(), extra.begin(), extra.end());  // these win over the store path
   env.push_back("QLT_STORE_PATH=" + storeFile(storeDir));
+  env.push_back("QLT_PLATFORM=sim");  // unless a test names one: not the machine's Bluetooth
   return env;
 }
 
