@@ -8,9 +8,10 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string>
+#include <system_error>
 
 namespace qlt {
 
@@ -18,6 +19,8 @@ namespace {
 
 std::mutex gSinkMutex;
 std::shared_ptr<const LogSink> gSink;  // guarded by gSinkMutex; empty = default sink
+
+std::string errorText(int error) { return std::generic_category().message(error); }
 
 // Where the default sink writes, read from QLT_LOG once, on the first line logged:
 // nothing when it is unset or empty, standard error for "stderr", else the file it names
@@ -44,7 +47,7 @@ DefaultDestination& defaultDestination() {
         std::fprintf(stderr,
                      "QueltLibrary: cannot open the log file \"%s\" named by QLT_LOG: %s; "
                      "log lines are dropped\n",
-                     name.c_str(), std::strerror(errno));
+                     name.c_str(), errorText(errno).c_str());
       }
     }
     return d;
@@ -73,7 +76,7 @@ void defaultSink(std::string_view line) {
       !destination.failureReported) {
     destination.failureReported = true;
     std::fprintf(stderr, "QueltLibrary: cannot write the log file \"%s\" named by QLT_LOG: %s\n",
-                 destination.path.c_str(), std::strerror(errno));
+                 destination.path.c_str(), errorText(errno).c_str());
   }
 }
 
