@@ -2,8 +2,10 @@
 // window and print what comes back. Every callback arrives on the application's own
 // queue; the main thread only waits.
 //
-// On the simulated radio (the default backend) "QLT-Echo" is always there. On real
-// hardware, run with QLT_PLATFORM=bluez and a device that echoes over the UART service.
+// This is the callback API, for full control; qlt::UartLink (README) does the same in a
+// dozen lines. On the simulated radio (the default where no bluetoothd has an adapter, or
+// with QLT_PLATFORM=sim) "QLT-Echo" is always there; on a machine with Bluetooth it looks for
+// a real device of that name that echoes over the UART service.
 #include <QueltLibrary/QueltLibrary.h>
 
 #include <chrono>

@@ -6,9 +6,12 @@
 // print an object's description (anything with a description() member, a string, a
 // shared_ptr to such an object, or "(null)" for an empty pointer or optional).
 //
-// The default sink writes "2026-11-23 08:21:25.123 QueltLibrary[pid:tid] text" to
-// standard error. setLogSink replaces it (an empty function restores the default); the
-// sink may be called from any thread, never while the library holds a lock.
+// The default sink is quiet unless the environment variable QLT_LOG names a destination:
+// "stderr", or a file to append to (if it cannot be opened or written, standard error says
+// so once). There it writes "2026-11-23 08:21:25.123 QueltLibrary[pid:tid] text". QLT_LOG is
+// read once, when the first line is logged. setLogSink replaces the default sink (an empty
+// function restores it); the sink may be called from any thread, never while the library
+// holds a lock.
 #pragma once
 
 #include <concepts>
@@ -64,6 +67,9 @@ LogArg toLogArg(const T& v) {
     return LogArg::uns(static_cast<unsigned long long>(v));
   } else if constexpr (std::is_floating_point_v<D>) {
     return LogArg::flt(static_cast<double>(v));
+  } else if constexpr (std::is_array_v<std::remove_cvref_t<T>> &&
+                       std::is_convertible_v<const D&, std::string_view>) {  // never null
+    return LogArg::txt(std::string(std::string_view(v)));
   } else if constexpr (std::is_convertible_v<const D&, std::string_view>) {
     if constexpr (std::is_pointer_v<D>) {
       return LogArg::txt(v ? std::string(v) : std::string("(null)"));

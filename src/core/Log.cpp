@@ -3,12 +3,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <mutex>
+#include <string>
+#include <system_error>
 
 namespace qlt {
 
@@ -17,7 +20,45 @@ namespace {
 std::mutex gSinkMutex;
 std::shared_ptr<const LogSink> gSink;  // guarded by gSinkMutex; empty = default sink
 
+std::string errorText(int error) { return std::generic_category().message(error); }
+
+// Where the default sink writes, read from QLT_LOG once, on the first line logged:
+// nothing when it is unset or empty, standard error for "stderr", else the file it names
+// (appended to).
+struct DefaultDestination {
+  std::mutex mutex;
+  FILE* file = nullptr;          // guarded by mutex; stderr or an opened file; null: nowhere
+  std::string path;              // guarded by mutex; the file's name, for the failure message
+  bool failureReported = false;  // guarded by mutex
+};
+
+DefaultDestination& defaultDestination() {
+  static auto* destination = [] {
+    auto* d = new DefaultDestination;  // never destroyed: lines may be logged during exit
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the library reads the environment, never changes it
+    const char* env = std::getenv("QLT_LOG");
+    const std::string name = env ? env : "";
+    if (name == "stderr") {
+      d->file = stderr;
+    } else if (!name.empty()) {
+      d->path = name;
+      d->file = std::fopen(name.c_str(), "ae");
+      if (!d->file) {
+        std::fprintf(stderr,
+                     "QueltLibrary: cannot open the log file \"%s\" named by QLT_LOG: %s; "
+                     "log lines are dropped\n",
+                     name.c_str(), errorText(errno).c_str());
+      }
+    }
+    return d;
+  }();
+  return *destination;
+}
+
 void defaultSink(std::string_view line) {
+  DefaultDestination& destination = defaultDestination();
+  std::lock_guard lock(destination.mutex);
+  if (!destination.file) return;
   using namespace std::chrono;
   const auto now = system_clock::now();
   const std::time_t secs = system_clock::to_time_t(now);
@@ -27,9 +68,16 @@ void defaultSink(std::string_view line) {
   char stamp[32];
   std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
   // One fprintf per line, so lines from several threads do not interleave.
-  std::fprintf(stderr, "%s.%03d QueltLibrary[%d:%ld] %.*s\n", stamp, static_cast<int>(ms),
-               static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)),
-               static_cast<int>(line.size()), line.data());
+  const int written = std::fprintf(destination.file, "%s.%03d QueltLibrary[%d:%ld] %.*s\n", stamp,
+                                   static_cast<int>(ms), static_cast<int>(getpid()),
+                                   static_cast<long>(syscall(SYS_gettid)),
+                                   static_cast<int>(line.size()), line.data());
+  if ((written < 0 || std::fflush(destination.file) != 0) && destination.file != stderr &&
+      !destination.failureReported) {
+    destination.failureReported = true;
+    std::fprintf(stderr, "QueltLibrary: cannot write the log file \"%s\" named by QLT_LOG: %s\n",
+                 destination.path.c_str(), errorText(errno).c_str());
+  }
 }
 
 }  // namespace

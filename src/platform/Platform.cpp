@@ -1,6 +1,7 @@
 // The backend registry: which platform backend the library runs on.
 #include "QueltLibrary/platform/Platform.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 
@@ -11,6 +12,7 @@
 #if defined(QLT_HAVE_BLUEZ)
 #define QLT_REGISTRY_HAS_BLUEZ 1
 #include "platform/bluez/BluezBackend.h"
+#include "platform/bluez/BluezProbe.h"
 #endif
 
 namespace qlt::platform {
@@ -33,6 +35,22 @@ std::shared_ptr<Backend> makeBuiltin(const std::string& name) {
   if (name == "bluez") return bluez::makeBackend();
 #endif
   return nullptr;
+}
+
+// With no choice made: BlueZ where a bluetoothd with an adapter answers, so that a program
+// on a machine with Bluetooth talks to real devices; the simulated radio elsewhere.
+std::shared_ptr<Backend> probedDefault() {
+#ifdef QLT_REGISTRY_HAS_BLUEZ
+  std::string why;
+  if (bluez::bluetoothdWithAdapterAnswers(std::chrono::seconds(1), &why)) {
+    QLTLog("Platform: bluez: %s (QLT_PLATFORM=sim for the simulated radio)", why);
+    return makeBuiltin("bluez");
+  }
+  QLTLog("Platform: sim, the simulated radio: %s", why);
+#else
+  QLTLog("Platform: sim, the simulated radio (this build has no BlueZ backend)");
+#endif
+  return makeBuiltin("sim");
 }
 
 }  // namespace
@@ -75,7 +93,7 @@ std::shared_ptr<Backend> currentBackend() {
              joined(availableBackends()));
     }
   }
-  if (!chosen) chosen = makeBuiltin("sim");
+  if (!chosen) chosen = env && *env ? makeBuiltin("sim") : probedDefault();
   std::lock_guard lock(gMutex);
   if (!gBackend) gBackend = std::move(chosen);  // a concurrent first choice wins once
   return gBackend;

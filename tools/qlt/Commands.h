@@ -14,15 +14,18 @@ namespace qlt::cli {
 // Options that every command takes.
 struct CommonOptions {
   std::string command;    // "scan", "known add": for messages ("qlt known add: ...")
-  std::string platform;   // --platform sim|bluez; empty: $QLT_PLATFORM, else sim
+  std::string platform;   // --platform sim|bluez; empty: see resolvePlatform
   std::string simConfig;  // --sim-config FILE: simulated devices and air faults
   bool verbose = false;   // --verbose: the library's log lines on stderr
   std::string logFile;    // --log FILE: the library's log lines appended to FILE
   bool trace = false;     // --trace: one decoded line per frame (data-moving commands)
 };
 
-// The platform a command uses: --platform, else $QLT_PLATFORM, else "sim". Throws
-// UsageError for a name that is neither "sim" nor "bluez".
+// The platform named by --platform, else by $QLT_PLATFORM; "" when neither names one.
+// Throws UsageError for a name that is neither "sim" nor "bluez".
+std::string explicitPlatform(const CommonOptions& options);
+// The platform a command uses: the explicit one, else "sim" with --sim-config, else the
+// library's default (bluez where a bluetoothd with an adapter answers, else sim).
 std::string resolvePlatform(const CommonOptions& options);
 
 // A parsed command, ready to run; returns the exit code (or throws Failure / UsageError).

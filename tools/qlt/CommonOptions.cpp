@@ -3,18 +3,26 @@
 
 #include "Commands.h"
 #include "Errors.h"
+#include "QueltLibrary/platform/Platform.h"
 
 namespace qlt::cli {
 
-std::string resolvePlatform(const CommonOptions& o) {
+std::string explicitPlatform(const CommonOptions& o) {
   if (!o.platform.empty()) return o.platform;  // checked by the parser
   // NOLINTNEXTLINE(concurrency-mt-unsafe): read once at start-up, before any thread runs.
   const char* env = std::getenv("QLT_PLATFORM");
-  if (!env || !*env) return "sim";
+  if (!env || !*env) return "";
   std::string name = env;
   if (name != "sim" && name != "bluez")
     throw UsageError("QLT_PLATFORM is '" + name + "': use sim or bluez");
   return name;
+}
+
+std::string resolvePlatform(const CommonOptions& o) {
+  std::string name = explicitPlatform(o);
+  if (!name.empty()) return name;
+  if (!o.simConfig.empty()) return "sim";     // simulated devices ask for the simulated radio
+  return platform::currentBackend()->name();  // BlueZ where it answers, else sim
 }
 
 void addCommonOptions(CLI::App& command, CommonOptions& o, bool movesData) {
@@ -25,7 +33,7 @@ void addCommonOptions(CLI::App& command, CommonOptions& o, bool movesData) {
   command
       .add_option("--platform", o.platform,
                   "Bluetooth backend: sim (the simulated radio) or bluez; without it, "
-                  "$QLT_PLATFORM, else sim")
+                  "$QLT_PLATFORM, else bluez where bluetoothd has an adapter, else sim")
       ->check(CLI::IsMember({"sim", "bluez"}))
       ->group("Common options");
   command

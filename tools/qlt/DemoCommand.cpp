@@ -36,7 +36,8 @@ void printSummary(const EchoRun& run, const TransferCounters& c) {
             std::to_string(c.rejectionsReceived) + " received");
 }
 
-int runDemo(const DemoOptions& o) {
+int runDemo(DemoOptions o) {
+  if (explicitPlatform(o.common).empty()) o.common.platform = "sim";  // whatever the machine has
   if (resolvePlatform(o.common) != "sim")
     throw UsageError(
         "the demo runs on the simulated radio only; against hardware use "

@@ -31,7 +31,9 @@ std::string timestamp() {
 struct Routing {
   std::mutex mutex;
   bool verbose = false;
-  std::ofstream file;  // guarded by mutex
+  std::ofstream file;        // guarded by mutex
+  std::string path;          // the file's name, for the failure message
+  bool writeFailed = false;  // guarded by mutex; said once, then the file is left alone
 };
 
 std::mutex gBackendMutex;
@@ -55,6 +57,7 @@ void routeLibraryLog(bool verbose, const std::string& logFile) {
   auto routing = std::make_shared<Routing>();
   routing->verbose = verbose;
   if (!logFile.empty()) {
+    routing->path = logFile;
     routing->file.open(logFile, std::ios::app);
     if (!routing->file) throw UsageError("cannot open log file '" + logFile + "' for writing");
   }
@@ -65,9 +68,14 @@ void routeLibraryLog(bool verbose, const std::string& logFile) {
     if (routing->verbose) {
       printError(timestamp() + " " + std::string(line));
     }
-    if (routing->file.is_open()) {
+    if (routing->file.is_open() && !routing->writeFailed) {
       routing->file << timestamp() << ' ' << line << '\n';
       routing->file.flush();
+      if (!routing->file) {
+        routing->writeFailed = true;
+        printError("qlt: cannot write the log file '" + routing->path +
+                   "' (disk full?); later log lines are not written to it");
+      }
     }
   });
 }

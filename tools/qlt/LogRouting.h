@@ -7,7 +7,8 @@
 namespace qlt::cli {
 
 // Installs the sink through qlt::setLogSink. Throws UsageError when the file cannot be
-// opened. Safe to call again (the later call replaces the earlier routing).
+// opened; a failed write later is said once on stderr, and the file gets no more lines. Safe to
+// call again (the later call replaces the earlier routing).
 void routeLibraryLog(bool verbose, const std::string& logFile);
 // The last line the library logged about its BlueZ backend ("BlueZ: bluetoothd (org.bluez)
 // is not on the system bus; ..."), without the prefix; "" when none. Kept whatever the

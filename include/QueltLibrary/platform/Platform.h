@@ -336,7 +336,9 @@ class Backend {
 
 // Choosing the backend. The library asks for it once, when QLT_BLEManager is first made.
 // Order: a backend installed with setBackend(); else the name in the environment variable
-// QLT_PLATFORM ("sim" or "bluez"); else the simulated radio.
+// QLT_PLATFORM ("sim" or "bluez"); else BlueZ when a bluetoothd with an adapter answers on
+// the system bus (asked once, within about a second), else the simulated radio. The choice
+// and its reason are logged.
 void setBackend(std::shared_ptr<Backend> backend);
 // Selects a built-in backend by name; false (with a log line) for an unknown name.
 bool setBackendByName(const std::string& name);

@@ -41,6 +41,7 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDi
   }
   env.insert(env.end(), input.env.begin(), input.env.end());  // these win over the store path
   env.push_back("QLT_STORE_PATH=" + storeFile(storeDir));
+  env.push_back("QLT_PLATFORM=sim");  // unless a test names one: not the machine's Bluetooth
   std::vector<char*> envp;
   for (auto& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);
