@@ -407,8 +407,6 @@ def request(req):
         dev.link_down()
     elif op == 'fail-next-connect':
         dev.fail_next = req['error']
-    elif op == 'set' and req['name'] == 'loss':
-        dev.set_loss(req['value'])
     elif op == 'set':  # acquire (offer the sockets), hold (the device's echoes wait), gatt_fault
         setattr(dev, req['name'], req['value'])
         if dev.peer:

@@ -11,7 +11,8 @@ Acknowledgements are cumulative and sent by the worker round (every 3 ms); an ou
 segment is rejected at once, a poll answered at once, and a poll of our own goes out 0.3 s after
 our last transmission while segments stay unacknowledged. Frames a conforming writer never
 produces are counted in `malformed` and dropped. `counters` says what the peer did: segments
-sent (`sent`, of which `resent` were sent before) and accepted in order (`accepted`).
+sent (`sent`, of which `resent` were sent before), accepted in order (`accepted`), and its
+polls (`polls`).
 """
 from gi.repository import GLib
 
@@ -26,7 +27,7 @@ class SlideWindowPeer:
         self.ack_owed, self.hold, self.malformed = False, False, 0
         self.round = self.timer = None
         self.fresh = 0  # segments sent at least once, counted from the start
-        self.counters = dict.fromkeys(['sent', 'resent', 'accepted'], 0)
+        self.counters = dict.fromkeys(['sent', 'resent', 'accepted', 'polls'], 0)
 
     KEPT = ('read_pos', 'ack_window', 'remote_ack', 'fresh')
 
@@ -59,6 +60,7 @@ class SlideWindowPeer:
     def poll(self):
         self.timer = None
         if self.ack_window != self.read_pos & 3:
+            self.counters['polls'] += 1
             self.send(bytes([0x01, self.read_pos & 3, self.ack_window]))
             self.restart_timer()
         return False
