@@ -34,7 +34,19 @@ void GattQueue::clear(const Address& device) {
 
 void GattQueue::request(const Address& device, const std::string& path, Data data, Done done) {
   QLT_ASSERT_BUS_THREAD(port_);
-  queueOf(device).requests.push_back(Write{path, std::move(data), std::move(done)});
+  Queue& queue = queueOf(device);
+  if (queue.requests.size() >= kMaxRequestsWaiting) {
+    const std::string why = "too many writes with response waiting (" +
+                            std::to_string(kMaxRequestsWaiting) + "); not sent";
+    QLTLog("BlueZ: write request of %zu bytes to %s failed: %s", data.size(), path, why);
+    if (done) {
+      port_.post([done = std::move(done), why] {
+        done(backendError(platform::ErrorReason::Refused, why));
+      });
+    }
+    return;
+  }
+  queue.requests.push_back(Write{path, std::move(data), std::move(done)});
   pumpRequests(device);
 }
 
@@ -65,26 +77,44 @@ void GattQueue::pumpRequests(const Address& device) {
 void GattQueue::command(const Address& device, const std::string& path, Data data) {
   QLT_ASSERT_BUS_THREAD(port_);
   Queue& queue = queueOf(device);
+  if (*queue.commandsInFlight + queue.commands.size() >= kMaxCommandsPerDevice) {
+    dropCommand(path, "its device has the most WriteValue calls out and waiting");
+    return;
+  }
   queue.commands.push_back(Write{path, std::move(data), {}});
   withCommands_.insert(device);
   pumpCommands();
 }
 
+void GattQueue::dropCommand(const std::string& path, const char* why) {
+  ++commandsDropped_;
+  if (auto count = dropLog_.admit()) {
+    QLTLog(
+        "BlueZ: %llu write(s) without response dropped since the last such line (%llu in all), "
+        "the last to %s: %s; the link is slower than the writer",
+        static_cast<unsigned long long>(*count), static_cast<unsigned long long>(commandsDropped_),
+        path, why);
+  }
+}
+
 void GattQueue::pumpCommands() {
-  // A ticket per write in flight: it gives its place back when the reply has been handled
-  // or when the call is dropped unanswered.
+  // A ticket per write in flight: it gives its places back (of all devices, of its device)
+  // when the reply has been handled or when the call is dropped unanswered.
   struct Ticket {
-    Ticket(std::shared_ptr<size_t> c, BusPort* p, std::function<void()> pump)
-        : counter(std::move(c)), port(p), pump(std::move(pump)) {
-      ++*counter;
+    Ticket(std::shared_ptr<size_t> all, std::shared_ptr<size_t> device, BusPort* p,
+           std::function<void()> pump)
+        : all(std::move(all)), device(std::move(device)), port(p), pump(std::move(pump)) {
+      ++*this->all;
+      ++*this->device;
     }
     Ticket(const Ticket&) = delete;
     Ticket& operator=(const Ticket&) = delete;
     ~Ticket() {
-      --*counter;
+      --*all;
+      --*device;
       port->post(pump);
     }
-    std::shared_ptr<size_t> counter;
+    std::shared_ptr<size_t> all, device;
     BusPort* port;
     std::function<void()> pump;
   };
@@ -95,7 +125,8 @@ void GattQueue::pumpCommands() {
     // The turn goes to the device after the one served last, round the set.
     auto turn = withCommands_.upper_bound(lastTurn_);
     if (turn == withCommands_.end()) turn = withCommands_.begin();
-    auto& commands = queueOf(*turn).commands;
+    Queue& queue = queueOf(*turn);
+    auto& commands = queue.commands;
     if (commands.empty()) {
       withCommands_.erase(turn);
       continue;
@@ -103,7 +134,7 @@ void GattQueue::pumpCommands() {
     lastTurn_ = *turn;
     Write write = std::move(commands.front());
     commands.pop_front();
-    auto ticket = std::make_shared<Ticket>(commandsInFlight_, &port_, pump);
+    auto ticket = std::make_shared<Ticket>(commandsInFlight_, queue.commandsInFlight, &port_, pump);
     writeValue(port_, write.path, write.data, platform::WriteType::WithoutResponse, callTimeout_,
                [path = write.path, size = write.data.size(), ticket](sdbus::MethodReply*,
                                                                      const Error* error) {

@@ -30,6 +30,11 @@ bool peerClosed(int fd) {
 
 }  // namespace
 
+bool limitSendBuffer(int fd) {
+  const int size = kWriteSocketBuffer;
+  return ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) == 0;
+}
+
 SocketPath::Sockets& SocketPath::of(const Address& device) {
   auto [it, made] = links_.try_emplace(device);
   if (made) it->second.epoch = nextEpoch_++;
@@ -102,6 +107,10 @@ void SocketPath::write(const Address& device, const std::string& path, Data data
     if (offered) acquireWrite(device, path);
   }
   if (channel.mode == WriteMode::Acquiring) {
+    if (channel.held.size() >= GattQueue::kMaxCommandsPerDevice) {
+      gatt_.dropCommand(path, "too many wait for the AcquireWrite reply");
+      return;
+    }
     channel.held.push_back(std::move(data));
     return;
   }
@@ -133,6 +142,12 @@ void SocketPath::acquireWrite(const Address& device, const std::string& path) {
                  error->description());
         } else if (reply) {
           socket = adopt(*reply, path, "AcquireWrite");
+        }
+        if (socket && !limitSendBuffer(socket->fd.get())) {
+          QLTLog(
+              "BlueZ: AcquireWrite of %s: cannot shrink its send buffer (errno %d); using it "
+              "as it is",
+              path, errno);
         }
         if (socket) {
           QLTLog("BlueZ: %s: writing without response on an acquired socket (MTU %d)", path,
@@ -170,12 +185,7 @@ bool SocketPath::sendOnSocket(const Address& device, const std::string& path, Wr
     if (sent >= 0) return true;
     if (errno == EINTR) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS) {
-      if (auto count = dropLog_.admit()) {
-        QLTLog(
-            "BlueZ: %llu write(s) without response dropped since the last such line: the "
-            "socket of %s is full (the link is slower than the writer)",
-            static_cast<unsigned long long>(*count), path);
-      }
+      gatt_.dropCommand(path, "its acquired socket is full");
       return true;
     }
     break;

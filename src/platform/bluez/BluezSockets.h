@@ -11,8 +11,11 @@
 // The write socket is acquired on the first write without response of a link, not at
 // discovery: a link that never writes then holds no socket, and the first write is the
 // moment the MTU it is checked against matters. Writes made while the reply is out wait
-// for it in order. A full socket (EAGAIN, ENOBUFS) drops the write, as a phone's stack
-// drops writes without response it has no room for; the sliding window sends it again.
+// for it in order, at most GattQueue::kMaxCommandsPerDevice of them. The write socket's send
+// buffer is kept small (kWriteSocketBuffer: about 80 frames), so that frames wait in the
+// sender's window rather than in the kernel. A full socket (EAGAIN, ENOBUFS) drops the
+// write, as a phone's stack drops writes without response it has no room for; the sliding
+// window sends it again. Every drop is counted and logged by GattQueue::dropCommand.
 //
 // Sockets belong to one link: close() (at every end of a link) closes them, and replies of
 // an earlier link's Acquire calls are ignored (their descriptors close with the message).
@@ -31,13 +34,18 @@
 #include <string>
 
 #include "QueltLibrary/Data.h"
-#include "core/LogRateLimiter.h"
 #include "platform/bluez/BluezGattQueue.h"
 #include "platform/bluez/BluezIdentifiers.h"
 #include "platform/bluez/BusLoop.h"
 #include "platform/bluez/BusPort.h"
 
 namespace qlt::bluez {
+
+// The send buffer asked for on a write socket (the kernel doubles it and counts each datagram
+// with its overhead: about 80 frames of up to 161 bytes, against about 280 by default).
+inline constexpr int kWriteSocketBuffer = 32768;
+// Shrinks the send buffer of `fd` to kWriteSocketBuffer; false (errno set) if refused.
+bool limitSendBuffer(int fd);
 
 class SocketListener {
  public:
@@ -114,7 +122,6 @@ class SocketPath {
   const std::chrono::milliseconds callTimeout_;
   std::map<Address, Sockets> links_;
   uint64_t nextEpoch_ = 1;
-  LogRateLimiter dropLog_;  // writes dropped because a socket was full
 };
 
 }  // namespace qlt::bluez

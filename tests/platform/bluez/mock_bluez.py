@@ -2,7 +2,7 @@
 """A mock bluetoothd on a private system bus, for the BlueZ backend's tests (see README.md):
 `mock_bluez.py --session` is steered by JSON requests on stdin; `mock_bluez.py [--] CMD` serves
 while CMD runs."""
-import ctypes, json, os, shutil, signal, socket, subprocess, sys, tempfile, time
+import ctypes, json, os, random, shutil, signal, socket, subprocess, sys, tempfile, time
 import dbus, dbus.lowlevel, dbus.mainloop.glib, dbus.service
 from gi.repository import GLib
 
@@ -141,7 +141,27 @@ class Device:
         self.acquire = True  # offer AcquireWrite/AcquireNotify
         self.sockets = {}  # characteristic path -> (our end, GLib watch)
         self.stats = dict.fromkeys(['command', 'request', 'acquired-writes', 'acquired-notifications',
-                                    'connects', 'disconnects'], 0)
+                                    'connects', 'disconnects', 'lost-writes', 'lost-notifications'], 0)
+        self.peer_counts = {}  # what the sliding-window peers of ended links did, summed
+        self.set_loss(loss_from_environment())
+
+    def set_loss(self, loss):
+        """Air loss of the UART frames: `write` and `notify` fractions, drawn from a generator
+        seeded with `seed` (and the address), so that a run can be repeated."""
+        self.loss = {'write': float(loss.get('write', 0)), 'notify': float(loss.get('notify', 0))}
+        self.rng = random.Random('%s/%s' % (loss.get('seed', 0), self.address))
+
+    def lost(self, way):
+        if self.loss[way] and self.rng.random() < self.loss[way]:
+            self.stats['lost-writes' if way == 'write' else 'lost-notifications'] += 1
+            return True
+        return False
+
+    def counts(self):
+        totals = dict(self.peer_counts)
+        for k, v in (self.peer.counters.items() if self.peer else ()):
+            totals[k] = totals.get(k, 0) + v
+        return dict(self.stats, malformed=self.peer.malformed if self.peer else 0, **totals)
 
     def publish(self, connected=False):
         if self.obj is None:
@@ -202,6 +222,8 @@ class Device:
         was, self.connected = self.connected, False
         if self.peer:
             self.peer.stop()
+            for k, v in self.peer.counters.items():
+                self.peer_counts[k] = self.peer_counts.get(k, 0) + v
         self.peer = None
         if self.pending:
             self.pending, (_, err) = None, self.pending
@@ -252,7 +274,7 @@ class Device:
             self.peer.start()  # a link kept across a restart resumes once notified again
 
     def written(self, chrc, value):
-        if chrc is not self.chrc(TX):
+        if chrc is not self.chrc(TX) or self.lost('write'):
             return
         if self.peer:
             self.peer.receive(value)
@@ -266,6 +288,8 @@ class Device:
         rx = self.chrc(RX)
         if rx is None or not self.connected or not rx.props.get('Notifying'):
             return False
+        if self.lost('notify'):
+            return True  # sent, and lost on the air
         if rx.path in self.sockets:
             sock = self.sockets[rx.path][0]
             sock.settimeout(1.0)  # as the air would, wait for room a while
@@ -373,6 +397,12 @@ class World:
         self.adapter.set(Powered=dbus.Boolean(on))
 
 
+def loss_from_environment():
+    """QLT_MOCK_LOSS, e.g. "write=0.05,notify=0.05,seed=3": the loss every device starts with."""
+    items = (i.split('=', 1) for i in os.environ.get('QLT_MOCK_LOSS', '').split(',') if i)
+    return {k.strip(): v for k, v in items}
+
+
 def request(req):
     """One request of the session; returns the reply's value."""
     op, dev = req['op'], WORLD.devices.get(req.get('address', ''))
@@ -390,7 +420,7 @@ def request(req):
         for path in list(dev.sockets):
             dev.release(path)
     elif op == 'stats':
-        return dict(dev.stats, malformed=dev.peer.malformed if dev.peer else 0)
+        return dev.counts()
     elif op == 'notify':
         return dev.notify(bytes(req['size'] * [0x5A]))
     elif op == 'wrong-types':  # properties of D-Bus types bluetoothd never sends
@@ -483,6 +513,9 @@ def main():
                                                           LOOP.quit()))
     GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, lambda: (code.__setitem__(0, 130), LOOP.quit()))
     LOOP.run()
+    if os.environ.get('QLT_MOCK_REPORT'):  # what each device saw and did, for benchmarks
+        with open(os.environ['QLT_MOCK_REPORT'], 'w', encoding='utf-8') as f:
+            json.dump({d.name: d.counts() for d in WORLD.devices.values()}, f)
     del name
     stop_bus()
     return code[0] if code[0] >= 0 else 128 - code[0]

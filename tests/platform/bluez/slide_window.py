@@ -10,7 +10,9 @@ Sequence numbers count modulo 4, at most 3 segments in flight, go-back-N on a re
 Acknowledgements are cumulative and sent by the worker round (every 3 ms); an out-of-order
 segment is rejected at once, a poll answered at once, and a poll of our own goes out 0.3 s after
 our last transmission while segments stay unacknowledged. Frames a conforming writer never
-produces are counted in `malformed` and dropped.
+produces are counted in `malformed` and dropped. `counters` says what the peer did: segments
+sent (`sent`, of which `resent` were sent before), accepted in order (`accepted`), and its
+polls (`polls`).
 """
 from gi.repository import GLib
 
@@ -24,8 +26,10 @@ class SlideWindowPeer:
         self.read_pos = self.ack_window = self.remote_ack = 0  # released count, next seq to send, next expected
         self.ack_owed, self.hold, self.malformed = False, False, 0
         self.round = self.timer = None
+        self.fresh = 0  # segments sent at least once, counted from the start
+        self.counters = dict.fromkeys(['sent', 'resent', 'accepted', 'polls'], 0)
 
-    KEPT = ('read_pos', 'ack_window', 'remote_ack')
+    KEPT = ('read_pos', 'ack_window', 'remote_ack', 'fresh')
 
     def saved(self):
         return dict({k: getattr(self, k) for k in self.KEPT}, tx_queue=[p.hex() for p in self.tx_queue])
@@ -56,6 +60,7 @@ class SlideWindowPeer:
     def poll(self):
         self.timer = None
         if self.ack_window != self.read_pos & 3:
+            self.counters['polls'] += 1
             self.send(bytes([0x01, self.read_pos & 3, self.ack_window]))
             self.restart_timer()
         return False
@@ -69,6 +74,10 @@ class SlideWindowPeer:
     def work(self):
         in_flight = (self.ack_window - self.read_pos) % 4
         while not self.hold and in_flight < min(3, len(self.tx_queue)):
+            index = self.read_pos + in_flight
+            self.counters['sent'] += 1
+            self.counters['resent'] += index < self.fresh
+            self.fresh = max(self.fresh, index + 1)
             self.send(bytes([self.ack_window << 4]) + self.tx_queue[in_flight])
             in_flight, self.ack_window = in_flight + 1, (self.ack_window + 1) & 3
             self.restart_timer()
@@ -115,5 +124,6 @@ class SlideWindowPeer:
             self.send(bytes([0x05 | self.remote_ack << 4]))
         else:
             self.remote_ack, self.ack_owed = (self.remote_ack + 1) & 3, True
+            self.counters['accepted'] += 1
             self.on_segment(frame[1:])
         return None
