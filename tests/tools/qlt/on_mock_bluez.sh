@@ -1,7 +1,7 @@
 #!/bin/sh
 # qlt on the BlueZ backend against the mock bluetoothd, all in one run of the mock (started
 # by tests/platform/bluez/run_with_mock_bus.sh): scans (the UART filter keeps the heart-rate
-# sensor out), an echo bench over each transport, the known store, and a chat.
+# sensor out), an echo bench over each transport, a bench from the source, the known store, and a chat.
 # Usage: on_mock_bluez.sh PATH-TO-QLT
 set -eu
 qlt=$1
@@ -13,6 +13,7 @@ if echo "$nus" | grep -q 'HR-Sensor'; then echo "scan --nus shows HR-Sensor" >&2
 $qlt bench --platform bluez --device QLT-Echo --bytes 6000 --pings 3 --json | grep -q '"verified":true'
 $qlt bench --platform bluez --device QLT-Chunk --transport nus --bytes 10k --pings 5 --json |
   grep -q '"verified":true'
+$qlt bench --platform bluez -R --device QLT-Source -t 1 -i 0.5 --json | grep -q '"verified":true'
 $qlt known add --platform bluez QLT-Echo | grep -q added
 test "$($qlt known list | wc -l)" -eq 1
 echo hello | $qlt chat --platform bluez QLT-Echo | grep -q '^< hello$'
