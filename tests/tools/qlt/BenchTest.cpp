@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "RunTool.h"
 #include "Stats.h"
@@ -15,8 +16,6 @@ namespace {
 TEST(APatternCheck, FailsAtTheFirstByteSkippedRepeatedOrCorrupted) {
   std::vector<uint8_t> s(1000);
   fillCountingPattern(0, s.data(), s.size());
-  EXPECT_EQ(s[250], 250);
-  EXPECT_EQ(s[251], 0);
   auto cut = [&](size_t from, size_t to) {
     return std::vector<uint8_t>(s.begin() + from, s.begin() + to);
   };
@@ -83,16 +82,12 @@ TEST_F(QltBench, ReportsIntervalsAndATotalBothWays) {
 }
 
 TEST_F(QltBench, RejectsBadCombinationsAndFailsWithoutData) {
-  for (const std::vector<std::string>& args : {std::vector<std::string>{"-t", "1", "--bytes", "10"},
-                                               {"-t", "nan"},
-                                               {"-t", "-1"},
-                                               {"-t", "0"},
-                                               {"-i", "0"},
-                                               {"-R", "--transport", "nus"}}) {
-    SCOPED_TRACE(::testing::PrintToString(args));
+  for (const std::string args :
+       {"-t 1 --bytes 10", "-t nan", "-t -1", "-t 0", "-i 0", "-R --transport nus"}) {
     std::vector<std::string> full{"bench"};
-    full.insert(full.end(), args.begin(), args.end());
-    EXPECT_EQ(qlt(full).exitCode, 2);
+    std::istringstream words(args);
+    for (std::string w; words >> w;) full.push_back(w);
+    EXPECT_EQ(qlt(full).exitCode, 2) << args;
   }
   // The echo device sends nothing of its own.
   const auto silent = qlt({"bench", "-R", "--device", "QLT-Echo", "--timeout", "0.5", "-t", "5"});
