@@ -102,10 +102,11 @@ StreamRun stream(Connection& connection, Meter& m, const BenchOptions& o, double
   for (bool done = false; !done;) {
     double now = elapsed();
     if (!o.reverse) {  // keep the echo busy
-      const uint64_t inFlight = std::clamp<uint64_t>(
+      const uint64_t wanted = std::clamp<uint64_t>(
           static_cast<uint64_t>(got / std::max(now, 0.001) * 0.5), 16384, uint64_t{1} << 20);
-      while ((!target || run.sent < target) && run.sent - got < inFlight) {
-        uint64_t n = std::min<uint64_t>(16384, inFlight - (run.sent - got));
+      for (uint64_t out = run.sent > got ? run.sent - got : 0;
+           (!target || run.sent < target) && out < wanted; out += chunk.size()) {
+        uint64_t n = std::min<uint64_t>(16384, wanted - out);
         if (target) n = std::min(n, target - run.sent);
         chunk.resize(n);
         fillCountingPattern(run.sent, chunk.data(), n);
@@ -182,6 +183,9 @@ StreamRun stream(Connection& connection, Meter& m, const BenchOptions& o, double
       });
       if (!run.problem.empty() || now >= run.sent) {
         run.arrived = now;
+        if (run.problem.empty() && now > run.sent)
+          run.problem =
+              std::to_string(now) + " bytes came back for " + std::to_string(run.sent) + " written";
         break;
       }
       if (run.interrupted || now == run.arrived) {
