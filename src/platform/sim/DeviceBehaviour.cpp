@@ -75,7 +75,7 @@ class SlidingWindow final : public DeviceBehaviour,
     refill();
   }
   void refill() {
-    static constexpr uint64_t kSourceQueued = 16 * 1024;
+    static constexpr uint64_t kSourceQueued = uint64_t{16} * 1024;
     if (echo_ || !streaming_ || !engine_) return;
     while (engine_->counters().bytesQueued < kSourceQueued &&
            (sourceBytes_ == 0 || produced_ < sourceBytes_)) {
