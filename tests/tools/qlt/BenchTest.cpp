@@ -32,9 +32,10 @@ TEST(APatternCheck, FailsAtTheFirstByteSkippedRepeatedOrCorrupted) {
     PatternCheck check;
     for (const auto& p : pieces) check.consume(p.data(), p.size());
     EXPECT_EQ(check.ok(), badAt < 0) << badAt;
-    if (badAt >= 0)
+    if (badAt >= 0) {
       EXPECT_EQ(check.problem().rfind("byte " + std::to_string(badAt) + " is", 0), 0u)
           << check.problem();
+    }
   }
 }
 
