@@ -25,8 +25,8 @@ enum class SimBehaviour {
               // TCP and each datagram as a datagram
   ChunkEcho,  // notifies every written value back, as it came
   Sink,       // swallows everything (and counts it)
-  Source,     // once notifications are on, sends sourceBytes of a known pattern
-              // (byte i is i mod 251) through the sliding window
+  Source,     // while notifications are on, streams a known pattern (byte i is i mod 251)
+              // through the sliding window: sourceBytes in all, or without end (0)
 };
 
 // "none", "sw-echo", "chunk-echo", "sink", "source"; nullopt for any other name.
@@ -71,7 +71,7 @@ struct SimDeviceConfig {
   size_t mtu = 185;             // ATT MTU; a write carries up to mtu - 3 bytes
   std::vector<SimServiceConfig> services{SimServiceConfig::nus()};
   SimBehaviour behaviour = SimBehaviour::ChunkEcho;
-  uint64_t sourceBytes = 1 << 20;  // for SimBehaviour::Source
+  uint64_t sourceBytes = 0;  // for SimBehaviour::Source: 0 streams without end
   // Faults for this device's links; empty: the radio's.
   std::optional<AirFaults> faults;
 

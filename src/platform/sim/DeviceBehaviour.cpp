@@ -1,5 +1,6 @@
 #include "DeviceBehaviour.h"
 
+#include <algorithm>
 #include <chrono>
 #include <limits>
 #include <vector>
@@ -31,7 +32,7 @@ class ChunkEcho final : public DeviceBehaviour {
 
 // Runs the library's own sliding-window engine in the device's role: frames written by
 // the central go to its receive(); the frames it writes go out as notifications. Echoes
-// every payload back (sw-echo), or sends a pattern once notifications are on (source).
+// every payload back (sw-echo), or streams a pattern while notifications are on (source).
 // Everything runs on the device queue: the engine's rounds are paced as a transport's
 // (RoundPacer: a round only when there is work or a deadline), so a simulated link costs
 // no thread and an idle one no wake-up. Payloads are handled in tasks of their own, after the
@@ -61,16 +62,31 @@ class SlidingWindow final : public DeviceBehaviour,
       if (auto p = pacer.lock()) p->wake(delay);
     });
   }
+  // The source streams while notifications are on: byte i of the link's stream is i mod 251,
+  // sourceBytes in all (0: without end). It keeps kSourceQueued bytes queued in its engine,
+  // topped up as the central's acknowledgements (written frames) release them.
   void notificationsChanged(bool enabled) override {
-    if (echo_ || !enabled || sent_ || !engine_) return;
-    sent_ = true;
-    std::vector<uint8_t> pattern(sourceBytes_);
-    for (uint64_t i = 0; i < sourceBytes_; ++i) pattern[i] = static_cast<uint8_t>(i % 251);
-    if (auto link = link_.lock()) link->counters().payloadBytesSent.fetch_add(sourceBytes_);
-    engine_->sendTCP(pattern.data(), pattern.size());
+    streaming_ = enabled;
+    refill();
   }
   void written(const Data& value) override {
-    if (engine_) engine_->receive(value);
+    if (!engine_) return;
+    engine_->receive(value);
+    refill();
+  }
+  void refill() {
+    static constexpr uint64_t kSourceQueued = uint64_t{16} * 1024;
+    if (echo_ || !streaming_ || !engine_) return;
+    while (engine_->counters().bytesQueued < kSourceQueued &&
+           (sourceBytes_ == 0 || produced_ < sourceBytes_)) {
+      const uint64_t n =
+          sourceBytes_ == 0 ? kSourceQueued : std::min(kSourceQueued, sourceBytes_ - produced_);
+      std::vector<uint8_t> pattern(n);
+      for (uint64_t i = 0; i < n; ++i) pattern[i] = static_cast<uint8_t>((produced_ + i) % 251);
+      if (auto link = link_.lock()) link->counters().payloadBytesSent.fetch_add(n);
+      engine_->sendTCP(pattern.data(), pattern.size());
+      produced_ += n;
+    }
   }
   void disconnected() override {
     engine_.reset();
@@ -104,7 +120,8 @@ class SlidingWindow final : public DeviceBehaviour,
   const std::shared_ptr<DispatchQueue> deviceQueue_;
   std::unique_ptr<SlideWindowEngine> engine_;  // device queue only; null once disconnected
   std::shared_ptr<RoundPacer> pacer_;          // device queue only: the engine's rounds
-  bool sent_ = false;                          // device queue only
+  bool streaming_ = false;                     // device queue only: notifications are on
+  uint64_t produced_ = 0;                      // device queue only: source bytes queued so far
 };
 
 }  // namespace

@@ -16,7 +16,7 @@ HCI = '/org/bluez/hci0'
 NUS, TX, RX = ('6e40000%d-b5a3-f393-e0a9-e50e24dcca9e' % i for i in (1, 2, 3))
 HEART_RATE = '0000180d-0000-1000-8000-00805f9b34fb'
 DEVICES = [('C0:FF:EE:00:00:01', 'QLT-Echo', 'sw-echo', -55), ('C0:FF:EE:00:00:02', 'QLT-Chunk', 'chunk-echo', -62),
-           ('C0:FF:EE:00:00:03', 'HR-Sensor', 'heart-rate', -70)]
+           ('C0:FF:EE:00:00:03', 'HR-Sensor', 'heart-rate', -70), ('C0:FF:EE:00:00:05', 'QLT-Source', 'source', -66)]
 MTU = 185
 BUS, WORLD, LOOP, OBJECTS, RESTART = None, None, None, {}, []
 
@@ -202,7 +202,7 @@ class Device:
         self.connected = True
         self.stats['connects'] += 1
         self.obj.set(Connected=dbus.Boolean(True))
-        if self.behaviour == 'sw-echo':
+        if self.behaviour in ('sw-echo', 'source'):
             self.peer = self.new_peer()
             self.peer.start()
         later(60, self.resolved, attempt)
@@ -270,6 +270,8 @@ class Device:
     def notifying(self, chrc, on):
         if chrc.props['Notifying'] != on:
             chrc.set(Notifying=dbus.Boolean(on))
+        if self.peer and self.behaviour == 'source':
+            self.peer.streaming = on
         if on and self.peer and not self.peer.running:
             self.peer.start()  # a link kept across a restart resumes once notified again
 
@@ -281,7 +283,9 @@ class Device:
         elif self.behaviour == 'chunk-echo':
             self.notify(value)
 
-    def new_peer(self):  # the device's end of the sliding window: echoes segments and datagrams
+    def new_peer(self):  # the device's end of the sliding window: echoes segments and datagrams, or streams
+        if self.behaviour == 'source':
+            return slide_window.SlideWindowPeer(self.notify, lambda p: None, lambda p: None)
         return slide_window.SlideWindowPeer(self.notify, lambda p: self.peer.send_tcp(p), lambda p: self.peer.send_udp(p))
 
     def notify(self, value):

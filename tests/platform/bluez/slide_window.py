@@ -12,7 +12,8 @@ segment is rejected at once, a poll answered at once, and a poll of our own goes
 our last transmission while segments stay unacknowledged. Frames a conforming writer never
 produces are counted in `malformed` and dropped. `counters` says what the peer did: segments
 sent (`sent`, of which `resent` were sent before), accepted in order (`accepted`), and its
-polls (`polls`).
+polls (`polls`). As a source (`streaming`, while notifications
+are on) it keeps its queue topped up with the counting pattern: byte i of the link is i mod 251.
 """
 from gi.repository import GLib
 
@@ -25,11 +26,12 @@ class SlideWindowPeer:
         self.tx_queue = []  # unacknowledged payloads, oldest first
         self.read_pos = self.ack_window = self.remote_ack = 0  # released count, next seq to send, next expected
         self.ack_owed, self.hold, self.malformed = False, False, 0
+        self.streaming, self.produced = False, 0  # the source: on, and pattern bytes queued so far
         self.round = self.timer = None
         self.fresh = 0  # segments sent at least once, counted from the start
         self.counters = dict.fromkeys(['sent', 'resent', 'accepted', 'polls'], 0)
 
-    KEPT = ('read_pos', 'ack_window', 'remote_ack', 'fresh')
+    KEPT = ('read_pos', 'ack_window', 'remote_ack', 'fresh', 'produced')
 
     def saved(self):
         return dict({k: getattr(self, k) for k in self.KEPT}, tx_queue=[p.hex() for p in self.tx_queue])
@@ -72,6 +74,9 @@ class SlideWindowPeer:
         self.send(b'\x02' + data)
 
     def work(self):
+        while self.streaming and len(self.tx_queue) < 6:
+            self.tx_queue.append(bytes((self.produced + i) % 251 for i in range(SEGMENT)))
+            self.produced += SEGMENT
         in_flight = (self.ack_window - self.read_pos) % 4
         while not self.hold and in_flight < min(3, len(self.tx_queue)):
             index = self.read_pos + in_flight

@@ -1,8 +1,8 @@
 #!/bin/sh
 # qlt on the BlueZ backend against the mock bluetoothd, all in one run of the mock (started
 # by tests/platform/bluez/run_with_mock_bus.sh): scans (the UART filter keeps the heart-rate
-# sensor out; addresses and manufacturer data), an echo bench over each transport, the known
-# store, a chat with a device named by its address, and a bridge.
+# sensor out; addresses and manufacturer data), an echo bench over each transport, a bench from
+# the source, the known store, a chat with a device named by its address, and a bridge.
 # Usage: on_mock_bluez.sh PATH-TO-QLT
 set -eu
 qlt=$1
@@ -15,6 +15,7 @@ if echo "$nus" | grep -q 'HR-Sensor'; then echo "scan --nus shows HR-Sensor" >&2
 $qlt bench --platform bluez --device QLT-Echo --bytes 6000 --pings 3 --json | grep -q '"verified":true'
 $qlt bench --platform bluez --device QLT-Chunk --transport nus --bytes 10k --pings 5 --json |
   grep -q '"verified":true'
+$qlt bench --platform bluez -R --device QLT-Source -t 1 -i 0.5 --json | grep -q '"verified":true'
 $qlt known add --platform bluez QLT-Echo | grep -q added
 test "$($qlt known list | wc -l)" -eq 1
 echo hello | $qlt chat --platform bluez c0:ff:ee:00:00:01 | grep -q '^< hello$'
