@@ -285,7 +285,7 @@ TYPED_TEST(ABackend, ReportsAddressesAndAdvertisementDataAlikeAndRetrievesByAddr
   this->central->stopScan();
   for (const auto& [name, advertisement] : expected) {
     EXPECT_EQ(seen[name].advertisement, advertisement) << name;
-    EXPECT_EQ(seen[name].peripheral->bluetoothAddress(), MockBluez::address(name));
+    EXPECT_EQ(seen[name].peripheral->bluetoothAddress(), Bluez::address(name));
   }
   const auto found = this->central->retrievePeripheralsWithAddresses(
       {"c0:ff:ee:00:00:02", "C0:FF:EE:00:00:99", "x"});

@@ -54,10 +54,10 @@ class Bluez {
   void set(const std::string& name, const std::string& what, const Json& value) {
     ask("set", name, {{"name", what}, {"value", value}});
   }
-
- private:
   // The mock's address of a default device ("QLT-Chunk" -> "C0:FF:EE:00:00:02").
   static std::string address(const std::string& name);
+
+ private:
   bool readLine(std::string* line, int timeoutMs);
 
   pid_t pid_ = -1;

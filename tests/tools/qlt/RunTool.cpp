@@ -29,9 +29,8 @@ TempDir::~TempDir() {
 
 std::string storeFile(const std::string& storeDir) { return storeDir + "/known.json"; }
 
-ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDir, double limitS,
-                const ToolInput& input) {
-  // Everything the child needs is prepared before fork(): after it, only exec.
+std::vector<std::string> toolEnvironment(const std::string& storeDir,
+                                         const std::vector<std::string>& extra) {
   std::vector<std::string> env;
   for (char** e = environ; *e; ++e) {
     const std::string entry = *e;
@@ -39,9 +38,16 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDi
         entry.rfind("TERM=", 0))
       env.push_back(entry);
   }
-  env.insert(env.end(), input.env.begin(), input.env.end());  // these win over the store path
+  env.insert(env.end(), extra.begin(), extra.end());  // these win over the store path
   env.push_back("QLT_STORE_PATH=" + storeFile(storeDir));
   env.push_back("QLT_PLATFORM=sim");  // unless a test names one: not the machine's Bluetooth
+  return env;
+}
+
+ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDir, double limitS,
+                const ToolInput& input) {
+  // Everything the child needs is prepared before fork(): after it, only exec.
+  std::vector<std::string> env = toolEnvironment(storeDir, input.env);
   std::vector<char*> envp;
   for (auto& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);

@@ -57,6 +57,10 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDi
                 double limitS = 60, const ToolInput& input = {});
 // The QLT_STORE_PATH runTool gives for `storeDir`.
 std::string storeFile(const std::string& storeDir);
+// The environment of a run: this process's, without QLT_STORE_PATH, QLT_PLATFORM and TERM,
+// then `extra`, then QLT_STORE_PATH=storeFile(storeDir) and QLT_PLATFORM=sim.
+std::vector<std::string> toolEnvironment(const std::string& storeDir,
+                                         const std::vector<std::string>& extra);
 
 // The lines of `text`.
 std::vector<std::string> splitLines(const std::string& text);
