@@ -76,9 +76,10 @@ class UartLink {
   UartLink(const UartLink&) = delete;
   UartLink& operator=(const UartLink&) = delete;
 
-  // Finds `device` (its name, identifier or address, case-insensitive) and connects,
-  // within the options' timeout. Throws Error; UartLink::Error::Reason::NotFound when no
-  // such device was seen. Throws NotConnected when already connecting or connected.
+  // Finds `device` (as QLT_Peripheral::answersTo reads it: its exact name, or its identifier
+  // or address in any case) and connects, within the options' timeout. Throws Error;
+  // UartLink::Error::Reason::NotFound when no such device was seen. Throws NotConnected when
+  // already connecting or connected.
   void connect(std::string_view device);
   // The same in two steps: startConnect returns at once; waitUntilConnected blocks until
   // the attempt has succeeded (returns) or failed (throws, as connect does).

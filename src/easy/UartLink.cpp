@@ -1,7 +1,5 @@
 #include "QueltLibrary/UartLink.h"
 
-#include <algorithm>
-#include <cctype>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
@@ -18,20 +16,6 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 using Reason = UartLink::Error::Reason;
-
-bool equalIgnoringCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](unsigned char x, unsigned char y) {
-    return std::tolower(x) == std::tolower(y);
-  });
-}
-
-// Whether `peripheral` is the device the application named by its name or identifier,
-// case-insensitively. Defers to QLT_Peripheral's rule for naming a device.
-bool answersTo(const QLT_Peripheral& peripheral, std::string_view device) {
-  const auto name = peripheral.name();
-  return (name && equalIgnoringCase(*name, device)) ||
-         equalIgnoringCase(peripheral.basePeripheral()->identifier().UUIDString(), device);
-}
 
 std::string inSeconds(std::chrono::milliseconds d) {
   char text[32];
@@ -205,7 +189,7 @@ class UartLink::Impl : public QLT_BLEManagerDidChangedState,
     uint64_t attempt = 0;
     {
       std::lock_guard lock(mutex_);
-      if (state_ != State::Connecting || !searching_ || !answersTo(*p, device_)) return;
+      if (state_ != State::Connecting || !searching_ || !p->answersTo(device_)) return;
       searching_ = false;
       peripheral_ = p;
       attempt = attempt_;
