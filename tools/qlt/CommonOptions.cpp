@@ -3,6 +3,7 @@
 
 #include "Commands.h"
 #include "Errors.h"
+#include "LogRouting.h"
 #include "QueltLibrary/platform/Platform.h"
 
 namespace qlt::cli {
@@ -21,7 +22,9 @@ std::string explicitPlatform(const CommonOptions& o) {
 std::string resolvePlatform(const CommonOptions& o) {
   std::string name = explicitPlatform(o);
   if (!name.empty()) return name;
-  if (!o.simConfig.empty()) return "sim";     // simulated devices ask for the simulated radio
+  if (!o.simConfig.empty()) return "sim";  // simulated devices ask for the simulated radio
+  // The library logs its choice and why: route its log first, so that -v and --log show it.
+  routeLibraryLog(o.verbose, o.logFile);
   return platform::currentBackend()->name();  // BlueZ where it answers, else sim
 }
 
