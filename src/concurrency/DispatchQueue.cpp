@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -67,44 +68,97 @@ struct Entry {
   SyncHandoff* handoff = nullptr;  // set for the marker of a waiting sync() caller
 };
 
-// A FIFO of entries in a ring that is allocated when the first entry arrives and freed by
-// release(), so an idle queue holds no task memory at all.
-class EntryRing {
+// A queue's entries live in blocks of kBlock; a process-wide cache keeps blocks that queues
+// gave back for the next queue that gets work (a queue going idle and busy in turn would
+// otherwise allocate on one thread and free on another every turn). It keeps at most kKept.
+struct EntryBlock {
+  static constexpr uint32_t kBlock = 16;
+  std::array<Entry, kBlock> slots;
+  EntryBlock* next = nullptr;
+};
+
+class BlockCache {
  public:
-  bool empty() const { return size_ == 0; }
-  void push(Entry entry) {
-    if (size_ == capacity_) grow();
-    slots_[(head_ + size_) & (capacity_ - 1)] = std::move(entry);
-    ++size_;
+  static constexpr size_t kKept = 256;
+
+  static EntryBlock* take() {
+    BlockCache& cache = shared();
+    {
+      std::lock_guard lock(cache.mutex_);
+      if (!cache.blocks_.empty()) {
+        EntryBlock* block = cache.blocks_.back().release();
+        cache.blocks_.pop_back();
+        return block;
+      }
+    }
+    return new EntryBlock;
   }
-  Entry pop() {
-    Entry entry = std::move(slots_[head_]);
-    slots_[head_] = Entry{};
-    head_ = (head_ + 1) & (capacity_ - 1);
-    --size_;
-    return entry;
-  }
-  // Frees the ring; only when empty.
-  void release() {
-    slots_.reset();
-    capacity_ = head_ = 0;
+  // `block` holds only empty entries.
+  static void give(EntryBlock* block) {
+    std::unique_ptr<EntryBlock> owned(block);
+    owned->next = nullptr;
+    BlockCache& cache = shared();
+    std::lock_guard lock(cache.mutex_);
+    if (cache.blocks_.size() < kKept) cache.blocks_.push_back(std::move(owned));
   }
 
  private:
-  void grow() {
-    const uint32_t capacity = capacity_ == 0 ? 4 : 2 * capacity_;
-    auto slots = std::make_unique<Entry[]>(capacity);
-    for (uint32_t i = 0; i < size_; ++i)
-      slots[i] = std::move(slots_[(head_ + i) & (capacity_ - 1)]);
-    slots_ = std::move(slots);
-    capacity_ = capacity;
-    head_ = 0;
+  static BlockCache& shared() {
+    static BlockCache* cache = new BlockCache;  // never destroyed, see ThreadPool
+    return *cache;
+  }
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<EntryBlock>> blocks_;  // guarded by mutex_
+};
+
+// A FIFO of entries in a chain of blocks, taken as entries arrive and given back as they
+// are used up; release() gives back the last one, so an idle queue holds no task memory.
+class EntryList {
+ public:
+  EntryList() = default;
+  EntryList(const EntryList&) = delete;
+  EntryList& operator=(const EntryList&) = delete;
+  ~EntryList() {
+    while (head_ != nullptr) delete std::exchange(head_, head_->next);
   }
 
-  std::unique_ptr<Entry[]> slots_;
-  uint32_t capacity_ = 0;  // 0 or a power of two
-  uint32_t head_ = 0;
-  uint32_t size_ = 0;
+  bool empty() const { return head_ == tail_ && headIndex_ == tailIndex_; }
+  void push(Entry entry) {
+    if (tail_ == nullptr) {
+      head_ = tail_ = BlockCache::take();
+    } else if (tailIndex_ == EntryBlock::kBlock) {
+      tail_->next = BlockCache::take();
+      tail_ = tail_->next;
+      tailIndex_ = 0;
+    }
+    tail_->slots[tailIndex_++] = std::move(entry);
+  }
+  // Only when not empty.
+  Entry pop() {
+    Entry entry = std::move(head_->slots[headIndex_]);
+    head_->slots[headIndex_++] = Entry{};
+    if (headIndex_ == EntryBlock::kBlock) {
+      if (head_ == tail_) {
+        tailIndex_ = 0;  // used up and empty: start the block again
+      } else {
+        BlockCache::give(std::exchange(head_, head_->next));
+      }
+      headIndex_ = 0;
+    }
+    return entry;
+  }
+  // Gives the block back; only when empty.
+  void release() {
+    if (tail_ != nullptr) BlockCache::give(tail_);
+    head_ = tail_ = nullptr;
+    headIndex_ = tailIndex_ = 0;
+  }
+
+ private:
+  EntryBlock* head_ = nullptr;  // pops here
+  EntryBlock* tail_ = nullptr;  // pushes here
+  uint32_t headIndex_ = 0;
+  uint32_t tailIndex_ = 0;
 };
 
 class QueueImpl;
@@ -152,7 +206,7 @@ class QueueImpl final : public DispatchQueue {
 
   const std::string label;
   mutable std::mutex mutex;
-  EntryRing entries;    // guarded by mutex
+  EntryList entries;    // guarded by mutex
   bool active = false;  // guarded by mutex
   const bool isMain;
   std::pair<const void*, void*> firstSpecific{nullptr, nullptr};              // guarded by mutex
