@@ -3,8 +3,8 @@
 // Tasks submitted to one queue run one at a time, in submission order, never two at once.
 // A queue owns no thread: when it has work it is handed to a process-wide pool of worker
 // threads, and when it is drained it is handed back, so thousands of idle queues cost
-// only their memory (about 150 bytes each: the task list is allocated while the queue has
-// work and freed when it drains).
+// only their memory (168 bytes each: the task list is taken while the queue has
+// work and given back when it drains).
 //
 // The pool never lets ready work starve, up to its limits (poolLimits()):
 // - While fewer than `onDemand` workers (max(4, cores)) are running tasks, a queue that
