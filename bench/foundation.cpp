@@ -1,5 +1,8 @@
-// Foundation benchmarks: serial-queue throughput and latency, and the cost of an idle
-// transport worker beside a bare thread that only sleeps 1 ms per round.
+// Foundation benchmarks: serial-queue throughput and latency (beside a plain mutex and
+// condition-variable queue thread in the same run), the bytes of an idle queue and of a
+// timer, how soon a fresh task starts beside CPU-bound, event-waiting and blocked tasks
+// (beside an idle pool), and the cost of an idle transport worker beside a bare thread that
+// only sleeps 1 ms per round.
 //
 //   build/default/bench/qlt_foundation
 #include <benchmark/benchmark.h>
@@ -9,12 +12,19 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
 #include <future>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "QueltLibrary/BaseTransport.h"
+#include "QueltLibrary/ComTimer.h"
 #include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/HANDLE.h"
+#include "support/AllocationCounter.h"
 
 using namespace qlt;
 using namespace std::chrono_literals;
@@ -58,20 +68,155 @@ void asyncThroughput(benchmark::State& state, int queues) {
 void BM_AsyncThroughputOneQueue(benchmark::State& state) { asyncThroughput(state, 1); }
 void BM_AsyncThroughputEightQueues(benchmark::State& state) { asyncThroughput(state, 8); }
 
-// From async() on an idle queue to the task starting.
-void BM_AsyncLatency(benchmark::State& state) {
-  auto q = DispatchQueue::create("latency");
-  std::vector<double> samples;
-  for (auto _ : state) {
+// The same run's baseline: one thread serving a mutex, a condition variable and a deque.
+class PlainQueueThread {
+ public:
+  PlainQueueThread() : thread_([this] { serve(); }) {}
+  ~PlainQueueThread() {
+    async({});
+    thread_.join();
+  }
+  void async(std::function<void()> task) {
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+    cv_.notify_one();
+  }
+
+ private:
+  void serve() {
+    for (;;) {
+      std::unique_lock lock(mutex_);
+      cv_.wait(lock, [this] { return !tasks_.empty(); });
+      auto task = std::move(tasks_.front());
+      tasks_.pop_front();
+      lock.unlock();
+      if (!task) return;
+      task();
+    }
+  }
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  std::deque<std::function<void()>> tasks_;
+  std::thread thread_;
+};
+
+// Microseconds from `submit` (which hands a task over) to the task starting, p50 and p99.
+template <class Submit>
+std::pair<double, double> startLatency(int samples, Submit submit) {
+  std::vector<double> us;
+  for (int i = 0; i < samples; ++i) {
     std::promise<std::chrono::steady_clock::time_point> started;
     const auto t0 = std::chrono::steady_clock::now();
-    q->async([&] { started.set_value(std::chrono::steady_clock::now()); });
-    const auto t1 = started.get_future().get();
-    samples.push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());
+    submit([&] { started.set_value(std::chrono::steady_clock::now()); });
+    us.push_back(
+        std::chrono::duration<double, std::micro>(started.get_future().get() - t0).count());
+    std::this_thread::sleep_for(20us);  // the queue goes idle again
   }
-  std::sort(samples.begin(), samples.end());
-  state.counters["p50_us"] = samples[samples.size() / 2];
-  state.counters["p99_us"] = samples[samples.size() * 99 / 100];
+  std::sort(us.begin(), us.end());
+  return {us[us.size() / 2], us[us.size() * 99 / 100]};
+}
+
+// From async() on an idle queue to the task starting, beside the plain queue thread.
+void BM_AsyncLatency(benchmark::State& state) {
+  auto q = DispatchQueue::create("latency");
+  PlainQueueThread plain;
+  for (auto _ : state) {
+    const auto [p50, p99] = startLatency(5000, [&](auto task) { q->async(task); });
+    const auto [b50, b99] = startLatency(5000, [&](auto task) { plain.async(task); });
+    state.counters["p50_us"] = p50;
+    state.counters["p99_us"] = p99;
+    state.counters["plain_p50_us"] = b50;
+    state.counters["plain_p99_us"] = b99;
+  }
+}
+
+// Heap bytes of one idle queue and of one ComTimer (each a module with its queue and
+// multicast delegate), averaged over 10,000 kept alive; the queues have run a task each.
+void BM_IdleBytes(benchmark::State& state) {
+  constexpr int kCount = 10000;
+  for (auto _ : state) {
+    std::vector<std::shared_ptr<DispatchQueue>> queues;
+    std::vector<std::shared_ptr<ComTimer>> timers;
+    queues.reserve(kCount);
+    timers.reserve(kCount);
+    const bench::AllocationScope queueBytes;
+    for (int i = 0; i < kCount; ++i) queues.push_back(DispatchQueue::create("idle"));
+    const double perQueue = double(queueBytes.liveBytes()) / kCount;
+    for (auto& q : queues) q->async([] {});
+    for (auto& q : queues) q->sync([] {});
+    const bench::AllocationScope timerBytes;
+    for (int i = 0; i < kCount; ++i) timers.push_back(ComTimer::timer());
+    state.counters["bytes_per_queue"] = perQueue;
+    state.counters["bytes_per_timer"] = double(timerBytes.liveBytes()) / kCount;
+  }
+}
+
+// Milliseconds from async() of a fresh task on a queue of its own to its start, while
+// `count` other queues run `occupy` until `release` is called, and the same on an idle pool
+// in the same run; and the pool's workers then. The pool starts from its reserve of idle
+// workers, as after a quiet spell. `settle`: the fresh task comes once the
+// others have run 50 ms, else right after they were queued.
+void startDelay(benchmark::State& state, int count, bool settle,
+                const std::function<void()>& occupy, const std::function<void()>& release) {
+  const auto delayMs = [] {
+    std::promise<std::chrono::steady_clock::time_point> started;
+    const auto t0 = std::chrono::steady_clock::now();
+    DispatchQueue::create("fresh")->async(
+        [&] { started.set_value(std::chrono::steady_clock::now()); });
+    return std::chrono::duration<double, std::milli>(started.get_future().get() - t0).count();
+  };
+  for (auto _ : state) {
+    // Idle workers of earlier runs would take the fresh task at once: let them retire.
+    while (DispatchQueue::poolThreads() > 2) std::this_thread::sleep_for(10ms);
+    state.counters["idle_pool_ms"] = delayMs();
+    std::atomic<int> running{0};
+    std::vector<std::shared_ptr<DispatchQueue>> others;
+    for (int i = 0; i < count; ++i) {
+      others.push_back(DispatchQueue::create("occupied"));
+      others.back()->async([&] {
+        ++running;
+        occupy();
+        --running;
+      });
+    }
+    if (settle) {
+      while (running < count) std::this_thread::sleep_for(1ms);
+      std::this_thread::sleep_for(50ms);
+    }
+    state.counters["delay_ms"] = delayMs();
+    state.counters["pool_threads"] = double(DispatchQueue::poolThreads());
+    release();
+    for (auto& q : others) q->sync([] {});
+  }
+  state.counters["cap_running"] = double(DispatchQueue::poolLimits().running);
+}
+
+void BM_StartDelayBesideFourCpuBound(benchmark::State& state) {
+  std::atomic<bool> done{false};
+  startDelay(
+      state, 4, true,
+      [&] {
+        while (!done) {}
+      },
+      [&] { done = true; });
+}
+
+// Four tasks wait for an event without limit; the fresh task could be the one to set it.
+void BM_StartDelayBesideFourEventWaiters(benchmark::State& state) {
+  auto event = HANDLE::createManualEvent();
+  startDelay(
+      state, 4, true, [&] { HANDLE::waitForSingleObject(event); }, [&] { event->set(); });
+}
+
+// 600 tasks block where the pool cannot see it (a plain sleep), all queued at once.
+void BM_StartDelayBeside600Blocked(benchmark::State& state) {
+  std::atomic<bool> done{false};
+  startDelay(
+      state, 600, false,
+      [&] {
+        while (!done) std::this_thread::sleep_for(20ms);
+      },
+      [&] { done = true; });
 }
 
 class IdleTransport : public BaseTransport {
@@ -135,6 +280,19 @@ void BM_IdleWorkerCost(benchmark::State& state) {
 
 BENCHMARK(BM_AsyncThroughputOneQueue)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_AsyncThroughputEightQueues)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_AsyncLatency)->Iterations(5000)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_AsyncLatency)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_IdleBytes)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StartDelayBesideFourCpuBound)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_StartDelayBesideFourEventWaiters)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_StartDelayBeside600Blocked)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_IdleWorkerCost)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK_MAIN();

@@ -2,8 +2,8 @@
 //
 // A timer runs from the moment it is made; start() moves its origin to now. isTimeout()
 // is true when strictly more than Timeout seconds have passed since the origin. Like every
-// module it has a queue and a multicast delegate of its own, which it does not use (a
-// queue costs no thread while idle).
+// module it has a queue and a multicast delegate of its own, which it does not use (the
+// queue is made on first use, so an unused timer is about 240 bytes and no thread).
 //
 // Thread safety: start, elapse, isTimeout and the accessors may be called from any
 // thread; the origin and the time-out are atomic, but a start() followed by isTimeout()

@@ -3,9 +3,25 @@
 // Tasks submitted to one queue run one at a time, in submission order, never two at once.
 // A queue owns no thread: when it has work it is handed to a process-wide pool of worker
 // threads, and when it is drained it is handed back, so thousands of idle queues cost
-// only their memory. The pool adds a worker whenever every worker is busy and work is
-// waiting, so a task that blocks (sleeps, waits in sync() on another queue) never holds
-// up other queues; idle workers beyond a small reserve retire after a few seconds.
+// only their memory (168 bytes each: the task list is taken while the queue has
+// work and given back when it drains).
+//
+// The pool never lets ready work starve, up to its limits (poolLimits()):
+// - While fewer than `onDemand` workers (max(4, cores)) are running tasks, a queue that
+//   gets work and finds no idle worker gets a new one at once.
+// - A worker that waits in one of the library's own waits (sync() on a queue that is busy,
+//   the waits of HANDLE, or any code inside a BlockingScope) counts as blocked, not
+//   running: the pool starts another worker at once if work is waiting.
+// - A monitor watches for a stall: work waiting while no queue was taken up for 10 ms.
+//   If every worker is then asleep in the kernel (blocked in code the library cannot see),
+//   it starts a worker for each waiting queue at once; otherwise it replaces the asleep
+//   ones and adds one more, as long as fewer than `running` (2 × onDemand) workers are
+//   busy on a CPU. So ready work starts within a few stall periods beside CPU-bound tasks
+//   too, while a loaded machine, whose busy workers merely wait for a CPU, does not make
+//   the pool grow past `running`.
+// - There are never more than `total` (1024) workers; beyond that, work waits for a
+//   worker to finish.
+// - Idle workers beyond a reserve of two retire after two seconds.
 //
 // The main queue is served by one thread at a time: by default a thread of the library's
 // own, started on first use; or, after MainQueue::useApplicationThread(), by whichever
@@ -34,10 +50,6 @@
 
 namespace qlt {
 
-namespace detail {
-struct DispatchQueueState;  // a queue's task list and flags, defined in DispatchQueue.cpp
-}  // namespace detail
-
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
   using Task = std::function<void()>;
@@ -47,7 +59,6 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   // The one main queue of the process.
   static const std::shared_ptr<DispatchQueue>& main();
 
-  ~DispatchQueue();
   DispatchQueue(const DispatchQueue&) = delete;
   DispatchQueue& operator=(const DispatchQueue&) = delete;
 
@@ -68,11 +79,31 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   // The label of the queue the calling thread runs now, or "" outside any queue.
   static std::string currentLabel();
 
- private:
-  using State = detail::DispatchQueueState;
-  friend class QueueRunner;
-  explicit DispatchQueue(std::string label, bool isMain);
-  std::unique_ptr<State> state_;
+  // The pool's limits on its workers; see above.
+  struct PoolLimits {
+    size_t onDemand;  // started at once when work finds no idle worker
+    size_t running;   // grown to by stalls while workers are busy on a CPU
+    size_t total;     // never more workers than this, blocked ones included
+  };
+  static PoolLimits poolLimits();
+  // Workers of the pool right now: running, blocked or idle.
+  static size_t poolThreads();
+
+ protected:
+  DispatchQueue() = default;  // queues are made by create(); the state lives in a subclass
+  ~DispatchQueue() = default;
+};
+
+// Marks the calling thread as blocked for its lifetime (it nests). On a pool worker, the
+// pool counts the worker as blocked and starts another at once if work is waiting; on any
+// other thread it does nothing. The library's own waits use it; code that waits for long
+// inside a task may too.
+class BlockingScope {
+ public:
+  BlockingScope();
+  ~BlockingScope();
+  BlockingScope(const BlockingScope&) = delete;
+  BlockingScope& operator=(const BlockingScope&) = delete;
 };
 
 // How the main queue is served. See DispatchQueue.

@@ -1,13 +1,17 @@
 // HANDLE: a waitable event, auto-reset or manual-reset, waited for by polling.
 //
 // set() signals the event; isSet() tests it and, for an auto-reset event, consumes the
-// signal (of several threads testing, only one sees it). Waiting polls the flag about
-// every millisecond; set() wakes nobody.
+// signal (of several threads testing, only one sees it). A wait tests the flag, then pauses
+// about a millisecond, or until set() wakes it, and tests again; a wait without limit
+// blocks until set(). No wait spins. On a pool worker every wait counts as blocked
+// (BlockingScope), so the pool starts another worker for the queues that are waiting,
+// among them the one that may set the event.
 //
 // waitForMultipleObjects keeps the quirks of the interface it copies, on purpose: the
 // result is 0 when any event was set (whichever it was) and -1 on time-out; `t` is the
-// pause between passes, not the limit; the limit for any t >= 0 is a fixed 1.0 s, and a
-// negative t polls without pause and without limit (NaN too). A pause of 10^9 s or more,
+// pause between passes, not the limit (a set() does not cut a pause short); the limit for
+// any t >= 0 is a fixed 1.0 s, and a negative t waits without limit (NaN too): both t = 0
+// and t < 0 block between passes until an event is set. A pause of 10^9 s or more,
 // infinite included, saturates: the pause never ends, so such a wait does not return (it is
 // never converted to the clock's integer count, which would overflow).
 //

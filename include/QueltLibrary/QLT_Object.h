@@ -14,6 +14,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "QueltLibrary/Delegate.h"
@@ -30,7 +31,9 @@ class QLT_Object : public std::enable_shared_from_this<QLT_Object> {
 
   // The name of the most derived class, e.g. "ComTimer".
   const std::string& moduleName() const { return moduleName_; }
-  const std::shared_ptr<DispatchQueue>& moduleQueue() const { return moduleQueue_; }
+  // Made on first use (a module that never needs its queue, such as a ComTimer, costs no
+  // queue); the same queue from then on.
+  const std::shared_ptr<DispatchQueue>& moduleQueue() const;
   const std::shared_ptr<GCDMulticastDelegate>& multicastDelegate() const {
     return multicastDelegate_;
   }
@@ -62,8 +65,9 @@ class QLT_Object : public std::enable_shared_from_this<QLT_Object> {
   void runOnModuleQueue(DispatchQueue::Task task, bool synchronously);
 
   const std::string moduleName_;
-  const std::shared_ptr<DispatchQueue> moduleQueue_;
   const char moduleQueueTag_ = 0;  // its address is the tag
+  mutable std::once_flag moduleQueueMade_;
+  mutable std::shared_ptr<DispatchQueue> moduleQueue_;  // set in the constructor or once, above
   const std::shared_ptr<GCDMulticastDelegate> multicastDelegate_;
 };
 

@@ -1,11 +1,13 @@
 // Serial queues over a growing pool of worker threads. See DispatchQueue.h for the
-// contract; this file holds the three moving parts:
-//   - State: a queue's task list and its `active` flag. A queue is active from the moment
-//     it is handed to an executor until a drain finds it empty; whoever holds it active
-//     (a pool worker, the main-queue driver, or a caller of sync()) is the only one running
-//     its tasks, which is what makes the queue serial.
-//   - ThreadPool: runs ready queues; adds a worker when none is idle, retires idle ones.
+// contract; this file holds the moving parts:
+//   - QueueImpl: a queue's task list and its `active` flag. A queue is active from the
+//     moment it is handed to an executor until a drain finds it empty; whoever holds it
+//     active (a pool worker, the main-queue driver, or a caller of sync()) is the only one
+//     running its tasks, which is what makes the queue serial.
+//   - ThreadPool: runs ready queues; adds workers when none is idle, when one blocks in a
+//     library wait, and when a monitor sees ready work stall; retires idle ones.
 //   - MainLoop: runs the main queue on one driving thread.
+//   - TimerThread: hands delayed tasks to their queues.
 #include "QueltLibrary/DispatchQueue.h"
 
 #include <pthread.h>
@@ -13,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -54,25 +57,123 @@ struct SyncHandoff {
     cv.notify_one();
   }
   void wait() {
+    BlockingScope blocked;
     std::unique_lock lock(mutex);
     cv.wait(lock, [this] { return given; });
   }
 };
 
+struct Entry {
+  DispatchQueue::Task task;
+  SyncHandoff* handoff = nullptr;  // set for the marker of a waiting sync() caller
+};
+
+// A queue's entries live in blocks of kBlock; a process-wide cache keeps blocks that queues
+// gave back for the next queue that gets work (a queue going idle and busy in turn would
+// otherwise allocate on one thread and free on another every turn). It keeps at most kKept.
+struct EntryBlock {
+  static constexpr uint32_t kBlock = 16;
+  std::array<Entry, kBlock> slots;
+  EntryBlock* next = nullptr;
+};
+
+class BlockCache {
+ public:
+  static constexpr size_t kKept = 256;
+
+  static EntryBlock* take() {
+    BlockCache& cache = shared();
+    {
+      std::lock_guard lock(cache.mutex_);
+      if (!cache.blocks_.empty()) {
+        EntryBlock* block = cache.blocks_.back().release();
+        cache.blocks_.pop_back();
+        return block;
+      }
+    }
+    return new EntryBlock;
+  }
+  // `block` holds only empty entries.
+  static void give(EntryBlock* block) {
+    std::unique_ptr<EntryBlock> owned(block);
+    owned->next = nullptr;
+    BlockCache& cache = shared();
+    std::lock_guard lock(cache.mutex_);
+    if (cache.blocks_.size() < kKept) cache.blocks_.push_back(std::move(owned));
+  }
+
+ private:
+  static BlockCache& shared() {
+    static BlockCache* cache = new BlockCache;  // never destroyed, see ThreadPool
+    return *cache;
+  }
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<EntryBlock>> blocks_;  // guarded by mutex_
+};
+
+// A FIFO of entries in a chain of blocks, taken as entries arrive and given back as they
+// are used up; release() gives back the last one, so an idle queue holds no task memory.
+class EntryList {
+ public:
+  EntryList() = default;
+  EntryList(const EntryList&) = delete;
+  EntryList& operator=(const EntryList&) = delete;
+  ~EntryList() {
+    while (head_ != nullptr) delete std::exchange(head_, head_->next);
+  }
+
+  bool empty() const { return head_ == tail_ && headIndex_ == tailIndex_; }
+  void push(Entry entry) {
+    if (tail_ == nullptr) {
+      head_ = tail_ = BlockCache::take();
+    } else if (tailIndex_ == EntryBlock::kBlock) {
+      tail_->next = BlockCache::take();
+      tail_ = tail_->next;
+      tailIndex_ = 0;
+    }
+    tail_->slots[tailIndex_++] = std::move(entry);
+  }
+  // Only when not empty.
+  Entry pop() {
+    Entry entry = std::move(head_->slots[headIndex_]);
+    head_->slots[headIndex_++] = Entry{};
+    if (headIndex_ == EntryBlock::kBlock) {
+      if (head_ == tail_) {
+        tailIndex_ = 0;  // used up and empty: start the block again
+      } else {
+        BlockCache::give(std::exchange(head_, head_->next));
+      }
+      headIndex_ = 0;
+    }
+    return entry;
+  }
+  // Gives the block back; only when empty.
+  void release() {
+    if (tail_ != nullptr) BlockCache::give(tail_);
+    head_ = tail_ = nullptr;
+    headIndex_ = tailIndex_ = 0;
+  }
+
+ private:
+  EntryBlock* head_ = nullptr;  // pops here
+  EntryBlock* tail_ = nullptr;  // pushes here
+  uint32_t headIndex_ = 0;
+  uint32_t tailIndex_ = 0;
+};
+
+class QueueImpl;
+
 // The queues the calling thread is running, innermost first (a task that runs sync() on
 // another queue pushes a second frame).
 struct QueueFrame {
-  const detail::DispatchQueueState* state;
+  const QueueImpl* queue;
   const QueueFrame* outer;
 };
 thread_local const QueueFrame* tCurrentFrame = nullptr;
 
-// Tasks run so far by every queue: the pool's sign of progress.
-std::atomic<uint64_t> gTasksRun{0};
-
 class FrameScope {
  public:
-  explicit FrameScope(const detail::DispatchQueueState* state) : frame_{state, tCurrentFrame} {
+  explicit FrameScope(const QueueImpl* queue) : frame_{queue, tCurrentFrame} {
     tCurrentFrame = &frame_;
   }
   ~FrameScope() { tCurrentFrame = frame_.outer; }
@@ -81,6 +182,35 @@ class FrameScope {
 
  private:
   QueueFrame frame_;
+};
+
+// A queue's state. Idle, it is the label, a mutex, an empty ring and the first specific.
+class QueueImpl final : public DispatchQueue {
+ public:
+  static constexpr size_t kBatch = 64;  // tasks per turn before other queues get a worker
+
+  QueueImpl(std::string l, bool m) : label(std::move(l)), isMain(m) {}
+
+  static QueueImpl& of(DispatchQueue& q) { return static_cast<QueueImpl&>(q); }
+  static const QueueImpl& of(const DispatchQueue& q) { return static_cast<const QueueImpl&>(q); }
+  std::shared_ptr<QueueImpl> self() {
+    return std::static_pointer_cast<QueueImpl>(shared_from_this());
+  }
+
+  // Called with the queue active and owned by the caller. Returns the number of tasks run.
+  size_t drain();
+  // Gives up ownership after a sync() caller ran its task.
+  void release();
+  void schedule();
+  void* specific(const void* key) const;
+
+  const std::string label;
+  mutable std::mutex mutex;
+  EntryList entries;    // guarded by mutex
+  bool active = false;  // guarded by mutex
+  const bool isMain;
+  std::pair<const void*, void*> firstSpecific{nullptr, nullptr};              // guarded by mutex
+  std::unique_ptr<std::vector<std::pair<const void*, void*>>> moreSpecifics;  // guarded by mutex
 };
 
 void nameThisThread(const char* name) { pthread_setname_np(pthread_self(), name); }
@@ -108,44 +238,13 @@ bool threadIsAsleep(pid_t tid) {
 
 pid_t currentTid() { return static_cast<pid_t>(::syscall(SYS_gettid)); }
 
-}  // namespace
-
-struct detail::DispatchQueueState {
-  struct Entry {
-    DispatchQueue::Task task;
-    SyncHandoff* handoff = nullptr;  // set for the marker of a waiting sync() caller
-  };
-
-  DispatchQueueState(std::string l, bool m) : label(std::move(l)), isMain(m) {}
-
-  const std::string label;
-  const bool isMain;
-
-  std::mutex mutex;
-  std::deque<Entry> entries;  // guarded by mutex
-  bool active = false;        // guarded by mutex
-
-  mutable std::mutex specificMutex;
-  std::vector<std::pair<const void*, void*>> specifics;  // guarded by specificMutex
-};
-
-// Runs a queue's tasks for whoever holds it active.
-class QueueRunner {
- public:
-  static constexpr size_t kBatch = 64;  // tasks per turn before other queues get a worker
-
-  // Called with the queue active and owned by the caller. Returns the number of tasks run.
-  static size_t drain(const std::shared_ptr<DispatchQueue>& queue);
-  // Gives up ownership after a sync() caller ran its task.
-  static void release(const std::shared_ptr<DispatchQueue>& queue);
-  static void schedule(const std::shared_ptr<DispatchQueue>& queue);
-  static DispatchQueue::State& state(DispatchQueue& q) { return *q.state_; }
-};
-
-namespace {
-
 class ThreadPool {
  public:
+  static constexpr size_t kMaxThreads = 1024;
+  static constexpr size_t kReserve = 2;  // idle workers kept for ever
+  static constexpr auto kRetireAfter = std::chrono::seconds(2);
+  static constexpr auto kStallAfter = std::chrono::milliseconds(10);
+
   static ThreadPool& shared() {
     // Never destroyed: queues may still be used from static destructors and other
     // threads while the process exits.
@@ -153,7 +252,14 @@ class ThreadPool {
     return *pool;
   }
 
-  void schedule(std::shared_ptr<DispatchQueue> queue) {
+  DispatchQueue::PoolLimits limits() const { return {onDemand_, 2 * onDemand_, kMaxThreads}; }
+
+  size_t threads() {
+    std::lock_guard lock(mutex_);
+    return threads_;
+  }
+
+  void schedule(std::shared_ptr<QueueImpl> queue) {
     std::vector<std::thread> finished;
     {
       std::lock_guard lock(mutex_);
@@ -161,10 +267,9 @@ class ThreadPool {
       if (idle_ > wakeups_) {
         ++wakeups_;
         cv_.notify_one();
-      } else if (threads_ < softLimit_) {
+      } else if (threads_ - blocked_ < onDemand_ && threads_ < kMaxThreads) {
         spawnLocked();
       } else {
-        // Every worker is busy: the monitor adds one if they stop making progress.
         if (!monitor_.joinable()) monitor_ = std::thread([this] { monitor(); });
         monitorCv_.notify_one();
       }
@@ -173,20 +278,39 @@ class ThreadPool {
     for (auto& t : finished) t.join();
   }
 
+  // A pool worker enters (true) or leaves (false) a wait of the library's.
+  static void markBlocked(bool blocked) {
+    Worker* worker = tWorker;
+    if (worker == nullptr) return;
+    if (blocked ? worker->blockDepth++ > 0 : --worker->blockDepth > 0) return;
+    ThreadPool& pool = shared();
+    std::lock_guard lock(pool.mutex_);
+    worker->blocked = blocked;
+    if (!blocked) {
+      --pool.blocked_;
+      return;
+    }
+    ++pool.blocked_;
+    if (pool.starvingLocked() && pool.threads_ - pool.blocked_ < pool.onDemand_ &&
+        pool.threads_ < kMaxThreads) {
+      pool.spawnLocked();
+    }
+  }
+
  private:
-  static constexpr size_t kMaxThreads = 512;
-  static constexpr size_t kReserve = 2;  // idle workers kept for ever
-  static constexpr auto kRetireAfter = std::chrono::seconds(5);
-  static constexpr auto kStallAfter = std::chrono::milliseconds(10);
-
-  // Up to this many workers are started on demand; beyond it, only when work waits while
-  // no task finishes for kStallAfter and every worker is asleep (blocked, not busy).
-  const size_t softLimit_ = std::max<size_t>(4, std::thread::hardware_concurrency());
-
   struct Worker {
     std::thread thread;
-    pid_t tid = 0;  // set by the worker itself before it takes any work
+    pid_t tid = 0;         // set by the worker itself before it takes any work
+    bool idle = false;     // waiting for work; guarded by mutex_
+    bool blocked = false;  // inside a library wait; guarded by mutex_
+    int blockDepth = 0;    // touched by the worker's own thread only
   };
+  static thread_local Worker* tWorker;
+
+  const size_t onDemand_ = std::max<size_t>(4, std::thread::hardware_concurrency());
+
+  // Work waits and no idle worker is about to take it.
+  bool starvingLocked() const { return !ready_.empty() && idle_ <= wakeups_; }
 
   void spawnLocked() {
     ++threads_;
@@ -195,54 +319,73 @@ class ThreadPool {
     workers_[id].thread = std::move(worker);
   }
 
-  // On a loaded machine busy workers can go without a CPU for longer than kStallAfter;
-  // they are runnable, not blocked, and another worker would only add to the load.
-  bool everyWorkerAsleep(std::unique_lock<std::mutex>& lock) {
-    std::vector<pid_t> tids;
-    tids.reserve(workers_.size());
-    for (const auto& [id, worker] : workers_) tids.push_back(worker.tid);
-    lock.unlock();  // a worker waiting for mutex_ would otherwise look blocked
-    const bool asleep = std::all_of(tids.begin(), tids.end(),
-                                    [](pid_t tid) { return tid == 0 || threadIsAsleep(tid); });
-    lock.lock();
-    return asleep;
+  // How many of `tids` the kernel has asleep. Called without mutex_: a worker waiting for
+  // it would otherwise look blocked.
+  static size_t countAsleep(const std::vector<pid_t>& tids) {
+    return static_cast<size_t>(std::count_if(tids.begin(), tids.end(), threadIsAsleep));
   }
 
+  // Adds workers when ready work has not been taken up for kStallAfter. Workers that are
+  // asleep (blocked where the library cannot see) are replaced, all waiting queues at once
+  // when every worker is; one more is added while fewer than limits().running are busy on
+  // a CPU, so CPU-bound tasks cannot starve other queues either. A busy worker on a loaded
+  // machine is runnable, not asleep, and is never mistaken for a blocked one.
   void monitor() {
     nameThisThread("qlt.poolmon");
     std::unique_lock lock(mutex_);
     for (;;) {
-      if (ready_.empty()) {
+      if (!starvingLocked()) {
         monitorCv_.wait(lock);
         continue;
       }
-      const uint64_t before = gTasksRun.load(std::memory_order_relaxed);
+      const uint64_t before = taken_;
       monitorCv_.wait_for(lock, kStallAfter);
-      const auto waiting = [&] {
-        return !ready_.empty() && idle_ <= wakeups_ && threads_ < kMaxThreads &&
-               gTasksRun.load(std::memory_order_relaxed) == before;
-      };
-      if (waiting() && everyWorkerAsleep(lock) && waiting()) spawnLocked();
+      const auto stalled = [&] { return starvingLocked() && taken_ == before; };
+      if (!stalled()) continue;
+      std::vector<pid_t> busy;  // workers running a task, not in a library wait
+      for (const auto& [id, worker] : workers_) {
+        if (!worker.idle && !worker.blocked && worker.tid != 0) busy.push_back(worker.tid);
+      }
+      lock.unlock();
+      const size_t asleep = countAsleep(busy);
+      lock.lock();
+      if (!stalled()) continue;
+      const size_t runnable = busy.size() - asleep;
+      size_t add = runnable == 0 ? ready_.size() : asleep + (runnable < 2 * onDemand_ ? 1 : 0);
+      add = std::min(add, kMaxThreads - threads_);
+      // One at a time, dropping the lock in between so that the new ones take work at once.
+      for (; add > 0 && starvingLocked() && threads_ < kMaxThreads; --add) {
+        ++threads_;
+        lock.unlock();
+        std::thread worker([this] { work(); });
+        lock.lock();
+        workers_[worker.get_id()].thread = std::move(worker);
+      }
     }
   }
 
   void work() {
     nameThisThread("qlt.pool");
     std::unique_lock lock(mutex_);
-    workers_[std::this_thread::get_id()].tid = currentTid();
+    Worker& self = workers_[std::this_thread::get_id()];
+    self.tid = currentTid();
+    tWorker = &self;
     for (;;) {
       if (!ready_.empty()) {
         auto queue = std::move(ready_.front());
         ready_.pop_front();
+        ++taken_;
         lock.unlock();
-        QueueRunner::drain(queue);
+        queue->drain();
         queue.reset();
         lock.lock();
         continue;
       }
       ++idle_;
+      self.idle = true;
       const bool woken =
           cv_.wait_for(lock, kRetireAfter, [this] { return !ready_.empty() || !retired_.empty(); });
+      self.idle = false;
       --idle_;
       if (wakeups_ > 0) --wakeups_;
       if (!retired_.empty()) {
@@ -257,9 +400,10 @@ class ThreadPool {
       if (!woken && threads_ > kReserve) {
         // Retire: hand our own handle to a worker that stays, which joins it.
         --threads_;
-        auto self = workers_.find(std::this_thread::get_id());
-        retired_.push_back(std::move(self->second.thread));
-        workers_.erase(self);
+        tWorker = nullptr;
+        auto it = workers_.find(std::this_thread::get_id());
+        retired_.push_back(std::move(it->second.thread));
+        workers_.erase(it);
         cv_.notify_all();
         return;
       }
@@ -268,15 +412,19 @@ class ThreadPool {
 
   std::mutex mutex_;
   std::condition_variable cv_;
-  std::deque<std::shared_ptr<DispatchQueue>> ready_;     // guarded by mutex_
-  size_t threads_ = 0;                                   // guarded by mutex_
-  size_t idle_ = 0;                                      // guarded by mutex_
-  size_t wakeups_ = 0;                                   // guarded by mutex_
+  std::deque<std::shared_ptr<QueueImpl>> ready_;  // guarded by mutex_
+  size_t threads_ = 0;                            // guarded by mutex_
+  size_t idle_ = 0;                               // guarded by mutex_
+  size_t wakeups_ = 0;                            // guarded by mutex_
+  size_t blocked_ = 0;                            // guarded by mutex_
+  uint64_t taken_ = 0;  // queues taken from ready_ so far; guarded by mutex_
   std::unordered_map<std::thread::id, Worker> workers_;  // guarded by mutex_
   std::vector<std::thread> retired_;                     // guarded by mutex_
   std::condition_variable monitorCv_;
-  std::thread monitor_;  // guarded by mutex_; started when the soft limit is first reached
+  std::thread monitor_;  // guarded by mutex_; started when the pool first runs short
 };
+
+thread_local ThreadPool::Worker* ThreadPool::tWorker = nullptr;
 
 class MainLoop {
  public:
@@ -290,7 +438,7 @@ class MainLoop {
     applicationDriven_ = true;
   }
 
-  void schedule(std::shared_ptr<DispatchQueue> queue) {
+  void schedule(std::shared_ptr<QueueImpl> queue) {
     std::lock_guard lock(mutex_);
     pending_ = std::move(queue);
     if (!applicationDriven_ && !thread_.joinable()) {
@@ -305,7 +453,7 @@ class MainLoop {
   // Waits until the main queue has work (or `deadline`, or stop() when `stoppable`), then
   // runs one turn of it. Returns the number of tasks run.
   size_t serveOnce(std::chrono::steady_clock::time_point deadline, bool stoppable) {
-    std::shared_ptr<DispatchQueue> queue;
+    std::shared_ptr<QueueImpl> queue;
     {
       std::unique_lock lock(mutex_);
       auto ready = [&] { return pending_ != nullptr || (stoppable && stopRequested_); };
@@ -317,7 +465,7 @@ class MainLoop {
       queue = std::move(pending_);
       pending_.reset();
     }
-    return queue ? QueueRunner::drain(queue) : 0;
+    return queue ? queue->drain() : 0;
   }
 
   // A stop() that came while no run() was active is kept: this run() then runs what is
@@ -343,24 +491,24 @@ class MainLoop {
   size_t runPending() {
     size_t ran = 0;
     for (;;) {
-      std::shared_ptr<DispatchQueue> queue;
+      std::shared_ptr<QueueImpl> queue;
       {
         std::lock_guard lock(mutex_);
         queue = std::move(pending_);
         pending_.reset();
       }
       if (!queue) return ran;
-      ran += QueueRunner::drain(queue);
+      ran += queue->drain();
     }
   }
 
  private:
   std::mutex mutex_;
   std::condition_variable cv_;
-  std::shared_ptr<DispatchQueue> pending_;  // guarded by mutex_
-  bool applicationDriven_ = false;          // guarded by mutex_
-  bool stopRequested_ = false;              // guarded by mutex_
-  std::thread thread_;                      // guarded by mutex_
+  std::shared_ptr<QueueImpl> pending_;  // guarded by mutex_
+  bool applicationDriven_ = false;      // guarded by mutex_
+  bool stopRequested_ = false;          // guarded by mutex_
+  std::thread thread_;                  // guarded by mutex_
 };
 
 // Submits delayed tasks to their queues when they are due. One thread, started on first
@@ -424,84 +572,89 @@ class TimerThread {
   std::thread thread_;       // guarded by mutex_
 };
 
-}  // namespace
-
-void QueueRunner::schedule(const std::shared_ptr<DispatchQueue>& queue) {
-  if (queue->state_->isMain) {
-    MainLoop::shared().schedule(queue);
+void QueueImpl::schedule() {
+  if (isMain) {
+    MainLoop::shared().schedule(self());
   } else {
-    ThreadPool::shared().schedule(queue);
+    ThreadPool::shared().schedule(self());
   }
 }
 
-size_t QueueRunner::drain(const std::shared_ptr<DispatchQueue>& queue) {
-  DispatchQueue::State& s = *queue->state_;
-  FrameScope frame(&s);
+size_t QueueImpl::drain() {
+  FrameScope frame(this);
   size_t ran = 0;
   for (;;) {
-    std::unique_lock lock(s.mutex);
-    if (s.entries.empty()) {
-      s.active = false;
+    std::unique_lock lock(mutex);
+    if (entries.empty()) {
+      entries.release();
+      active = false;
       return ran;
     }
     if (ran == kBatch) {
       lock.unlock();
-      schedule(queue);  // stays active; another turn later
+      schedule();  // stays active; another turn later
       return ran;
     }
-    DispatchQueue::State::Entry entry = std::move(s.entries.front());
-    s.entries.pop_front();
+    Entry entry = entries.pop();
     lock.unlock();
     if (entry.handoff) {
       entry.handoff->give();  // the queue now belongs to the waiting sync() caller
       return ran;
     }
-    runContained(entry.task, s.label);
+    runContained(entry.task, label);
     ++ran;
-    gTasksRun.fetch_add(1, std::memory_order_relaxed);
   }
 }
 
-void QueueRunner::release(const std::shared_ptr<DispatchQueue>& queue) {
-  DispatchQueue::State& s = *queue->state_;
+void QueueImpl::release() {
   {
-    std::lock_guard lock(s.mutex);
-    if (s.entries.empty()) {
-      s.active = false;
+    std::lock_guard lock(mutex);
+    if (entries.empty()) {
+      entries.release();
+      active = false;
       return;
     }
   }
-  schedule(queue);
+  schedule();
 }
 
-DispatchQueue::DispatchQueue(std::string label, bool isMain)
-    : state_(std::make_unique<State>(std::move(label), isMain)) {}
+void* QueueImpl::specific(const void* key) const {
+  std::lock_guard lock(mutex);
+  if (firstSpecific.first == key) return firstSpecific.second;
+  if (moreSpecifics) {
+    for (const auto& [k, v] : *moreSpecifics) {
+      if (k == key) return v;
+    }
+  }
+  return nullptr;
+}
 
-DispatchQueue::~DispatchQueue() = default;
+}  // namespace
 
 std::shared_ptr<DispatchQueue> DispatchQueue::create(std::string label) {
-  return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(label), false));
+  return std::make_shared<QueueImpl>(std::move(label), false);
 }
 
 const std::shared_ptr<DispatchQueue>& DispatchQueue::main() {
   static const auto* mainQueue =
-      new std::shared_ptr<DispatchQueue>(new DispatchQueue("qlt.main", true));
+      new std::shared_ptr<DispatchQueue>(std::make_shared<QueueImpl>("qlt.main", true));
   return *mainQueue;
 }
 
-const std::string& DispatchQueue::label() const { return state_->label; }
+const std::string& DispatchQueue::label() const { return QueueImpl::of(*this).label; }
 
 void DispatchQueue::async(Task task) {
+  QueueImpl& q = QueueImpl::of(*this);
   bool mustSchedule = false;
   {
-    std::lock_guard lock(state_->mutex);
-    state_->entries.push_back({std::move(task), nullptr});
-    if (!state_->active) {
-      state_->active = true;
+    std::lock_guard lock(q.mutex);
+    q.entries.push({std::move(task), nullptr});
+    if (!q.active) {
+      q.active = true;
       mustSchedule = true;
     }
   }
-  if (mustSchedule) QueueRunner::schedule(shared_from_this());
+  if (mustSchedule) q.schedule();
 }
 
 void DispatchQueue::asyncAfter(std::chrono::nanoseconds delay, Task task) {
@@ -518,59 +671,70 @@ void DispatchQueue::sync(const Task& task) {
     task();
     return;
   }
+  QueueImpl& q = QueueImpl::of(*this);
   SyncHandoff handoff;
   bool wait = false;
   {
-    std::lock_guard lock(state_->mutex);
-    if (state_->active) {
-      state_->entries.push_back({nullptr, &handoff});
+    std::lock_guard lock(q.mutex);
+    if (q.active) {
+      q.entries.push({nullptr, &handoff});
       wait = true;
     } else {
-      state_->active = true;
+      q.active = true;
     }
   }
   if (wait) handoff.wait();
   try {
-    FrameScope frame(state_.get());
+    FrameScope frame(&q);
     task();
   } catch (...) {
-    QueueRunner::release(shared_from_this());  // the queue goes on; the caller gets the exception
+    q.release();  // the queue goes on; the caller gets the exception
     throw;
   }
-  QueueRunner::release(shared_from_this());
+  q.release();
 }
 
 bool DispatchQueue::isCurrent() const {
   for (const QueueFrame* f = tCurrentFrame; f; f = f->outer) {
-    if (f->state == state_.get()) return true;
+    if (f->queue == this) return true;
   }
   return false;
 }
 
 void DispatchQueue::setSpecific(const void* key, void* value) {
-  std::lock_guard lock(state_->specificMutex);
-  for (auto& [k, v] : state_->specifics) {
+  QueueImpl& q = QueueImpl::of(*this);
+  std::lock_guard lock(q.mutex);
+  if (q.firstSpecific.first == nullptr || q.firstSpecific.first == key) {
+    q.firstSpecific = {key, value};
+    return;
+  }
+  if (!q.moreSpecifics)
+    q.moreSpecifics = std::make_unique<std::vector<std::pair<const void*, void*>>>();
+  for (auto& [k, v] : *q.moreSpecifics) {
     if (k == key) {
       v = value;
       return;
     }
   }
-  state_->specifics.emplace_back(key, value);
+  q.moreSpecifics->emplace_back(key, value);
 }
 
 void* DispatchQueue::getSpecific(const void* key) {
   for (const QueueFrame* f = tCurrentFrame; f; f = f->outer) {
-    std::lock_guard lock(f->state->specificMutex);
-    for (const auto& [k, v] : f->state->specifics) {
-      if (k == key) return v;
-    }
+    if (void* value = f->queue->specific(key)) return value;
   }
   return nullptr;
 }
 
 std::string DispatchQueue::currentLabel() {
-  return tCurrentFrame ? tCurrentFrame->state->label : std::string();
+  return tCurrentFrame ? tCurrentFrame->queue->label : std::string();
 }
+
+DispatchQueue::PoolLimits DispatchQueue::poolLimits() { return ThreadPool::shared().limits(); }
+size_t DispatchQueue::poolThreads() { return ThreadPool::shared().threads(); }
+
+BlockingScope::BlockingScope() { ThreadPool::markBlocked(true); }
+BlockingScope::~BlockingScope() { ThreadPool::markBlocked(false); }
 
 void MainQueue::useApplicationThread() { MainLoop::shared().useApplicationThread(); }
 void MainQueue::run() { MainLoop::shared().run(); }

@@ -6,9 +6,19 @@ namespace qlt {
 
 QLT_Object::QLT_Object(std::string className, std::shared_ptr<DispatchQueue> queue)
     : moduleName_(std::move(className)),
-      moduleQueue_(queue ? std::move(queue) : DispatchQueue::create(moduleName_)),
+      moduleQueue_(std::move(queue)),
       multicastDelegate_(std::make_shared<GCDMulticastDelegate>()) {
-  moduleQueue_->setSpecific(&moduleQueueTag_, const_cast<char*>(&moduleQueueTag_));
+  if (moduleQueue_)
+    moduleQueue_->setSpecific(&moduleQueueTag_, const_cast<char*>(&moduleQueueTag_));
+}
+
+const std::shared_ptr<DispatchQueue>& QLT_Object::moduleQueue() const {
+  std::call_once(moduleQueueMade_, [this] {
+    if (moduleQueue_) return;
+    moduleQueue_ = DispatchQueue::create(moduleName_);
+    moduleQueue_->setSpecific(&moduleQueueTag_, const_cast<char*>(&moduleQueueTag_));
+  });
+  return moduleQueue_;
 }
 
 QLT_Object::~QLT_Object() = default;
@@ -21,9 +31,9 @@ void QLT_Object::runOnModuleQueue(DispatchQueue::Task task, bool synchronously) 
   if (isOnModuleQueue()) {
     task();
   } else if (synchronously) {
-    moduleQueue_->sync(task);
+    moduleQueue()->sync(task);
   } else {
-    moduleQueue_->async(std::move(task));
+    moduleQueue()->async(std::move(task));
   }
 }
 

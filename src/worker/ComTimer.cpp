@@ -14,7 +14,11 @@ std::shared_ptr<ComTimer> ComTimer::timer(std::shared_ptr<Clock> clock) {
 }
 
 std::shared_ptr<ComTimer> ComTimer::timerWithTimeout(double seconds, std::shared_ptr<Clock> clock) {
-  return std::shared_ptr<ComTimer>(new ComTimer(seconds, std::move(clock)));
+  // One allocation for the timer and its reference count.
+  struct Made final : ComTimer {
+    Made(double s, std::shared_ptr<Clock> c) : ComTimer(s, std::move(c)) {}
+  };
+  return std::make_shared<Made>(seconds, std::move(clock));
 }
 
 void ComTimer::start() { tm_.store(clock_->now(), std::memory_order_relaxed); }

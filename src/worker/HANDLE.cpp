@@ -1,7 +1,12 @@
 #include "QueltLibrary/HANDLE.h"
 
+#include <array>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <thread>
+
+#include "QueltLibrary/DispatchQueue.h"
 
 namespace qlt {
 
@@ -21,6 +26,50 @@ void sleepSeconds(double seconds) {
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
+// Where waiters block until some event is set: one lock and condition for every event, so
+// a waiter may watch several. set() notifies only while someone waits. Lock order: the
+// parking lock, then an event's own lock (isSet under it); set() takes the event's lock and
+// releases it before taking the parking lock.
+struct Parking {
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::atomic<int> waiters{0};
+
+  static Parking& shared() {
+    static Parking* parking = new Parking;  // never destroyed: events outlive static destructors
+    return *parking;
+  }
+
+  // Until one of `events` is seen set (consuming an auto-reset signal) or `until` passes.
+  // Returns whether one was set. Marks the calling thread blocked for the pool.
+  template <class Events>
+  bool waitUntil(const Events& events, std::chrono::steady_clock::time_point until) {
+    BlockingScope blocked;
+    waiters.fetch_add(1);
+    std::unique_lock lock(mutex);
+    bool set = false;
+    const auto anySet = [&] {
+      for (const auto& event : events) {
+        if (event && event->isSet()) return set = true;
+      }
+      return false;
+    };
+    if (until == std::chrono::steady_clock::time_point::max()) {
+      cv.wait(lock, anySet);
+    } else {
+      cv.wait_until(lock, until, anySet);
+    }
+    waiters.fetch_sub(1);
+    return set;
+  }
+
+  void wakeWaiters() {
+    if (waiters.load() == 0) return;
+    std::lock_guard lock(mutex);
+    cv.notify_all();
+  }
+};
+
 }  // namespace
 
 HANDLE::HANDLE() : timer_(ComTimer::timerWithTimeout(0.001)) {}
@@ -33,8 +82,11 @@ std::shared_ptr<HANDLE> HANDLE::createEvent(bool initialState, bool autoReset) {
 }
 
 void HANDLE::set() {
-  std::lock_guard lock(mutex_);
-  flag_.store(true, std::memory_order_relaxed);
+  {
+    std::lock_guard lock(mutex_);
+    flag_.store(true, std::memory_order_relaxed);
+  }
+  Parking::shared().wakeWaiters();
 }
 
 void HANDLE::reset() {
@@ -49,12 +101,17 @@ bool HANDLE::isSet() {
   return set;
 }
 
+// Each pause lasts a millisecond, or until the event is set; a wait without limit blocks
+// until then.
 bool HANDLE::waitTimeout(double t) {
   timer_->setTimeout(t);
   timer_->start();
+  const std::array<HANDLE*, 1> self{this};
   for (;;) {
     if (isSet()) return true;
-    sleepSeconds(0.001);
+    const auto until = t < 0 ? std::chrono::steady_clock::time_point::max()
+                             : std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
+    if (Parking::shared().waitUntil(self, until)) return true;
     if (t >= 0 && timer_->isTimeout()) return false;
   }
 }
@@ -65,14 +122,26 @@ long HANDLE::waitForSingleObject(const std::shared_ptr<HANDLE>& event, double t)
 
 long HANDLE::waitForMultipleObjects(const std::vector<std::shared_ptr<HANDLE>>& events, double t) {
   // The stopwatch keeps its default limit of 1.0 s whatever t is; t is only the pause.
+  // Without a pause (t <= 0 or NaN) the passes do not spin: the wait blocks until an event
+  // is set or, for t == 0, the limit has passed.
   const auto stopwatch = ComTimer::timer();
+  const auto limit = std::chrono::steady_clock::now() +
+                     std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                         std::chrono::duration<double>(stopwatch->Timeout())) +
+                     std::chrono::microseconds(1);
   for (;;) {
     long counter = 0;
     for (const auto& event : events) {
       if (event && event->isSet()) return counter;
     }
     ++counter;
-    if (t > 0) sleepSeconds(t);
+    if (t > 0) {
+      BlockingScope blocked;
+      sleepSeconds(t);
+    } else if (Parking::shared().waitUntil(
+                   events, t == 0 ? limit : std::chrono::steady_clock::time_point::max())) {
+      return 0;
+    }
     if (t >= 0 && stopwatch->isTimeout()) return -1;
   }
 }
