@@ -12,11 +12,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-class TheQltToolByAddress : public ::testing::Test {
+class TheQltToolByAddress : public ToolTest {
  protected:
-  ToolRun qlt(const std::vector<std::string>& args, const ToolInput& input = {}) {
-    return runTool(args, store_.path(), 60, input);
-  }
   // The devices a scan with `filter` shows, by name.
   std::map<std::string, Json> scan(std::vector<std::string> filter) {
     filter.insert(filter.begin(), {"scan", "--json", "--timeout", "0.6"});
@@ -29,11 +26,10 @@ class TheQltToolByAddress : public ::testing::Test {
     }
     return seen;
   }
-  TempDir store_;
 };
 
 TEST_F(TheQltToolByAddress, ChatsAndSendsToADeviceNamedByItsAddressInEitherCase) {
-  const auto chat = qlt({"chat", "c0:ff:ee:00:00:01"}, withStdin("hi\n"));
+  const auto chat = qlt({"chat", "c0:ff:ee:00:00:01"}, 60, withStdin("hi\n"));
   EXPECT_EQ(chat.exitCode, 0) << chat.err;
   EXPECT_EQ(splitLines(chat.out), std::vector<std::string>{"< hi"});
   const std::string file = store_.path() + "/payload";

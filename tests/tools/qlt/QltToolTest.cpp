@@ -19,18 +19,13 @@
 namespace qlt::test {
 namespace {
 
-class TheQltTool : public ::testing::Test {
+class TheQltTool : public ToolTest {
  protected:
-  ToolRun qlt(const std::vector<std::string>& args, double limitS = 60,
-              const ToolInput& input = {}) {
-    return runTool(args, store_.path(), limitS, input);
-  }
   // A simulated radio of devices that misbehave: a small MTU, broken UART tables, links
   // that drop, a hostile name (hostile-radio.json beside this file).
   const std::string radio_ = QLT_TOOL_TEST_DATA "/hostile-radio.json";
   const std::string evilName_ =
       "Evil\x1b[2J\nfake row  0E0E0E0E-9999 xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx";
-  TempDir store_;
 };
 
 // Bad usage is exit 2 with a message that names the command (and the option, for a bad
@@ -57,6 +52,17 @@ TEST_F(TheQltTool, RejectsBadUsageWithExitCodeTwo) {
       {{"scan", "--manufacturer", "0x1FFFF"}, "--manufacturer"},
       {{"scan", "--service", "180G"}, "--service"},
       {{"chat", "C0:FF:EE:00:00"}, "not a Bluetooth address"},
+      {{"bench", "-t", "1", "--bytes", "10"}, "--bytes excludes --time"},
+      {{"bench", "-t", "nan"}, "--time"},
+      {{"bench", "-t", "-1"}, "--time"},
+      {{"bench", "-t", "0"}, "--time"},
+      {{"bench", "-i", "0"}, "--report-interval"},
+      {{"bench", "-R", "--transport", "nus"}, "-R needs the sliding window"},
+      {{"bridge", "QLT-Echo", "--tcp", "70000"}, "'70000' has no port"},
+      {{"bridge", "QLT-Echo", "--tcp", "host:"}, "'host:' has no port"},
+      {{"bridge", "QLT-Echo", "--tcp", "::1:80"}, "needs brackets"},
+      {{"bridge", "QLT-Echo", "--tcp", "7x"}, "'7x' has no port"},
+      {{"bridge", "QLT-Echo", "--tcp", "1", "--pty"}, "--pty excludes --tcp"},
   };
   for (const auto& [args, named] : cases) {
     SCOPED_TRACE(::testing::PrintToString(args));
