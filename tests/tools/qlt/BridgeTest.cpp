@@ -126,13 +126,5 @@ TEST_F(ABridge, CarriesAFileForOneTcpClientAtATime) {
   EXPECT_EQ(run.exitCode, 130) << run.err;
 }
 
-// Bad addresses are refused with the rest of the bad usage (QltToolTest).
-TEST_F(ABridge, NeverPutsItsLinkOverAFile) {
-  const std::string file = store_.path() + "/precious";
-  std::ofstream(file) << "keep me";
-  EXPECT_EQ(qlt({"bridge", "Echo", "--sim-config", radio_, "--pty", "--link", file}).exitCode, 1);
-  EXPECT_EQ(std::filesystem::file_size(file), 7u);  // "keep me", untouched
-}
-
 }  // namespace
 }  // namespace qlt::test

@@ -225,6 +225,7 @@ TEST_F(TheQltTool, NeverLosesOrMisreportsDataWhenATransferFails) {
        "no device named 'NoSuch' found within 0.5 s"},
       {{"chat", "C0:FF:EE:00:00:99", "--timeout", "0.5"},
        "no device with address C0:FF:EE:00:00:99"},
+      {{"bridge", "QLT-Echo", "--pty", "--link", target}, "exists and is not a symbolic link"},
       // A link that cannot carry the transport is refused at once, saying why.
       {{"receive", "Small", target, "--sim-config", radio}, "ATT MTU is 23"},
       {{"receive", "Twice", target, "--sim-config", radio}, "UART service 2 times"},
