@@ -54,8 +54,6 @@ TEST_F(TheQltTool, RejectsBadUsageWithExitCodeTwo) {
       {{"scan", "--service", "180G"}, "--service"},
       {{"chat", "C0:FF:EE:00:00"}, "not a Bluetooth address"},
       {{"bench", "-t", "1", "--bytes", "10"}, "--bytes excludes --time"},
-      {{"bench", "-t", "nan"}, "--time"},
-      {{"bench", "-t", "-1"}, "--time"},
       {{"bench", "-t", "0"}, "--time"},
       {{"bench", "-i", "0"}, "--report-interval"},
       {{"bench", "-R", "--transport", "nus"}, "-R needs the sliding window"},
