@@ -1,5 +1,5 @@
-// With no choice made, the library runs on BlueZ where a bluetoothd with an adapter answers on
-// the system bus, and on the simulated radio elsewhere; a choice made always wins.
+// Choosing the platform backend: an installed one, else the environment's, else BlueZ where a
+// bluetoothd with an adapter answers on the system bus, else the simulated radio.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,6 +10,35 @@
 
 namespace qlt::platform {
 namespace {
+
+class FakeBackend final : public Backend {
+ public:
+  std::string name() const override { return "fake"; }
+  std::shared_ptr<Central> createCentral(const std::shared_ptr<CentralDelegate>&,
+                                         const std::shared_ptr<DispatchQueue>&,
+                                         const CentralOptions&) override {
+    return nullptr;
+  }
+};
+
+TEST(ThePlatformRegistry, PrefersAnInstalledBackendThenTheEnvironmentThenTheSimulatedRadio) {
+  setenv("QLT_PLATFORM", "carrier-pigeon", 1);
+  setBackend(nullptr);
+  test::LogCapture log;
+  ASSERT_TRUE(currentBackend());
+  EXPECT_EQ(currentBackend()->name(), "sim") << "an unknown name in the environment";
+  EXPECT_EQ(log.lines().size(), 1u) << "is logged";
+  auto fake = std::make_shared<FakeBackend>();
+  setBackend(fake);
+  EXPECT_EQ(currentBackend(), fake);
+  EXPECT_FALSE(setBackendByName("carrier-pigeon"));
+  EXPECT_EQ(currentBackend(), fake) << "an unknown name leaves the choice as it was";
+  EXPECT_EQ(log.lines().size(), 2u);
+  EXPECT_TRUE(setBackendByName("sim"));
+  EXPECT_EQ(currentBackend()->name(), "sim");
+  setBackend(nullptr);
+  unsetenv("QLT_PLATFORM");
+}
 
 std::string chosenWith(const char* qltPlatform) {
   if (qltPlatform) {
@@ -40,9 +69,6 @@ TEST(TheDefaultPlatform, IsBluezWhereABluetoothdWithAnAdapterAnswersAndTheSimula
         std::string(std::getenv("DBUS_SYSTEM_BUS_ADDRESS")) +
         " with the adapter /org/bluez/hci0 (QLT_PLATFORM=sim for the simulated radio)"));
     EXPECT_EQ(chosenWith("sim"), "sim") << "the environment's choice wins";
-    setBackendByName("sim");
-    EXPECT_EQ(currentBackend()->name(), "sim") << "the application's choice wins";
-    setBackend(nullptr);
   }
   ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/qlt-no-bus", 1);
   const auto start = std::chrono::steady_clock::now();

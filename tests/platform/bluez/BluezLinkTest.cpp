@@ -1,8 +1,12 @@
-// The link state machine and the GATT request queue against a fake bus port: every reply,
-// time-out and signal order by hand, without a bus.
+// The link state machine, the GATT request queue and the write path against a fake bus port:
+// every reply, time-out and signal order by hand, without a bus. A slow link must be absorbed
+// by the sender's window, not by a queue of stale writes.
 #include <gtest/gtest.h>
 
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
+
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <sstream>
 
@@ -10,6 +14,7 @@
 #include "core/LogRateLimiter.h"
 #include "platform/bluez/BluezGattQueue.h"
 #include "platform/bluez/BluezLink.h"
+#include "platform/bluez/BluezSockets.h"
 
 namespace qlt::bluez {
 namespace {
@@ -19,6 +24,7 @@ using test::FakeBusPort;
 
 constexpr Address kDevice = {0xC0, 0xFF, 0xEE, 0, 0, 1};
 constexpr Address kOther = {0xC0, 0xFF, 0xEE, 0, 0, 2};
+constexpr size_t kBound = GattQueue::kMaxCommandsPerDevice;
 
 // A script of what happens to the link, one step a word: bluetoothd's answers ("ok:Connect",
 // "fail:Connect", "already:Connect" for AlreadyConnected) and signals ("resolve", "lost"), the
@@ -177,6 +183,12 @@ class AGattQueue : public testing::Test {
     for (const auto& call : port.pending()) paths.push_back(call.path);
     return paths;
   }
+  // Answers every WriteValue, as places come free, until none is left; how many.
+  size_t answerAll() {
+    size_t answered = 0;
+    for (; port.answer("WriteValue"); port.runPosted()) ++answered;
+    return answered;
+  }
   size_t inFlightFor(const std::string& prefix) const {
     return std::count_if(port.pending().begin(), port.pending().end(),
                          [&](const auto& c) { return c.path.rfind(prefix, 0) == 0; });
@@ -232,6 +244,61 @@ TEST_F(AGattQueue, CapsCommandsInFlightAndLetsDevicesTakeTurns) {
   port.releaseProxy("/dev2/c");
   port.runPosted();
   EXPECT_EQ(inFlightFor("/dev1"), each - cap / 2) << "all of its writes not answered yet";
+}
+
+struct AWritePath : AGattQueue, SocketListener {
+  void socketNotification(const Address&, const std::string&, size_t, Data) override {}
+  void notifyAcquired(const Address&, const std::string&, bool) override {}
+  void notifySocketClosed(const Address&, const std::string&) override {}
+  SocketPath sockets{port, queue, *this, 10s};
+};
+
+// A burst of writes without response to a device that does not answer, by WriteValue or
+// while the AcquireWrite reply is out: only the bound waits, the rest is dropped and
+// counted, and the link carries writes again once the port answers.
+TEST_F(AWritePath, HoldsAtMostTheBoundOfWritesWithoutResponseAndDropsTheRest) {
+  const Data frame(std::vector<uint8_t>(20, 0x10));
+  for (const bool offered : {false, true}) {  // a device each
+    const Address& device = offered ? kOther : kDevice;
+    for (size_t i = 0; i < 5 * kBound; ++i) sockets.write(device, "/tx", frame, offered, 185);
+    EXPECT_EQ(queue.commandsDropped(), (offered ? 8 : 4) * kBound) << offered;
+    if (offered) {
+      ASSERT_TRUE(port.answer("AcquireWrite", "org.bluez.Error.NotPermitted"));
+    }
+    EXPECT_EQ(answerAll(), kBound) << "nothing waited beyond the bound";
+    for (int i = 0; i < 3; ++i) sockets.write(device, "/tx", frame, offered, 185);
+    EXPECT_EQ(answerAll(), 3u) << "the link delivers again";
+  }
+}
+
+// Writes with response are never dropped silently: beyond the bound each fails by its callback.
+TEST_F(AGattQueue, FailsWritesWithResponseBeyondTheBoundWithAnError) {
+  const size_t total = 1 + GattQueue::kMaxRequestsWaiting + 2;  // one in flight, the rest wait
+  for (size_t i = 0; i < total; ++i) {
+    queue.request(kDevice, "/tx", Data(), [&](const std::optional<platform::Error>& failure) {
+      outcomes.push_back(failure ? failure->domain + ": " + failure->message : "ok");
+    });
+  }
+  port.runPosted();
+  const std::string refused = "qlt.bluez: too many writes with response waiting (" +
+                              std::to_string(GattQueue::kMaxRequestsWaiting) + "); not sent";
+  EXPECT_EQ(outcomes, std::vector<std::string>(2, refused));
+  EXPECT_EQ(answerAll(), total - 2);
+  EXPECT_EQ(std::count(outcomes.begin(), outcomes.end(), "ok"), static_cast<long>(total - 2));
+}
+
+// The acquired write socket holds a few frames, not hundreds, when bluetoothd reads nothing.
+TEST(AWriteSocket, HoldsAFewFramesWhenItsReaderStalls) {
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, fds), 0);
+  ASSERT_TRUE(limitSendBuffer(fds[0]));
+  const std::string frame(161, 'x');
+  size_t held = 0;
+  while (held < 1000 && ::send(fds[0], frame.data(), frame.size(), MSG_NOSIGNAL) >= 0) ++held;
+  EXPECT_GE(held, 3u) << "room for a window of segments";
+  EXPECT_LE(held, 2 * kBound);
+  ::close(fds[0]);
+  ::close(fds[1]);
 }
 
 TEST(ALogRateLimiter, LetsTheFirstLineThroughThenOnePerIntervalWithTheCount) {

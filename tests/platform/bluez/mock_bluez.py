@@ -137,7 +137,7 @@ class Device:
         self.path = HCI + '/dev_' + address.replace(':', '_')
         self.uuids = [HEART_RATE if behaviour == 'heart-rate' else NUS]
         self.obj, self.gatt, self.peer, self.pending, self.fail_next = None, [], None, None, None
-        self.connected, self.hold, self.gatt_fault = False, False, ''
+        self.connected, self.hold = False, False
         self.acquire = True  # offer AcquireWrite/AcquireNotify
         self.sockets = {}  # characteristic path -> (our end, GLib watch)
         self.stats = dict.fromkeys(['command', 'request', 'acquired-writes', 'acquired-notifications',
@@ -247,10 +247,8 @@ class Device:
 
         if self.behaviour == 'heart-rate':
             services = [(HEART_RATE, [('00002a37-0000-1000-8000-00805f9b34fb', ['notify'])])]
-        else:  # the UART service, or one of the broken tables a real device may have
-            tx, rx = (TX, ['write-without-response', 'write']), (RX, ['notify'])
-            table = {'swapped': [(RX, tx[1]), (TX, rx[1])], 'no-notify': [tx, (RX, ['read'])]}
-            services = [(NUS, table.get(self.gatt_fault, [tx, rx]))] * (2 if self.gatt_fault == 'twice' else 1)
+        else:
+            services = [(NUS, [(TX, ['write-without-response', 'write']), (RX, ['notify'])])]
         for i, (uuid, chrcs) in enumerate(services):
             svc = '%s/service%04x' % (self.path, 16 * i + 10)
             self.gatt.append(Obj(svc, SERVICE, {'UUID': uuid, 'Device': dbus.ObjectPath(self.path),
@@ -362,7 +360,7 @@ class World:
                                               'Powered': dbus.Boolean(True), 'Discovering': dbus.Boolean(False)})
         for state in saved:  # what was on the air (and connected) before a restart
             dev = self.devices[state['address']]
-            dev.acquire, dev.gatt_fault = state['acquire'], state['gatt_fault']
+            dev.acquire = state['acquire']
             if state['connected']:
                 dev.publish(connected=True)
                 if state['peer']:
@@ -370,7 +368,7 @@ class World:
                     dev.peer.restore(state['peer'])
 
     def save(self, keep_links):
-        return [{'address': d.address, 'acquire': d.acquire, 'gatt_fault': d.gatt_fault,
+        return [{'address': d.address, 'acquire': d.acquire,
                  'connected': keep_links and d.connected, 'peer': d.peer.saved() if d.peer else None}
                 for d in self.devices.values()]
 
@@ -416,7 +414,7 @@ def request(req):
         dev.link_down()
     elif op == 'fail-next-connect':
         dev.fail_next = req['error']
-    elif op == 'set':  # acquire (offer the sockets), hold (the device's echoes wait), gatt_fault
+    elif op == 'set':  # acquire (offer the sockets), hold (the device's echoes wait)
         setattr(dev, req['name'], req['value'])
         if dev.peer:
             dev.peer.hold = dev.hold

@@ -1,4 +1,5 @@
-// The qlt tool as a user meets it: exit codes, messages, and what the commands print.
+// The qlt tool as a user meets it: exit codes, messages, and what the commands print; devices
+// named by name, identifier or address.
 
 #include <gtest/gtest.h>
 
@@ -19,18 +20,13 @@
 namespace qlt::test {
 namespace {
 
-class TheQltTool : public ::testing::Test {
+class TheQltTool : public ToolTest {
  protected:
-  ToolRun qlt(const std::vector<std::string>& args, double limitS = 60,
-              const ToolInput& input = {}) {
-    return runTool(args, store_.path(), limitS, input);
-  }
   // A simulated radio of devices that misbehave: a small MTU, broken UART tables, links
   // that drop, a hostile name (hostile-radio.json beside this file).
   const std::string radio_ = QLT_TOOL_TEST_DATA "/hostile-radio.json";
   const std::string evilName_ =
       "Evil\x1b[2J\nfake row  0E0E0E0E-9999 xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx";
-  TempDir store_;
 };
 
 // Bad usage is exit 2 with a message that names the command (and the option, for a bad
@@ -57,6 +53,15 @@ TEST_F(TheQltTool, RejectsBadUsageWithExitCodeTwo) {
       {{"scan", "--manufacturer", "0x1FFFF"}, "--manufacturer"},
       {{"scan", "--service", "180G"}, "--service"},
       {{"chat", "C0:FF:EE:00:00"}, "not a Bluetooth address"},
+      {{"bench", "-t", "1", "--bytes", "10"}, "--bytes excludes --time"},
+      {{"bench", "-t", "0"}, "--time"},
+      {{"bench", "-i", "0"}, "--report-interval"},
+      {{"bench", "-R", "--transport", "nus"}, "-R needs the sliding window"},
+      {{"bridge", "QLT-Echo", "--tcp", "70000"}, "'70000' has no port"},
+      {{"bridge", "QLT-Echo", "--tcp", "host:"}, "'host:' has no port"},
+      {{"bridge", "QLT-Echo", "--tcp", "::1:80"}, "needs brackets"},
+      {{"bridge", "QLT-Echo", "--tcp", "7x"}, "'7x' has no port"},
+      {{"bridge", "QLT-Echo", "--tcp", "1", "--pty"}, "--pty excludes --tcp"},
   };
   for (const auto& [args, named] : cases) {
     SCOPED_TRACE(::testing::PrintToString(args));
@@ -192,7 +197,7 @@ TEST_F(TheQltTool, SendsAndReceivesFilesThroughTheWindow) {
     std::ofstream f(in, std::ios::binary);
     for (int i = 0; i < 5000; ++i) f.put(static_cast<char>(i * 7));
   }
-  const auto send = qlt({"send", "QLT-Echo", in});
+  const auto send = qlt({"send", "C0:FF:EE:00:00:01", in});  // QLT-Echo, by its address
   EXPECT_EQ(send.exitCode, 0) << send.out << send.err;
   EXPECT_NE(send.out.find("5000 sent and acknowledged"), std::string::npos) << send.out;
 
@@ -216,6 +221,9 @@ TEST_F(TheQltTool, NeverLosesOrMisreportsDataWhenATransferFails) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
       {{"receive", "NoSuch", target, "--timeout", "0.5"},
        "no device named 'NoSuch' found within 0.5 s"},
+      {{"chat", "C0:FF:EE:00:00:99", "--timeout", "0.5"},
+       "no device with address C0:FF:EE:00:00:99"},
+      {{"bridge", "QLT-Echo", "--pty", "--link", target}, "exists and is not a symbolic link"},
       // A link that cannot carry the transport is refused at once, saying why.
       {{"receive", "Small", target, "--sim-config", radio}, "ATT MTU is 23"},
       {{"receive", "Twice", target, "--sim-config", radio}, "UART service 2 times"},
@@ -270,7 +278,7 @@ TEST_F(TheQltTool, KeepsDataOnStdoutAndShowsWhatDevicesSendSafely) {
   EXPECT_EQ(nlohmann::json::parse(bench.out)["bytes"], 2000);
   EXPECT_NE(bench.err.find("→ seg seq=0"), std::string::npos);
 
-  const auto chat = qlt({"chat", "QLT-Echo"}, 60, withStdin("héllo\n\nbye\n"));
+  const auto chat = qlt({"chat", "c0:ff:ee:00:00:01"}, 60, withStdin("héllo\n\nbye\n"));
   EXPECT_EQ(chat.exitCode, 0) << chat.err;
   EXPECT_EQ(splitLines(chat.out), (std::vector<std::string>{"< héllo", "< ", "< bye"})) << chat.out;
   EXPECT_NE(chat.err.find("[ready]"), std::string::npos);
@@ -293,6 +301,35 @@ TEST_F(TheQltTool, KeepsDataOnStdoutAndShowsWhatDevicesSendSafely) {
   const auto j = nlohmann::json::parse(lines[0]);
   EXPECT_TRUE(j.contains("identifier") && j.contains("rssi") && j.contains("nus")) << lines[0];
   EXPECT_EQ(j["name"], evilName_);
+}
+
+TEST_F(TheQltTool, ShowsAdvertisementDataAsHexByCompanyAndServiceAndFiltersOnThem) {
+  using Json = nlohmann::json;
+  const auto scan = [&](std::vector<std::string> filter) {  // what shows, by name
+    filter.insert(filter.begin(), {"scan", "--json", "--timeout", "0.6"});
+    const auto run = qlt(filter);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    std::map<std::string, Json> seen;
+    for (const auto& line : splitLines(run.out))
+      seen[Json::parse(line)["name"]] = Json::parse(line);
+    return seen;
+  };
+  const auto echo = scan({"--manufacturer", "89"});
+  ASSERT_EQ(echo.size(), 1u);
+  const Json& e = echo.at("QLT-Echo");
+  EXPECT_EQ(e["address"], "C0:FF:EE:00:00:01");
+  EXPECT_EQ(e["manufacturerData"], (Json{{"0x0059", "0102"}, {"0xFFFF", "514c54"}}));
+  EXPECT_EQ(e["serviceUUIDs"], Json::array({"6E400001-B5A3-F393-E0A9-E50E24DCCA9E"}));
+  EXPECT_EQ(e["txPower"], 4);
+  EXPECT_EQ(e["connectable"], true);
+  const auto hr = scan({"--service", "180d"});
+  ASSERT_EQ(hr.size(), 1u);
+  EXPECT_EQ(hr.at("HR-Sensor")["serviceData"],
+            (Json{{"0000180D-0000-1000-8000-00805F9B34FB", "48"}}));
+  EXPECT_EQ(hr.at("HR-Sensor")["manufacturerData"], Json::object());
+  const auto sink = scan({"--manufacturer", "0xffff", "--name", "sink"});
+  EXPECT_EQ(sink.size(), 1u);
+  EXPECT_EQ(sink.count("QLT-Sink"), 1u);
 }
 
 }  // namespace

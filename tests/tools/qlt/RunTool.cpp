@@ -59,7 +59,8 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDi
   if (!input.terminal) {
     if (::pipe2(out, O_CLOEXEC) || ::pipe2(err, O_CLOEXEC) || ::pipe2(in, O_CLOEXEC))
       throw std::runtime_error("pipe failed");
-    // Small inputs fit the pipe's buffer: written at once, then end of input.
+    // The input fits the pipe's buffer (grown if need be): written at once, then end of input.
+    if (input.stdinText.size() > 65536) ::fcntl(in[1], F_SETPIPE_SZ, input.stdinText.size());
     if (::write(in[1], input.stdinText.data(), input.stdinText.size()) !=
         static_cast<ssize_t>(input.stdinText.size()))
       throw std::runtime_error("stdin write failed");
@@ -94,7 +95,8 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& storeDi
     if (step < input.steps.size()) {
       const ToolStep& s = input.steps[step];
       if (const size_t at = run.out.find(s.expect, seen); at != std::string::npos) {
-        if (::write(terminal, s.keys.data(), s.keys.size()) < 0) {}
+        if (input.terminal && ::write(terminal, s.keys.data(), s.keys.size()) < 0) {}
+        if (s.then) s.then(run.out);
         if (s.signal) ::kill(pid, s.signal);
         seen = at + s.expect.size();
         ++step;

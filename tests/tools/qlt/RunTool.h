@@ -2,7 +2,10 @@
 // known-device store, captured stdout and stderr, and a time limit.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,11 +29,13 @@ class TempDir {
   std::string path_;
 };
 
-// On a terminal run: once the screen shows `expect` (after the previous step's), the keys are
-// typed, then the signal (if any) is sent.
+// Once the output (on a terminal: the screen) shows `expect` after the previous step's, the
+// keys are typed (on a terminal), `then` runs with the output so far, then the signal (if any)
+// is sent.
 struct ToolStep {
-  std::string expect, keys;
+  std::string expect{}, keys{};
   int signal = 0;
+  std::function<void(const std::string& out)> then{};
 };
 
 // What a run gets beyond its arguments.
@@ -39,7 +44,7 @@ struct ToolInput {
   std::string stdinText{};         // what stdin carries (then end of input)
   int signal = 0;                  // sent once `signalAfterS` have passed
   double signalAfterS = 0;
-  bool terminal = false;  // on a pseudo-terminal: `out` is the screen, input comes from `steps`
+  bool terminal = false;  // on a pseudo-terminal: `out` is the screen, keys come from `steps`
   std::vector<ToolStep> steps{};
 };
 inline ToolInput withEnv(std::vector<std::string> env) { return {.env = std::move(env)}; }
@@ -61,6 +66,16 @@ std::string storeFile(const std::string& storeDir);
 // then `extra`, then QLT_STORE_PATH=storeFile(storeDir) and QLT_PLATFORM=sim.
 std::vector<std::string> toolEnvironment(const std::string& storeDir,
                                          const std::vector<std::string>& extra);
+
+// A test of the tool: runs it with a store of its own.
+class ToolTest : public ::testing::Test {
+ protected:
+  ToolRun qlt(const std::vector<std::string>& args, double limitS = 60,
+              const ToolInput& input = {}) {
+    return runTool(args, store_.path(), limitS, input);
+  }
+  TempDir store_;
+};
 
 // The lines of `text`.
 std::vector<std::string> splitLines(const std::string& text);
