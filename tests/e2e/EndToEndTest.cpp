@@ -5,6 +5,7 @@
 
 #include <set>
 
+#include "QueltLibrary/UartLink.h"
 #include "platform/Backends.h"
 #include "support/SimWorld.h"
 
@@ -159,6 +160,20 @@ TEST(TheSharedManager, RetrievesAPeripheralByItsIdentifierTextAndConnectsWithout
   manager->disconnect(p);
   ASSERT_TRUE(app->waitForState(QLT_PeripheralStateDisconnected));
   sim::SimRadio::shared()->removeDevice(echo.identifier);
+}
+
+// The common case through UartLink: one device by its address (in lower case) over the
+// sliding window, one by its identifier over the plain chunker.
+TYPED_TEST(TheLibrary, CarriesBytesThroughAUartLinkFoundByAddressOrIdentifier) {
+  UartLink echo({5s, true, this->manager});
+  echo.connect("c0:ff:ee:00:00:01");
+  echo.send("hello");
+  EXPECT_EQ(echo.read(5s).toString(), "hello");
+  echo.disconnect();
+  UartLink chunk({5s, false, this->manager});
+  chunk.connect(this->side.id("QLT-Chunk").UUIDString());
+  chunk.send("plain");
+  EXPECT_EQ(chunk.read(5s).toString(), "plain");
 }
 
 }  // namespace
