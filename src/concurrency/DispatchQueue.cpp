@@ -278,6 +278,24 @@ class ThreadPool {
     for (auto& t : finished) t.join();
   }
 
+  // A pool worker begins and ends one task: the monitor counts a worker as blocked only
+  // once it has been asleep inside one task for kStallAfter, never while it only waits for
+  // a lock between short tasks (its holder preempted on a busy machine). A task that runs
+  // another queue's tasks inline (sync) keeps its own start: taskEnds gets taskBegins' value.
+  static int64_t taskBegins() {
+    Worker* worker = tWorker;
+    if (worker == nullptr) return 0;
+    const int64_t outer = worker->taskSince.load(std::memory_order_relaxed);
+    if (outer == 0) {
+      const int64_t now = std::chrono::steady_clock::now().time_since_epoch().count();
+      worker->taskSince.store(std::max<int64_t>(1, now), std::memory_order_relaxed);
+    }
+    return outer;
+  }
+  static void taskEnds(int64_t outer) {
+    if (Worker* worker = tWorker) worker->taskSince.store(outer, std::memory_order_relaxed);
+  }
+
   // A pool worker enters (true) or leaves (false) a wait of the library's.
   static void markBlocked(bool blocked) {
     Worker* worker = tWorker;
@@ -304,6 +322,8 @@ class ThreadPool {
     bool idle = false;     // waiting for work; guarded by mutex_
     bool blocked = false;  // inside a library wait; guarded by mutex_
     int blockDepth = 0;    // touched by the worker's own thread only
+    // steady_clock ticks when its current task began; 0 between tasks (see taskBegins).
+    std::atomic<int64_t> taskSince{0};
   };
   static thread_local Worker* tWorker;
 
@@ -342,15 +362,23 @@ class ThreadPool {
       monitorCv_.wait_for(lock, kStallAfter);
       const auto stalled = [&] { return starvingLocked() && taken_ == before; };
       if (!stalled()) continue;
-      std::vector<pid_t> busy;  // workers running a task, not in a library wait
+      // Workers not idle and not in a library wait; of them, those in one task for at least
+      // kStallAfter may be blocked where the library cannot see.
+      size_t busy = 0;
+      std::vector<pid_t> longTasks;
+      const int64_t longSince =
+          (std::chrono::steady_clock::now() - kStallAfter).time_since_epoch().count();
       for (const auto& [id, worker] : workers_) {
-        if (!worker.idle && !worker.blocked && worker.tid != 0) busy.push_back(worker.tid);
+        if (worker.idle || worker.blocked || worker.tid == 0) continue;
+        ++busy;
+        const int64_t since = worker.taskSince.load(std::memory_order_relaxed);
+        if (since != 0 && since <= longSince) longTasks.push_back(worker.tid);
       }
       lock.unlock();
-      const size_t asleep = countAsleep(busy);
+      const size_t asleep = countAsleep(longTasks);
       lock.lock();
       if (!stalled()) continue;
-      const size_t runnable = busy.size() - asleep;
+      const size_t runnable = busy - asleep;
       size_t add = runnable == 0 ? ready_.size() : asleep + (runnable < 2 * onDemand_ ? 1 : 0);
       add = std::min(add, kMaxThreads - threads_);
       // One at a time, dropping the lock in between so that the new ones take work at once.
@@ -601,7 +629,9 @@ size_t QueueImpl::drain() {
       entry.handoff->give();  // the queue now belongs to the waiting sync() caller
       return ran;
     }
+    const int64_t outer = ThreadPool::taskBegins();
     runContained(entry.task, label);
+    ThreadPool::taskEnds(outer);
     ++ran;
   }
 }
