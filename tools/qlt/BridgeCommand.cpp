@@ -415,7 +415,7 @@ CommandAction addBridgeCommand(CLI::App& app) {
       "A transparent, binary-safe byte pipe to DEVICE: stdin to the device and the device to "
       "stdout, or a pseudo-terminal (--pty) any serial program can open, or one TCP client "
       "(--tcp). Byte counts each way on stderr at the end");
-  cmd->add_option("DEVICE", o->device, "Device identifier (UUID) or name")->required();
+  cmd->add_option("DEVICE", o->device, kDeviceHelp)->required();
   auto* pty = cmd->add_flag("--pty", o->pty,
                             "Make a pseudo-terminal and print its path on stdout; serial "
                             "programs may open and close it freely");

@@ -183,9 +183,7 @@ CommandAction addChatCommand(CLI::App& app) {
       "Interactive: connect to DEVICE, send each line typed (ended as --eol says), print each "
       "payload received on stdout (UTF-8 text, hex when it holds control or invalid bytes) and "
       "every connection state on stderr; Ctrl-D disconnects cleanly (Ctrl-C too, exit 130)");
-  cmd->add_option("DEVICE", o->device,
-                  "Device name, identifier (UUID) or address (C0:FF:EE:00:00:01)")
-      ->required();
+  cmd->add_option("DEVICE", o->device, kDeviceHelp)->required();
   cmd->add_option("--transport", o->transport,
                   "sw: the sliding window (acknowledged, ordered); nus: plain 20-byte chunks")
       ->check(CLI::IsMember({"sw", "nus"}))

@@ -28,6 +28,10 @@ std::string explicitPlatform(const CommonOptions& options);
 // library's default (bluez where a bluetoothd with an adapter answers, else sim).
 std::string resolvePlatform(const CommonOptions& options);
 
+// The help of every DEVICE argument: what Session::find accepts.
+inline constexpr const char* kDeviceHelp =
+    "Device name, identifier (UUID) or address (C0:FF:EE:00:00:01)";
+
 // A parsed command, ready to run; returns the exit code (or throws Failure / UsageError).
 using CommandAction = std::function<int()>;
 

@@ -151,9 +151,7 @@ CommandAction addKnownCommand(CLI::App& app) {
 
   auto* add =
       cmd->add_subcommand("add", "Find DEVICE (name, identifier or address) and remember it");
-  add->add_option("DEVICE", o->device,
-                  "Device name, identifier (UUID) or address (C0:FF:EE:00:00:01)")
-      ->required();
+  add->add_option("DEVICE", o->device, kDeviceHelp)->required();
   addNumberOption(*add, "--timeout", o->timeoutS, "Seconds to find the device", 0.1, 600,
                   "a number of seconds")
       ->default_str("5");

@@ -281,9 +281,7 @@ CommandAction addSendCommand(CLI::App& app) {
       "send",
       "Send FILE to DEVICE through the sliding window, with a progress bar and a summary; "
       "done when the device has acknowledged every byte");
-  cmd->add_option("DEVICE", o->device,
-                  "Device name, identifier (UUID) or address (C0:FF:EE:00:00:01)")
-      ->required();
+  cmd->add_option("DEVICE", o->device, kDeviceHelp)->required();
   cmd->add_option("FILE", o->file, "The file to send")->required()->check(CLI::ExistingFile);
   addNumberOption(*cmd, "--timeout", o->timeoutS,
                   "Seconds to find and connect; also how long a stalled transfer may wait", 0.1,
@@ -301,9 +299,7 @@ CommandAction addReceiveCommand(CLI::App& app) {
       "Write what DEVICE sends through the sliding window into FILE, until --bytes "
       "have arrived or the device goes silent for --idle seconds. FILE is replaced only when "
       "the transfer succeeds; a lost link, a time-out or Ctrl-C (exit 130) leave it as it was");
-  cmd->add_option("DEVICE", o->device,
-                  "Device name, identifier (UUID) or address (C0:FF:EE:00:00:01)")
-      ->required();
+  cmd->add_option("DEVICE", o->device, kDeviceHelp)->required();
   cmd->add_option("FILE", o->file, "The file to write (replaced on success)")->required();
   addByteOption(*cmd, "--bytes", o->bytes, "Stop after this many bytes (and fail if fewer arrive)",
                 1, UINT64_MAX);
