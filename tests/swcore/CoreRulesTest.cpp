@@ -56,6 +56,15 @@ TEST(TheCore, KeepsItsDeadlinesAcrossTheWrapOfItsMicrosecondClock) {
   EXPECT_EQ(c.last, std::vector<uint8_t>{0x13});
   EXPECT_EQ(c.in({0x13}, t1), QLT_SW_NONE);
   EXPECT_EQ(qlt_sw_next_due(&c.sw, t1), QLT_SW_IDLE) << "everything acknowledged";
+  // A rejection honoured holds later ones for a round trip; after 40 minutes of silence
+  // (more than half the clock's period) the hold is long over.
+  const std::vector<uint8_t> three(360, 3);
+  qlt_sw_send(&c.sw, three.data(), three.size());
+  EXPECT_EQ(c.frames(t1), (Lengths{121, 121, 121}));
+  c.in({0x25}, t1);  // segment 2 (of 1, 2, 3) is missing
+  EXPECT_EQ(c.frames(t1), (Lengths{121, 121}));
+  c.in({0x35}, t1 + 2400000000u);
+  EXPECT_EQ(qlt_sw_get_counters(&c.sw)->rejections_honoured, 2u);
 }
 
 TEST(TheCore, QueuesWholeSegmentsIntoItsSlotsAndNeverJoinsTwoMessages) {
