@@ -4,8 +4,9 @@
 // same frame format (SlideWindowFrame.h) with 160-byte segments (datagrams of at most 159
 // bytes), follows the same recovery rules (the core, swcore/qlt_sw.h) but polls never
 // later than 1.0 s. Everything for its link runs on one serial queue of its own
-// ("BLESlideWindow.link"), as SWTransport's does: sendTCP and receive are posted there,
-// the rounds run there at the core's deadlines, with no thread of its own. Frames to write go to
+// ("BLESlideWindow.link"), as SWTransport's does: sendTCP is posted there, receive runs
+// there in a sync(), the rounds run there at the core's deadlines, with no thread of its
+// own. Frames to write go to
 // its sender delegate (slideWindow_requestWriteData); received payloads reach its delegates through
 // the multicast delegate (slideWindow_tcpDataReceived, slideWindow_udpDataReceived), each on the
 // delegate's own queue.

@@ -105,7 +105,9 @@ class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDele
   // acknowledgements: not yet written). Any thread.
   virtual uint64_t unacknowledged() const { return 0; }
   // `handler` (empty: none) is called each time unacknowledged() falls to 0, on the
-  // transport's own queue, with no lock held; it may call into the transport.
+  // transport's own queue (for the window, possibly inside the receive() that brought the
+  // last acknowledgement, which runs there in a sync()), with no lock held; it may call
+  // into the transport.
   void setAllAcknowledgedHandler(std::function<void()> handler);
 
   std::shared_ptr<TransportSenderDelegate> senderDelegate() const;

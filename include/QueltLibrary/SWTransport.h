@@ -15,9 +15,10 @@
 // rounds; a stopped transport keeps its queue and sequence numbers.
 //
 // Threads: see BaseTransport. Everything for the link runs on one serial queue of the
-// transport's own ("SWTransport.link"): sendTCP and receive are posted there and return at
-// once (sendTCP has no bound: what the core's queue cannot take yet waits in order);
-// the rounds run there at the core's deadlines. sendUDP writes its datagram on the caller's
+// transport's own ("SWTransport.link"): sendTCP is posted there and returns at once (it has
+// no bound: what the core's queue cannot take yet waits in order); receive runs there in a
+// sync(), on the receiving thread once the queue is free; the rounds run there at the
+// core's deadlines. sendUDP writes its datagram on the caller's
 // thread, in order with that queue. The sender delegate is called from that queue (every
 // frame of the window) and from sendUDP's caller, never under an internal lock. The
 // state accessors and the rounds by hand (SlideWindowFace) run on that queue in a sync().

@@ -91,7 +91,9 @@ bool SlideWindowDriver::sendUDP(const uint8_t* bytes, uint64_t length) {
 }
 
 void SlideWindowDriver::receive(const Data& value) {
-  onStrand([this, value] {
+  // Run on the strand in a sync(): on the caller's thread when the strand is free (most of
+  // the time), without a hop through the pool, and in order with everything posted before.
+  strand_->sync([this, &value] {
     trace(false, value.bytes(), value.length());
     const uint64_t queued = core_.counters.bytes_queued;
     qlt_sw_delivery d{};

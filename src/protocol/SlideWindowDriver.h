@@ -2,11 +2,12 @@
 // queue, its strand.
 //
 // Everything that touches the core happens on the strand, one task at a time, so the core
-// needs no lock: sendTCP and receive are posted there (run at once when the caller already
-// is on it), and the rounds run there when the core's next deadline comes (the library's
-// timer, DispatchQueue::asyncAfter) or at once when a received acknowledgement lets
-// segments go. Received segments owe an answer after the ack delay (1 ms), so segments
-// arriving together draw one acknowledgement. Between rounds nothing runs: an idle link
+// needs no lock: sendTCP is posted there (run at once when the caller already is on it),
+// a received frame runs there in a sync() (on the receiving thread, once the strand is
+// free: no hop through the pool for every notification), and the rounds run there when the core's
+// next deadline comes (the library's timer, DispatchQueue::asyncAfter) or at once when a received
+// acknowledgement lets segments go. Received segments owe an answer after the ack delay (1 ms), so
+// segments arriving together draw one acknowledgement. Between rounds nothing runs: an idle link
 // costs no thread and no wake-up.
 //
 // The core's send queue holds a fixed number of segments; bytes beyond it wait in the
