@@ -13,7 +13,7 @@ SlideWindowDriver::SlideWindowDriver(SlideWindowParameters parameters, std::shar
                                      std::shared_ptr<DispatchQueue> strand, Outputs outputs)
     : parameters_{std::clamp<size_t>(parameters.segmentSize, 1, QLT_SW_MAX_SEGMENT),
                   parameters.pollTimeout},
-      clock_(clock ? std::move(clock) : Clock::monotonic()),
+      clock_(clock != nullptr ? std::move(clock) : std::shared_ptr<Clock>(Clock::monotonic())),
       strand_(std::move(strand)),
       outputs_(std::move(outputs)),
       slots_(QLT_SW_STORAGE(parameters_.segmentSize, kQueueSegments)) {
