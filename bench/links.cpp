@@ -85,11 +85,12 @@ void BM_EchoingLinks(benchmark::State& state) {
     }
     // Every link under way, and the workers that connecting left idle retired (2 s).
     std::this_thread::sleep_for(2500ms);
-    size_t maxPool = 0, maxOs = 0;
+    size_t maxPool = 0, maxOs = 0, lastPool = 0;
     const uint64_t e0 = echoed;
     const auto t0 = std::chrono::steady_clock::now();
     while (std::chrono::steady_clock::now() - t0 < 3s) {
-      maxPool = std::max(maxPool, DispatchQueue::poolThreads());
+      lastPool = DispatchQueue::poolThreads();
+      maxPool = std::max(maxPool, lastPool);
       maxOs = std::max(maxOs, osThreads());
       std::this_thread::sleep_for(10ms);
     }
@@ -102,6 +103,7 @@ void BM_EchoingLinks(benchmark::State& state) {
     cli::LinkTiming timing;
     timing.oneWayS = kIntervalS;
     state.counters["pool_threads_max"] = static_cast<double>(maxPool);
+    state.counters["pool_threads_end"] = static_cast<double>(lastPool);
     state.counters["os_threads_max"] = static_cast<double>(maxOs);
     state.counters["client_threads"] = n;
     state.counters["pool_bound"] = static_cast<double>(DispatchQueue::poolLimits().running);

@@ -72,28 +72,18 @@ void ThreadPool::schedule(std::shared_ptr<QueueImpl> queue) {
   std::shared_ptr<Worker> woken;  // keeps the worker alive until it is notified
   {
     std::lock_guard lock(mutex_);
-    if (!idle_.empty()) {
-      // The spinning worker if there is one (no kernel wake-up), else the one that went
-      // idle last.
-      Worker* chosen = spinner_ != nullptr ? spinner_ : idle_.back().get();
-      spinner_ = nullptr;
-      const auto it = std::find_if(idle_.begin(), idle_.end(),
-                                   [&](const auto& w) { return w.get() == chosen; });
-      std::shared_ptr<Worker> worker = std::move(*it);
-      idle_.erase(it);
-      worker->idle = false;
-      worker->handed = std::move(queue);
-      worker->hasWork.store(true, std::memory_order_release);
-      ++taken_;
-      if (worker->sleeping) woken = std::move(worker);
+    ready_.push_back(std::move(queue));
+    if (ready_.size() <= waking_) {
+      // Workers woken before will take it: each takes the front of the list.
+    } else if (!idle_.empty() && threads_ - idle_.size() - blocked_ < 2 * onDemand_) {
+      woken = wakeLocked();
+    } else if (idle_.empty() && threads_ - blocked_ < onDemand_ && threads_ < kMaxThreads) {
+      spawnLocked();
     } else {
-      ready_.push_back(std::move(queue));
-      if (threads_ - blocked_ < onDemand_ && threads_ < kMaxThreads) {
-        spawnLocked();
-      } else {
-        if (!monitor_.joinable()) monitor_ = std::thread([this] { monitor(); });
-        monitorCv_.notify_one();
-      }
+      // Enough workers are awake (or as many as may be): one of them takes it when its
+      // task ends, and the monitor adds one if none does.
+      if (!monitor_.joinable()) monitor_ = std::thread([this] { monitor(); });
+      monitorCv_.notify_one();
     }
     finished.swap(retired_);
   }
@@ -105,6 +95,23 @@ void ThreadPool::schedule(std::shared_ptr<QueueImpl> queue) {
 void ThreadPool::requeue(std::shared_ptr<QueueImpl> queue) {
   std::lock_guard lock(mutex_);
   ready_.push_back(std::move(queue));
+}
+
+std::shared_ptr<ThreadPool::Worker> ThreadPool::wakeLocked() {
+  // The spinning worker if there is one (no kernel wake-up), else the one that went idle
+  // last. It takes the front of the ready list, or, when a worker that finished first took
+  // that, goes back to the top of the stack.
+  Worker* chosen = spinner_ != nullptr ? spinner_ : idle_.back().get();
+  spinner_ = nullptr;
+  const auto it =
+      std::find_if(idle_.begin(), idle_.end(), [&](const auto& w) { return w.get() == chosen; });
+  std::shared_ptr<Worker> worker = std::move(*it);
+  idle_.erase(it);
+  worker->idle = false;
+  worker->woken = true;
+  ++waking_;
+  worker->hasWork.store(true, std::memory_order_release);
+  return worker->sleeping ? worker : nullptr;
 }
 
 int64_t ThreadPool::taskBegins() {
@@ -185,8 +192,14 @@ void ThreadPool::monitor() {
     if (!stalled()) continue;
     const size_t runnable = busy - std::min(busy, asleep);
     size_t add = runnable == 0 ? ready_.size() : asleep + (runnable < 2 * onDemand_ ? 1 : 0);
-    for (add = std::min(add, kMaxThreads - threads_); add > 0 && !ready_.empty(); --add) {
-      spawnLocked();
+    for (; add > 0 && !ready_.empty(); --add) {
+      if (!idle_.empty()) {
+        if (auto worker = wakeLocked()) worker->wake.notify_one();
+      } else if (threads_ < kMaxThreads) {
+        spawnLocked();
+      } else {
+        break;
+      }
     }
   }
 }
@@ -207,16 +220,10 @@ void ThreadPool::work(const std::shared_ptr<Worker>& worker) {
       lock.lock();
       continue;
     }
-    std::shared_ptr<QueueImpl> queue;
-    if (self.handed) {
-      queue = std::move(self.handed);
-      self.hasWork.store(false, std::memory_order_relaxed);
-    } else if (!ready_.empty()) {
-      queue = std::move(ready_.front());
+    if (!ready_.empty()) {
+      std::shared_ptr<QueueImpl> queue = std::move(ready_.front());
       ready_.pop_front();
       ++taken_;
-    }
-    if (queue) {
       lock.unlock();
       queue->drain();
       queue.reset();
@@ -250,19 +257,21 @@ bool ThreadPool::waitForWork(const std::shared_ptr<Worker>& worker,
     }
     lock.lock();
     if (spinner_ == &self) spinner_ = nullptr;  // else schedule() took us and cleared it
-    if (self.handed) return true;
   }
-  for (;;) {
+  while (!self.woken) {
     self.sleeping = true;
-    const bool woken =
-        self.wake.wait_for(lock, kRetireAfter, [&] { return self.handed != nullptr; });
+    const bool woken = self.wake.wait_for(lock, kRetireAfter, [&] { return self.woken; });
     self.sleeping = false;
-    if (woken) return true;
+    if (woken) break;
     if (threads_ > kReserve) {
       unidleLocked(&self);
       return false;
     }
   }
+  self.woken = false;
+  --waking_;
+  self.hasWork.store(false, std::memory_order_relaxed);
+  return true;
 }
 
 void ThreadPool::unidleLocked(const Worker* worker) {

@@ -1,10 +1,11 @@
 // The process-wide pool of worker threads that runs ready queues. Internal; the contract
 // (limits, what counts as blocked) is stated in DispatchQueue.h.
 //
-// Idle workers wait on a stack, each on a wake-up of its own: a queue that gets work is
-// handed straight to the worker that went idle last (its stack and caches still warm), so
-// no two workers race for one queue and no wake-up is ever spent on a worker that finds
-// nothing. The workers at the bottom of the stack stay asleep and retire, so the pool
+// Idle workers wait on a stack, each on a wake-up of its own. A queue that gets work goes
+// to the ready list and takes the worker that went idle last off the stack (its stack and
+// caches still warm) and wakes it; whichever worker comes first takes the queue, and a
+// woken worker that finds nothing goes back on top. A wake-up is never lost or counted
+// twice, and the workers at the bottom of the stack stay asleep and retire, so the pool
 // shrinks to what the work needs. The worker on top spins briefly before it sleeps (one
 // at a time), so a task that comes right after another skips the kernel's wake-up.
 #pragma once
@@ -58,13 +59,13 @@ class ThreadPool {
  private:
   struct Worker {
     std::thread thread;
-    pid_t tid = 0;         // set by the worker itself before it takes any work
-    bool idle = false;     // on idle_; guarded by mutex_
-    bool sleeping = false;  // waiting on `wake`; guarded by mutex_
-    bool blocked = false;  // inside a library wait; guarded by mutex_
-    int blockDepth = 0;    // touched by the worker's own thread only
-    std::shared_ptr<QueueImpl> handed;  // the queue it was given while idle; guarded by mutex_
-    std::atomic<bool> hasWork{false};   // `handed` is set: what a spinning worker watches
+    pid_t tid = 0;                     // set by the worker itself before it takes any work
+    bool idle = false;                 // on idle_; guarded by mutex_
+    bool sleeping = false;             // waiting on `wake`; guarded by mutex_
+    bool blocked = false;              // inside a library wait; guarded by mutex_
+    int blockDepth = 0;                // touched by the worker's own thread only
+    bool woken = false;                // taken off the idle stack to run; guarded by mutex_
+    std::atomic<bool> hasWork{false};  // `woken` is set: what a spinning worker watches
     std::condition_variable wake;
     // steady_clock ticks when its current task began; 0 between tasks (see taskBegins).
     std::atomic<int64_t> taskSince{0};
@@ -73,10 +74,13 @@ class ThreadPool {
 
   ThreadPool() = default;
   void spawnLocked();
+  // Takes a worker off the idle stack to look at the ready list; returns it when it sleeps
+  // (the caller notifies it, best outside the lock).
+  std::shared_ptr<Worker> wakeLocked();
   void monitor();
   void work(const std::shared_ptr<Worker>& worker);
-  // Puts `self` on the idle stack and returns once it was handed a queue (true) or should
-  // retire (false, taken off the stack).
+  // Puts `self` on the idle stack and returns once it was woken (true) or should retire
+  // (false, taken off the stack).
   bool waitForWork(const std::shared_ptr<Worker>& worker, std::unique_lock<std::mutex>& lock);
   // Takes `worker` off the idle stack.
   void unidleLocked(const Worker* worker);
@@ -84,12 +88,13 @@ class ThreadPool {
   const size_t onDemand_ = std::max<size_t>(4, std::thread::hardware_concurrency());
 
   std::mutex mutex_;
-  std::deque<std::shared_ptr<QueueImpl>> ready_;  // guarded by mutex_; empty while idle_ is not
+  std::deque<std::shared_ptr<QueueImpl>> ready_;  // guarded by mutex_
   // Idle workers; the last went idle last. Guarded by mutex_.
   std::vector<std::shared_ptr<Worker>> idle_;
   Worker* spinner_ = nullptr;  // the idle worker spinning now, if any; guarded by mutex_
-  size_t threads_ = 0;                            // guarded by mutex_
-  size_t blocked_ = 0;                            // guarded by mutex_
+  size_t waking_ = 0;   // workers woken that have not yet looked at ready_; guarded by mutex_
+  size_t threads_ = 0;  // guarded by mutex_
+  size_t blocked_ = 0;  // guarded by mutex_
   uint64_t taken_ = 0;  // queues taken up so far; guarded by mutex_
   std::vector<std::shared_ptr<Worker>> workers_;  // guarded by mutex_
   std::vector<std::thread> retired_;              // guarded by mutex_

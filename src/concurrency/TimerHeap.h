@@ -14,7 +14,7 @@ namespace qlt::detail {
 class TimerHeap {
  public:
   struct Timer {
-    double due = 0;     // seconds, on the owner's clock
+    double due = 0;         // seconds, on the owner's clock
     uint64_t sequence = 0;  // keeps equal deadlines in submission order
     std::shared_ptr<DispatchQueue> queue;
     DispatchQueue::Task task;
