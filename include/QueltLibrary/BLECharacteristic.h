@@ -5,7 +5,8 @@
 // so the wrapper never holds the peripheral itself.
 //
 // - writeValueWithData(data) writes without response when the characteristic allows it
-//   (property 0x04), else with response (0x08), else logs "No write property".
+//   (property 0x04), else with response (0x08), else logs "No write property";
+//   writeType() is that choice, for a caller that writes through a peripheral it holds.
 // - value()/readValue() give the value the platform last received; no read is sent.
 // - startNotifications()/stopNotifications() ask the platform to switch notifications;
 //   it answers later on the peripheral's delegate.
@@ -44,6 +45,8 @@ class BLECharacteristic : public std::enable_shared_from_this<BLECharacteristic>
   bool isNotifying() const;
 
   void writeValueWithData(const Data& data);
+  // How writeValueWithData(data) writes; nullopt when the characteristic takes no writes.
+  std::optional<platform::WriteType> writeType() const;
   void writeValueWithData(const Data& data, platform::WriteType type);
   void startNotifications();
   void stopNotifications();
@@ -55,12 +58,14 @@ class BLECharacteristic : public std::enable_shared_from_this<BLECharacteristic>
 
   std::string description() const;
 
+  // The platform peripheral, found through the characteristic's service (a climb of the
+  // GATT graph: code that holds the peripheral writes through it instead).
+  std::shared_ptr<platform::Peripheral> owningPeripheral() const;
+
  protected:
   BLECharacteristic(std::shared_ptr<platform::Characteristic> characteristic, std::string name);
 
  private:
-  std::shared_ptr<platform::Peripheral> owningPeripheral() const;
-
   mutable std::mutex mutex_;
   std::shared_ptr<platform::Characteristic> characteristic_;  // guarded by mutex_
   const std::string name_;

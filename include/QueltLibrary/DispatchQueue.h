@@ -21,14 +21,23 @@
 //   the pool grow past `running`.
 // - There are never more than `total` (1024) workers; beyond that, work waits for a
 //   worker to finish.
-// - Idle workers beyond a reserve of two retire after two seconds.
+// - Idle workers wait on a stack: new work goes to the one that went idle last (the one
+//   on top spins for up to 50 µs before it sleeps, so work that follows work starts
+//   without a kernel wake-up), and those at the bottom, idle for two seconds, retire down
+//   to a reserve of two.
+//
+// The bound that follows: workers are only started while none is idle, so under any mix
+// of short tasks (however many queues, links or timers) the pool holds at most `running`
+// workers plus those blocked inside tasks (in a library wait, or asleep in one task for
+// 10 ms), and the extra ones a blocked spell left behind retire two seconds after it.
 //
 // The main queue is served by one thread at a time: by default a thread of the library's
 // own, started on first use; or, after MainQueue::useApplicationThread(), by whichever
 // application thread calls MainQueue::run(), runFor() or runPending().
 //
 // - async(f): never runs f inside the call; f runs later on the queue.
-// - asyncAfter(d, f): as async, once d has passed.
+// - asyncAfter(d, f): as async, once d has passed; asyncAfter(d, f, clock): once d has
+//   passed on `clock` (a ManualClock in tests: see Clock.h).
 // - sync(f): runs f on the calling thread once the queue has finished everything submitted
 //   before it, and returns after f. When the caller is already running on this queue (also
 //   through nested sync calls), f runs at once, inline, so re-entrant code cannot deadlock.
@@ -50,6 +59,8 @@
 
 namespace qlt {
 
+class Clock;
+
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
   using Task = std::function<void()>;
@@ -68,6 +79,11 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   // clock by one library timer thread). There is no cancelling: a task that may have
   // become pointless checks for itself when it runs.
   void asyncAfter(std::chrono::nanoseconds delay, Task task);
+  // The same on `clock`: submitted once clock.now() has moved `delay` on. With a
+  // ManualClock the task is submitted by the clock's advance() or set(), never by the
+  // passing of real time; the clock must outlive the wait (tasks of a destroyed one are
+  // dropped).
+  void asyncAfter(std::chrono::nanoseconds delay, Task task, Clock& clock);
   void sync(const Task& task);
   bool isCurrent() const;
 

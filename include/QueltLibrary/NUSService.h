@@ -3,7 +3,9 @@
 // When its characteristics are assigned it picks rx (6E400003, whose notifications it
 // switches on at once, logging "RX found") and tx (6E400002, "TX found"). write() sends
 // bytes to tx in chunks of at most 161 bytes with a 5 ms pause between chunks (none after
-// the last); read() gives rx's last notified value.
+// the last); read() gives rx's last notified value. write(data, peripheral) does the same
+// through the platform peripheral that holds the service, as QLT_Peripheral's data path
+// does: straight to tx, without looking the peripheral up from the characteristic.
 //
 // Thread safety: every member may be called from any thread. write() blocks its caller
 // 5 ms between chunks (in practice a transport's worker thread). rx and tx are guarded by
@@ -35,6 +37,7 @@ class NUSService : public BLEService {
 
   void setCharacteristics(std::vector<std::shared_ptr<BLECharacteristic>> characteristics) override;
   void write(const Data& data);
+  void write(const Data& data, platform::Peripheral& peripheral);
   std::optional<Data> read() const;
 
  private:

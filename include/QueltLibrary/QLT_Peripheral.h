@@ -207,6 +207,9 @@ class QLT_Peripheral : public QLT_Object,
       const std::shared_ptr<platform::Peripheral>& peripheral,
       const std::shared_ptr<platform::Characteristic>& characteristic,
       const std::optional<platform::Error>& error) override;
+  void peripheral_didReceiveValue(const std::shared_ptr<platform::Peripheral>& peripheral,
+                                  const std::shared_ptr<platform::Characteristic>& characteristic,
+                                  const Data& value) override;
   void peripheral_didWriteValueForCharacteristic_error(
       const std::shared_ptr<platform::Peripheral>& peripheral,
       const std::shared_ptr<platform::Characteristic>& characteristic,

@@ -49,13 +49,19 @@ std::shared_ptr<platform::Peripheral> BLECharacteristic::owningPeripheral() cons
   return service ? service->peripheral() : nullptr;
 }
 
-void BLECharacteristic::writeValueWithData(const Data& data) {
+std::optional<platform::WriteType> BLECharacteristic::writeType() const {
   auto c = characteristic();
   const uint32_t properties = c ? c->properties() : 0;
   if (properties & platform::kPropertyWriteWithoutResponse) {
-    writeValueWithData(data, platform::WriteType::WithoutResponse);
-  } else if (properties & platform::kPropertyWrite) {
-    writeValueWithData(data, platform::WriteType::WithResponse);
+    return platform::WriteType::WithoutResponse;
+  }
+  if (properties & platform::kPropertyWrite) return platform::WriteType::WithResponse;
+  return std::nullopt;
+}
+
+void BLECharacteristic::writeValueWithData(const Data& data) {
+  if (const auto type = writeType()) {
+    writeValueWithData(data, *type);
   } else {
     QLTLog("No write property");
   }

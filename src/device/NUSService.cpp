@@ -58,11 +58,26 @@ void NUSService::write(const Data& data) {
     QLTLog("No tx characteristic found in NUS");
     return;
   }
+  if (auto peripheral = tx->owningPeripheral()) write(data, *peripheral);
+}
+
+void NUSService::write(const Data& data, platform::Peripheral& peripheral) {
+  auto tx = this->tx();
+  if (!tx) {
+    QLTLog("No tx characteristic found in NUS");
+    return;
+  }
+  const auto type = tx->writeType();
+  if (!type) {
+    QLTLog("No write property");
+    return;
+  }
+  const auto characteristic = tx->baseCharacteristic();
   size_t offset = 0;
   const size_t length = data.length();
   while (offset < length) {
     const size_t n = std::min(length - offset, kMaxChunk);
-    tx->writeValueWithData(data.subdata(offset, n));
+    peripheral.writeValue(data.subdata(offset, n), characteristic, *type);
     offset += n;
     if (offset < length) usleep(kChunkPauseMicroseconds);
   }

@@ -490,7 +490,7 @@ void QLT_Peripheral::transport_requestWriteData(const std::shared_ptr<BaseTransp
                                                 const Data& data) {
   auto current = connection();
   if (transport != current->transport) return;  // a stopped or replaced transport
-  if (current->nus) current->nus->write(data);
+  if (current->nus && basePeripheral_) current->nus->write(data, *basePeripheral_);
 }
 
 void QLT_Peripheral::peripheral_didUpdateValueForCharacteristic_error(
@@ -503,6 +503,17 @@ void QLT_Peripheral::peripheral_didUpdateValueForCharacteristic_error(
   if (!wrapper || wrapper != current->nus) return;
   auto value = current->nus->read();
   if (value && current->transport) current->transport->receive(*value);
+}
+
+// A notification carries its value: the current connection's rx hands it to the transport
+// (no look-up of the service, no second read of the characteristic).
+void QLT_Peripheral::peripheral_didReceiveValue(
+    const std::shared_ptr<platform::Peripheral>& /*peripheral*/,
+    const std::shared_ptr<platform::Characteristic>& characteristic, const Data& value) {
+  auto current = connection();
+  if (!characteristic || !current->nus || !current->transport) return;
+  auto rx = current->nus->rx();
+  if (rx && rx->baseCharacteristic() == characteristic) current->transport->receive(value);
 }
 
 void QLT_Peripheral::peripheral_didWriteValueForCharacteristic_error(

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "QueltLibrary/Clock.h"
 #include "QueltLibrary/ComTimer.h"
 #include "QueltLibrary/DispatchQueue.h"
 #include "support/TestSupport.h"
@@ -132,6 +133,46 @@ TEST(ASerialQueue, RunsDelayedTasksNoSoonerThanAskedInDeadlineOrderAndAZeroDelay
   EXPECT_EQ(std::make_pair(ran[2].first, ran[3].first), std::make_pair(2, 3));
   EXPECT_GE(ran[2].second, 0.02);
   EXPECT_GE(ran[3].second, 0.08);
+}
+
+// On a ManualClock delayed tasks come due only as the clock is moved, in deadline order
+// (equal deadlines in submission order), wherever they were asked from; those of a clock
+// that goes away are dropped unrun, with what they hold.
+TEST(ASerialQueue, RunsDelayedTasksOfAManualClockWhenItIsMovedAndDropsThemWithIt) {
+  auto clock = std::make_unique<ManualClock>(50.0);
+  auto q = DispatchQueue::create("manual");
+  std::vector<int> ran;  // written on q only
+  auto ranNow = [&] {
+    std::vector<int> copy;
+    q->sync([&] { copy = ran; });
+    return copy;
+  };
+  auto record = [&](int n) { return [&ran, n] { ran.push_back(n); }; };
+  q->asyncAfter(30ms, record(3), *clock);
+  q->asyncAfter(10ms, record(1), *clock);
+  q->asyncAfter(30ms, record(4), *clock);
+  q->asyncAfter(
+      20ms, [&] { q->asyncAfter(5ms, record(5), *clock); }, *clock);
+  q->asyncAfter(0ms, record(0), *clock);
+  EXPECT_EQ(ranNow(), std::vector<int>{0});
+  EXPECT_DOUBLE_EQ(*clock->nextDue(), 50.01);
+  clock->advance(0.0099);
+  EXPECT_EQ(ranNow(), std::vector<int>{0}) << "a deadline not yet reached";
+  clock->advance(0.0001);
+  EXPECT_EQ(ranNow(), (std::vector<int>{0, 1}));
+  clock->set(50.03);
+  EXPECT_EQ(ranNow(), (std::vector<int>{0, 1, 3, 4}));
+  EXPECT_DOUBLE_EQ(*clock->nextDue(), 50.035) << "asked at 50.03 by the task due at 50.02";
+  clock->advance(0.005);
+  EXPECT_EQ(ranNow(), (std::vector<int>{0, 1, 3, 4, 5}));
+  EXPECT_FALSE(clock->nextDue());
+
+  auto held = std::make_shared<int>(7);
+  q->asyncAfter(
+      1s, [held, &ran] { ran.push_back(*held); }, *clock);
+  clock.reset();
+  EXPECT_EQ(held.use_count(), 1) << "the dropped task let go of what it held";
+  EXPECT_EQ(ranNow().size(), 5u);
 }
 
 // Whatever a task throws, and however it was queued, the queue runs its next task and the

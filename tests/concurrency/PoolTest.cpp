@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <future>
 #include <thread>
 #include <vector>
@@ -123,4 +125,37 @@ TEST(APool, StaysUnderItsCapForCpuBoundWorkThenRetiresItsIdleWorkers) {
   EXPECT_LE(most, cap + 2);
   EXPECT_TRUE(test::eventually([] { return DispatchQueue::poolThreads() <= 2; }, 20s))
       << DispatchQueue::poolThreads() << " workers left";
+}
+
+// Many queues passing short tasks around, as links echoing at once do, run on the workers
+// the pool starts on demand, not on one per queue: none of these tasks blocks, so the pool
+// stays within its `running` limit (with room for a busy machine's stalls).
+TEST(APool, RunsManyQueuesOfShortTasksOnAFewWorkers) {
+  startFromReserve();
+  constexpr int kQueues = 64;
+  std::vector<std::shared_ptr<DispatchQueue>> queues;
+  for (int i = 0; i < kQueues; ++i) queues.push_back(DispatchQueue::create("link"));
+  std::atomic<bool> stop{false};
+  std::atomic<long> hops{0};
+  std::atomic<int> chains{kQueues};
+  std::function<void(int)> hop = [&](int i) {
+    ++hops;
+    if (stop) {
+      --chains;
+      return;
+    }
+    const int next = (i * 7 + 1) % kQueues;
+    queues[next]->async([&, next] { hop(next); });
+  };
+  for (int i = 0; i < kQueues; ++i) queues[i]->async([&, i] { hop(i); });
+  size_t most = 0;
+  const auto until = std::chrono::steady_clock::now() + 1s;
+  while (std::chrono::steady_clock::now() < until) {
+    most = std::max(most, DispatchQueue::poolThreads());
+    std::this_thread::sleep_for(2ms);
+  }
+  stop = true;
+  ASSERT_TRUE(test::eventually([&] { return chains == 0; }));
+  EXPECT_GT(hops.load(), 10 * kQueues);
+  EXPECT_LE(most, 2 * DispatchQueue::poolLimits().running);
 }

@@ -123,7 +123,7 @@ TEST_F(APeripheral, FailingToConnectEndsTheTransportAndDropsTheServicesAndWrites
   EXPECT_TRUE(peripheral->services().empty());
   peripheral->writeTCPData(Data::fromString("nobody listens"));
   peripheral->writeUDPData(Data::fromString("nor here"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  settle();  // no transport is left to queue them: nothing is on its way
   EXPECT_EQ(written(), "");
 }
 
@@ -155,7 +155,8 @@ TEST_F(APeripheral, MovesDataBothWaysThroughTheChunkerAndHandsOnRxValuesViaTheMa
   {
     MainQueueGate gate;  // transport deliveries reach the peripheral on the main queue
     notify(kRx, "a value longer than twenty bytes");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(test::eventually([&] { return traced == 4; })) << "the chunker took the value";
+    appQueue->sync([] {});
     EXPECT_TRUE(app->tcp().empty());
   }
   peripheral->setFrameTrace(nullptr);
@@ -166,6 +167,19 @@ TEST_F(APeripheral, MovesDataBothWaysThroughTheChunkerAndHandsOnRxValuesViaTheMa
   EXPECT_EQ(app->tcp(), std::vector<Data>(2, Data::fromString("a value longer than twenty bytes")));
   EXPECT_EQ(traced, 4);
   EXPECT_FALSE(peripheral->transportCounters().has_value());
+}
+
+// A notification hands its value along: the transport gets that value, not a second read
+// of the characteristic, and only from the connection's rx.
+TEST_F(APeripheral, HandsTheTransportTheValueANotificationOfRxCarried) {
+  connectAndDiscover();  // the chunker passes values on as they came
+  fake->characteristic(kRx)->setValue("stale");
+  peripheral->peripheral_didReceiveValue(fake, fake->characteristic(kTx), Data::fromString("tx"));
+  peripheral->peripheral_didReceiveValue(fake, fake->characteristic(kRx),
+                                         Data::fromString("carried"));
+  ASSERT_TRUE(app->waitForTcpBytes(7));
+  settle();
+  EXPECT_EQ(app->tcpJoined(), "carried");
 }
 
 TEST_F(APeripheral, SpeaksTheSlidingWindowForAnyOtherTransportTypeAndCountsIt) {

@@ -231,6 +231,15 @@ class PeripheralDelegate {
       const std::shared_ptr<Peripheral>& /*peripheral*/,
       const std::shared_ptr<Characteristic>& /*characteristic*/,
       const std::optional<Error>& /*error*/) {}
+  // A notification brought `value` for `characteristic` (whose value() now reads it too).
+  // The backends call this one for every notification, so a receiver needs no second
+  // look-up; the default passes it on to peripheral_didUpdateValueForCharacteristic_error
+  // for delegates that read value() instead.
+  virtual void peripheral_didReceiveValue(const std::shared_ptr<Peripheral>& peripheral,
+                                          const std::shared_ptr<Characteristic>& characteristic,
+                                          const Data& /*value*/) {
+    peripheral_didUpdateValueForCharacteristic_error(peripheral, characteristic, std::nullopt);
+  }
   virtual void peripheral_didWriteValueForCharacteristic_error(
       const std::shared_ptr<Peripheral>& /*peripheral*/,
       const std::shared_ptr<Characteristic>& /*characteristic*/,

@@ -318,13 +318,13 @@ void GattClient::deliverNotification(const Address& address, const std::string& 
   auto characteristic = characteristicOf(address, path);
   if (!characteristic) return;
   auto peripheral = links_.peripheral(address);
+  auto value = std::make_shared<const Data>(std::move(data));
   deliver(
       peripheral,
-      [peripheral, characteristic](platform::PeripheralDelegate& d) {
-        d.peripheral_didUpdateValueForCharacteristic_error(peripheral, characteristic,
-                                                           std::nullopt);
+      [peripheral, characteristic, value](platform::PeripheralDelegate& d) {
+        d.peripheral_didReceiveValue(peripheral, characteristic, *value);
       },
-      [characteristic, data = std::move(data)] { characteristic->setValue(data); });
+      [characteristic, value] { characteristic->setValue(*value); });
 }
 
 void GattClient::reportNotifying(const std::shared_ptr<BluezPeripheral>& peripheral,

@@ -414,8 +414,7 @@ void SimPeripheral::notified(const std::shared_ptr<SimLink>& link, const UUID& c
   if (!target || !target->isNotifying()) return;
   target->setValue(value);
   if (auto delegate = this->delegate()) {
-    delegate->peripheral_didUpdateValueForCharacteristic_error(shared_from_this(), target,
-                                                               std::nullopt);
+    delegate->peripheral_didReceiveValue(shared_from_this(), target, value);
   }
 }
 

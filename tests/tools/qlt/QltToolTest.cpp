@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -19,6 +20,20 @@
 
 namespace qlt::test {
 namespace {
+
+// Processes blocked in flock() on the file `path`, as the kernel lists them in /proc/locks
+// ("N: -> FLOCK ADVISORY WRITE pid maj:min:inode ...").
+size_t waitersForLock(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return 0;
+  const std::string inode = ":" + std::to_string(st.st_ino) + " ";
+  std::ifstream locks("/proc/locks");
+  size_t n = 0;
+  for (std::string line; std::getline(locks, line);) {
+    n += line.find("-> FLOCK") != std::string::npos && line.find(inode) != std::string::npos;
+  }
+  return n;
+}
 
 class TheQltTool : public ToolTest {
  protected:
@@ -158,7 +173,12 @@ TEST_F(TheQltTool, ChangesTheKnownStoreUnderALockOrFailsSayingWhy) {
     adds.push_back(std::async(std::launch::async, [this, device] {
       return qlt({"known", "add", device});
     }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  // Every one of them waits for the lock (rather than sleeping to give them time to write).
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (waitersForLock(lockPath) < 3 && std::chrono::steady_clock::now() < giveUp) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(waitersForLock(lockPath), 3u);
   EXPECT_FALSE(std::filesystem::exists(storeFile(store_.path()))) << "written without the lock";
   ::close(lock);
   for (auto& add : adds) EXPECT_EQ(add.get().exitCode, 0);

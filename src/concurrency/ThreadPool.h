@@ -1,0 +1,105 @@
+// The process-wide pool of worker threads that runs ready queues. Internal; the contract
+// (limits, what counts as blocked) is stated in DispatchQueue.h.
+//
+// Idle workers wait on a stack, each on a wake-up of its own. A queue that gets work goes
+// to the ready list and takes the worker that went idle last off the stack (its stack and
+// caches still warm) and wakes it; whichever worker comes first takes the queue, and a
+// woken worker that finds nothing goes back on top. A wake-up is never lost or counted
+// twice, and the workers at the bottom of the stack stay asleep and retire, so the pool
+// shrinks to what the work needs. The worker on top spins briefly before it sleeps (one
+// at a time), so a task that comes right after another skips the kernel's wake-up.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "QueltLibrary/DispatchQueue.h"
+
+namespace qlt::detail {
+
+class QueueImpl;
+
+class ThreadPool {
+ public:
+  static constexpr size_t kMaxThreads = 1024;
+  static constexpr size_t kReserve = 2;  // idle workers kept for ever
+  static constexpr auto kRetireAfter = std::chrono::seconds(2);
+  static constexpr auto kStallAfter = std::chrono::milliseconds(10);
+  // How long the top idle worker spins for the next task before it sleeps.
+  static constexpr auto kSpin = std::chrono::microseconds(50);
+
+  static ThreadPool& shared();
+
+  DispatchQueue::PoolLimits limits() const { return {onDemand_, 2 * onDemand_, kMaxThreads}; }
+  size_t threads();
+  void schedule(std::shared_ptr<QueueImpl> queue);
+  // From a worker whose queue has had its turn: to the back of the ready list, without
+  // waking anyone, as the worker takes the front one next (the same queue when no other
+  // waits, so a long run of tasks stays on one warm worker).
+  void requeue(std::shared_ptr<QueueImpl> queue);
+
+  // A pool worker begins and ends one task: the monitor counts a worker as blocked only
+  // once it has been asleep inside one task for kStallAfter, never while it only waits for
+  // a lock between short tasks (its holder preempted on a busy machine). A task that runs
+  // another queue's tasks inline (sync) keeps its own start: taskEnds gets taskBegins' value.
+  static int64_t taskBegins();
+  static void taskEnds(int64_t outer);
+  // A pool worker enters (true) or leaves (false) a wait of the library's.
+  static void markBlocked(bool blocked);
+
+ private:
+  struct Worker {
+    std::thread thread;
+    pid_t tid = 0;                     // set by the worker itself before it takes any work
+    bool idle = false;                 // on idle_; guarded by mutex_
+    bool sleeping = false;             // waiting on `wake`; guarded by mutex_
+    bool blocked = false;              // inside a library wait; guarded by mutex_
+    int blockDepth = 0;                // touched by the worker's own thread only
+    bool woken = false;                // taken off the idle stack to run; guarded by mutex_
+    std::atomic<bool> hasWork{false};  // `woken` is set: what a spinning worker watches
+    std::condition_variable wake;
+    // steady_clock ticks when its current task began; 0 between tasks (see taskBegins).
+    std::atomic<int64_t> taskSince{0};
+  };
+  static thread_local Worker* tWorker;
+
+  ThreadPool() = default;
+  void spawnLocked();
+  // Takes a worker off the idle stack to look at the ready list; returns it when it sleeps
+  // (the caller notifies it, best outside the lock).
+  std::shared_ptr<Worker> wakeLocked();
+  void monitor();
+  void work(const std::shared_ptr<Worker>& worker);
+  // Puts `self` on the idle stack and returns once it was woken (true) or should retire
+  // (false, taken off the stack).
+  bool waitForWork(const std::shared_ptr<Worker>& worker, std::unique_lock<std::mutex>& lock);
+  // Takes `worker` off the idle stack.
+  void unidleLocked(const Worker* worker);
+
+  const size_t onDemand_ = std::max<size_t>(4, std::thread::hardware_concurrency());
+
+  std::mutex mutex_;
+  std::deque<std::shared_ptr<QueueImpl>> ready_;  // guarded by mutex_
+  // Idle workers; the last went idle last. Guarded by mutex_.
+  std::vector<std::shared_ptr<Worker>> idle_;
+  Worker* spinner_ = nullptr;  // the idle worker spinning now, if any; guarded by mutex_
+  size_t waking_ = 0;   // workers woken that have not yet looked at ready_; guarded by mutex_
+  size_t threads_ = 0;  // guarded by mutex_
+  size_t blocked_ = 0;  // guarded by mutex_
+  uint64_t taken_ = 0;  // queues taken up so far; guarded by mutex_
+  std::vector<std::shared_ptr<Worker>> workers_;  // guarded by mutex_
+  std::vector<std::thread> retired_;              // guarded by mutex_
+  std::condition_variable monitorCv_;
+  std::thread monitor_;  // guarded by mutex_; started when the pool first runs short
+};
+
+}  // namespace qlt::detail
