@@ -14,6 +14,8 @@
 #include "Errors.h"
 #include "Numbers.h"
 #include "QueltLibrary/QLT_Peripheral.h"
+#include "QueltLibrary/SlideWindowFrame.h"
+#include "QueltLibrary/sim/LinkParameters.h"
 #include "Session.h"
 #include "Stats.h"
 #include "Terminal.h"
@@ -30,7 +32,7 @@ struct BenchOptions {
   double everyS = 0;     // > 0: report goodput per interval of this length
   bool reverse = false;  // device → host: a source device sends, the host measures
   double loss = -1;      // < 0: the simulated radio's own (none unless --sim-config says)
-  double intervalMs = -1;
+  LinkOptions link;
   std::string transport = "sw";
   bool json = false;
   int pings = 30;
@@ -39,6 +41,13 @@ struct BenchOptions {
 
 // Rounds to 3 decimals so the JSON stays readable.
 double r3(double v) { return std::round(v * 1000) / 1000; }
+
+// "0.61"
+std::string formatShare(double share) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%.2f", share);
+  return text;
+}
 
 // What arrives, checked as it comes: the counting pattern, exactly once and in order. Once
 // the stream is measured (and, echoed, drained), payloads go to the echo sink instead, for
@@ -213,7 +222,7 @@ int runBench(const BenchOptions& o) {
                                : "on real hardware, name a device that echoes: --device DEVICE");
   SimLinkSettings link;
   if (o.loss >= 0) link.loss = o.loss;
-  if (o.intervalMs >= 0) link.intervalMs = o.intervalMs;
+  applyLinkOptions(o.link, link);
   Session session(o.common, link);
   session.powerOn(5.0);
 
@@ -256,7 +265,15 @@ int runBench(const BenchOptions& o) {
   const double bound = !onSim || run.bytes == 0 ? 0
                        : sw                     ? windowBoundBps({}, timing, traffic, run.bytes)
                                                 : chunkerBoundBps(timing);
-  const double intervalMs = timing.oneWayS * 1000;
+  const auto parameters = session.linkParameters(connection.deviceIdentifier());
+  const sim::LinkParameters air = parameters.value_or(sim::LinkParameters{});
+  // The most the link could carry of this traffic: the window's frames (a 1-byte header and
+  // 120 bytes), or the chunker's 20-byte values.
+  const double physical =
+      !parameters ? 0
+                  : sim::physicalLimitBps(
+                        air, sw ? kTcpSegmentSize + 1 : 20, sw ? kTcpSegmentSize : 20,
+                        o.reverse ? sim::LinkTraffic::OneWay : sim::LinkTraffic::Echo, run.bytes);
   const TransferCounters c{after.retransmissions - before.retransmissions,
                            after.pollsSent - before.pollsSent,
                            after.rejectionsSent - before.rejectionsSent,
@@ -272,6 +289,8 @@ int runBench(const BenchOptions& o) {
         {"seconds", r3(run.seconds)},
         {"goodput_Bps", r3(goodput)},
         {"bound_Bps", r3(bound)},
+        {"physical_limit_Bps", r3(physical)},
+        {"link", parameters ? air.description() : "unknown (real hardware)"},
         {"verified", verified},
         {"latency_p50_ms", r3(percentile(latencies, 50))},
         {"latency_p99_ms", r3(percentile(latencies, 99))},
@@ -281,7 +300,11 @@ int runBench(const BenchOptions& o) {
         {"rejections_sent", c.rejectionsSent},
         {"rejections_received", c.rejectionsReceived},
         {"loss", session.airLoss()},
-        {"interval_ms", r3(intervalMs)},
+        {"interval_ms", r3(air.intervalMs)},
+        {"phy", sim::phyName(air.phy)},
+        {"data_length", air.dataLength},
+        {"mtu", air.mtu},
+        {"per", air.packetErrorRate},
     };
     if (!o.reverse) j["echoed_bytes"] = run.arrived;
     if (o.everyS > 0) {
@@ -305,7 +328,17 @@ int runBench(const BenchOptions& o) {
                                                       ? "yes, every byte exactly once and in order"
                                                       : "NO: " + run.problem));
     printLine("  time             " + formatSeconds(run.seconds));
-    printLine("  goodput          " + formatRate(goodput) + " (measured)");
+    std::string shares;
+    if (physical > 0) shares += formatShare(goodput / physical) + " of the link's limit";
+    if (bound > 0 && sw)
+      shares +=
+          (shares.empty() ? "" : ", ") + formatShare(goodput / bound) + " of the window's bound";
+    if (physical > 0 && bound > 0 && sw)
+      shares += physical < bound ? ": the link is the limit" : ": the window is the limit";
+    printLine("  goodput          " + formatRate(goodput) + " (measured" +
+              (shares.empty() ? "" : "; " + shares) + ")");
+    if (physical > 0)
+      printLine("  physical limit   " + formatRate(physical) + " (" + air.description() + ")");
     if (bound > 0 && sw)
       printLine("  bound            " + formatRate(bound) + " (3 × 120 B per round trip of " +
                 formatSeconds(windowRoundTripS({}, timing, traffic)) + ", for " +
@@ -325,8 +358,8 @@ int runBench(const BenchOptions& o) {
               std::to_string(c.rejectionsReceived) + " received");
     char loss[32];
     std::snprintf(loss, sizeof loss, "%g%%", session.airLoss() * 100);
-    printLine("  link             loss " + std::string(loss) + ", interval " +
-              formatSeconds(timing.oneWayS));
+    printLine("  link             " + (parameters ? air.description() : std::string("not known")) +
+              "; host drops " + loss);
   }
   return verified ? kExitOk : kExitFailure;
 }
@@ -358,10 +391,11 @@ CommandAction addBenchCommand(CLI::App& app) {
   cmd->add_flag("-R,--reverse", o->reverse,
                 "Device to host: the device sends the counting pattern (byte i is i mod 251) "
                 "while notifications are on; the host measures and checks every byte");
-  addNumberOption(*cmd, "--loss", o->loss, "Fraction of frames lost on the simulated air", 0, 0.9,
-                  "a fraction");
-  addNumberOption(*cmd, "--interval-ms", o->intervalMs,
-                  "Connection interval of the simulated link in ms", 0, 1000, "a number of ms");
+  addNumberOption(*cmd, "--loss", o->loss,
+                  "Fraction of writes and notifications dropped above the link layer (a host or "
+                  "firmware fault; the air itself loses nothing)",
+                  0, 0.9, "a fraction");
+  addLinkOptions(*cmd, o->link);
   cmd->add_option("--transport", o->transport, "sw (sliding window) or nus (plain 20-byte chunks)")
       ->check(CLI::IsMember({"sw", "nus"}))
       ->capture_default_str();
