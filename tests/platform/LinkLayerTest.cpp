@@ -72,8 +72,8 @@ TEST(ALinkLayer, FillsAnEventWithThePairsThatFitOrTheCap) {
 // echo counts each byte once per pair.
 TEST(ThePhysicalLimit, PacksSdusIntoEventsForOneWayAndEcho) {
   // 2M, 251-byte data length, 7.5 ms: a 121-byte value is one 128-byte PDU of
-  // (2+4+2+128+3)*4 = 564 µs; one way a pair is 564+150+(2+4+2+3)*4 = 44+150 = 908 µs → 8
-  // per event; echoed 564+150+564+150 = 1428 µs → 5 per event.
+  // (2+4+2+128+3)*4 = 556 µs; one way a pair is 556+150+(2+4+2+3)*4+150 = 900 µs → 8
+  // per event; echoed 556+150+556+150 = 1412 µs → 5 per event.
   const LinkParameters fast = link(7.5, Phy::LE2M, 251);
   EXPECT_NEAR(physicalLimitBps(fast, 121, 120, LinkTraffic::OneWay), 8 * 120 / 0.0075, 1.0);
   EXPECT_NEAR(physicalLimitBps(fast, 121, 120, LinkTraffic::Echo), 5 * 120 / 0.0075, 1.0);
@@ -125,6 +125,25 @@ TEST(ALinkLayer, IsLostWhenNothingGetsThroughForTheSupervisionTimeout) {
   EXPECT_TRUE(air.advance(1.0).empty());
   ASSERT_TRUE(air.lostAt());
   EXPECT_NEAR(*air.lostAt(), lastHeard + 0.1, 1e-9);
+}
+
+// Two notification buffers: of five notifications offered at once, the first two are
+// queued and the other three find the buffers full; once the first has arrived, a buffer is
+// free again.
+TEST(ALinkLayer, HoldsANotificationInABufferUntilTheAirHasCarriedIt) {
+  LinkLayer air(link(10, Phy::LE2M, 251), 1);
+  std::vector<bool> accepted;
+  for (int i = 0; i < 5; ++i) {
+    accepted.push_back(air.hasRoom(LinkLayer::Peripheral, 2, 0.001));
+    if (accepted.back()) air.send(LinkLayer::Peripheral, 20, 0.001);
+  }
+  EXPECT_EQ(accepted, (std::vector<bool>{true, true, false, false, false}));
+  // The first arrives in the first pair of the event at 10 ms: after the central's empty
+  // PDU (44 µs), T_IFS and its own (2 + 4 + 2 + 27 + 3) × 4 = 152 µs.
+  const double first = 0.010 + (44 + 150 + 152) * kUs;
+  EXPECT_FALSE(air.hasRoom(LinkLayer::Peripheral, 2, first - 1e-6));
+  EXPECT_TRUE(air.hasRoom(LinkLayer::Peripheral, 2, first + 1e-6));
+  EXPECT_EQ(air.advance(1.0).size(), 2u);
 }
 
 TEST(LinkParametersProblem, NamesThePlaceAndTheRange) {

@@ -121,7 +121,8 @@ CommandAction addDemoCommand(CLI::App& app) {
       "Examples:\n"
       "  qlt demo                           the whole job, in a few seconds\n"
       "  qlt demo --loss 0.05 --trace       5% of frames lost: watch rejections and polls\n"
-      "  qlt demo --interval-ms 30          a slow link: the window bounds the goodput\n"
+      "  qlt demo --profile linux           a Linux central's 30 ms link\n"
+      "  qlt demo --interval-ms 0           the instant link: the engines alone\n"
       "Exit codes: 0 when the echo is verified, 1 otherwise, 2 bad usage.");
   return [o] { return runDemo(*o); };
 }

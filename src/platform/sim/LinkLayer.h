@@ -48,14 +48,15 @@ class LinkLayer {
   // Queues a value of `valueLength` bytes from `from` at time `now`; calls must come with
   // non-decreasing times.
   void send(Side from, size_t valueLength, double now);
+  // Whether `side` has fewer than `buffers` values on their way at `now` (a stack holds a
+  // value in a buffer until the air has carried it).
+  bool hasRoom(Side side, size_t buffers, double now);
   // The values that arrived by `now`, in the order they arrived (each side's in the
   // order sent).
   std::vector<Delivery> advance(double now);
   // When the next value arrives or the link is lost, if nothing more is sent; nullopt
   // when the link is idle.
   std::optional<double> nextEvent() const;
-  // Values sent by `side` that have not arrived yet.
-  size_t waiting(Side side) const { return queue_[side].size(); }
   // From `now` on nothing gets through (out of range): the supervision timeout follows.
   void silence(double now);
   // When the supervision timeout ended the link (once advance has passed it).

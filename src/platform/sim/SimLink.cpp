@@ -309,12 +309,10 @@ bool SimLink::notify(const Data& value) {
   Count count = Count::Carry;
   {
     std::lock_guard lock(mutex_);
-    if (air_ && parameters_.notifyBuffers > 0) {
-      settleLocked(now());  // the buffers of what has arrived are free again
-      if (air_->waiting(LinkLayer::Peripheral) >= parameters_.notifyBuffers) {
-        counters_->notificationsDropped.fetch_add(1, std::memory_order_relaxed);
-        return false;
-      }
+    if (air_ && parameters_.notifyBuffers > 0 &&
+        !air_->hasRoom(LinkLayer::Peripheral, parameters_.notifyBuffers, now())) {
+      counters_->notificationsDropped.fetch_add(1, std::memory_order_relaxed);
+      return false;
     }
     count = countPacket();
     if (count == Count::Refuse) return false;
