@@ -9,7 +9,7 @@ qlt=${1:-build/default}/tools/qlt/qlt
 bytes=${2:-64KiB}
 profiles=$("$qlt" bench --help | sed -n '/--profile/,/--interval-ms/ s/^ *\([a-z0-9-]*\): .*/\1/p')
 
-echo "| profile | transport | goodput | physical limit | share | window's bound | |"
+echo "| profile | transport | goodput | physical limit | share of it | the transport's bound | |"
 echo "| --- | --- | --- | --- | --- | --- | --- |"
 for profile in $profiles; do
   for transport in sw nus; do
