@@ -19,8 +19,7 @@ void LinkLayer::send(Side from, size_t valueLength, double now) {
 }
 
 bool LinkLayer::hasRoom(Side side, size_t buffers, double now) {
-  while (step(now)) {
-  }
+  while (step(now)) {}
   size_t held = queue_[side].size();
   for (const auto& d : ready_) held += d.from == side && d.at > now ? 1 : 0;
   return held < buffers;

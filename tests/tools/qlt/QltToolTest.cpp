@@ -56,8 +56,10 @@ TEST_F(TheQltTool, RejectsBadUsageWithExitCodeTwo) {
       {{"scan", "--service", "180G"}, "--service"},
       {{"chat", "C0:FF:EE:00:00"}, "not a Bluetooth address"},
       {{"bench", "-t", "1", "--bytes", "10"}, "--bytes excludes --time"},
-      {{"bench", "--interval-ms", "5"}, "--interval-ms: 5 is out of range (0 for the instant link, or 7.5 to 4000)"},
-      {{"demo", "--data-length", "300"}, "--data-length: '300' is not a whole number from 27 to 251"},
+      {{"bench", "--interval-ms", "5"},
+       "--interval-ms: 5 is out of range (0 for the instant link, or 7.5 to 4000)"},
+      {{"demo", "--data-length", "300"},
+       "--data-length: '300' is not a whole number from 27 to 251"},
       {{"bench", "--mtu", "10"}, "--mtu: '10' is not a whole number from 23 to 517"},
       {{"bench", "--phy", "3M"}, "--phy: 3M not in {1M,2M}"},
       {{"bench", "--sim-config", slow}, "link.intervalMs: 5 is out of range"},
@@ -130,10 +132,10 @@ TEST_F(TheQltTool, BenchReportsAVerifiedEchoBelowTheBoundOnALossySlowLink) {
                         "--interval-ms", "10"});
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   const auto j = nlohmann::json::parse(run.out);
-  for (const char* key : {"transport", "bytes", "seconds", "goodput_Bps", "bound_Bps", "verified",
-                          "latency_p50_ms", "latency_p99_ms", "retransmissions", "polls_sent",
-                          "rejections_sent", "rejections_received", "loss", "interval_ms",
-                          "physical_limit_Bps", "phy", "data_length", "mtu"}) {
+  for (const char* key :
+       {"transport", "bytes", "seconds", "goodput_Bps", "bound_Bps", "verified", "latency_p50_ms",
+        "latency_p99_ms", "retransmissions", "polls_sent", "rejections_sent", "rejections_received",
+        "loss", "interval_ms", "physical_limit_Bps", "phy", "data_length", "mtu"}) {
     EXPECT_TRUE(j.contains(key)) << key << " missing in " << run.out;
   }
   EXPECT_EQ(j["transport"], "sw");
