@@ -1,12 +1,16 @@
-// The simulated radio with no added delay: how fast it carries what the engines send.
+// The simulated radio with no added delay: how fast it carries what the engines send; and
+// on each named link profile, the share of the link's physical limit an echo reaches.
 //   qlt_sim_radio --benchmark_filter=SwEcho
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
 #include "QueltLibrary/QLT_UUID.h"
 #include "QueltLibrary/SWTransport.h"
+#include "QueltLibrary/SlideWindowFrame.h"
+#include "QueltLibrary/sim/LinkParameters.h"
 #include "QueltLibrary/sim/SimRadio.h"
 
 namespace qlt::sim {
@@ -21,14 +25,16 @@ class Link final : public platform::CentralDelegate,
                    public TransportDelegate,
                    public std::enable_shared_from_this<Link> {
  public:
-  static std::shared_ptr<Link> open(SimBehaviour behaviour) {
+  static std::shared_ptr<Link> open(SimBehaviour behaviour, const LinkParameters& air = {}) {
     auto link = std::make_shared<Link>();
     link->radio_ = SimRadio::create();
+    link->radio_->setLink(air);
     SimDeviceConfig device;
     device.identifier = UUID::literal("0000BBBB-0000-4000-8000-000000000001");
     device.localName = "Bench";
     device.behaviour = behaviour;
     device.connectDelay = 0;
+    device.mtu = air.mtu;
     link->radio_->addDevice(device);
     link->central_ = link->radio_->backend()->createCentral(link, link->queue_, {});
     link->waitFor([&] { return link->powered_; });
@@ -172,6 +178,39 @@ void BM_SwEcho1MB(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * (1 << 20));
 }
 BENCHMARK(BM_SwEcho1MB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// 64 kB through the sliding window on a named profile; counters: goodput and its share of
+// the link's physical limit for this echo (never above 1).
+void BM_SwEchoOnProfile(benchmark::State& state) {
+  const auto& profile = linkProfiles().at(static_cast<size_t>(state.range(0)));
+  state.SetLabel(profile.name);
+  if (profile.parameters.mtu < kTcpSegmentSize + 4) {
+    state.SkipWithError("the window's frames do not fit this profile's MTU");
+    return;
+  }
+  auto link = Link::open(SimBehaviour::SwEcho, profile.parameters);
+  link->startTransport();
+  std::vector<uint8_t> message(64 * 1024, 0x5A);
+  double seconds = 0;
+  for (auto _ : state) {
+    link->resetCounts();
+    const auto start = std::chrono::steady_clock::now();
+    link->transport()->sendTCP(message.data(), message.size());
+    link->waitForTcp(message.size());
+    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  }
+  const double goodput = static_cast<double>(message.size() * state.iterations()) / seconds;
+  const double limit = physicalLimitBps(profile.parameters, kTcpSegmentSize + 1, kTcpSegmentSize,
+                                        LinkTraffic::Echo, message.size());
+  state.counters["goodput_Bps"] = goodput;
+  state.counters["physical_limit_Bps"] = limit;
+  state.counters["share"] = goodput / limit;
+}
+BENCHMARK(BM_SwEchoOnProfile)
+    ->DenseRange(0, 3)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2);
 
 }  // namespace
 }  // namespace qlt::sim

@@ -559,6 +559,36 @@ TEST_F(OnTheSimulatedRadio, LosesTheSamePacketsForTheSameSeedAndNeverReorders) {
   EXPECT_TRUE(std::is_sorted(first.begin(), first.end()));
 }
 
+// On a modelled link with errors on the air every value arrives, in order, and the echo
+// comes back whole: the link layer repeats what the air lost. Out of range, the link is
+// lost when the supervision timeout runs out, not before.
+TEST_F(OnTheSimulatedRadio, RepeatsWhatTheAirLosesAndEndsALinkOutOfRangeAfterItsTimeout) {
+  sim::LinkParameters air;
+  air.intervalMs = 7.5;
+  air.phy = sim::Phy::LE2M;
+  air.packetErrorRate = 0.2;
+  air.supervisionTimeoutMs = 200;
+  ASSERT_TRUE(side.radio->setLink(air));
+  auto p = central->retrievePeripheralsWithIdentifiers({side.id("QLT-Chunk")}).at(0);
+  p->setDelegate(recorder);
+  Link link = connect(p);
+  std::vector<std::string> sent;
+  for (int i = 0; i < 100; ++i) {
+    sent.push_back(std::to_string(i));
+    p->writeValue(bytes(sent.back()), link.tx, WriteType::WithoutResponse);
+  }
+  ASSERT_TRUE(recorder->waitFor("value", 100));
+  EXPECT_EQ(valuesAfter("connect", 1), sent);
+  const auto stats = side.radio->stats(side.id("QLT-Chunk"));
+  EXPECT_EQ(stats.writesLost + stats.notificationsLost + stats.notificationsDropped, 0u);
+
+  const auto gone = std::chrono::steady_clock::now();
+  side.radio->dropLink(side.id("QLT-Chunk"));
+  auto lost = recorder->waitFor("disconnect");
+  ASSERT_TRUE(lost && lost->error);
+  EXPECT_GE(std::chrono::steady_clock::now() - gone, 190ms) << "the supervision timeout, 200 ms";
+}
+
 // Faults of the air that no other suite reaches, with the least each must cost: paced
 // writes, a link that drops after so much time, a device that takes one central.
 TEST_F(OnTheSimulatedRadio, AppliesEachFaultOfTheAir) {
@@ -617,6 +647,12 @@ TEST_F(OnTheSimulatedRadio, LoadsItsConfigurationAllOrNothing) {
        "devices[1].address: duplicate address"},
       {R"({"devices": [{"identifier": "180D", "services": [{"uuid": "180F", "characteristics": [{"uuid": "2A19", "properties": ["fly"]}]}]}]})",
        "devices[0].services[0].characteristics[0].properties[0]: unknown property \"fly\""},
+      {R"({"link": {"intervalMs": 5}})",
+       "link.intervalMs: 5 is out of range (0 for the instant link, or 7.5 to 4000)"},
+      {R"({"link": {"phy": "3M"}})", "link.phy: unknown PHY \"3M\" (1M or 2M)"},
+      {R"({"devices": [{"identifier": "180D", "link": {"dataLength": 300}}]})",
+       "devices[0].link.dataLength: 300 is out of range (27 to 251)"},
+      {R"({"link": {"mtu": 10}})", "link.mtu: 10 is out of range (23 to 517)"},
   };
   const size_t devices = side.radio->devices().size();
   for (const auto& [json, expected] : bad) {
@@ -625,9 +661,12 @@ TEST_F(OnTheSimulatedRadio, LoadsItsConfigurationAllOrNothing) {
     EXPECT_NE(error.find(expected), std::string::npos) << json << " gave: " << error;
   }
   EXPECT_EQ(side.radio->devices().size(), devices) << "a refused configuration changes nothing";
+  EXPECT_TRUE(side.radio->link().instant()) << "a refused configuration changes nothing";
   std::string error;  // the rest of a device is the tool tests' radio file
-  ASSERT_TRUE(side.radio->loadConfigString(R"({"faults": {"connectionIntervalMs": 7.5}, "devices": [
-      {"identifier": "51D0E001-0000-4000-8000-000000000001", "manufacturerData": "5900 0102"},
+  ASSERT_TRUE(side.radio->loadConfigString(R"({"faults": {"connectionIntervalMs": 7.5},
+      "link": {"intervalMs": 30, "phy": "2M", "notifyBuffers": 4}, "devices": [
+      {"identifier": "51D0E001-0000-4000-8000-000000000001", "manufacturerData": "5900 0102",
+       "link": {"dataLength": 27}},
       {"identifier": "51D0E001-0000-4000-8000-000000000002", "address": "aa:bb:cc:dd:ee:ff", "txPower": -4,
        "manufacturerData": {"0x004c": "01", "89": ""}, "serviceData": {"180F": "64"}, "connectable": false}]})",
                                            &error))
@@ -637,6 +676,13 @@ TEST_F(OnTheSimulatedRadio, LoadsItsConfigurationAllOrNothing) {
   EXPECT_EQ(board->manufacturerData,
             (std::map<uint16_t, Data>{{0x59, Data(std::vector<uint8_t>{1, 2})}}));
   EXPECT_EQ(board->bluetoothAddress(), "C0:00:00:00:00:01") << "derived from the identifier";
+  // A device's link starts from the radio's and changes what it names.
+  ASSERT_TRUE(board->link);
+  EXPECT_EQ(board->link->intervalMs, 30);
+  EXPECT_EQ(board->link->phy, sim::Phy::LE2M);
+  EXPECT_EQ(board->link->notifyBuffers, 4u);
+  EXPECT_EQ(board->link->dataLength, 27u);
+  EXPECT_EQ(side.radio->link().dataLength, 251u);
   auto tag = side.radio->device(UUID::literal("51D0E001-0000-4000-8000-000000000002"));
   ASSERT_TRUE(tag);
   EXPECT_EQ(tag->advertisement(),

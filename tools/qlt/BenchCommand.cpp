@@ -14,6 +14,8 @@
 #include "Errors.h"
 #include "Numbers.h"
 #include "QueltLibrary/QLT_Peripheral.h"
+#include "QueltLibrary/SlideWindowFrame.h"
+#include "QueltLibrary/sim/LinkParameters.h"
 #include "Session.h"
 #include "Stats.h"
 #include "Terminal.h"
@@ -30,7 +32,7 @@ struct BenchOptions {
   double everyS = 0;     // > 0: report goodput per interval of this length
   bool reverse = false;  // device → host: a source device sends, the host measures
   double loss = -1;      // < 0: the simulated radio's own (none unless --sim-config says)
-  double intervalMs = -1;
+  LinkOptions link;
   std::string transport = "sw";
   bool json = false;
   int pings = 30;
@@ -39,6 +41,13 @@ struct BenchOptions {
 
 // Rounds to 3 decimals so the JSON stays readable.
 double r3(double v) { return std::round(v * 1000) / 1000; }
+
+// "0.61"
+std::string formatShare(double share) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%.2f", share);
+  return text;
+}
 
 // What arrives, checked as it comes: the counting pattern, exactly once and in order. Once
 // the stream is measured (and, echoed, drained), payloads go to the echo sink instead, for
@@ -213,7 +222,7 @@ int runBench(const BenchOptions& o) {
                                : "on real hardware, name a device that echoes: --device DEVICE");
   SimLinkSettings link;
   if (o.loss >= 0) link.loss = o.loss;
-  if (o.intervalMs >= 0) link.intervalMs = o.intervalMs;
+  applyLinkOptions(o.link, link);
   Session session(o.common, link);
   session.powerOn(5.0);
 
@@ -256,7 +265,15 @@ int runBench(const BenchOptions& o) {
   const double bound = !onSim || run.bytes == 0 ? 0
                        : sw                     ? windowBoundBps({}, timing, traffic, run.bytes)
                                                 : chunkerBoundBps(timing);
-  const double intervalMs = timing.oneWayS * 1000;
+  const auto parameters = session.linkParameters(connection.deviceIdentifier());
+  const sim::LinkParameters air = parameters.value_or(sim::LinkParameters{});
+  // The most the link could carry of this traffic: the window's frames (a 1-byte header and
+  // 120 bytes), or the chunker's 20-byte values.
+  const double physical =
+      !parameters ? 0
+                  : sim::physicalLimitBps(
+                        air, sw ? kTcpSegmentSize + 1 : 20, sw ? kTcpSegmentSize : 20,
+                        o.reverse ? sim::LinkTraffic::OneWay : sim::LinkTraffic::Echo, run.bytes);
   const TransferCounters c{after.retransmissions - before.retransmissions,
                            after.pollsSent - before.pollsSent,
                            after.rejectionsSent - before.rejectionsSent,
@@ -272,6 +289,8 @@ int runBench(const BenchOptions& o) {
         {"seconds", r3(run.seconds)},
         {"goodput_Bps", r3(goodput)},
         {"bound_Bps", r3(bound)},
+        {"physical_limit_Bps", r3(physical)},
+        {"link", parameters ? air.description() : "unknown (real hardware)"},
         {"verified", verified},
         {"latency_p50_ms", r3(percentile(latencies, 50))},
         {"latency_p99_ms", r3(percentile(latencies, 99))},
@@ -281,7 +300,11 @@ int runBench(const BenchOptions& o) {
         {"rejections_sent", c.rejectionsSent},
         {"rejections_received", c.rejectionsReceived},
         {"loss", session.airLoss()},
-        {"interval_ms", r3(intervalMs)},
+        {"interval_ms", r3(air.intervalMs)},
+        {"phy", sim::phyName(air.phy)},
+        {"data_length", air.dataLength},
+        {"mtu", air.mtu},
+        {"per", air.packetErrorRate},
     };
     if (!o.reverse) j["echoed_bytes"] = run.arrived;
     if (o.everyS > 0) {
@@ -305,7 +328,17 @@ int runBench(const BenchOptions& o) {
                                                       ? "yes, every byte exactly once and in order"
                                                       : "NO: " + run.problem));
     printLine("  time             " + formatSeconds(run.seconds));
-    printLine("  goodput          " + formatRate(goodput) + " (measured)");
+    std::string shares;
+    if (physical > 0) shares += formatShare(goodput / physical) + " of the link's limit";
+    if (bound > 0 && sw)
+      shares +=
+          (shares.empty() ? "" : ", ") + formatShare(goodput / bound) + " of the window's bound";
+    if (physical > 0 && bound > 0 && sw)
+      shares += physical < bound ? ": the link is the limit" : ": the window is the limit";
+    printLine("  goodput          " + formatRate(goodput) + " (measured" +
+              (shares.empty() ? "" : "; " + shares) + ")");
+    if (physical > 0)
+      printLine("  physical limit   " + formatRate(physical) + " (" + air.description() + ")");
     if (bound > 0 && sw)
       printLine("  bound            " + formatRate(bound) + " (3 × 120 B per round trip of " +
                 formatSeconds(windowRoundTripS({}, timing, traffic)) + ", for " +
@@ -325,8 +358,8 @@ int runBench(const BenchOptions& o) {
               std::to_string(c.rejectionsReceived) + " received");
     char loss[32];
     std::snprintf(loss, sizeof loss, "%g%%", session.airLoss() * 100);
-    printLine("  link             loss " + std::string(loss) + ", interval " +
-              formatSeconds(timing.oneWayS));
+    printLine("  link             " + (parameters ? air.description() : std::string("not known")) +
+              "; host drops " + loss);
   }
   return verified ? kExitOk : kExitFailure;
 }
@@ -358,10 +391,11 @@ CommandAction addBenchCommand(CLI::App& app) {
   cmd->add_flag("-R,--reverse", o->reverse,
                 "Device to host: the device sends the counting pattern (byte i is i mod 251) "
                 "while notifications are on; the host measures and checks every byte");
-  addNumberOption(*cmd, "--loss", o->loss, "Fraction of frames lost on the simulated air", 0, 0.9,
-                  "a fraction");
-  addNumberOption(*cmd, "--interval-ms", o->intervalMs,
-                  "Connection interval of the simulated link in ms", 0, 1000, "a number of ms");
+  addNumberOption(*cmd, "--loss", o->loss,
+                  "Fraction of writes and notifications dropped above the link layer (a host or "
+                  "firmware fault; the air itself loses nothing)",
+                  0, 0.9, "a fraction");
+  addLinkOptions(*cmd, o->link);
   cmd->add_option("--transport", o->transport, "sw (sliding window) or nus (plain 20-byte chunks)")
       ->check(CLI::IsMember({"sw", "nus"}))
       ->capture_default_str();
@@ -391,7 +425,8 @@ CommandAction addBenchCommand(CLI::App& app) {
       "acknowledgement that frees the window comes back one round trip after the first left:\n"
       "  round trip = 2 × one-way delay + 1 ms acknowledgement delay + write pacing\n"
       "  bound_Bps  = 3 × 120 B / round trip\n"
-      "The one-way delay is the link's connection interval (--interval-ms); the acknowledgement\n"
+      "The one-way delay is one frame's air time on the simulated link (plus any delay its\n"
+      "faults add); the acknowledgement\n"
       "waits for the receiver worker's next round (about 1 ms), except in an echo, where it\n"
       "leaves at once with the answer; the write pacing is the time the write path spends on a\n"
       "frame (1 / the link's write-rate limit; with a limit, the bound is also at most 120 B ×\n"
@@ -402,11 +437,18 @@ CommandAction addBenchCommand(CLI::App& app) {
       "no window: bound_Bps = 20 B / max(1 ms, write pacing), one chunk per worker round. On\n"
       "real hardware the link is not known and bound_Bps is 0; so it is for an echo over a link\n"
       "without delay (nothing but the machine limits it).\n"
+      "\n"
+      "The physical limit (physical_limit_Bps): the most the simulated link could carry of\n"
+      "this traffic, from its interval, PHY, data length and per-event limit: values packed as\n"
+      "PDUs into connection events (docs/qlt.md has the formula). No run can beat it; bench\n"
+      "says whether the link or the window is the limit. 0 for the instant link.\n"
       "\nExamples:\n"
-      "  qlt bench                               64 kB on the simulated echo device\n"
-      "  qlt bench -t 10 -i 1 --interval-ms 7.5  10 s, a line per second, like iperf3\n"
+      "  qlt bench                               64 kB on the simulated echo device (phone)\n"
+      "  qlt bench -t 10 -i 1 --profile fastest  10 s, a line per second, like iperf3\n"
       "  qlt bench -R -t 5 -i 1                  device to host (QLT-Source)\n"
-      "  qlt bench --loss 0.02 --interval-ms 15  a lossy, slower link\n"
+      "  qlt bench --per 0.1                     air errors: slower, nothing lost\n"
+      "  qlt bench --loss 0.02 --interval-ms 30  drops above the link layer, a slower link\n"
+      "  qlt bench --interval-ms 0               the instant link: the engines alone\n"
       "  qlt bench --json | jq .goodput_Bps      for scripts\n"
       "  qlt bench --platform bluez --device 'My Echo'   real hardware (the device must echo)");
   return [o] { return runBench(*o); };

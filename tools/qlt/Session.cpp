@@ -117,29 +117,42 @@ Session::Session(const CommonOptions& options, const SimLinkSettings& link)
                          "': " + error);
     }
     if (link.startPoweredOff) radio->setPowered(false);
-    if (link.loss || link.intervalMs) {
-      sim::AirFaults faults = radio->faults();
-      if (link.loss) {
-        faults.lostWritesWithoutResponse = *link.loss;
-        faults.lostNotifications = *link.loss;
-      }
-      if (link.intervalMs) faults.connectionInterval = *link.intervalMs / 1000.0;
-      radio->setFaults(faults);
-      // Devices with faults of their own get the command line's settings too.
-      for (auto device : radio->devices()) {
-        if (!device.faults) continue;
-        if (link.loss) {
-          device.faults->lostWritesWithoutResponse = *link.loss;
-          device.faults->lostNotifications = *link.loss;
-        }
-        if (link.intervalMs) device.faults->connectionInterval = *link.intervalMs / 1000.0;
-        radio->removeDevice(device.identifier);
-        radio->addDevice(device);
-      }
+    const bool shapesLink = link.profile || link.intervalMs || link.phy || link.dataLength ||
+                            link.mtu || link.maxPdusPerEvent || link.packetErrorRate ||
+                            (link.defaultProfile && options.simConfig.empty());
+    std::optional<sim::LinkParameters> parameters;
+    if (shapesLink) {
+      SimLinkSettings chosen = link;
+      if (!chosen.profile && link.defaultProfile && options.simConfig.empty())
+        chosen.profile = sim::kDefaultLinkProfile;
+      parameters = resolveLink(chosen, radio->link());
+      radio->setLink(*parameters);
     }
-  } else if (link.loss || link.intervalMs) {
+    if (link.loss) {
+      sim::AirFaults faults = radio->faults();
+      faults.lostWritesWithoutResponse = *link.loss;
+      faults.lostNotifications = *link.loss;
+      radio->setFaults(faults);
+    }
+    // Devices with faults or a link of their own get the command line's settings too; the
+    // link options describe both sides, so the devices' ATT MTU follows.
+    for (auto device : radio->devices()) {
+      if (!(device.faults && link.loss) && !parameters) continue;
+      if (device.faults && link.loss) {
+        device.faults->lostWritesWithoutResponse = *link.loss;
+        device.faults->lostNotifications = *link.loss;
+      }
+      if (parameters) {
+        if (device.link) device.link = parameters;
+        device.mtu = parameters->mtu;
+      }
+      radio->removeDevice(device.identifier);
+      radio->addDevice(device);
+    }
+  } else if (link.loss || link.profile || link.intervalMs || link.phy || link.dataLength ||
+             link.mtu || link.maxPdusPerEvent || link.packetErrorRate) {
     throw UsageError(
-        "--loss and --interval-ms shape the simulated radio; they need --platform sim");
+        "--loss and the link options shape the simulated radio; they need --platform sim");
   }
   if (!platform::setBackendByName(platform_)) {
     std::string names;
@@ -284,11 +297,25 @@ std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double 
   return found;
 }
 
+std::optional<sim::LinkParameters> Session::linkParameters(const std::string& identifier) const {
+  if (platform_ != "sim") return std::nullopt;
+  const auto uuid = UUID::fromString(identifier);
+  const auto& radio = sim::SimRadio::shared();
+  const auto device = uuid ? radio->device(*uuid) : std::nullopt;
+  if (!device) return std::nullopt;
+  sim::LinkParameters p = device->link.value_or(radio->link());
+  p.mtu = static_cast<uint32_t>(std::min<size_t>(p.mtu, device->mtu));
+  return p;
+}
+
 LinkTiming Session::linkTiming() const {
   LinkTiming t;
   if (platform_ != "sim") return t;
   const auto faults = sim::SimRadio::shared()->faults();
-  t.oneWayS = faults.connectionInterval;
+  // On a modelled link a frame takes at least its PDUs' air time, however soon the event
+  // carries it (the window's frame: 121 bytes).
+  t.oneWayS = faults.connectionInterval +
+              sim::valueAirSeconds(sim::SimRadio::shared()->link(), kTcpSegmentSize + 1);
   if (faults.writeRateLimit && *faults.writeRateLimit > 0) t.pacingS = 1.0 / *faults.writeRateLimit;
   return t;
 }

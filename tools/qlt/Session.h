@@ -21,6 +21,7 @@
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
+#include "QueltLibrary/sim/LinkParameters.h"
 #include "Stats.h"
 
 namespace qlt {
@@ -54,11 +55,36 @@ bool looksLikeAddress(const std::string& text);
 
 // Link settings a command may put on the simulated radio (over --sim-config).
 struct SimLinkSettings {
-  std::optional<double> loss;        // fraction of frames lost on the air, 0..1
-  std::optional<double> intervalMs;  // connection interval: the one-way delay of a frame
+  // Fraction of data packets dropped above the link layer (both directions), 0..1.
+  std::optional<double> loss;
+  // The link layer: a named profile (sim::linkProfiles()), then single fields over it.
+  std::optional<std::string> profile;
+  std::optional<double> intervalMs;  // 0: the instant link
+  std::optional<sim::Phy> phy;
+  std::optional<uint32_t> dataLength, mtu, maxPdusPerEvent;
+  std::optional<double> packetErrorRate;
+  // Without --sim-config and without a profile, start from sim::kDefaultLinkProfile
+  // (otherwise from the radio's link: the config's, or the instant link).
+  bool defaultProfile = false;
   // Start with the radio switched off, so that powerOn() shows the manager coming up.
   bool startPoweredOff = false;
 };
+
+// The link options of the commands that measure (demo, bench): --profile, --interval-ms,
+// --phy, --data-length, --mtu, --max-pdus-per-event, --per. Values left unset are -1 / "".
+struct LinkOptions {
+  std::string profile;
+  double intervalMs = -1;
+  std::string phy;
+  int dataLength = -1, mtu = -1, maxPdusPerEvent = -1;
+  double per = -1;
+};
+void addLinkOptions(CLI::App& command, LinkOptions& options);
+// Puts the options given into `settings` (defaultProfile set).
+void applyLinkOptions(const LinkOptions& options, SimLinkSettings& settings);
+// The simulated radio's link as `settings` make it, starting from `base`; throws UsageError
+// naming the option and its range for a value out of range.
+sim::LinkParameters resolveLink(const SimLinkSettings& settings, sim::LinkParameters base);
 
 // Transport counters of a connection, as the tool reports them.
 struct TransferCounters {
@@ -103,6 +129,9 @@ class Session {
 
   // What limits a round trip on the link to the simulated devices (for the bench bound).
   LinkTiming linkTiming() const;
+  // The link-layer parameters of the simulated device `identifier`'s link (nullopt on real
+  // hardware or for an unknown device).
+  std::optional<sim::LinkParameters> linkParameters(const std::string& identifier) const;
   // The air loss the simulated radio applies (0 on real hardware).
   double airLoss() const;
 

@@ -14,6 +14,7 @@
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
 #include "QueltLibrary/sim/AirFaults.h"
+#include "QueltLibrary/sim/LinkParameters.h"
 
 namespace qlt::sim {
 
@@ -68,12 +69,16 @@ struct SimDeviceConfig {
   // The service UUIDs put in the advertisement; empty optional: those of `services`.
   std::optional<std::vector<UUID>> advertisedServices;
   double connectDelay = 0.002;  // seconds from connect() to the outcome
-  size_t mtu = 185;             // ATT MTU; a write carries up to mtu - 3 bytes
+  // The device's ATT MTU; a link uses the smaller of this and the link's (LinkParameters::mtu),
+  // and a write or notification carries up to that - 3 bytes.
+  size_t mtu = 185;
   std::vector<SimServiceConfig> services{SimServiceConfig::nus()};
   SimBehaviour behaviour = SimBehaviour::ChunkEcho;
   uint64_t sourceBytes = 0;  // for SimBehaviour::Source: 0 streams without end
   // Faults for this device's links; empty: the radio's.
   std::optional<AirFaults> faults;
+  // Link parameters for this device's links; empty: the radio's.
+  std::optional<LinkParameters> link;
 
   // The services as advertised (advertisedServices, or every service of the table).
   std::vector<UUID> advertisedServiceUUIDs() const;

@@ -23,6 +23,7 @@
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
 #include "QueltLibrary/sim/AirFaults.h"
+#include "QueltLibrary/sim/LinkParameters.h"
 #include "QueltLibrary/sim/SimDeviceConfig.h"
 
 namespace qlt::sim {
@@ -35,7 +36,8 @@ struct SimDeviceStats {
   uint64_t writesLost = 0;         // writes without response lost on the air
   uint64_t notificationsSent = 0;  // notifications put on the air
   uint64_t bytesNotified = 0;
-  uint64_t notificationsLost = 0;     // of those, lost on the air
+  uint64_t notificationsLost = 0;     // of those, dropped above the link layer (a fault)
+  uint64_t notificationsDropped = 0;  // refused: the device's notification buffers were full
   uint64_t payloadBytesReceived = 0;  // sliding-window payload bytes delivered to the device
   uint64_t payloadBytesSent = 0;      // sliding-window payload bytes the device queued
 };
@@ -62,19 +64,27 @@ class SimRadio : public std::enable_shared_from_this<SimRadio> {
   void setPowered(bool on);
   bool isPowered() const;
 
-  // Devices. addDevice refuses (false, and a log line) an identifier already present.
+  // Devices. addDevice refuses (false, and a log line) an identifier already present, or
+  // link parameters of its own that are out of range.
   bool addDevice(const SimDeviceConfig& device);
   bool removeDevice(const UUID& identifier);
   void removeAllDevices();
   std::vector<SimDeviceConfig> devices() const;
   std::optional<SimDeviceConfig> device(const UUID& identifier) const;
   SimDeviceStats stats(const UUID& identifier) const;
-  // Ends the device's current link now, as if it had gone out of range.
+  // The device goes out of range: nothing gets through its current link any more. The
+  // instant link is lost at once; a modelled one when its supervision timeout runs out.
   void dropLink(const UUID& identifier);
 
   // The faults of the air, for devices that have none of their own.
   void setFaults(const AirFaults& faults);
   AirFaults faults() const;
+
+  // The link parameters of devices that have none of their own. Refuses (false, a log
+  // line and, when `error` is given, the reason there) parameters out of range, leaving
+  // the radio as it was. New links use them.
+  bool setLink(const LinkParameters& link, std::string* error = nullptr);
+  LinkParameters link() const;
 
   // Replaces the devices, the faults and the power state with those described in a JSON
   // file or text (format: docs/simulated-radio.md). On any error nothing is changed, the

@@ -194,6 +194,44 @@ AirFaults faults(const json& j, const std::string& path) {
   return f;
 }
 
+// "link": {...}: each key given replaces that field of `base`; the result is checked whole,
+// so an error names the key and the range allowed.
+LinkParameters linkParameters(const json& j, const std::string& path, LinkParameters base) {
+  requireObject(j, path,
+                {"intervalMs", "phy", "dataLength", "mtu", "maxPdusPerEvent", "packetErrorRate",
+                 "supervisionTimeoutMs", "notifyBuffers", "encrypted"});
+  LinkParameters p = base;
+  const double kAny = 1e12;
+  auto count = [&](const char* key) {
+    return static_cast<uint32_t>(unsignedInteger(j[key], join(path, key), 0, 0xFFFFFFFFULL));
+  };
+  if (j.contains("intervalMs"))
+    p.intervalMs = number(j["intervalMs"], join(path, "intervalMs"), -kAny, kAny);
+  if (j.contains("phy")) {
+    const std::string name = text(j["phy"], join(path, "phy"));
+    const auto phy = phyFromName(name);
+    if (!phy) fail(join(path, "phy"), "unknown PHY \"" + name + "\" (1M or 2M)");
+    p.phy = *phy;
+  }
+  if (j.contains("dataLength")) p.dataLength = count("dataLength");
+  if (j.contains("mtu")) p.mtu = count("mtu");
+  if (j.contains("maxPdusPerEvent")) p.maxPdusPerEvent = count("maxPdusPerEvent");
+  if (j.contains("packetErrorRate"))
+    p.packetErrorRate = number(j["packetErrorRate"], join(path, "packetErrorRate"), -kAny, kAny);
+  if (j.contains("supervisionTimeoutMs"))
+    p.supervisionTimeoutMs =
+        number(j["supervisionTimeoutMs"], join(path, "supervisionTimeoutMs"), -kAny, kAny);
+  if (j.contains("notifyBuffers")) p.notifyBuffers = count("notifyBuffers");
+  if (j.contains("encrypted")) {
+    if (!j["encrypted"].is_boolean()) fail(join(path, "encrypted"), "expected true or false");
+    p.encrypted = j["encrypted"].get<bool>();
+  }
+  // problem() names the place itself: "link.dataLength: 300 is out of range (27 to 251)".
+  const std::string problem = p.problem(path);
+  if (!problem.empty()) throw ConfigError(problem);
+  return p;
+}
+
 SimServiceConfig service(const json& j, const std::string& path) {
   if (j.is_string()) {
     if (j.get<std::string>() == "nus") return SimServiceConfig::nus();
@@ -224,12 +262,12 @@ SimServiceConfig service(const json& j, const std::string& path) {
   return s;
 }
 
-SimDeviceConfig device(const json& j, const std::string& path) {
+SimDeviceConfig device(const json& j, const std::string& path, const LinkParameters& radioLink) {
   requireObject(
       j, path,
       {"identifier", "name", "address", "manufacturerData", "serviceData", "txPower", "connectable",
        "rssi", "rssiVariation", "advertisingIntervalMs", "advertisedServices", "connectDelayMs",
-       "mtu", "services", "behaviour", "sourceBytes", "faults"});
+       "mtu", "services", "behaviour", "sourceBytes", "faults", "link"});
   if (!j.contains("identifier")) fail(path, "missing \"identifier\"");
   SimDeviceConfig d;
   d.identifier = uuid(j["identifier"], join(path, "identifier"));
@@ -304,6 +342,7 @@ SimDeviceConfig device(const json& j, const std::string& path) {
     d.sourceBytes = unsignedInteger(j["sourceBytes"], join(path, "sourceBytes"), 0, 1ULL << 40);
   }
   if (j.contains("faults")) d.faults = faults(j["faults"], join(path, "faults"));
+  if (j.contains("link")) d.link = linkParameters(j["link"], join(path, "link"), radioLink);
   return d;
 }
 
@@ -312,13 +351,14 @@ SimDeviceConfig device(const json& j, const std::string& path) {
 bool parseRadioConfig(std::string_view text, RadioConfig& config, std::string& error) {
   try {
     const json j = json::parse(text.begin(), text.end());
-    requireObject(j, "(top level)", {"powered", "faults", "devices"});
+    requireObject(j, "(top level)", {"powered", "faults", "link", "devices"});
     RadioConfig parsed;
     if (j.contains("powered")) {
       if (!j["powered"].is_boolean()) fail("powered", "expected true or false");
       parsed.powered = j["powered"].get<bool>();
     }
     if (j.contains("faults")) parsed.faults = faults(j["faults"], "faults");
+    if (j.contains("link")) parsed.link = linkParameters(j["link"], "link", {});
     if (j.contains("devices")) {
       const auto& list = j["devices"];
       if (!list.is_array()) fail("devices", "expected a list");
@@ -326,7 +366,7 @@ bool parseRadioConfig(std::string_view text, RadioConfig& config, std::string& e
       std::set<std::string> addresses;
       for (size_t i = 0; i < list.size(); ++i) {
         const std::string path = "devices[" + std::to_string(i) + "]";
-        SimDeviceConfig d = device(list[i], path);
+        SimDeviceConfig d = device(list[i], path, parsed.link);
         if (!seen.insert(d.identifier).second) {
           fail(path + ".identifier", "duplicate identifier " + d.identifier.UUIDString());
         }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "QueltLibrary/sim/AirFaults.h"
+#include "QueltLibrary/sim/LinkParameters.h"
 #include "QueltLibrary/sim/SimDeviceConfig.h"
 
 namespace qlt::sim {
@@ -16,6 +17,7 @@ namespace qlt::sim {
 struct RadioConfig {
   bool powered = true;
   AirFaults faults;
+  LinkParameters link;  // the radio's; a device's own starts from it
   std::vector<SimDeviceConfig> devices;
 };
 

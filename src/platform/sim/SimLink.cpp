@@ -11,6 +11,7 @@ namespace qlt::sim {
 namespace {
 constexpr uint64_t kStreamWrites = 1;
 constexpr uint64_t kStreamNotifications = 2;
+constexpr uint64_t kStreamAir = 3;
 
 // Frames a rate-limited direction holds waiting for air time, like a stack's buffer: a
 // burst of a few windows waits its turn, a frame beyond that is dropped, so a slow link
@@ -41,6 +42,7 @@ SimLink::SimLink(std::shared_ptr<SimRadio::Impl> radio, const DeviceView& device
     : radio_(std::move(radio)),
       config_(device.config),
       faults_(device.faults),
+      parameters_(device.link),
       counters_(device.counters),
       deviceQueue_(
           DispatchQueue::create("qlt.sim.device." + device.config.localName.value_or("unnamed"))),
@@ -55,7 +57,13 @@ SimLink::SimLink(std::shared_ptr<SimRadio::Impl> radio, const DeviceView& device
       notifications_(
           modelConfig(faults_.lostNotifications, faults_.connectionInterval, std::nullopt),
           SimRandom::seedFrom({faults_.seed, SimRandom::hashOf(config_.identifier), connectionIndex,
-                               kStreamNotifications})) {}
+                               kStreamNotifications})) {
+  if (!parameters_.instant()) {
+    air_.emplace(parameters_,
+                 SimRandom::seedFrom({faults_.seed, SimRandom::hashOf(config_.identifier),
+                                      connectionIndex, kStreamAir}));
+  }
+}
 
 SimLink::~SimLink() {
   // Nothing else refers to the link now, so nothing runs on its device queue: a device
@@ -63,7 +71,91 @@ SimLink::~SimLink() {
   if (behaviour_) behaviour_->disconnected();
 }
 
-size_t SimLink::maxValueLength() const { return platform::attPayloadLength(config_.mtu); }
+size_t SimLink::maxValueLength() const {
+  return platform::attPayloadLength(static_cast<size_t>(parameters_.mtu));
+}
+
+double SimLink::now() const {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - epoch_).count();
+}
+
+void SimLink::goOutOfRange() {
+  if (!air_) return lose("the device went out of range");
+  {
+    std::lock_guard lock(mutex_);
+    const double at = now();
+    air_->silence(at);
+    scheduleWake(at);
+  }
+  QLTLog("Simulated radio: %s went out of range", config_.description());
+}
+
+void SimLink::carry(LinkLayer::Side from, size_t valueLength, double hostDelay,
+                    std::function<void()> packet) {
+  std::lock_guard lock(mutex_);
+  carryLocked(from, valueLength, hostDelay, std::move(packet));
+}
+
+void SimLink::carryLocked(LinkLayer::Side from, size_t valueLength, double hostDelay,
+                          std::function<void()> packet) {
+  const auto& pipe = from == LinkLayer::Central ? toDevice_ : toCentral_;
+  if (!air_) return pipe->push(hostDelay, std::move(packet));
+  const double at = now();
+  air_->send(from, valueLength, at);
+  inFlight_[from].emplace_back(hostDelay, std::move(packet));
+  settleLocked(at);
+}
+
+void SimLink::settleLocked(double at) {
+  if (deliverLocked(at)) {
+    // The supervision timeout ran out meanwhile: the link is lost outside this lock.
+    deviceQueue_->async([weak = weak_from_this()] {
+      if (auto link = weak.lock()) link->pump();
+    });
+  } else {
+    scheduleWake(at);
+  }
+}
+
+bool SimLink::deliverLocked(double at) {
+  for (const auto& delivery : air_->advance(at)) {
+    auto& queue = inFlight_[delivery.from];
+    if (queue.empty()) continue;  // cannot happen: one entry per value sent
+    auto [delay, packet] = std::move(queue.front());
+    queue.pop_front();
+    // Pushed under the lock, so that two threads cannot swap what the air kept in order.
+    (delivery.from == LinkLayer::Central ? toDevice_ : toCentral_)->push(delay, std::move(packet));
+  }
+  return air_->lostAt().has_value();
+}
+
+void SimLink::scheduleWake(double at) {
+  const auto next = air_->nextEvent();
+  if (!next || (wakeAt_ && *wakeAt_ <= *next)) return;
+  wakeAt_ = *next;
+  std::weak_ptr<SimLink> weak = weak_from_this();
+  deviceQueue_->asyncAfter(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                               std::chrono::duration<double>(std::max(*next - at, 0.0))),
+                           [weak, wake = *next] {
+                             if (auto link = weak.lock()) link->pump(wake);
+                           });
+}
+
+void SimLink::pump(std::optional<double> wake) {
+  if (!isUp() || !air_) return;
+  bool lost = false;
+  {
+    std::lock_guard lock(mutex_);
+    const double at = now();
+    if (wake && wakeAt_ == wake) wakeAt_.reset();
+    lost = deliverLocked(at);
+    if (!lost) scheduleWake(at);
+  }
+  if (lost) {
+    lose(formatString("supervision timeout: no packet got through for %s ms",
+                      shortNumber(parameters_.supervisionTimeoutMs)));
+  }
+}
 
 void SimLink::start() {
   auto self = shared_from_this();
@@ -116,32 +208,34 @@ std::optional<double> SimLink::fate(LinkModel& model, size_t length) {
   return fate.at[0] - now;
 }
 
+std::string SimLink::droppedAfterPackets() const {
+  return formatString("link lost after %llu packets",
+                      static_cast<unsigned long long>(faults_.dropAfterPackets.value_or(0)));
+}
+
 void SimLink::dropBehind(const std::shared_ptr<AirPipe>& pipe) {
   auto self = shared_from_this();
-  pipe->push(0, [self] {
-    self->lose(
-        formatString("link lost after %llu packets",
-                     static_cast<unsigned long long>(self->faults_.dropAfterPackets.value_or(0))));
-  });
+  pipe->push(0, [self] { self->lose(self->droppedAfterPackets()); });
 }
 
 void SimLink::writeWithoutResponse(const UUID& characteristic, const Data& value) {
   if (!isUp()) return;
-  std::optional<double> delay;
+  auto self = shared_from_this();
   Count count = Count::Carry;
   {
     std::lock_guard lock(mutex_);
     count = countPacket();
     if (count == Count::Refuse) return;
-    delay = fate(writes_, value.length());
+    if (const auto delay = fate(writes_, value.length())) {
+      const bool drop = count == Count::CarryThenDrop;
+      carryLocked(LinkLayer::Central, value.length(), *delay, [self, characteristic, value, drop] {
+        self->deviceWritten(characteristic, value);
+        if (drop) self->lose(self->droppedAfterPackets());
+      });
+      return;
+    }
   }
-  if (!delay) {
-    counters_->writesLost.fetch_add(1, std::memory_order_relaxed);
-  } else {
-    auto self = shared_from_this();
-    toDevice_->push(*delay,
-                    [self, characteristic, value] { self->deviceWritten(characteristic, value); });
-  }
+  counters_->writesLost.fetch_add(1, std::memory_order_relaxed);
   if (count == Count::CarryThenDrop) dropBehind(toDevice_);
 }
 
@@ -155,13 +249,14 @@ void SimLink::writeWithResponse(const UUID& characteristic, const Data& value,
   }
   if (count == Count::Refuse) return;
   auto self = shared_from_this();
-  toDevice_->push(faults_.connectionInterval,
-                  [self, characteristic, value, answer = std::move(answer)] {
-                    if (!self->isUp()) return;
-                    self->deviceWritten(characteristic, value);
-                    self->toCentral_->push(self->faults_.connectionInterval, answer);
-                  });
-  if (count == Count::CarryThenDrop) dropBehind(toDevice_);
+  const bool drop = count == Count::CarryThenDrop;
+  carry(LinkLayer::Central, value.length(), faults_.connectionInterval,
+        [self, characteristic, value, drop, answer = std::move(answer)] {
+          if (!self->isUp()) return;
+          self->deviceWritten(characteristic, value);
+          self->carry(LinkLayer::Peripheral, 0, self->faults_.connectionInterval, answer);
+          if (drop) self->lose(self->droppedAfterPackets());
+        });
 }
 
 void SimLink::deviceWritten(const UUID& characteristic, const Data& value) {
@@ -174,16 +269,17 @@ void SimLink::deviceWritten(const UUID& characteristic, const Data& value) {
 void SimLink::setNotify(const UUID& characteristic, bool enabled, std::function<void()> answer) {
   if (!isUp()) return;
   auto self = shared_from_this();
-  toDevice_->push(faults_.connectionInterval,
-                  [self, characteristic, enabled, answer = std::move(answer)] {
-                    if (!self->isUp()) return;
-                    // The answer is on the air before anything the device sends because of it.
-                    self->toCentral_->push(self->faults_.connectionInterval, answer);
-                    if (characteristic == QLT_UUID::rxCharacteristicUUID() &&
-                        self->rxNotifying_.exchange(enabled) != enabled && self->behaviour_) {
-                      self->behaviour_->notificationsChanged(enabled);
-                    }
-                  });
+  constexpr size_t kCccdValueLength = 2;
+  carry(LinkLayer::Central, kCccdValueLength, faults_.connectionInterval,
+        [self, characteristic, enabled, answer = std::move(answer)] {
+          if (!self->isUp()) return;
+          // The answer is on the air before anything the device sends because of it.
+          self->carry(LinkLayer::Peripheral, 0, self->faults_.connectionInterval, answer);
+          if (characteristic == QLT_UUID::rxCharacteristicUUID() &&
+              self->rxNotifying_.exchange(enabled) != enabled && self->behaviour_) {
+            self->behaviour_->notificationsChanged(enabled);
+          }
+        });
 }
 
 void SimLink::read(const UUID& characteristic, std::function<void(const Data&)> answer) {
@@ -200,31 +296,38 @@ void SimLink::read(const UUID& characteristic, std::function<void(const Data&)> 
 void SimLink::request(std::function<void()> answer) {
   if (!isUp()) return;
   auto self = shared_from_this();
-  toDevice_->push(faults_.connectionInterval, [self, answer = std::move(answer)] {
+  carry(LinkLayer::Central, 0, faults_.connectionInterval, [self, answer = std::move(answer)] {
     if (!self->isUp()) return;
-    self->toCentral_->push(self->faults_.connectionInterval, answer);
+    self->carry(LinkLayer::Peripheral, 0, self->faults_.connectionInterval, answer);
   });
 }
 
 bool SimLink::notify(const Data& value) {
   if (!isUp() || !rxNotifying_.load(std::memory_order_acquire)) return false;
-  std::optional<double> delay;
+  auto self = shared_from_this();
+  const UUID rx = QLT_UUID::rxCharacteristicUUID();
   Count count = Count::Carry;
   {
     std::lock_guard lock(mutex_);
+    if (air_ && parameters_.notifyBuffers > 0 &&
+        !air_->hasRoom(LinkLayer::Peripheral, parameters_.notifyBuffers, now())) {
+      counters_->notificationsDropped.fetch_add(1, std::memory_order_relaxed);
+      return false;
+    }
     count = countPacket();
     if (count == Count::Refuse) return false;
-    delay = fate(notifications_, value.length());
+    counters_->notificationsSent.fetch_add(1, std::memory_order_relaxed);
+    counters_->bytesNotified.fetch_add(value.length(), std::memory_order_relaxed);
+    if (const auto delay = fate(notifications_, value.length())) {
+      const bool drop = count == Count::CarryThenDrop;
+      carryLocked(LinkLayer::Peripheral, value.length(), *delay, [self, rx, value, drop] {
+        if (self->handlers_.notified) self->handlers_.notified(self, rx, value);
+        if (drop) self->lose(self->droppedAfterPackets());
+      });
+      return true;
+    }
   }
-  counters_->notificationsSent.fetch_add(1, std::memory_order_relaxed);
-  counters_->bytesNotified.fetch_add(value.length(), std::memory_order_relaxed);
-  if (!delay) {
-    counters_->notificationsLost.fetch_add(1, std::memory_order_relaxed);
-  } else if (handlers_.notified) {
-    auto self = shared_from_this();
-    const UUID rx = QLT_UUID::rxCharacteristicUUID();
-    toCentral_->push(*delay, [self, rx, value] { self->handlers_.notified(self, rx, value); });
-  }
+  counters_->notificationsLost.fetch_add(1, std::memory_order_relaxed);
   if (count == Count::CarryThenDrop) dropBehind(toCentral_);
   return true;
 }

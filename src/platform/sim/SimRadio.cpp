@@ -1,5 +1,6 @@
 #include "QueltLibrary/sim/SimRadio.h"
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -23,6 +24,7 @@ SimDeviceStats DeviceCounters::snapshot() const {
   s.notificationsSent = notificationsSent.load();
   s.bytesNotified = bytesNotified.load();
   s.notificationsLost = notificationsLost.load();
+  s.notificationsDropped = notificationsDropped.load();
   s.payloadBytesReceived = payloadBytesReceived.load();
   s.payloadBytesSent = payloadBytesSent.load();
   return s;
@@ -37,9 +39,12 @@ std::optional<DeviceView> SimRadio::Impl::view(const UUID& identifier) const {
   std::lock_guard lock(mutex);
   auto it = devices.find(identifier);
   if (it == devices.end()) return std::nullopt;
-  auto link = it->second.link.lock();
-  return DeviceView{it->second.config, it->second.config.faults.value_or(faults),
-                    link && link->isUp(), it->second.counters};
+  auto live = it->second.link.lock();
+  const SimDeviceConfig& config = it->second.config;
+  LinkParameters parameters = config.link.value_or(link);
+  parameters.mtu = static_cast<uint32_t>(std::min<size_t>(parameters.mtu, config.mtu));
+  return DeviceView{config, config.faults.value_or(faults), parameters, live && live->isUp(),
+                    it->second.counters};
 }
 
 std::vector<UUID> SimRadio::Impl::deviceIdentifiers() const {
@@ -172,6 +177,13 @@ void SimRadio::setPowered(bool on) {
 bool SimRadio::isPowered() const { return impl_->isPowered(); }
 
 bool SimRadio::addDevice(const SimDeviceConfig& device) {
+  if (device.link) {
+    const std::string problem = device.link->problem(device.description() + ": link");
+    if (!problem.empty()) {
+      QLTLog("Simulated radio: device refused: %s", problem);
+      return false;
+    }
+  }
   bool added = false;
   {
     std::lock_guard lock(impl_->mutex);
@@ -226,7 +238,7 @@ SimDeviceStats SimRadio::stats(const UUID& identifier) const {
 }
 
 void SimRadio::dropLink(const UUID& identifier) {
-  for (const auto& link : impl_->liveLinks(identifier)) link->lose("the device went out of range");
+  for (const auto& link : impl_->liveLinks(identifier)) link->goOutOfRange();
 }
 
 void SimRadio::setFaults(const AirFaults& faults) {
@@ -239,14 +251,32 @@ AirFaults SimRadio::faults() const {
   return impl_->faults;
 }
 
+bool SimRadio::setLink(const LinkParameters& link, std::string* error) {
+  const std::string problem = link.problem("link");
+  if (!problem.empty()) {
+    QLTLog("Simulated radio: link parameters refused: %s", problem);
+    if (error) *error = problem;
+    return false;
+  }
+  std::lock_guard lock(impl_->mutex);
+  impl_->link = link;
+  return true;
+}
+
+LinkParameters SimRadio::link() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->link;
+}
+
 namespace {
 void applyConfig(SimRadio& radio, const RadioConfig& config) {
   radio.removeAllDevices();
   radio.setFaults(config.faults);
+  radio.setLink(config.link);  // checked by the parser
   for (const auto& device : config.devices) radio.addDevice(device);
   if (config.powered != radio.isPowered()) radio.setPowered(config.powered);
-  QLTLog("Simulated radio: %zu devices configured (%s)", config.devices.size(),
-         config.faults.description());
+  QLTLog("Simulated radio: %zu devices configured (%s; %s)", config.devices.size(),
+         config.faults.description(), config.link.description());
 }
 
 bool refuse(const std::string& reason, std::string* error) {

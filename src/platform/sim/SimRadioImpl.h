@@ -28,6 +28,7 @@ struct DeviceCounters {
   std::atomic<uint64_t> notificationsSent{0};
   std::atomic<uint64_t> bytesNotified{0};
   std::atomic<uint64_t> notificationsLost{0};
+  std::atomic<uint64_t> notificationsDropped{0};
   std::atomic<uint64_t> payloadBytesReceived{0};
   std::atomic<uint64_t> payloadBytesSent{0};
 
@@ -38,6 +39,8 @@ struct DeviceCounters {
 struct DeviceView {
   SimDeviceConfig config;
   AirFaults faults;  // the device's own, or the radio's
+  // The device's own, or the radio's, with the smaller of the link's and the device's MTU.
+  LinkParameters link;
   bool linked = false;
   std::shared_ptr<DeviceCounters> counters;
 };
@@ -52,6 +55,7 @@ struct SimRadio::Impl {
   mutable std::mutex mutex;
   bool powered = true;                              // guarded by mutex
   AirFaults faults;                                 // guarded by mutex
+  LinkParameters link;                              // guarded by mutex
   std::map<UUID, DeviceRecord> devices;             // guarded by mutex
   std::vector<std::weak_ptr<SimCentral>> centrals;  // guarded by mutex
 

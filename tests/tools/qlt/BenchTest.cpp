@@ -56,8 +56,8 @@ using QltBench = test::ToolTest;
 // add up to it, and every byte was checked.
 TEST_F(QltBench, ReportsIntervalsAndATotalBothWays) {
   for (const bool reverse : {false, true}) {
-    std::vector<std::string> args{"bench",         "-t", "1",       "-i", "0.25",
-                                  "--interval-ms", "2",  "--pings", "2",  "--json"};
+    std::vector<std::string> args{"bench",     "-t",      "1",       "-i", "0.25",
+                                  "--profile", "fastest", "--pings", "2",  "--json"};
     if (reverse) args.emplace_back("-R");
     const auto run = qlt(args);
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
@@ -72,6 +72,22 @@ TEST_F(QltBench, ReportsIntervalsAndATotalBothWays) {
     EXPECT_EQ(sum, j["bytes"].get<uint64_t>());
     EXPECT_GT(sum, 0u);
     EXPECT_LE(j["goodput_Bps"].get<double>(), j["bound_Bps"].get<double>());
+    EXPECT_LE(j["goodput_Bps"].get<double>(), j["physical_limit_Bps"].get<double>());
+  }
+}
+
+// Air errors cost time, never data: both transports bring every byte back at a packet error
+// rate of 0.1, under the link's physical limit.
+TEST_F(QltBench, DeliversEveryByteThroughAirErrorsOnBothTransports) {
+  for (const char* transport : {"sw", "nus"}) {
+    const auto run = qlt({"bench", "--per", "0.1", "--transport", transport, "--bytes", "8000",
+                          "--pings", "0", "--json"});
+    ASSERT_EQ(run.exitCode, 0) << transport << run.out << run.err;
+    const auto j = nlohmann::json::parse(run.out);
+    EXPECT_EQ(j["verified"], true) << transport;
+    EXPECT_EQ(j["echoed_bytes"], 8000) << transport;
+    EXPECT_DOUBLE_EQ(j["per"].get<double>(), 0.1);
+    EXPECT_LE(j["goodput_Bps"].get<double>(), j["physical_limit_Bps"].get<double>()) << transport;
   }
 }
 
