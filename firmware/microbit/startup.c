@@ -28,9 +28,13 @@ void qlt_reset_handler(void) {
   qlt_fault_handler();
 }
 
-/* 16 system exceptions, then the nRF51's 32 interrupts. */
+/* 16 system exceptions, then the nRF51's 32 interrupts: the stack's top, reset, and 46 more
+ * that all restart the chip. */
+#define F4 qlt_fault_handler, qlt_fault_handler, qlt_fault_handler, qlt_fault_handler
 __attribute__((section(".vectors"), used)) static void (*const vectors[16 + 32])(void) = {
     (void (*)(void))(uintptr_t)&__stack_top,
     qlt_reset_handler,
-    [2 ... 16 + 31] = qlt_fault_handler,
+    qlt_fault_handler,
+    qlt_fault_handler,
+    F4, F4, F4, F4, F4, F4, F4, F4, F4, F4, F4,
 };

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "QueltLibrary/Clock.h"
+#include "ExternalDevice.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "SimLink.h"
 #include "protocol/SlideWindowEngine.h"
@@ -136,6 +137,8 @@ std::shared_ptr<DeviceBehaviour> DeviceBehaviour::make(
       return std::make_shared<SlidingWindow>(true, 0, link, deviceQueue);
     case SimBehaviour::Source:
       return std::make_shared<SlidingWindow>(false, config.sourceBytes, link, deviceQueue);
+    case SimBehaviour::External:
+      return makeExternalDevice(config, link);
     case SimBehaviour::Sink:
     case SimBehaviour::None:
       break;
