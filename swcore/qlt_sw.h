@@ -52,9 +52,9 @@
 extern "C" {
 #endif
 
-#define QLT_SW_MODULUS 4u       /* sequence numbers 0..3 */
-#define QLT_SW_WINDOW 3u        /* segments in flight at most */
-#define QLT_SW_MAX_SEGMENT 160u /* the largest segment size */
+#define QLT_SW_MODULUS 4u                          /* sequence numbers 0..3 */
+#define QLT_SW_WINDOW 3u                           /* segments in flight at most */
+#define QLT_SW_MAX_SEGMENT 160u                    /* the largest segment size */
 #define QLT_SW_FRAME_MAX (QLT_SW_MAX_SEGMENT + 1u) /* an out buffer this big always fits */
 #define QLT_SW_POLL_LENGTH 3u
 #define QLT_SW_IDLE 0xFFFFFFFFu /* qlt_sw_next_due: nothing is due */
@@ -67,7 +67,7 @@ typedef struct qlt_sw_config {
   uint8_t segment_size;     /* payload bytes per segment, 1..160; datagrams must be shorter */
   uint32_t poll_timeout_us; /* the longest wait for an answer before a status poll (> 0) */
   uint32_t ack_delay_us;    /* how long an owed answer may wait to gather more (0: none) */
-  uint8_t *slots;           /* QLT_SW_STORAGE(segment_size, slot_count) bytes, caller's */
+  uint8_t* slots;           /* QLT_SW_STORAGE(segment_size, slot_count) bytes, caller's */
   uint16_t slot_count;      /* segments the send queue holds (>= 1; 3 fill the window) */
 } qlt_sw_config;
 
@@ -92,12 +92,12 @@ typedef struct qlt_sw_counters {
 
 /* Things worth a trace line that no frame shows. */
 typedef enum qlt_sw_event {
-  QLT_SW_EV_RTT_SAMPLE,    /* a: the sample (us), b: the new retransmission time-out (us) */
-  QLT_SW_EV_REJECT_HELD,   /* a rejection of a segment already sent again: a = its seq */
-  QLT_SW_EV_GAP_OPENED,    /* a: the sequence expected */
-  QLT_SW_EV_GAP_CLOSED     /* a: the sequence that filled it */
+  QLT_SW_EV_RTT_SAMPLE,  /* a: the sample (us), b: the new retransmission time-out (us) */
+  QLT_SW_EV_REJECT_HELD, /* a rejection of a segment already sent again: a = its seq */
+  QLT_SW_EV_GAP_OPENED,  /* a: the sequence expected */
+  QLT_SW_EV_GAP_CLOSED   /* a: the sequence that filled it */
 } qlt_sw_event;
-typedef void (*qlt_sw_trace_fn)(void *context, qlt_sw_event event, uint32_t a, uint32_t b);
+typedef void (*qlt_sw_trace_fn)(void* context, qlt_sw_event event, uint32_t a, uint32_t b);
 
 /* The state. Defined here so that a firmware can allocate it statically; its fields are
  * the core's own: read them only through the functions below. */
@@ -105,13 +105,13 @@ typedef struct qlt_sw {
   qlt_sw_config cfg;
   qlt_sw_counters counters;
   qlt_sw_trace_fn trace; /* optional (qlt_sw_set_trace) */
-  void *trace_context;
+  void* trace_context;
 
   /* Send queue: a ring of slot_count slots; head is the oldest unacknowledged. */
-  uint32_t read_pos; /* segments released since init (only grows, wraps); & 3 = its seq */
-  uint16_t head;     /* slot index of the oldest queued segment */
-  uint16_t queued;   /* segments in the queue, sent or not */
-  uint16_t unsent;   /* offset (from head) of the first segment never sent */
+  uint32_t read_pos;  /* segments released since init (only grows, wraps); & 3 = its seq */
+  uint16_t head;      /* slot index of the oldest queued segment */
+  uint16_t queued;    /* segments in the queue, sent or not */
+  uint16_t unsent;    /* offset (from head) of the first segment never sent */
   uint8_t ack_window; /* send sequence: the seq the next segment written carries */
   uint8_t remote_ack; /* receive sequence: the seq of the next segment expected */
 
@@ -121,16 +121,16 @@ typedef struct qlt_sw {
   uint8_t poll_next;    /* a probe went out: its poll is owed now */
   uint16_t timed;       /* offset of the segment being timed, or 0xFFFF */
   uint32_t timed_at;
-  uint32_t srtt8;   /* smoothed round trip, us * 8 */
-  uint32_t rttvar4; /* its variation, us * 4 */
-  uint32_t rto;     /* retransmission time-out, us */
-  uint32_t timer_at; /* last (re)start of the retransmission timer */
-  uint32_t poll_wait; /* the timer's time-out now, us */
-  int32_t rewound;    /* offset of the segment last rewound to; -1: none or released */
+  uint32_t srtt8;      /* smoothed round trip, us * 8 */
+  uint32_t rttvar4;    /* its variation, us * 4 */
+  uint32_t rto;        /* retransmission time-out, us */
+  uint32_t timer_at;   /* last (re)start of the retransmission timer */
+  uint32_t poll_wait;  /* the timer's time-out now, us */
+  int32_t rewound;     /* offset of the segment last rewound to; -1: none or released */
   uint32_t hold_until; /* rejections at or beyond `rewound` are ignored until then */
 
   /* Receiver: what is owed to the peer and the gap in what arrived. */
-  uint8_t owed; /* bit 0: an acknowledgement; bit 1: a rejection for seq in bits 4-5 */
+  uint8_t owed;     /* bit 0: an acknowledgement; bit 1: a rejection for seq in bits 4-5 */
   uint32_t owed_at; /* when the oldest owed answer became owed */
   uint8_t gap_open;
   uint8_t gap_seq;        /* the sequence expected when the gap opened */
@@ -142,44 +142,43 @@ typedef struct qlt_sw {
 
 /* Sets up `sw` with `cfg` (copied; the slots stay the caller's). Returns 0, or -1 when the
  * configuration is unusable (segment size 0 or over 160, no slots, a zero poll time-out). */
-int qlt_sw_init(qlt_sw *sw, const qlt_sw_config *cfg);
+int qlt_sw_init(qlt_sw* sw, const qlt_sw_config* cfg);
 
-/* Empties the send queue and resets the send sequence and the round-trip estimate; the
- * receive sequence stays. */
-void qlt_sw_reset_send(qlt_sw *sw);
+/* Empties the send queue and resets the send sequence and what was owed to the peer; the
+ * receive sequence and the round-trip estimate stay. */
+void qlt_sw_reset_send(qlt_sw* sw);
 
 /* Queues up to `len` bytes as segments of at most segment_size bytes, each call starting
  * a new segment (a message of 370 bytes is 120 + 120 + 120 + 10). Returns how many bytes
  * it accepted: all of them, or as many whole segments (and a last partial one only when
  * it ends the bytes) as there are free slots; 0 when full. */
-size_t qlt_sw_send(qlt_sw *sw, const uint8_t *bytes, size_t len);
+size_t qlt_sw_send(qlt_sw* sw, const uint8_t* bytes, size_t len);
 /* Bytes qlt_sw_send would accept now. */
-size_t qlt_sw_send_space(const qlt_sw *sw);
+size_t qlt_sw_send_space(const qlt_sw* sw);
 
 /* Builds the datagram frame for `len` payload bytes into `out` and counts it as sent.
  * Returns the frame's length (1 + len), or 0 when refused: len >= segment_size, or `out`
  * shorter than the frame. Datagrams bypass the queue and the window. */
-size_t qlt_sw_datagram(qlt_sw *sw, const uint8_t *payload, size_t len, uint8_t *out,
-                       size_t cap);
+size_t qlt_sw_datagram(qlt_sw* sw, const uint8_t* payload, size_t len, uint8_t* out, size_t cap);
 
 /* What a received frame delivered. */
 typedef enum qlt_sw_kind {
-  QLT_SW_NONE,    /* a control frame, a duplicate or out-of-order segment: nothing new */
-  QLT_SW_TCP,     /* a "TCP" payload, in order */
-  QLT_SW_UDP,     /* a datagram's payload (possibly empty) */
-  QLT_SW_IGNORED  /* malformed, or a control type this version does not know */
+  QLT_SW_NONE,   /* a control frame, a duplicate or out-of-order segment: nothing new */
+  QLT_SW_TCP,    /* a "TCP" payload, in order */
+  QLT_SW_UDP,    /* a datagram's payload (possibly empty) */
+  QLT_SW_IGNORED /* malformed, or a control type this version does not know */
 } qlt_sw_kind;
 typedef struct qlt_sw_delivery {
   qlt_sw_kind kind;
-  const uint8_t *payload; /* points into the frame: valid as long as the caller's frame */
+  const uint8_t* payload; /* points into the frame: valid as long as the caller's frame */
   size_t len;
 } qlt_sw_delivery;
 
 /* Feeds one received value in. Acknowledgements and rejections inside the window act at
  * once; answers owed to the peer are recorded and written by qlt_sw_poll_frame. Any
  * `delivery` pointer may be NULL. Returns the delivery's kind. */
-qlt_sw_kind qlt_sw_receive(qlt_sw *sw, const uint8_t *frame, size_t len, uint32_t now,
-                           qlt_sw_delivery *delivery);
+qlt_sw_kind qlt_sw_receive(qlt_sw* sw, const uint8_t* frame, size_t len, uint32_t now,
+                           qlt_sw_delivery* delivery);
 
 /* What qlt_sw_poll_frame_of may write; qlt_sw_poll_frame writes all of them, in this
  * order: segments the window lets go, the oldest segment again and a status poll when
@@ -193,31 +192,30 @@ qlt_sw_kind qlt_sw_receive(qlt_sw *sw, const uint8_t *frame, size_t len, uint32_
  * due (or `cap` is below segment_size + 1; QLT_SW_FRAME_MAX always fits). Call it until it
  * returns 0: one call, one frame. Owed answers are written whenever it is called, without
  * waiting for ack_delay (the delay only sets qlt_sw_next_due). */
-size_t qlt_sw_poll_frame(qlt_sw *sw, uint32_t now, uint8_t *out, size_t cap);
-size_t qlt_sw_poll_frame_of(qlt_sw *sw, uint32_t now, unsigned kinds, uint8_t *out,
-                            size_t cap);
+size_t qlt_sw_poll_frame(qlt_sw* sw, uint32_t now, uint8_t* out, size_t cap);
+size_t qlt_sw_poll_frame_of(qlt_sw* sw, uint32_t now, unsigned kinds, uint8_t* out, size_t cap);
 
 /* Microseconds from `now` until qlt_sw_poll_frame has something to write if nothing else
  * happens (0: now); QLT_SW_IDLE when nothing is due. */
-uint32_t qlt_sw_next_due(const qlt_sw *sw, uint32_t now);
+uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now);
 
 /* Releases `count` segments from the head of the queue, as an acknowledgement would. */
-void qlt_sw_release(qlt_sw *sw, uint32_t count, uint32_t now);
+void qlt_sw_release(qlt_sw* sw, uint32_t count, uint32_t now);
 
 /* Reading the state. */
-const qlt_sw_counters *qlt_sw_get_counters(const qlt_sw *sw);
-uint8_t qlt_sw_in_flight(const qlt_sw *sw);        /* segments on the wire, unacknowledged */
-uint16_t qlt_sw_queued(const qlt_sw *sw);          /* segments queued, sent or not */
-uint32_t qlt_sw_rto(const qlt_sw *sw);             /* us; the poll time-out until a sample */
-uint32_t qlt_sw_srtt(const qlt_sw *sw);            /* us; 0 until a first sample */
-uint32_t qlt_sw_read_pos(const qlt_sw *sw);        /* segments released since init */
-uint8_t qlt_sw_send_seq(const qlt_sw *sw);         /* seq of the next segment written */
-uint8_t qlt_sw_receive_seq(const qlt_sw *sw);      /* seq of the next segment expected */
+const qlt_sw_counters* qlt_sw_get_counters(const qlt_sw* sw);
+uint8_t qlt_sw_in_flight(const qlt_sw* sw);   /* segments on the wire, unacknowledged */
+uint16_t qlt_sw_queued(const qlt_sw* sw);     /* segments queued, sent or not */
+uint32_t qlt_sw_rto(const qlt_sw* sw);        /* us; the poll time-out until a sample */
+uint32_t qlt_sw_srtt(const qlt_sw* sw);       /* us; 0 until a first sample */
+uint32_t qlt_sw_read_pos(const qlt_sw* sw);   /* segments released since init */
+uint8_t qlt_sw_send_seq(const qlt_sw* sw);    /* seq of the next segment written */
+uint8_t qlt_sw_receive_seq(const qlt_sw* sw); /* seq of the next segment expected */
 /* What is owed to the peer: bit 0 an acknowledgement, bit 1 a rejection for the sequence
  * in bits 4-5. Setting it (tests, tools) owes exactly that from `now`. */
-uint8_t qlt_sw_owed(const qlt_sw *sw);
-void qlt_sw_set_owed(qlt_sw *sw, uint8_t bits, uint32_t now);
-void qlt_sw_set_trace(qlt_sw *sw, qlt_sw_trace_fn fn, void *context);
+uint8_t qlt_sw_owed(const qlt_sw* sw);
+void qlt_sw_set_owed(qlt_sw* sw, uint8_t bits, uint32_t now);
+void qlt_sw_set_trace(qlt_sw* sw, qlt_sw_trace_fn fn, void* context);
 
 #ifdef __cplusplus
 }
