@@ -1,6 +1,6 @@
 # Prints the flash and RAM of the core and of the device layer for Cortex-M0, and fails when
 # an object calls malloc, free, printf or a floating-point helper.
-#   cmake -DSIZE=... -DNM=... -DCORE=<obj> -DLAYER=<obj> -DLINK=<obj> -DOBJECTS=<objs> -P size-report.cmake
+#   cmake -DSIZE=... -DNM=... -DCORE=<obj> -DLAYER=<obj> -DLINK=<obj> -DOBJECTS=<obj|obj...> -P size-report.cmake
 function(sizes object out_text out_data out_bss)
   execute_process(COMMAND ${SIZE} ${object} OUTPUT_VARIABLE text RESULT_VARIABLE rc)
   if(NOT rc EQUAL 0)
@@ -22,6 +22,7 @@ message("Cortex-M0 -Os: core ${core_text} B flash, layer ${layer_text} B flash, 
         " (goal 1024)")
 
 set(forbidden "^(malloc|calloc|realloc|free|printf|sprintf|snprintf|vprintf|puts|__aeabi_([fd]|i2|ui2|l2|ul2).*|__(add|sub|mul|div)[sd]f3|__float.*|__fix.*|__extend.*|__trunc.*)$")
+string(REPLACE "|" ";" OBJECTS "${OBJECTS}")
 foreach(object ${OBJECTS})
   execute_process(COMMAND ${NM} -u ${object} OUTPUT_VARIABLE undefined RESULT_VARIABLE rc)
   if(NOT rc EQUAL 0)

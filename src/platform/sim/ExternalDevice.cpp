@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,8 +17,6 @@
 #include "QueltLibrary/Log.h"
 #include "SimLink.h"
 #include "qlt_slip.h"
-
-extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
 
 namespace qlt::sim {
 
@@ -81,8 +79,8 @@ class ExternalDevice final : public DeviceBehaviour,
   void connected() override {
     if (io_.joinable()) return;
     std::string error;
-    if (!spawn(error)) {
-      if (auto link = link_.lock()) link->lose("external device \"" + name_ + "\": " + error);
+    if (!makePipes(error)) {
+      fail(error);
       return;
     }
     // The thread holds the device: the last reference may drop on it (see stop()).
@@ -107,37 +105,60 @@ class ExternalDevice final : public DeviceBehaviour,
   void disconnected() override { stop(); }
 
  private:
-  bool spawn(std::string& error) {
-    Fd childIn, childOut;
-    if (!makePipe(childIn, toChild_) || !makePipe(fromChild_, childOut) ||
+  void fail(const std::string& error) {
+    if (auto link = link_.lock()) link->lose("external device \"" + name_ + "\": " + error);
+  }
+
+  bool makePipes(std::string& error) {
+    if (!makePipe(childIn_, toChild_) || !makePipe(fromChild_, childOut_) ||
         !makePipe(wakeRead_, wakeWrite_)) {
       error = std::string("no pipe: ") + std::strerror(errno);
       return false;
     }
-    ::fcntl(toChild_.get(), F_SETFL, O_NONBLOCK);
-    ::fcntl(wakeWrite_.get(), F_SETFL, O_NONBLOCK);
+    for (const Fd* fd : {&toChild_, &wakeRead_, &wakeWrite_}) {
+      ::fcntl(fd->get(), F_SETFL, O_NONBLOCK);
+    }
+    return true;
+  }
 
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, childIn.get(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, childOut.get(), STDOUT_FILENO);
-    posix_spawnattr_init(&attributes);
-    sigset_t none, defaults;
-    sigemptyset(&none);
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  // Starts the command on the I/O thread, which it outlives by nothing: the child gets SIGKILL
+  // when the thread that made it ends (PR_SET_PDEATHSIG), so a program that exits without
+  // ending its links leaves no device behind.
+  bool spawn(std::string& error) {
     std::vector<char*> argv;
     for (auto& arg : command_) argv.push_back(arg.data());
     argv.push_back(nullptr);
-    const int rc = posix_spawnp(&pid_, argv[0], &actions, &attributes, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (rc != 0) {
-      error = "cannot run " + command_[0] + ": " + std::strerror(rc);
+    const pid_t parent = ::getpid();
+    int report[2];  // the child writes errno here when exec fails; closes on exec
+    if (::pipe2(report, O_CLOEXEC) != 0) {
+      error = std::string("no pipe: ") + std::strerror(errno);
+      return false;
+    }
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      // The child: only async-signal-safe calls until exec.
+      sigset_t none;
+      sigemptyset(&none);
+      ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
+      ::signal(SIGPIPE, SIG_DFL);
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (::getppid() != parent) ::_exit(127);
+      ::dup2(childIn_.get(), STDIN_FILENO);
+      ::dup2(childOut_.get(), STDOUT_FILENO);
+      ::execvp(argv[0], argv.data());
+      const int code = errno;
+      [[maybe_unused]] auto n = ::write(report[1], &code, sizeof code);
+      ::_exit(127);
+    }
+    ::close(report[1]);
+    childIn_.reset();
+    childOut_.reset();
+    int code = 0;
+    const ssize_t n = pid_ < 0 ? 0 : ::read(report[0], &code, sizeof code);
+    ::close(report[0]);
+    if (pid_ < 0 || n == sizeof code) {
+      error = "cannot run " + command_[0] + ": " + std::strerror(pid_ < 0 ? errno : code);
+      if (pid_ > 0) ::waitpid(pid_, nullptr, 0);
       pid_ = -1;
       return false;
     }
@@ -172,6 +193,11 @@ class ExternalDevice final : public DeviceBehaviour,
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);  // a write to a process gone fails with EPIPE
+    std::string error;
+    if (!spawn(error)) {
+      fail(error);
+      return;
+    }
 
     std::vector<uint8_t> frameBuffer(kFrameLimit);
     qlt_slip_decoder decoder;
@@ -268,6 +294,7 @@ class ExternalDevice final : public DeviceBehaviour,
   const std::weak_ptr<SimLink> link_;
 
   pid_t pid_ = -1;  // set before the I/O thread starts, then the I/O thread's
+  Fd childIn_, childOut_;  // the child's ends, closed once it has them
   Fd toChild_, fromChild_, wakeRead_, wakeWrite_;
   std::thread io_;  // device queue only (or the destructor)
   std::atomic<bool> stopping_{false};
