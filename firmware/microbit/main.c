@@ -23,7 +23,8 @@ static uint32_t now_ms(void) {
 }
 
 int main(void) {
-  const echo_device_options options = {board_uart_write, 4, 1, QLT_FW_RESTART_AFTER};
+  /* A small stack: 2 notification buffers, one freed every 2 ms, so a busy link sees it full. */
+  const echo_device_options options = {board_uart_write, 2, 2, QLT_FW_RESTART_AFTER};
   board_init();
   echo_device_init(&options, now_ms());
   for (;;) {
