@@ -1,6 +1,8 @@
 // SLIP framing (RFC 1055) as the firmware and the simulated radio's external devices use it.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -72,6 +74,24 @@ TEST(Slip, DropsLongOrBadlyEscapedFramesWholeAndGoesOnAtTheNextEnd) {
   uint8_t small[5];
   const uint8_t frame[] = {1, QLT_SLIP_END, 2};
   EXPECT_EQ(qlt_slip_encode(frame, 3, small, sizeof small), 0u) << "6 bytes do not fit in 5";
+}
+
+}  // namespace
+
+extern "C" int qlt_fuzz_firmware_input(const uint8_t* data, size_t size);
+
+namespace {
+
+// The firmware fuzzer's corpus (fuzz/corpus/firmware) replayed: each input runs clean.
+TEST(TheFirmwareFuzzCorpus, RunsClean) {
+  size_t inputs = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(QLT_FW_FUZZ_CORPUS)) {
+    std::ifstream in(entry.path(), std::ios::binary);
+    const Bytes input((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(qlt_fuzz_firmware_input(input.data(), input.size()), 0) << entry.path();
+    ++inputs;
+  }
+  EXPECT_GE(inputs, 3u);
 }
 
 }  // namespace

@@ -20,3 +20,9 @@ if(TARGET qlt_tests_firmware)
     message(STATUS "qemu-system-arm or the Cortex-M0 build missing: no emulated-chip tests")
   endif()
 endif()
+if(TARGET qlt_tests_firmware)
+  # The firmware fuzzer's body, replayed over its corpus.
+  target_sources(qlt_tests_firmware PRIVATE ${PROJECT_SOURCE_DIR}/fuzz/firmware_input.c)
+  target_compile_definitions(qlt_tests_firmware PRIVATE
+    QLT_FW_FUZZ_CORPUS="${PROJECT_SOURCE_DIR}/fuzz/corpus/firmware")
+endif()
