@@ -48,13 +48,13 @@ typedef void (*qlt_nus_bytes_fn)(void* context, const uint8_t* bytes, size_t len
 typedef size_t (*qlt_nus_room_fn)(void* context);
 
 typedef struct qlt_nus_config {
-  qlt_nus_notify_fn notify;       /* required */
-  qlt_nus_bytes_fn on_bytes;      /* required */
-  qlt_nus_bytes_fn on_datagram;   /* optional: datagrams are dropped without it */
-  qlt_nus_room_fn room;           /* optional: without it there is always room */
-  void* context;                  /* passed to each callback */
-  uint8_t* slots;                 /* QLT_NUS_SLOTS_BYTES(slot_count) bytes */
-  uint16_t slot_count;            /* segments the send queue holds, >= 1 */
+  qlt_nus_notify_fn notify;     /* required */
+  qlt_nus_bytes_fn on_bytes;    /* required */
+  qlt_nus_bytes_fn on_datagram; /* optional: datagrams are dropped without it */
+  qlt_nus_room_fn room;         /* optional: without it there is always room */
+  void* context;                /* passed to each callback */
+  uint8_t* slots;               /* QLT_NUS_SLOTS_BYTES(slot_count) bytes */
+  uint16_t slot_count;          /* segments the send queue holds, >= 1 */
 } qlt_nus_config;
 
 typedef struct qlt_nus_counters {

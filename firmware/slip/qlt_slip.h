@@ -34,13 +34,13 @@ extern "C" {
 size_t qlt_slip_encode(const uint8_t* in, size_t length, uint8_t* out, size_t capacity);
 
 typedef struct qlt_slip_decoder {
-  uint8_t* buffer;   /* the frame being decoded */
-  size_t capacity;   /* the longest frame accepted */
-  size_t length;     /* bytes of the current frame so far */
-  uint8_t escaped;   /* the previous byte was ESC */
-  uint8_t discard;   /* the current frame is bad: skip to the next END */
-  uint32_t frames;   /* frames delivered */
-  uint32_t dropped;  /* frames dropped: too long, or a bad escape */
+  uint8_t* buffer;  /* the frame being decoded */
+  size_t capacity;  /* the longest frame accepted */
+  size_t length;    /* bytes of the current frame so far */
+  uint8_t escaped;  /* the previous byte was ESC */
+  uint8_t discard;  /* the current frame is bad: skip to the next END */
+  uint32_t frames;  /* frames delivered */
+  uint32_t dropped; /* frames dropped: too long, or a bad escape */
 } qlt_slip_decoder;
 
 void qlt_slip_decoder_init(qlt_slip_decoder* decoder, uint8_t* buffer, size_t capacity);

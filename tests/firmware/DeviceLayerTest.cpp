@@ -92,8 +92,8 @@ TEST(TheDeviceLayer, LosesNothingWhenTheStackRefusesAndTheApplicationIsShortOfRo
   std::mt19937 random(7);
   const std::string up = pattern(20000, 1), down = pattern(20000, 2);
   size_t sentUp = 0, sentDown = 0;
-  for (int i = 0; i < 200000 && (link.deviceGot.size() < up.size() ||
-                                 link.peerGot.size() < down.size());
+  for (int i = 0;
+       i < 200000 && (link.deviceGot.size() < up.size() || link.peerGot.size() < down.size());
        ++i) {
     link.refuseNext = random() % 2 == 0;
     link.room = (i / 50) % 4 == 0 ? 0 : 1 << 20;  // now and then, no room at all
@@ -115,12 +115,12 @@ TEST(TheDeviceLayer, LosesNothingWhenTheStackRefusesAndTheApplicationIsShortOfRo
 TEST(TheDeviceLayer, SendsDatagramsShorterThanASegmentAndNotPastAHeldFrame) {
   Link link;
   const std::string longest(119, 'd');
-  EXPECT_EQ(qlt_nus_send_datagram(&link.nus, reinterpret_cast<const uint8_t*>(longest.data()),
-                                   120, link.nowMs),
+  EXPECT_EQ(qlt_nus_send_datagram(&link.nus, reinterpret_cast<const uint8_t*>(longest.data()), 120,
+                                  link.nowMs),
             -1);
   link.refuseNext = true;
-  EXPECT_EQ(qlt_nus_send_datagram(&link.nus, reinterpret_cast<const uint8_t*>(longest.data()),
-                                   119, link.nowMs),
+  EXPECT_EQ(qlt_nus_send_datagram(&link.nus, reinterpret_cast<const uint8_t*>(longest.data()), 119,
+                                  link.nowMs),
             0)
       << "taken, and held for the stack";
   EXPECT_EQ(qlt_nus_send_datagram(&link.nus, reinterpret_cast<const uint8_t*>("x"), 1, link.nowMs),

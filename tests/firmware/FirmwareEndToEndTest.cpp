@@ -19,17 +19,29 @@ using namespace std::chrono_literals;
 
 struct Firmware {
   std::string name;
-  std::vector<std::string> command;          // the echo device
-  std::vector<std::string> restartCommand;   // one that restarts after 20,000 bytes received
+  std::vector<std::string> command;         // the echo device
+  std::vector<std::string> restartCommand;  // one that restarts after 20,000 bytes received
 };
 
 void PrintTo(const Firmware& firmware, std::ostream* os) { *os << firmware.name; }
 
 #ifdef QLT_FW_MICROBIT
 std::vector<std::string> qemu(const std::string& image) {
-  return {QLT_QEMU_SYSTEM_ARM, "-M", "microbit", "-nodefaults", "-display", "none", "-monitor",
-          "none", "-no-reboot", "-chardev", "stdio,id=uart,signal=off", "-serial",
-          "chardev:uart", "-kernel", image};
+  return {QLT_QEMU_SYSTEM_ARM,
+          "-M",
+          "microbit",
+          "-nodefaults",
+          "-display",
+          "none",
+          "-monitor",
+          "none",
+          "-no-reboot",
+          "-chardev",
+          "stdio,id=uart,signal=off",
+          "-serial",
+          "chardev:uart",
+          "-kernel",
+          image};
 }
 #endif
 
@@ -125,9 +137,9 @@ TEST(TheHostFirmware, LosesNoSegmentWhenTheStackRefusesNotifications) {
   ::close(fd);
   {
     e2e::Sim sim(false);
-    sim.radio->addDevice(device({"sh", "-c",
-                                 std::string("exec \"$0\" --buffers 1 --buffer-free-ms 3 2>") + path,
-                                 QLT_FW_HOST_ECHO}));
+    sim.radio->addDevice(
+        device({"sh", "-c", std::string("exec \"$0\" --buffers 1 --buffer-free-ms 3 2>") + path,
+                QLT_FW_HOST_ECHO}));
     UartLink link({5s, true, QLT_BLEManager::create(sim.backend())});
     link.connect("QLT-FW");
     const std::string message = e2e::pattern(16 * 1024);

@@ -60,13 +60,15 @@ TEST(Slip, CarriesEveryByteValueAndFramesSplitAnywhere) {
 
 TEST(Slip, DropsLongOrBadlyEscapedFramesWholeAndGoesOnAtTheNextEnd) {
   Decoder d(4);
-  const Bytes stream{
-      QLT_SLIP_END, QLT_SLIP_END,                  // empty frames: ignored
-      1, 2, 3, 4, 5, QLT_SLIP_END,                 // one byte too long
-      7, QLT_SLIP_ESC, 9, 8, QLT_SLIP_END,         // ESC followed by neither ESC_END nor ESC_ESC
-      6, QLT_SLIP_ESC, QLT_SLIP_END,               // ESC right before END
-      1, 2, 3, 4, QLT_SLIP_END,                    // exactly the capacity
+  const std::vector<Bytes> parts{
+      {QLT_SLIP_END, QLT_SLIP_END},           // empty frames: ignored
+      {1, 2, 3, 4, 5, QLT_SLIP_END},          // one byte too long
+      {7, QLT_SLIP_ESC, 9, 8, QLT_SLIP_END},  // ESC followed by neither ESC_END nor ESC_ESC
+      {6, QLT_SLIP_ESC, QLT_SLIP_END},        // ESC right before END
+      {1, 2, 3, 4, QLT_SLIP_END},             // exactly the capacity
   };
+  Bytes stream;
+  for (const auto& part : parts) stream.insert(stream.end(), part.begin(), part.end());
   EXPECT_EQ(d.feed(stream), (std::vector<Bytes>{{1, 2, 3, 4}}));
   EXPECT_EQ(d.d.dropped, 3u);
   EXPECT_EQ(d.d.frames, 1u);

@@ -74,7 +74,7 @@ struct SimDeviceConfig {
   size_t mtu = 185;             // ATT MTU; a write carries up to mtu - 3 bytes
   std::vector<SimServiceConfig> services{SimServiceConfig::nus()};
   SimBehaviour behaviour = SimBehaviour::ChunkEcho;
-  uint64_t sourceBytes = 0;  // for SimBehaviour::Source: 0 streams without end
+  uint64_t sourceBytes = 0;          // for SimBehaviour::Source: 0 streams without end
   std::vector<std::string> command;  // for SimBehaviour::External: program and arguments
   // Faults for this device's links; empty: the radio's.
   std::optional<AirFaults> faults;

@@ -5,8 +5,8 @@
 #include <limits>
 #include <vector>
 
-#include "QueltLibrary/Clock.h"
 #include "ExternalDevice.h"
+#include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "SimLink.h"
 #include "protocol/SlideWindowEngine.h"

@@ -24,7 +24,7 @@ namespace {
 
 // Bytes waiting for the process's stdin, at most: a process that stops reading loses writes
 // (counted as lost), as a device's full receive buffer would.
-constexpr size_t kInputLimit = 64 * 1024;
+constexpr size_t kInputLimit = size_t{64} * 1024;
 // The largest value a notification carries (ATT MTU 517 - 3), and so the largest frame read.
 constexpr size_t kFrameLimit = 514;
 // How long a process whose stdin was closed may take to exit before it is asked to
@@ -61,6 +61,11 @@ bool makePipe(Fd& readEnd, Fd& writeEnd) {
   readEnd.reset(fds[0]);
   writeEnd.reset(fds[1]);
   return true;
+}
+
+std::string errorText(int code) {
+  char buffer[128];
+  return ::strerror_r(code, buffer, sizeof buffer);  // the GNU one: returns the text
 }
 
 std::string describeStatus(int status) {
@@ -112,7 +117,7 @@ class ExternalDevice final : public DeviceBehaviour,
   bool makePipes(std::string& error) {
     if (!makePipe(childIn_, toChild_) || !makePipe(fromChild_, childOut_) ||
         !makePipe(wakeRead_, wakeWrite_)) {
-      error = std::string("no pipe: ") + std::strerror(errno);
+      error = std::string("no pipe: ") + errorText(errno);
       return false;
     }
     for (const Fd* fd : {&toChild_, &wakeRead_, &wakeWrite_}) {
@@ -131,7 +136,7 @@ class ExternalDevice final : public DeviceBehaviour,
     const pid_t parent = ::getpid();
     int report[2];  // the child writes errno here when exec fails; closes on exec
     if (::pipe2(report, O_CLOEXEC) != 0) {
-      error = std::string("no pipe: ") + std::strerror(errno);
+      error = std::string("no pipe: ") + errorText(errno);
       return false;
     }
     pid_ = ::fork();
@@ -157,7 +162,7 @@ class ExternalDevice final : public DeviceBehaviour,
     const ssize_t n = pid_ < 0 ? 0 : ::read(report[0], &code, sizeof code);
     ::close(report[0]);
     if (pid_ < 0 || n == sizeof code) {
-      error = "cannot run " + command_[0] + ": " + std::strerror(pid_ < 0 ? errno : code);
+      error = "cannot run " + command_[0] + ": " + errorText(pid_ < 0 ? errno : code);
       if (pid_ > 0) ::waitpid(pid_, nullptr, 0);
       pid_ = -1;
       return false;
@@ -219,8 +224,7 @@ class ExternalDevice final : public DeviceBehaviour,
       }
       if (fds[0].revents & POLLIN) {
         char drain[64];
-        while (::read(wakeRead_.get(), drain, sizeof drain) > 0) {
-        }
+        while (::read(wakeRead_.get(), drain, sizeof drain) > 0) {}
       }
       if (fds[1].revents & (POLLIN | POLLHUP | POLLERR)) outputOpen = readOutput(decoder);
       if (count == 3 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP))) writeInput(pending);
@@ -242,9 +246,10 @@ class ExternalDevice final : public DeviceBehaviour,
       const uint32_t dropped = decoder.dropped;
       const size_t length = qlt_slip_decode_byte(&decoder, buffer[i]);
       if (decoder.dropped != dropped) {
-        QLTLog("Simulated radio: external device \"%s\": a frame over %d bytes or with a bad "
-               "escape was dropped",
-               name_, static_cast<int>(kFrameLimit));
+        QLTLog(
+            "Simulated radio: external device \"%s\": a frame over %d bytes or with a bad "
+            "escape was dropped",
+            name_, static_cast<int>(kFrameLimit));
       }
       if (length > 0 && link) link->notify(Data(decoder.buffer, length));
     }
@@ -293,7 +298,7 @@ class ExternalDevice final : public DeviceBehaviour,
   const std::string name_;
   const std::weak_ptr<SimLink> link_;
 
-  pid_t pid_ = -1;  // set before the I/O thread starts, then the I/O thread's
+  pid_t pid_ = -1;         // set before the I/O thread starts, then the I/O thread's
   Fd childIn_, childOut_;  // the child's ends, closed once it has them
   Fd toChild_, fromChild_, wakeRead_, wakeWrite_;
   std::thread io_;  // device queue only (or the destructor)
