@@ -1,5 +1,4 @@
-// libFuzzer target: the firmware's device side reading a UART (SLIP, then the device layer);
-// the body is fuzz/firmware_input.c, which the firmware tests also replay over the corpus.
+// libFuzzer target: a firmware's UART input (SLIP, then the device layer): firmware_input.c.
 #include <cstddef>
 #include <cstdint>
 

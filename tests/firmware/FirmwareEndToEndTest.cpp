@@ -1,6 +1,5 @@
-// The firmware kit's example device, run as another process behind the simulated radio's
-// external-device behaviour: the host build (stdin/stdout) and the micro:bit image under QEMU
-// (its UART), each through the whole library and the radio's faults.
+// The kit's example device behind the simulated radio, through the whole library: the host
+// build (SLIP on stdin/stdout) and the micro:bit image under QEMU (SLIP on its UART).
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -27,21 +26,13 @@ void PrintTo(const Firmware& firmware, std::ostream* os) { *os << firmware.name;
 
 #ifdef QLT_FW_MICROBIT
 std::vector<std::string> qemu(const std::string& image) {
-  return {QLT_QEMU_SYSTEM_ARM,
-          "-M",
-          "microbit",
-          "-nodefaults",
-          "-display",
-          "none",
-          "-monitor",
-          "none",
-          "-no-reboot",
-          "-chardev",
-          "stdio,id=uart,signal=off",
-          "-serial",
-          "chardev:uart",
-          "-kernel",
-          image};
+  std::istringstream words(
+      "-M microbit -nodefaults -display none -monitor none -no-reboot "
+      "-chardev stdio,id=uart,signal=off -serial chardev:uart -kernel");
+  std::vector<std::string> command{QLT_QEMU_SYSTEM_ARM};
+  for (std::string w; words >> w;) command.push_back(w);
+  command.push_back(image);
+  return command;
 }
 #endif
 
@@ -64,9 +55,8 @@ sim::SimDeviceConfig device(const std::vector<std::string>& command) {
 }
 
 struct TheFirmware : testing::TestWithParam<Firmware> {
-  // Sends `message` through a UartLink and reads until as many bytes came back, the link
-  // ended or nothing came for 10 s; returns what came.
-  std::string echo(e2e::Sim& sim, const std::string& message, std::string* error = nullptr) {
+  // What came back of `message` until all did, the link ended or nothing came for 10 s.
+  static std::string echo(e2e::Sim& sim, const std::string& message, std::string* error = nullptr) {
     UartLink link({5s, true, QLT_BLEManager::create(sim.backend())});
     link.connect("QLT-FW");
     link.send(message);
@@ -88,17 +78,13 @@ struct TheFirmware : testing::TestWithParam<Firmware> {
 TEST_P(TheFirmware, EchoesSixtyFourKilobytesExactlyOnceInOrderWithFivePercentLostEachWay) {
   e2e::Sim sim(false);
   auto config = device(GetParam().command);
-  sim::AirFaults faults;
+  sim::AirFaults& faults = config.faults.emplace();
   faults.seed = 21;
-  faults.lostWritesWithoutResponse = 0.05;
-  faults.lostNotifications = 0.05;
-  config.faults = faults;
+  faults.lostWritesWithoutResponse = faults.lostNotifications = 0.05;
   sim.radio->addDevice(config);
   const std::string message = e2e::pattern(64 * 1024);
   EXPECT_TRUE(echo(sim, message) == message);
-  const auto stats = sim.radio->stats(config.identifier);
-  EXPECT_GT(stats.writesLost, 0u);
-  EXPECT_GT(stats.notificationsLost, 0u);
+  EXPECT_GT(sim.radio->stats(config.identifier).notificationsLost, 0u);
 }
 
 TEST_P(TheFirmware, EchoesADatagramAsADatagram) {
@@ -111,7 +97,6 @@ TEST_P(TheFirmware, EchoesADatagramAsADatagram) {
   p->writeUDPData(Data::fromString("a datagram"));
   ASSERT_TRUE(world.app->waitFor("udp", 1));
   EXPECT_EQ(world.app->udp().front().toString(), "a datagram");
-  EXPECT_TRUE(world.app->tcp().empty());
 }
 
 TEST_P(TheFirmware, RestartingMidTransferIsALostLinkNotData) {
@@ -128,52 +113,29 @@ TEST_P(TheFirmware, RestartingMidTransferIsALostLinkNotData) {
 INSTANTIATE_TEST_SUITE_P(, TheFirmware, testing::ValuesIn(firmwares()),
                          [](const auto& info) { return info.param.name; });
 
-// A stack whose one notification buffer frees up every 3 ms refuses most notifications; the
-// device layer keeps each refused frame and offers it again, so nothing is lost.
+// A stack with one notification buffer, freed every 3 ms: refusals lose and resend nothing.
 TEST(TheHostFirmware, LosesNoSegmentWhenTheStackRefusesNotifications) {
   char path[] = "/tmp/qlt-fw-report-XXXXXX";
-  const int fd = ::mkstemp(path);
-  ASSERT_GE(fd, 0);
-  ::close(fd);
+  ::close(::mkstemp(path));
   {
     e2e::Sim sim(false);
-    sim.radio->addDevice(
-        device({"sh", "-c", std::string("exec \"$0\" --buffers 1 --buffer-free-ms 3 2>") + path,
-                QLT_FW_HOST_ECHO}));
-    UartLink link({5s, true, QLT_BLEManager::create(sim.backend())});
-    link.connect("QLT-FW");
+    const std::string sh = std::string("exec \"$0\" --buffers 1 --buffer-free-ms 3 2>") + path;
+    sim.radio->addDevice(device({"sh", "-c", sh, QLT_FW_HOST_ECHO}));
     const std::string message = e2e::pattern(16 * 1024);
-    link.send(message);
-    std::string got;
-    while (got.size() < message.size()) {
-      const Data d = link.read(10s);
-      if (d.empty()) break;
-      got += d.toString();
-    }
-    EXPECT_TRUE(got == message);
+    EXPECT_TRUE(TheFirmware::echo(sim, message) == message);
   }
-  // The device reports its counters when its link ends.
-  std::string report;
-  EXPECT_TRUE(test::eventually([&] {
-    std::ifstream in(path);
-    std::getline(in, report);
-    return !report.empty();
-  }));
+  std::string report;  // written by the device when its link ends
+  EXPECT_TRUE(test::eventually([&] { return std::getline(std::ifstream(path), report) && true; }));
   std::remove(path);
-  // "... N notifications, N refused by the stack, ... N segments resent, ..."
-  auto count = [&](const std::string& before, const std::string& after) {
-    unsigned long n = 0;
-    const auto at = report.find(after);
-    const auto from = report.rfind(before, at);
-    EXPECT_TRUE(at != std::string::npos && from != std::string::npos) << report;
-    if (at != std::string::npos && from != std::string::npos) {
-      std::istringstream(report.substr(from + before.size())) >> n;
-    }
-    return n;
-  };
-  EXPECT_GT(count(", ", " refused by the stack"), 100u) << report;
-  // The air loses nothing here: a segment sent again would be one the layer let go.
-  EXPECT_LT(count(", ", " segments resent"), 10u) << report;
+  unsigned long refused = 0, resent = 0;
+  ASSERT_EQ(std::sscanf(report.c_str(),
+                        "qlt-fw-echo: %*u values written, %*u notifications, %lu refused by the "
+                        "stack, %*u bytes received, %*u left unread, %lu segments resent",
+                        &refused, &resent),
+            2)
+      << report;
+  EXPECT_GT(refused, 100u) << report;
+  EXPECT_LT(resent, 10u) << report << ": the air loses nothing, so a resend is a frame let go";
 }
 
 }  // namespace
