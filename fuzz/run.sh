@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang in build/fuzz and runs each mode for N seconds
+# Builds the libFuzzer targets with clang in build/fuzz and runs each for N seconds
 # (default 60), starting from a copy of fuzz/corpus/<mode> (the seed corpus stays as it
 # is; new inputs collect under build/fuzz/corpus-<mode>). Crashes land in build/fuzz.
+# Modes: raw and structured (the sliding-window receive path), firmware (a firmware's UART
+# input: SLIP, then the device layer).
 #   fuzz/run.sh 30
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -11,10 +13,13 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithD
   -DQLT_BUILD_FUZZERS=ON -DQLT_SANITIZE=address,undefined \
   -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link -DCMAKE_C_FLAGS=-fsanitize=fuzzer-no-link \
   -DQLT_BUILD_TESTS=OFF -DQLT_BUILD_BENCHMARKS=OFF -DQLT_BUILD_TOOLS=OFF -DQLT_WITH_BLUEZ=OFF >/dev/null
-cmake --build "$build" --target qlt_fuzz_slidewindow_raw qlt_fuzz_slidewindow_structured
+cmake --build "$build" --target qlt_fuzz_slidewindow_raw qlt_fuzz_slidewindow_structured \
+  qlt_fuzz_firmware_input
 
 status=0
-for mode in raw structured; do
+for mode in raw structured firmware; do
+  target=qlt_fuzz_slidewindow_$mode
+  [ "$mode" = firmware ] && target=qlt_fuzz_firmware_input
   work="$build/corpus-$mode"
   artifacts="$build/artifacts-$mode"
   mkdir -p "$work"
@@ -23,7 +28,7 @@ for mode in raw structured; do
   echo "=== fuzzing $mode for $seconds s ==="
   rc=0
   ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-    "$build/fuzz/qlt_fuzz_slidewindow_$mode" -max_total_time="$seconds" -print_final_stats=1 \
+    "$build/fuzz/$target" -max_total_time="$seconds" -print_final_stats=1 \
     -max_len=1024 -artifact_prefix="$artifacts/" "$work" >"$build/fuzz-$mode.log" 2>&1 || rc=$?
   grep -E 'stat::number_of_executed_units|ERROR|SUMMARY' "$build/fuzz-$mode.log" || true
   if [ "$rc" -ne 0 ] || [ -n "$(ls -A "$artifacts")" ]; then

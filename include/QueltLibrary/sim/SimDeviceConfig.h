@@ -28,9 +28,12 @@ enum class SimBehaviour {
   Sink,       // swallows everything (and counts it)
   Source,     // while notifications are on, streams a known pattern (byte i is i mod 251)
               // through the sliding window: sourceBytes in all, or without end (0)
+  External,   // another process serves the service: `command` runs once per link, each
+              // value written reaches its stdin as one SLIP frame, each SLIP frame on its
+              // stdout is notified; its end while linked is a lost link
 };
 
-// "none", "sw-echo", "chunk-echo", "sink", "source"; nullopt for any other name.
+// "none", "sw-echo", "chunk-echo", "sink", "source", "external"; nullopt for any other name.
 std::optional<SimBehaviour> behaviourFromName(const std::string& name);
 
 struct SimCharacteristicConfig {
@@ -74,7 +77,8 @@ struct SimDeviceConfig {
   size_t mtu = 185;
   std::vector<SimServiceConfig> services{SimServiceConfig::nus()};
   SimBehaviour behaviour = SimBehaviour::ChunkEcho;
-  uint64_t sourceBytes = 0;  // for SimBehaviour::Source: 0 streams without end
+  uint64_t sourceBytes = 0;          // for SimBehaviour::Source: 0 streams without end
+  std::vector<std::string> command;  // for SimBehaviour::External: program and arguments
   // Faults for this device's links; empty: the radio's.
   std::optional<AirFaults> faults;
   // Link parameters for this device's links; empty: the radio's.

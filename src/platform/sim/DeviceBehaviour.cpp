@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "ExternalDevice.h"
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "SimLink.h"
@@ -125,6 +126,8 @@ std::shared_ptr<DeviceBehaviour> DeviceBehaviour::make(
       return std::make_shared<SlidingWindow>(true, 0, link, deviceQueue);
     case SimBehaviour::Source:
       return std::make_shared<SlidingWindow>(false, config.sourceBytes, link, deviceQueue);
+    case SimBehaviour::External:
+      return makeExternalDevice(config, link);
     case SimBehaviour::Sink:
     case SimBehaviour::None:
       break;

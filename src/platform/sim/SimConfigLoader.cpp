@@ -267,7 +267,7 @@ SimDeviceConfig device(const json& j, const std::string& path, const LinkParamet
       j, path,
       {"identifier", "name", "address", "manufacturerData", "serviceData", "txPower", "connectable",
        "rssi", "rssiVariation", "advertisingIntervalMs", "advertisedServices", "connectDelayMs",
-       "mtu", "services", "behaviour", "sourceBytes", "faults", "link"});
+       "mtu", "services", "behaviour", "sourceBytes", "command", "faults", "link"});
   if (!j.contains("identifier")) fail(path, "missing \"identifier\"");
   SimDeviceConfig d;
   d.identifier = uuid(j["identifier"], join(path, "identifier"));
@@ -333,13 +333,24 @@ SimDeviceConfig device(const json& j, const std::string& path, const LinkParamet
     const std::string name = text(j["behaviour"], join(path, "behaviour"));
     auto behaviour = behaviourFromName(name);
     if (!behaviour) {
-      fail(join(path, "behaviour"),
-           "unknown behaviour \"" + name + "\" (sw-echo, chunk-echo, sink, source, none)");
+      fail(join(path, "behaviour"), "unknown behaviour \"" + name +
+                                        "\" (sw-echo, chunk-echo, sink, source, external, none)");
     }
     d.behaviour = *behaviour;
   }
   if (j.contains("sourceBytes")) {
     d.sourceBytes = unsignedInteger(j["sourceBytes"], join(path, "sourceBytes"), 0, 1ULL << 40);
+  }
+  if (j.contains("command")) {
+    const auto& list = j["command"];
+    const std::string listPath = join(path, "command");
+    if (!list.is_array() || list.empty()) fail(listPath, "expected a program and its arguments");
+    for (size_t i = 0; i < list.size(); ++i) {
+      d.command.push_back(text(list[i], listPath + "[" + std::to_string(i) + "]"));
+    }
+  }
+  if ((d.behaviour == SimBehaviour::External) != !d.command.empty()) {
+    fail(path, "\"command\" goes with, and only with, \"behaviour\": \"external\"");
   }
   if (j.contains("faults")) d.faults = faults(j["faults"], join(path, "faults"));
   if (j.contains("link")) d.link = linkParameters(j["link"], join(path, "link"), radioLink);

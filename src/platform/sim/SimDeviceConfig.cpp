@@ -17,6 +17,7 @@ constexpr BehaviourName kBehaviourNames[] = {
     {SimBehaviour::ChunkEcho, "chunk-echo"},
     {SimBehaviour::Sink, "sink"},
     {SimBehaviour::Source, "source"},
+    {SimBehaviour::External, "external"},
 };
 }  // namespace
 

@@ -1,0 +1,115 @@
+#include "echo_device.h"
+
+#include "qlt_slip.h"
+
+#define SEND_SLOTS 4u   /* the window's 3 segments and one more being filled */
+#define ECHO_RING 512u  /* received bytes waiting to go back */
+
+static echo_device_options options;
+static qlt_nus nus;
+static uint8_t slots[QLT_NUS_SLOTS_BYTES(SEND_SLOTS)];
+static qlt_slip_decoder decoder;
+static uint8_t frame_in[QLT_SW_FRAME_MAX];
+static uint8_t frame_out[QLT_SLIP_ENCODED_MAX(QLT_SW_FRAME_MAX)];
+
+static uint8_t ring[ECHO_RING];
+static uint32_t ring_start, ring_used;
+static uint32_t received;
+
+static uint8_t credits;
+static uint32_t credit_at; /* when the next buffer frees up */
+
+static void refill(uint32_t now_ms) {
+  while (credits < options.stack_buffers && (int32_t)(now_ms - credit_at) >= 0) {
+    credits++;
+    credit_at += options.buffer_free_ms;
+  }
+  if (credits == options.stack_buffers) credit_at = now_ms + options.buffer_free_ms;
+}
+
+static uint32_t clock_ms;
+
+static int notify(void* context, const uint8_t* value, size_t length) {
+  size_t n;
+  (void)context;
+  refill(clock_ms);
+  if (credits == 0) return 1;
+  credits--;
+  n = qlt_slip_encode(value, length, frame_out, sizeof frame_out);
+  options.serial_write(frame_out, n);
+  return 0;
+}
+
+/* Hands the ring's bytes to the layer, as far as its queue takes them. */
+static void pump(void) {
+  while (ring_used > 0) {
+    uint32_t run = ECHO_RING - ring_start;
+    size_t taken;
+    if (run > ring_used) run = ring_used;
+    if (run > QLT_NUS_SEGMENT) run = QLT_NUS_SEGMENT;
+    taken = qlt_nus_write(&nus, ring + ring_start, run, clock_ms);
+    if (taken == 0) return;
+    ring_start = (ring_start + (uint32_t)taken) % ECHO_RING;
+    ring_used -= (uint32_t)taken;
+  }
+}
+
+static void on_bytes(void* context, const uint8_t* bytes, size_t length) {
+  size_t i;
+  (void)context;
+  for (i = 0; i < length; ++i) ring[(ring_start + ring_used + i) % ECHO_RING] = bytes[i];
+  ring_used += (uint32_t)length;
+  received += (uint32_t)length;
+  pump();
+}
+
+static void on_datagram(void* context, const uint8_t* bytes, size_t length) {
+  (void)context;
+  (void)qlt_nus_send_datagram(&nus, bytes, length, clock_ms); /* best effort, as datagrams are */
+}
+
+static size_t room(void* context) {
+  (void)context;
+  return ECHO_RING - ring_used;
+}
+
+void echo_device_init(const echo_device_options* opts, uint32_t now_ms) {
+  qlt_nus_config cfg;
+  options = *opts;
+  if (options.stack_buffers == 0) options.stack_buffers = 1;
+  credits = options.stack_buffers;
+  credit_at = now_ms;
+  clock_ms = now_ms;
+  ring_start = ring_used = received = 0;
+  cfg.notify = notify;
+  cfg.on_bytes = on_bytes;
+  cfg.on_datagram = on_datagram;
+  cfg.room = room;
+  cfg.context = 0;
+  cfg.slots = slots;
+  cfg.slot_count = SEND_SLOTS;
+  (void)qlt_nus_init(&nus, &cfg);
+  qlt_slip_decoder_init(&decoder, frame_in, sizeof frame_in);
+}
+
+void echo_device_serial_byte(uint8_t byte, uint32_t now_ms) {
+  const size_t n = qlt_slip_decode_byte(&decoder, byte);
+  clock_ms = now_ms;
+  if (n == 0) return;
+  qlt_nus_written(&nus, frame_in, n, now_ms);
+  pump(); /* an acknowledgement may have made room in the send queue */
+}
+
+uint32_t echo_device_tick(uint32_t now_ms) {
+  clock_ms = now_ms;
+  pump();
+  return qlt_nus_tick(&nus, now_ms);
+}
+
+int echo_device_restart_due(void) {
+  return options.restart_after != 0 && received >= options.restart_after;
+}
+
+const qlt_nus* echo_device_layer(void) { return &nus; }
+
+uint32_t echo_device_bad_frames(void) { return decoder.dropped; }

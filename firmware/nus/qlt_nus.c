@@ -1,0 +1,106 @@
+#include "qlt_nus.h"
+
+#include <string.h>
+
+static uint32_t micros(uint32_t now_ms) { return now_ms * 1000u; /* wraps with the core */ }
+
+int qlt_nus_init(qlt_nus* nus, const qlt_nus_config* cfg) {
+  if (!cfg->notify || !cfg->on_bytes || !cfg->slots || cfg->slot_count == 0) return -1;
+  memset(nus, 0, sizeof *nus);
+  nus->cfg = *cfg;
+  qlt_nus_connected(nus);
+  return 0;
+}
+
+void qlt_nus_connected(qlt_nus* nus) {
+  qlt_sw_config sw;
+  sw.segment_size = QLT_NUS_SEGMENT;
+  sw.poll_timeout_us = QLT_NUS_POLL_TIMEOUT_MS * 1000u;
+  sw.ack_delay_us = QLT_NUS_ACK_DELAY_MS * 1000u;
+  sw.slots = nus->cfg.slots;
+  sw.slot_count = nus->cfg.slot_count;
+  (void)qlt_sw_init(&nus->sw, &sw); /* checked by qlt_nus_init */
+  nus->held_length = 0;
+}
+
+/* Offers the held frame, then every frame due, to the stack until it refuses one. */
+static void flush(qlt_nus* nus, uint32_t now_us) {
+  for (;;) {
+    if (nus->held_length == 0) {
+      const size_t n = qlt_sw_poll_frame(&nus->sw, now_us, nus->held, sizeof nus->held);
+      if (n == 0) return;
+      nus->held_length = (uint8_t)n;
+    }
+    if (nus->cfg.notify(nus->cfg.context, nus->held, nus->held_length) != 0) {
+      nus->counters.notify_refused++;
+      return;
+    }
+    nus->counters.notifications++;
+    nus->held_length = 0;
+  }
+}
+
+void qlt_nus_written(qlt_nus* nus, const uint8_t* value, size_t length, uint32_t now_ms) {
+  qlt_sw_delivery d;
+  const uint32_t now = micros(now_ms);
+  nus->counters.values_written++;
+  /* A segment (header bits 0 and 1 clear) the application has no room for stays unread. */
+  if (length > 1 && (value[0] & 3u) == 0 && nus->cfg.room &&
+      nus->cfg.room(nus->cfg.context) < length - 1) {
+    nus->counters.values_left_unread++;
+    return;
+  }
+  switch (qlt_sw_receive(&nus->sw, value, length, now, &d)) {
+    case QLT_SW_TCP:
+      nus->counters.bytes_received += (uint32_t)d.len;
+      nus->cfg.on_bytes(nus->cfg.context, d.payload, d.len);
+      break;
+    case QLT_SW_UDP:
+      if (nus->cfg.on_datagram) {
+        nus->counters.datagrams_received++;
+        nus->cfg.on_datagram(nus->cfg.context, d.payload, d.len);
+      }
+      break;
+    case QLT_SW_NONE:
+    case QLT_SW_IGNORED:
+      break;
+  }
+  flush(nus, now);
+}
+
+uint32_t qlt_nus_tick(qlt_nus* nus, uint32_t now_ms) {
+  const uint32_t now = micros(now_ms);
+  uint32_t due;
+  flush(nus, now);
+  if (nus->held_length != 0) return QLT_NUS_RETRY_MS;
+  due = qlt_sw_next_due(&nus->sw, now);
+  if (due == QLT_SW_IDLE) return QLT_NUS_IDLE;
+  return (due + 999u) / 1000u;
+}
+
+size_t qlt_nus_write(qlt_nus* nus, const uint8_t* bytes, size_t length, uint32_t now_ms) {
+  const size_t accepted = qlt_sw_send(&nus->sw, bytes, length);
+  nus->counters.bytes_accepted += (uint32_t)accepted;
+  if (accepted > 0) flush(nus, micros(now_ms));
+  return accepted;
+}
+
+size_t qlt_nus_write_space(const qlt_nus* nus) { return qlt_sw_send_space(&nus->sw); }
+
+int qlt_nus_send_datagram(qlt_nus* nus, const uint8_t* bytes, size_t length, uint32_t now_ms) {
+  const uint32_t now = micros(now_ms);
+  flush(nus, now);
+  if (nus->held_length != 0) return -1;
+  nus->held_length =
+      (uint8_t)qlt_sw_datagram(&nus->sw, bytes, length, nus->held, sizeof nus->held);
+  if (nus->held_length == 0) return -1;
+  nus->counters.datagrams_sent++;
+  flush(nus, now);
+  return 0;
+}
+
+const qlt_nus_counters* qlt_nus_get_counters(const qlt_nus* nus) { return &nus->counters; }
+
+const qlt_sw_counters* qlt_nus_protocol_counters(const qlt_nus* nus) {
+  return qlt_sw_get_counters(&nus->sw);
+}

@@ -1,0 +1,107 @@
+/* qlt_nus: the device's end of the sliding window over the Nordic UART Service.
+ *
+ * Put a qlt_nus between a BLE stack's UART service and the application. The firmware gives
+ * it three things:
+ *   - qlt_nus_written(): a value the central wrote to the RX characteristic (6E400002);
+ *   - a notify function (in the config): "send this value as a notification on the TX
+ *     characteristic (6E400003)", which may answer "not now" when the stack's buffers are
+ *     full: the layer keeps that frame and offers it again, before anything else, on the
+ *     next qlt_nus_tick(), so no segment is lost that the central has not acknowledged;
+ *   - the time in milliseconds, with every call, and a call to qlt_nus_tick() when the delay
+ *     it returned has passed (or sooner: when the stack reports a notification sent).
+ * The application gets a byte stream: qlt_nus_write() (accepted up to the space left, count
+ * returned), its bytes in order through the on_bytes callback, datagrams both ways, counters.
+ *
+ * Portable C99: all memory is the caller's (a static qlt_nus and its slots, sized at compile
+ * time); no allocation, no printf, no floating point. Not thread-safe: call everything from
+ * one context (the main loop, or one work queue), never from two interrupt levels at once.
+ * Callbacks run inside qlt_nus_written() and may call qlt_nus_write() and
+ * qlt_nus_send_datagram(). */
+#ifndef QLT_NUS_H
+#define QLT_NUS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "qlt_sw.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define QLT_NUS_SEGMENT 120u         /* payload bytes per segment, as the library sends them */
+#define QLT_NUS_POLL_TIMEOUT_MS 300u /* the longest wait for an answer before a status poll */
+#define QLT_NUS_ACK_DELAY_MS 1u      /* answers owed may wait this long to gather more */
+#define QLT_NUS_RETRY_MS 1u          /* a refused notification is offered again this soon */
+#define QLT_NUS_IDLE 0xFFFFFFFFu     /* qlt_nus_tick: nothing to do until something arrives */
+/* Bytes of slot storage for a send queue of `count` segments (3 fill the window). */
+#define QLT_NUS_SLOTS_BYTES(count) QLT_SW_STORAGE(QLT_NUS_SEGMENT, count)
+
+/* Sends `value` as one notification. Returns 0 when the stack took it, anything else when
+ * it cannot now (its buffers are full: the layer offers the same value again later). */
+typedef int (*qlt_nus_notify_fn)(void* context, const uint8_t* value, size_t length);
+/* Payload bytes that arrived: "TCP" bytes in order, or one datagram. */
+typedef void (*qlt_nus_bytes_fn)(void* context, const uint8_t* bytes, size_t length);
+/* Bytes the application can take now; a segment that would not fit is left unread (the
+ * central sends it again later), so the application is never handed more than it has room
+ * for. */
+typedef size_t (*qlt_nus_room_fn)(void* context);
+
+typedef struct qlt_nus_config {
+  qlt_nus_notify_fn notify;     /* required */
+  qlt_nus_bytes_fn on_bytes;    /* required */
+  qlt_nus_bytes_fn on_datagram; /* optional: datagrams are dropped without it */
+  qlt_nus_room_fn room;         /* optional: without it there is always room */
+  void* context;                /* passed to each callback */
+  uint8_t* slots;               /* QLT_NUS_SLOTS_BYTES(slot_count) bytes */
+  uint16_t slot_count;          /* segments the send queue holds, >= 1 */
+} qlt_nus_config;
+
+typedef struct qlt_nus_counters {
+  uint32_t values_written;     /* values the central wrote (qlt_nus_written calls) */
+  uint32_t values_left_unread; /* segments left for the central to resend: no room */
+  uint32_t notifications;      /* values the stack took */
+  uint32_t notify_refused;     /* times the stack said its buffers were full */
+  uint32_t bytes_received;     /* "TCP" payload bytes handed to on_bytes */
+  uint32_t bytes_accepted;     /* bytes qlt_nus_write accepted */
+  uint32_t datagrams_received; /* handed to on_datagram */
+  uint32_t datagrams_sent;     /* accepted by qlt_nus_send_datagram */
+} qlt_nus_counters;
+
+typedef struct qlt_nus {
+  qlt_sw sw;
+  qlt_nus_config cfg;
+  qlt_nus_counters counters;
+  uint8_t held[QLT_SW_FRAME_MAX]; /* a frame the stack refused, offered again first */
+  uint8_t held_length;            /* 0: none */
+} qlt_nus;
+
+/* Sets the layer up; returns 0, or -1 for an unusable configuration. */
+int qlt_nus_init(qlt_nus* nus, const qlt_nus_config* cfg);
+/* A new connection (or notifications switched on again): the protocol starts afresh, as
+ * the central's does; whatever was queued for the last connection is dropped. */
+void qlt_nus_connected(qlt_nus* nus);
+
+/* The central wrote `value` to the RX characteristic. */
+void qlt_nus_written(qlt_nus* nus, const uint8_t* value, size_t length, uint32_t now_ms);
+/* Writes what is due (a held frame first, then segments, polls and answers). Returns the
+ * milliseconds until it must be called again, QLT_NUS_IDLE when only a write or a received
+ * value can make work. */
+uint32_t qlt_nus_tick(qlt_nus* nus, uint32_t now_ms);
+
+/* Queues bytes for the central; returns how many it took (whole segments as far as the
+ * queue has room). What is queued is delivered once, in order, unless the link ends. */
+size_t qlt_nus_write(qlt_nus* nus, const uint8_t* bytes, size_t length, uint32_t now_ms);
+size_t qlt_nus_write_space(const qlt_nus* nus);
+/* Sends one datagram (at most QLT_NUS_SEGMENT - 1 bytes; unacknowledged). Returns 0, or -1
+ * when it is too long or a refused frame is still waiting for the stack. */
+int qlt_nus_send_datagram(qlt_nus* nus, const uint8_t* bytes, size_t length, uint32_t now_ms);
+
+const qlt_nus_counters* qlt_nus_get_counters(const qlt_nus* nus);
+const qlt_sw_counters* qlt_nus_protocol_counters(const qlt_nus* nus);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QLT_NUS_H */

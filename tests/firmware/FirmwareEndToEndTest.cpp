@@ -1,0 +1,142 @@
+// The kit's example device behind the simulated radio, through the whole library: the host
+// build (SLIP on stdin/stdout) and the micro:bit image under QEMU (SLIP on its UART).
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "QueltLibrary/UartLink.h"
+#include "support/SimWorld.h"
+
+namespace qlt {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Firmware {
+  std::string name;
+  std::vector<std::string> command;         // the echo device
+  std::vector<std::string> restartCommand;  // one that restarts after 20,000 bytes received
+};
+
+void PrintTo(const Firmware& firmware, std::ostream* os) { *os << firmware.name; }
+
+#ifdef QLT_FW_MICROBIT
+std::vector<std::string> qemu(const std::string& image) {
+  std::istringstream words(
+      "-M microbit -nodefaults -display none -monitor none -no-reboot "
+      "-chardev stdio,id=uart,signal=off -serial chardev:uart -kernel");
+  std::vector<std::string> command{QLT_QEMU_SYSTEM_ARM};
+  for (std::string w; words >> w;) command.push_back(w);
+  command.push_back(image);
+  return command;
+}
+#endif
+
+std::vector<Firmware> firmwares() {
+  std::vector<Firmware> list{
+      {"Host", {QLT_FW_HOST_ECHO}, {QLT_FW_HOST_ECHO, "--restart-after", "20000"}}};
+#ifdef QLT_FW_MICROBIT
+  list.push_back({"Chip", qemu(QLT_FW_MICROBIT), qemu(QLT_FW_MICROBIT_RESTART)});
+#endif
+  return list;
+}
+
+sim::SimDeviceConfig device(const std::vector<std::string>& command) {
+  sim::SimDeviceConfig d;
+  d.identifier = *UUID::fromString("51D0E001-0000-4000-8000-0000000000F1");
+  d.localName = "QLT-FW";
+  d.behaviour = sim::SimBehaviour::External;
+  d.command = command;
+  return d;
+}
+
+struct TheFirmware : testing::TestWithParam<Firmware> {
+  // What came back of `message` until all did, the link ended or nothing came for 10 s.
+  static std::string echo(e2e::Sim& sim, const std::string& message, std::string* error = nullptr) {
+    UartLink link({5s, true, QLT_BLEManager::create(sim.backend())});
+    link.connect("QLT-FW");
+    link.send(message);
+    std::string got;
+    try {
+      while (got.size() < message.size()) {
+        const Data d = link.read(10s);
+        if (d.empty()) break;
+        got += d.toString();
+      }
+    } catch (const UartLink::Error& e) {
+      if (error) *error = link.lastError();
+      EXPECT_EQ(e.reason(), UartLink::Error::Reason::LinkLost) << e.what();
+    }
+    return got;
+  }
+};
+
+TEST_P(TheFirmware, EchoesSixtyFourKilobytesExactlyOnceInOrderWithFivePercentLostEachWay) {
+  e2e::Sim sim(false);
+  auto config = device(GetParam().command);
+  sim::AirFaults& faults = config.faults.emplace();
+  faults.seed = 21;
+  faults.lostWritesWithoutResponse = faults.lostNotifications = 0.05;
+  sim.radio->addDevice(config);
+  const std::string message = e2e::pattern(64 * 1024);
+  EXPECT_TRUE(echo(sim, message) == message);
+  EXPECT_GT(sim.radio->stats(config.identifier).notificationsLost, 0u);
+}
+
+TEST_P(TheFirmware, EchoesADatagramAsADatagram) {
+  e2e::SimWorld world;
+  auto p = world.find(device(GetParam().command));
+  ASSERT_TRUE(p);
+  world.follow(p);
+  p->setTransportType(1);
+  ASSERT_TRUE(world.connectReady(p));
+  p->writeUDPData(Data::fromString("a datagram"));
+  ASSERT_TRUE(world.app->waitFor("udp", 1));
+  EXPECT_EQ(world.app->udp().front().toString(), "a datagram");
+}
+
+TEST_P(TheFirmware, RestartingMidTransferIsALostLinkNotData) {
+  e2e::Sim sim(false);
+  sim.radio->addDevice(device(GetParam().restartCommand));
+  const std::string message = e2e::pattern(64 * 1024);
+  std::string error;
+  const std::string got = echo(sim, message, &error);
+  EXPECT_EQ(error, "the link to QLT-FW was lost");
+  EXPECT_LE(got.size(), 20000u + 4 * 120) << "no more than the device echoed before it restarted";
+  EXPECT_TRUE(got == message.substr(0, got.size())) << "what came is the start, in order";
+}
+
+INSTANTIATE_TEST_SUITE_P(, TheFirmware, testing::ValuesIn(firmwares()),
+                         [](const auto& info) { return info.param.name; });
+
+// A stack with one notification buffer, freed every 3 ms: refusals lose and resend nothing.
+TEST(TheHostFirmware, LosesNoSegmentWhenTheStackRefusesNotifications) {
+  char path[] = "/tmp/qlt-fw-report-XXXXXX";
+  ::close(::mkstemp(path));
+  {
+    e2e::Sim sim(false);
+    const std::string sh = std::string("exec \"$0\" --buffers 1 --buffer-free-ms 3 2>") + path;
+    sim.radio->addDevice(device({"sh", "-c", sh, QLT_FW_HOST_ECHO}));
+    const std::string message = e2e::pattern(16 * 1024);
+    EXPECT_TRUE(TheFirmware::echo(sim, message) == message);
+  }
+  std::string report;  // written by the device when its link ends
+  EXPECT_TRUE(test::eventually([&] { return std::getline(std::ifstream(path), report) && true; }));
+  std::remove(path);
+  unsigned long refused = 0, resent = 0;
+  ASSERT_EQ(std::sscanf(report.c_str(),
+                        "qlt-fw-echo: %*u values written, %*u notifications, %lu refused by the "
+                        "stack, %*u bytes received, %*u left unread, %lu segments resent",
+                        &refused, &resent),
+            2)
+      << report;
+  EXPECT_GT(refused, 100u) << report;
+  EXPECT_LT(resent, 10u) << report << ": the air loses nothing, so a resend is a frame let go";
+}
+
+}  // namespace
+}  // namespace qlt
