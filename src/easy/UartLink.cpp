@@ -26,6 +26,8 @@ using SteadyClock = std::chrono::steady_clock;
 using Reason = UartLink::Error::Reason;
 using State = UartLink::State;
 constexpr auto kForever = SteadyClock::time_point::max();
+// Set while this thread hands bytes to a transport with a link's lock held.
+thread_local bool insideSend = false;
 
 SteadyClock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
   return SteadyClock::now() + std::max(timeout, std::chrono::milliseconds(0));
@@ -205,12 +207,11 @@ class UartLink::Impl : public QLT_BLEManagerDidChangedState,
         wantRoomLocked();
         break;  // out of time, or trySend's buffer is full
       }
-      auto transport = transport_;
-      handing_ = n;
-      lock.unlock();
-      transport->sendTCP(bytes.bytes() + done, n);  // may call allAcknowledged() at once
-      lock.lock();
-      handing_ = 0;
+      // Under mutex_, so a drop counts exactly what the transport took. The transport may
+      // call allAcknowledged() from in here; it knows the lock is held.
+      insideSend = true;
+      transport_->sendTCP(bytes.bytes() + done, n);
+      insideSend = false;
       done += n;
     }
     return done;
@@ -254,9 +255,11 @@ class UartLink::Impl : public QLT_BLEManagerDidChangedState,
 
   int fd() const { return fd_.fd(); }
 
-  // The transport's handler: everything handed over is acknowledged (any thread, no lock).
+  // The transport's handler: everything handed over is acknowledged (any thread; with
+  // mutex_ held only when called from within send()).
   void allAcknowledged() {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_, std::defer_lock);
+    if (!insideSend) lock.lock();
     updateFdLocked();
     changed_.notify_all();
   }
@@ -581,9 +584,7 @@ class UartLink::Impl : public QLT_BLEManagerDidChangedState,
 
   // Under mutex_.
   bool inAttempt() const { return state_ == State::Connecting || state_ == State::Reconnecting; }
-  uint64_t unacknowledgedLocked() const {
-    return (transport_ ? transport_->unacknowledged() : 0) + handing_;
-  }
+  uint64_t unacknowledgedLocked() const { return transport_ ? transport_->unacknowledged() : 0; }
   size_t roomLocked() const {
     const uint64_t held = unacknowledgedLocked();
     return held >= options_.sendBuffer ? 0 : static_cast<size_t>(options_.sendBuffer - held);
@@ -656,12 +657,11 @@ class UartLink::Impl : public QLT_BLEManagerDidChangedState,
   std::shared_ptr<const StateCallback> onState_;           // guarded by mutex_
   std::vector<std::shared_ptr<QLT_Peripheral>> previous_;  // guarded; to let go of
   std::shared_ptr<BaseTransport> transport_;  // guarded by mutex_; the connected link's
-  uint64_t handing_ = 0;              // guarded by mutex_; bytes a sender is handing to transport_
-  uint64_t links_ = 0;                // guarded by mutex_; advances at every drop
-  Counters counters_;                 // guarded by mutex_
-  uint64_t discardedAtLastDrop_ = 0;  // guarded by mutex_
-  std::string dropReason_;            // guarded by mutex_
-  int tries_ = 0;                     // guarded by mutex_; failed tries to reconnect in a row
+  uint64_t links_ = 0;                        // guarded by mutex_; advances at every drop
+  Counters counters_;                         // guarded by mutex_
+  uint64_t discardedAtLastDrop_ = 0;          // guarded by mutex_
+  std::string dropReason_;                    // guarded by mutex_
+  int tries_ = 0;                       // guarded by mutex_; failed tries to reconnect in a row
   std::chrono::milliseconds delay_{0};  // guarded by mutex_; before the next try
   mutable bool stateUnseen_ = false;    // guarded by mutex_; a change state() has not returned
   mutable bool roomWanted_ = false;     // guarded by mutex_; a trySend found the buffer full
