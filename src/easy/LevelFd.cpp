@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -12,7 +11,7 @@
 namespace qlt {
 
 LevelFd::LevelFd() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-  if (fd_ < 0) throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
+  if (fd_ < 0) throw std::runtime_error("eventfd: errno " + std::to_string(errno));
 }
 
 LevelFd::~LevelFd() { ::close(fd_); }

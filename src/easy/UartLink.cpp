@@ -80,6 +80,7 @@ class UartLink::Impl : public QLT_BLEManagerDidChangedState,
     auto central = manager_->centralManager();
     std::string wanted = options_.adapter;
     if (wanted.empty()) {
+      // NOLINTNEXTLINE(concurrency-mt-unsafe): the library reads the environment, never changes it
       const char* env = std::getenv("QLT_ADAPTER");
       if (!env || !*env || !central || central->adapters().empty()) return;
       wanted = env;

@@ -471,7 +471,7 @@ std::string describeLink(const platform::LinkInfo& info) {
 }
 
 nlohmann::json linkJson(const platform::LinkInfo& info) {
-  const auto orNull = [](bool known, nlohmann::json value) {
+  const auto orNull = [](bool known, const nlohmann::json& value) {
     return known ? value : nlohmann::json();
   };
   return {{"att_mtu", orNull(info.attMtu > 0, info.attMtu)},

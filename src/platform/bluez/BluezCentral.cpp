@@ -27,12 +27,21 @@ std::shared_ptr<BluezCentral> BluezCentral::create(
   return central;
 }
 
+namespace {
+// QLT_ADAPTER, the adapter a process asks for without code of its own; "" when unset.
+std::string adapterFromEnvironment() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the library reads the environment, never changes it
+  const char* env = std::getenv("QLT_ADAPTER");
+  return env ? env : "";
+}
+}  // namespace
+
 BluezCentral::BluezCentral(const std::shared_ptr<platform::CentralDelegate>& delegate,
                            const std::shared_ptr<DispatchQueue>& queue, const BluezOptions& options)
     : delegate_(delegate),
       queue_(queue ? queue : DispatchQueue::create("BluezCentral")),
       options_(options),
-      wantedAdapter_(std::getenv("QLT_ADAPTER") ? std::getenv("QLT_ADAPTER") : ""),
+      wantedAdapter_(adapterFromEnvironment()),
       loop_(options.reconnectInterval),
       port_(loop_, options.callTimeout),
       mirror_(port_, *this, options.callTimeout),
