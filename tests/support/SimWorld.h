@@ -11,9 +11,23 @@
 #include <string>
 
 #include "QueltLibrary/QueltLibrary.h"
+#include "QueltLibrary/UartLink.h"
 #include "QueltLibrary/sim/SimRadio.h"
 #include "support/PeripheralRecorder.h"
 #include "support/TestSupport.h"
+
+namespace qlt::test {
+// UartLink's options with a time-out and a manager of the test's own.
+inline UartLink::Options linkOptions(std::chrono::milliseconds timeout,
+                                     std::shared_ptr<QLT_BLEManager> manager,
+                                     bool slidingWindow = true) {
+  UartLink::Options options;
+  options.timeout = timeout;
+  options.manager = std::move(manager);
+  options.slidingWindow = slidingWindow;
+  return options;
+}
+}  // namespace qlt::test
 
 namespace qlt::e2e {
 
@@ -55,6 +69,7 @@ struct Sim {
   }
   void power(bool on) { radio->setPowered(on); }
   void drop(const std::string& name) { radio->dropLink(id(name)); }
+  void forget(const std::string& name) { drop(name); }  // a radio never forgets a device
   void failConnects(bool fail) {
     sim::AirFaults faults;
     faults.connectFailure = fail ? 1.0 : 0.0;

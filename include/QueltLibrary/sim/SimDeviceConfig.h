@@ -25,7 +25,9 @@ enum class SimBehaviour {
   SwEcho,     // runs the library's sliding-window engine and echoes each TCP payload as
               // TCP and each datagram as a datagram
   ChunkEcho,  // notifies every written value back, as it came
-  Sink,       // swallows everything (and counts it)
+  Sink,       // swallows everything (and counts it), acknowledging nothing
+  SwSink,     // runs the sliding-window engine, acknowledges and counts every payload, and
+              // sends nothing back: the far end of a one-way stream
   Source,     // while notifications are on, streams a known pattern (byte i is i mod 251)
               // through the sliding window: sourceBytes in all, or without end (0)
   External,   // another process serves the service: `command` runs once per link, each
@@ -33,7 +35,8 @@ enum class SimBehaviour {
               // stdout is notified; its end while linked is a lost link
 };
 
-// "none", "sw-echo", "chunk-echo", "sink", "source", "external"; nullopt for any other name.
+// "none", "sw-echo", "chunk-echo", "sink", "sw-sink", "source", "external"; nullopt for any
+// other name.
 std::optional<SimBehaviour> behaviourFromName(const std::string& name);
 
 struct SimCharacteristicConfig {

@@ -31,15 +31,17 @@ class ChunkEcho final : public DeviceBehaviour {
 // Runs the sliding-window core in the device's role, through the same driver as the
 // library's transports, with the device queue as its strand: frames written by the central
 // go to its receive(); the frames it writes go out as notifications. Echoes every payload
-// back (sw-echo), or streams a pattern while notifications are on (source). The rounds run
-// at the core's deadlines, so a simulated link costs no thread and an idle one no wake-up.
-// Payloads are handled in tasks of their own, after the receive that delivered them.
+// back (sw-echo), streams a pattern while notifications are on (source), or only
+// acknowledges (sw-sink). The rounds run at the core's deadlines, so a simulated link costs
+// no thread and an idle one no wake-up. Payloads are handled in tasks of their own, after the
+// receive that delivered them.
 class SlidingWindow final : public DeviceBehaviour,
                             public std::enable_shared_from_this<SlidingWindow> {
  public:
   SlidingWindow(bool echo, uint64_t sourceBytes, std::weak_ptr<SimLink> link,
-                std::shared_ptr<DispatchQueue> deviceQueue)
+                std::shared_ptr<DispatchQueue> deviceQueue, bool sink = false)
       : echo_(echo),
+        sink_(sink),
         sourceBytes_(sourceBytes),
         link_(std::move(link)),
         deviceQueue_(std::move(deviceQueue)) {}
@@ -71,7 +73,7 @@ class SlidingWindow final : public DeviceBehaviour,
   }
   void refill() {
     static constexpr uint64_t kSourceQueued = uint64_t{16} * 1024;
-    if (echo_ || !streaming_ || !driver_) return;
+    if (echo_ || sink_ || !streaming_ || !driver_) return;
     while (driver_->unacknowledged() < kSourceQueued &&
            (sourceBytes_ == 0 || produced_ < sourceBytes_)) {
       const uint64_t n =
@@ -106,6 +108,7 @@ class SlidingWindow final : public DeviceBehaviour,
   }
 
   const bool echo_;
+  const bool sink_;  // neither echoes nor streams
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
@@ -128,6 +131,8 @@ std::shared_ptr<DeviceBehaviour> DeviceBehaviour::make(
       return std::make_shared<SlidingWindow>(false, config.sourceBytes, link, deviceQueue);
     case SimBehaviour::External:
       return makeExternalDevice(config, link);
+    case SimBehaviour::SwSink:
+      return std::make_shared<SlidingWindow>(false, 0, link, deviceQueue, true);
     case SimBehaviour::Sink:
     case SimBehaviour::None:
       break;

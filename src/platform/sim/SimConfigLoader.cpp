@@ -333,8 +333,9 @@ SimDeviceConfig device(const json& j, const std::string& path, const LinkParamet
     const std::string name = text(j["behaviour"], join(path, "behaviour"));
     auto behaviour = behaviourFromName(name);
     if (!behaviour) {
-      fail(join(path, "behaviour"), "unknown behaviour \"" + name +
-                                        "\" (sw-echo, chunk-echo, sink, source, external, none)");
+      fail(join(path, "behaviour"),
+           "unknown behaviour \"" + name +
+               "\" (sw-echo, chunk-echo, sink, sw-sink, source, external, none)");
     }
     d.behaviour = *behaviour;
   }
