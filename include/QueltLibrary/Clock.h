@@ -11,9 +11,11 @@
 #include <chrono>
 #include <memory>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
-class Clock {
+class QLT_EXPORT Clock {
  public:
   virtual ~Clock() = default;
   // Seconds since an arbitrary fixed origin.
@@ -22,7 +24,7 @@ class Clock {
   static const std::shared_ptr<Clock>& monotonic();
 };
 
-class ManualClock final : public Clock {
+class QLT_EXPORT ManualClock final : public Clock {
  public:
   explicit ManualClock(double start = 0.0) : now_(start) {}
   double now() const override { return now_.load(std::memory_order_acquire); }

@@ -27,6 +27,7 @@
 
 #include "QueltLibrary/BaseTransport.h"
 #include "QueltLibrary/Clock.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 
@@ -34,7 +35,7 @@ namespace qlt {
 
 class SlideWindowEngine;
 
-class SWTransport : public BaseTransport {
+class QLT_EXPORT SWTransport : public BaseTransport {
  public:
   static constexpr size_t kSegmentSize = kTcpSegmentSize;  // 120
   static constexpr double kPollTimeout = kTcpPollTimeout;  // 0.3 s

@@ -39,12 +39,13 @@
 #include <string_view>
 
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/Export.h"
 
 namespace qlt {
 
 class QLT_BLEManager;
 
-class UartLink {
+class QLT_EXPORT UartLink {
  public:
   enum class State { Disconnected, Connecting, Connected, Lost };
 
@@ -112,6 +113,6 @@ class UartLink {
   std::shared_ptr<Impl> impl_;
 };
 
-const char* toString(UartLink::State state);
+QLT_EXPORT const char* toString(UartLink::State state);
 
 }  // namespace qlt
