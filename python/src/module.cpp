@@ -47,8 +47,8 @@ std::chrono::steady_clock::time_point deadlineAfter(std::optional<double> second
 std::chrono::milliseconds sliceUntil(std::chrono::steady_clock::time_point deadline) {
   const auto left = deadline - std::chrono::steady_clock::now();
   if (left <= 0s) return 0ms;
-  return std::min<std::chrono::milliseconds>(
-      kSlice, std::chrono::ceil<std::chrono::milliseconds>(left));
+  return std::min<std::chrono::milliseconds>(kSlice,
+                                             std::chrono::ceil<std::chrono::milliseconds>(left));
 }
 
 void checkSignals() {
@@ -311,7 +311,8 @@ std::string lowerUUID(const qlt::UUID& uuid) { return lower(uuid.UUIDString()); 
 std::optional<qlt::UUID> parseUUID(const std::string& text) {
   // "180d" and "0000180d" are short forms of the Bluetooth base UUID.
   if (text.size() == 4 || text.size() == 8) {
-    const std::string full = std::string(8 - text.size(), '0') + text + "-0000-1000-8000-00805F9B34FB";
+    const std::string full =
+        std::string(8 - text.size(), '0') + text + "-0000-1000-8000-00805F9B34FB";
     return qlt::UUID::fromString(full);
   }
   return qlt::UUID::fromString(text);
@@ -347,8 +348,7 @@ PYBIND11_MODULE(_quelt, m) {
     m.attr(e.name) = py::handle(cls);
   }
   static PyObject* unavailable = PyErr_NewExceptionWithDoc(
-      "quelt.Unavailable", "Bluetooth is not there or did not come up.", quelt::errorBase,
-      nullptr);
+      "quelt.Unavailable", "Bluetooth is not there or did not come up.", quelt::errorBase, nullptr);
   m.attr("Unavailable") = py::handle(unavailable);
   // Plain pointers, not pybind11's exception objects: nothing to release at process exit.
   py::register_exception_translator([](std::exception_ptr p) {
@@ -392,8 +392,8 @@ PYBIND11_MODULE(_quelt, m) {
       .def_property_readonly(
           "tx_power", [](const Device& d) { return d.advertisement.txPowerLevel; },
           "Advertised TX power in dBm, or None.")
-      .def_property_readonly(
-          "connectable", [](const Device& d) { return d.advertisement.isConnectable; })
+      .def_property_readonly("connectable",
+                             [](const Device& d) { return d.advertisement.isConnectable; })
       .def("__repr__", [](const Device& d) {
         return "Device(" + (d.address ? *d.address : d.identifier) + ", " +
                (d.name ? "'" + *d.name + "'" : std::string("None")) + ", " +

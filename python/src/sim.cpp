@@ -45,8 +45,7 @@ SimDeviceConfig makeDevice(const std::optional<std::string>& name,
                            const std::map<std::string, py::bytes>& serviceData,
                            std::optional<int> txPower, bool connectable,
                            const std::optional<std::string>& address, size_t mtu,
-                           std::optional<AirFaults> faults, uint64_t sourceBytes,
-                           bool heartRate) {
+                           std::optional<AirFaults> faults, uint64_t sourceBytes, bool heartRate) {
   SimDeviceConfig d;
   d.identifier = identifier ? identifierOf(*identifier) : randomIdentifier();
   d.localName = name;
