@@ -83,10 +83,13 @@ std::vector<Device> scan(double timeout, std::optional<std::string> name,
     serviceUUID = parseUUID(*service);
     if (!serviceUUID) throw py::value_error("'" + *service + "' is not a service UUID");
   }
-  std::string nameLower;
-  if (name) nameLower = lower(*name);
-  std::mutex mutex;
-  std::vector<Device> seen;  // guarded by mutex; in the order first seen
+  // Shared with the filter, which runs on the manager's queue and may outlive this call.
+  struct Seen {
+    std::mutex mutex;
+    std::vector<Device> devices;  // guarded by mutex; in the order first seen
+  };
+  auto seen = std::make_shared<Seen>();
+  const std::optional<std::string> nameLower = name ? std::optional(lower(*name)) : std::nullopt;
 
   const auto deadline = deadlineAfter(timeout);
   // A manager of its own: a scan does not disturb (or wait for) a link that is searching.
@@ -105,22 +108,26 @@ std::vector<Device> scan(double timeout, std::optional<std::string> name,
     }
     checkSignals();
   }
-  manager->startDiscover([&](const std::shared_ptr<qlt::platform::Peripheral>& peripheral,
+  manager->startDiscover([seen, nameLower, serviceUUID](
+                             const std::shared_ptr<qlt::platform::Peripheral>& peripheral,
                              const std::optional<std::string>& localName,
                              const qlt::platform::AdvertisementData& ad, int rssi) {
     const std::optional<std::string> shown = localName ? localName : peripheral->name();
-    if (name && (!shown || lower(*shown).find(nameLower) == std::string::npos)) return false;
+    if (nameLower && (!shown || lower(*shown).find(*nameLower) == std::string::npos)) {
+      return false;
+    }
     if (serviceUUID && std::find(ad.serviceUUIDs.begin(), ad.serviceUUIDs.end(), *serviceUUID) ==
                            ad.serviceUUIDs.end()) {
       return false;
     }
     Device d{peripheral->identifier().UUIDString(), peripheral->bluetoothAddress(), shown, rssi,
              ad};
-    std::lock_guard lock(mutex);
-    auto it = std::find_if(seen.begin(), seen.end(),
+    std::lock_guard lock(seen->mutex);
+    auto& devices = seen->devices;
+    auto it = std::find_if(devices.begin(), devices.end(),
                            [&](const Device& s) { return s.identifier == d.identifier; });
-    if (it == seen.end()) {
-      seen.push_back(std::move(d));
+    if (it == devices.end()) {
+      devices.push_back(std::move(d));
     } else {
       *it = std::move(d);
     }
@@ -144,8 +151,8 @@ std::vector<Device> scan(double timeout, std::optional<std::string> name,
     throw;
   }
   stop();
-  std::lock_guard lock(mutex);
-  return seen;
+  std::lock_guard lock(seen->mutex);
+  return seen->devices;
 }
 
 // One link, as Python sees it. Every open link is listed, so that the atexit hook can end
