@@ -102,6 +102,13 @@ class QLT_EXPORT BaseTransport : public QLT_Object, public Transport, public Thr
   // NOLINTNEXTLINE(performance-unnecessary-value-param): by value, so overrides can keep it
   virtual void setFrameTrace(FrameTrace /*trace*/) {}
 
+  // Bytes accepted by sendTCP that the peer has not acknowledged yet (for a transport
+  // without acknowledgements, such as the chunker: not yet written). Any thread.
+  virtual uint64_t unacknowledged() const { return 0; }
+  // `handler` is called each time unacknowledged() falls to 0, on the thread that made it
+  // so, under none of the transport's locks; it must be quick. Empty: none. Any thread.
+  void setAllAcknowledgedHandler(std::function<void()> handler);
+
   std::shared_ptr<TransportSenderDelegate> senderDelegate() const;
   void setSenderDelegate(const std::shared_ptr<TransportSenderDelegate>& delegate);
 
@@ -121,6 +128,11 @@ class QLT_EXPORT BaseTransport : public QLT_Object, public Transport, public Thr
   virtual double round() { return std::numeric_limits<double>::infinity(); }
   // Asks for a round within `delaySeconds` (any thread; nothing when not started).
   void wakeRounds(double delaySeconds);
+  // For concrete transports: after bytes were accepted, and after anything that may have
+  // released some (an acknowledgement, a write, a cleared queue). Calls the handler when
+  // unacknowledged() has fallen to 0 since bytes were last accepted.
+  void noteAccepted();
+  void noteReleased();
   std::shared_ptr<BaseTransport> sharedTransport() {
     return std::static_pointer_cast<BaseTransport>(shared_from_this());
   }
@@ -129,6 +141,10 @@ class QLT_EXPORT BaseTransport : public QLT_Object, public Transport, public Thr
   mutable std::mutex mutex_;
   std::shared_ptr<RoundPacer> pacer_;                      // guarded by mutex_
   std::weak_ptr<TransportSenderDelegate> senderDelegate_;  // guarded by mutex_
+
+  std::mutex ackMutex_;
+  bool outstanding_ = false;                                      // guarded by ackMutex_: bytes out
+  std::shared_ptr<const std::function<void()>> allAcknowledged_;  // guarded by ackMutex_
 };
 
 }  // namespace qlt

@@ -45,6 +45,8 @@ class QLT_EXPORT NUSTransport : public BaseTransport {
 
  public:
   size_t queuedChunks() const;
+  // Bytes queued or being written: a chunk counts until the sender delegate has it.
+  uint64_t unacknowledged() const override { return unwritten_.load(std::memory_order_acquire); }
   // Called for every chunk written and every value received, on the thread doing it.
   // Must be quick and must not call back into this transport. Empty function: off.
   void setFrameTrace(FrameTrace trace) override;
@@ -52,9 +54,11 @@ class QLT_EXPORT NUSTransport : public BaseTransport {
  private:
   NUSTransport();
   void trace(bool outgoing, const Data& frame);
+  void written(uint64_t length);  // a chunk went to the sender delegate
 
   mutable std::mutex txMutex_;
-  std::deque<Data> txBuffer_;  // guarded by txMutex_
+  std::deque<Data> txBuffer_;           // guarded by txMutex_
+  std::atomic<uint64_t> unwritten_{0};  // bytes in txBuffer_ plus those being written
 
   std::mutex traceMutex_;
   std::shared_ptr<const std::function<void(bool, const Data&)>> trace_;  // guarded by traceMutex_

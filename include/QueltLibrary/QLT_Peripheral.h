@@ -78,6 +78,15 @@ enum QLT_PeripheralState : int32_t {
 };
 
 // Application callbacks of a peripheral; a delegate inherits those it wants.
+// What kind of problem linkProblem() describes, for code that acts on it.
+enum class QLT_LinkProblem {
+  None,
+  ConnectFailed,  // the last attempt to connect failed (the platform's reason in the text)
+  ServiceTable,   // the UART service is offered twice, or rx/tx cannot notify/be written
+  MtuTooSmall,    // the ATT MTU cannot carry the transport's largest frame
+  LinkLost,       // the link dropped with an error (the platform's reason in the text)
+};
+
 class QLT_EXPORT QLT_PeripheralDidChangeState : public virtual Delegate {
  public:
   virtual void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& peripheral,
@@ -158,10 +167,20 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   // frame is 121 bytes; at the minimum MTU of 23 a write carries 20). A failed connection
   // records the platform's reason (state 4 then follows). Each problem is logged once; the
   // states stay as they are (a problem does not change state numbers), so an application
-  // reads this on state 8 or 4. Cleared when a new connection attempt begins (state 1).
+  // reads this on state 8 or 4. A link that drops with an error records "the link
+  // dropped: <reason>" before state 0. Cleared when a new connection attempt begins (state 1).
   std::string linkProblem() const;
+  // The kind of that problem (None when there is none).
+  QLT_LinkProblem linkProblemKind() const;
   // Records `problem` (logged once); the manager and the readiness check call it.
-  void setLinkProblem(const std::string& problem);
+  void setLinkProblem(const std::string& problem,
+                      QLT_LinkProblem kind = QLT_LinkProblem::ServiceTable);
+
+  // The facts of the current link (see platform::LinkInfo): what the platform knows.
+  platform::LinkInfo linkInfo() const;
+  // The current connection's transport (null when none is running), for flow control:
+  // its unacknowledged() and its everything-acknowledged handler. Any thread.
+  std::shared_ptr<BaseTransport> transport() const;
 
   // Data path. Without a transport (not ready), the data is dropped silently.
   void writeTCPData(const Data& data);
@@ -259,7 +278,8 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   void applyState(int32_t state, uint64_t generation);
   void tearDown(uint64_t generation);
   // The readiness check behind linkProblem(): "" when the link can carry the transport.
-  std::string checkReadiness(const std::optional<platform::Error>& notifyError) const;
+  std::string checkReadiness(const std::optional<platform::Error>& notifyError,
+                             QLT_LinkProblem* kind) const;
 
   const std::shared_ptr<platform::Peripheral> basePeripheral_;
   std::atomic<int32_t> state_;
@@ -271,15 +291,16 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   // Each time the link comes up (state 2 after anything else) the generation advances;
   // the Connection built during a link carries it, and a teardown ends the Connection
   // only if it is no newer than the disconnection that asked for it.
-  uint64_t linkGeneration_ = 0;                    // guarded by mutex_
-  bool linkUp_ = false;                            // guarded by mutex_
-  std::shared_ptr<const Connection> connection_;   // guarded by mutex_; never null
-  std::optional<std::string> name_;                // guarded by mutex_
-  platform::AdvertisementData advertisementData_;  // guarded by mutex_
-  std::shared_ptr<platform::Characteristic> rx_;   // guarded by mutex_
-  std::shared_ptr<platform::Characteristic> tx_;   // guarded by mutex_
-  FrameTrace frameTrace_;                          // guarded by mutex_
-  std::string linkProblem_;                        // guarded by mutex_
+  uint64_t linkGeneration_ = 0;                              // guarded by mutex_
+  bool linkUp_ = false;                                      // guarded by mutex_
+  std::shared_ptr<const Connection> connection_;             // guarded by mutex_; never null
+  std::optional<std::string> name_;                          // guarded by mutex_
+  platform::AdvertisementData advertisementData_;            // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> rx_;             // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> tx_;             // guarded by mutex_
+  FrameTrace frameTrace_;                                    // guarded by mutex_
+  std::string linkProblem_;                                  // guarded by mutex_
+  QLT_LinkProblem linkProblemKind_ = QLT_LinkProblem::None;  // guarded by mutex_
 };
 
 }  // namespace qlt

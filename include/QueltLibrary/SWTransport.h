@@ -73,6 +73,8 @@ class QLT_EXPORT SWTransport : public BaseTransport {
 
   SlideWindowCounters counters() const;
   std::optional<SlideWindowCounters> windowCounters() const override { return counters(); }
+  // Payload bytes queued: not yet sent, or sent and not yet acknowledged.
+  uint64_t unacknowledged() const override;
   // Called for every frame written and every value received, on the thread doing it.
   // Must be quick and must not call back into this transport. Empty function: off.
   void setFrameTrace(FrameTrace trace) override;

@@ -11,20 +11,61 @@
 // scan, the peripheral (kept alive while the link is wanted), the transport type.
 //
 // States: disconnected (before connect, after disconnect() or a failed attempt),
-// connecting, connected (the transport is up: send() and read() work), lost (the link
-// dropped; lastError() says so). connect() may be called again from disconnected or lost.
+// connecting, connected (the transport is up: send() and read() work), reconnecting (the
+// link dropped and Options::reconnect brings it back), lost (the link dropped and is not
+// coming back; lastError() says why). connect() may be called again from disconnected or
+// lost.
 //
 // Errors are explicit: connect() throws when no device answering to the name is seen
 // within the timeout ("no device named QLT-Echo within 5 s"), when connecting fails, or when
 // the device cannot carry the transport; send() and read() throw when the link is lost or
 // was never up. Data received before the link dropped is still handed out first.
 //
+// Sending is bounded. The bytes the transport holds (queued, or sent and not yet
+// acknowledged; with the chunker, not yet written) never exceed Options::sendBuffer:
+// send() waits while the buffer is full, trySend() takes what fits, flush() waits until the
+// device has acknowledged everything (over the chunker: until every chunk is written), and
+// unacknowledged() says how much is still out. A process that streams any amount through
+// send() holds the buffer plus a small constant, not the stream.
+//
+// A dropped link. Bytes the transport still held when the link dropped (unacknowledged()
+// at that moment) are discarded, never sent again on a new link: the receiving side has
+// an unknown part of them. They are counted (counters().bytesDiscarded), named in
+// lastError() ("the link to QLT-Echo was lost with 480 bytes unacknowledged; they were
+// discarded"), and a send() or flush() waiting at that moment throws Error(LinkLost). Calls
+// made after the drop see the new state: while reconnecting, send() and flush() wait for
+// the link to come back, trySend() takes nothing; once lost, they throw.
+//
+// Reconnection (Options::reconnect, off by default). When a connected link drops, the link
+// goes to reconnecting and, after reconnect.firstDelay, looks for the device again (a
+// scan), connects, discovers the UART service, enables notifications and starts a fresh
+// transport, each try within Options::timeout; onStateChange sees reconnecting, then
+// connected. A try that fails doubles the delay before the next, up to reconnect.maxDelay;
+// after reconnect.maxTries failed tries in a row (0: no limit) the link is lost with
+// lastError() "gave up reconnecting to D after N tries: <why the last one failed>".
+// disconnect() ends reconnecting too. While reconnecting, lastError() holds the drop's
+// reason; every drop is counted (counters().drops) and every success too (reconnects).
+//
+// Event loops. fd() is a file descriptor (an eventfd) that is readable while something
+// waits for the application: received bytes for read() (not with onReceive), a change of
+// state not yet seen through state(), or room in the send buffer after a trySend() that
+// took less than it was given. Put it in poll/epoll/asio/Qt/GLib; when it is readable, call
+// state(), read(0ms) and trySend() again: they clear what they consumed. Never read or
+// close it yourself; it lives as long as the link.
+//
+// Adapters (BlueZ). Options::adapter, else the environment variable QLT_ADAPTER, names the
+// adapter by name ("hci1") or address; without either, the first powered adapter is used.
+// One that bluetoothd does not have makes connect() throw Error(NoAdapter) naming those it
+// has. The adapter is the manager's: links on one manager share it, and choosing one
+// applies to every link of that manager.
+//
 // Thread safety: every member may be called from any thread, concurrently. Blocking calls
-// (connect, waitUntilConnected, read) return early when another thread calls disconnect().
-// Callbacks (onReceive, onStateChange) run one at a time on the link's own serial queue,
-// never under its lock; they must not destroy the link. The destructor disconnects and
-// waits (at most about two seconds) for the device to be told, so a process that exits
-// right after does not leave the link behind.
+// (connect, waitUntilConnected, read, send, flush) return early when another thread calls
+// disconnect(). Callbacks (onReceive, onStateChange) run one at a time on the link's own
+// serial queue, never under its lock; they must not destroy the link, and should not wait
+// in send() or flush() (every other callback of the link waits behind them). The
+// destructor disconnects and waits (at most about two seconds) for the device to be told,
+// so a process that exits right after does not leave the link behind.
 //
 // The manager's scan is shared: while a link searches it runs the manager's discovery
 // without a filter and stops it once its device is found; an application's own scan on
@@ -32,6 +73,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -40,6 +83,7 @@
 
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/Export.h"
+#include "QueltLibrary/platform/Platform.h"
 
 namespace qlt {
 
@@ -47,12 +91,14 @@ class QLT_BLEManager;
 
 class QLT_EXPORT UartLink {
  public:
-  enum class State { Disconnected, Connecting, Connected, Lost };
+  enum class State { Disconnected, Connecting, Connected, Reconnecting, Lost };
 
   // What went wrong, for code that acts on it; what() says it in words.
   class Error : public std::runtime_error {
    public:
-    enum class Reason { NotFound, ConnectFailed, Unusable, LinkLost, NotConnected };
+    // NoAdapter: the adapter asked for (Options::adapter, QLT_ADAPTER) is not there, or the
+    // backend has no adapters to choose from.
+    enum class Reason { NotFound, ConnectFailed, Unusable, LinkLost, NotConnected, NoAdapter };
     Error(Reason reason, const std::string& message)
         : std::runtime_error(message), reason_(reason) {}
     Reason reason() const { return reason_; }
@@ -61,17 +107,39 @@ class QLT_EXPORT UartLink {
     Reason reason_;
   };
 
+  // How a dropped link comes back.
+  struct ReconnectPolicy {
+    bool enabled = false;
+    std::chrono::milliseconds firstDelay{std::chrono::milliseconds(100)};  // before the first try
+    std::chrono::milliseconds maxDelay{std::chrono::seconds(10)};  // the doubling stops here
+    int maxTries = 0;  // failed tries in a row before the link is lost; 0: no limit
+  };
+
   struct Options {
-    // How long connect() looks for the device and connects to it.
+    // How long connect() (and each try to reconnect) looks for the device and connects.
     std::chrono::milliseconds timeout{std::chrono::seconds(5)};
     // The sliding window (ordered, acknowledged); false: the plain 20-byte chunker that
     // stock UART firmware speaks.
     bool slidingWindow = true;
     // The manager to use; null: QLT_BLEManager::sharedInstance().
     std::shared_ptr<QLT_BLEManager> manager;
+    // Off by default: a dropped link is lost.
+    ReconnectPolicy reconnect;
+    // The most bytes the transport holds at once (at least 1).
+    size_t sendBuffer = 64 * 1024;
+    // BlueZ: the adapter by name ("hci1") or address; "": QLT_ADAPTER, else the first powered.
+    std::string adapter;
+  };
+
+  // What happened to the link over its life.
+  struct Counters {
+    uint64_t drops = 0;           // connected links that dropped
+    uint64_t reconnects = 0;      // links brought back by reconnection
+    uint64_t bytesDiscarded = 0;  // unacknowledged at a drop, never sent again
   };
 
   UartLink();
+  // Throws std::invalid_argument for a sendBuffer of 0.
   explicit UartLink(Options options);
   ~UartLink();
   UartLink(const UartLink&) = delete;
@@ -80,20 +148,37 @@ class QLT_EXPORT UartLink {
   // Finds `device` (as QLT_Peripheral::answersTo reads it: its exact name, or its identifier
   // or address in any case) and connects, within the options' timeout. Throws Error;
   // UartLink::Error::Reason::NotFound when no such device was seen. Throws NotConnected when
-  // already connecting or connected.
+  // already connecting, connected or reconnecting.
   void connect(std::string_view device);
   // The same in two steps: startConnect returns at once; waitUntilConnected blocks until
-  // the attempt has succeeded (returns) or failed (throws, as connect does).
+  // the attempt has succeeded (returns) or failed (throws, as connect does). While
+  // reconnecting it waits until the link is back (returns) or lost (throws LinkLost).
   void startConnect(std::string_view device);
   void waitUntilConnected();
 
-  // Queues bytes for the device. Throws Error (NotConnected or LinkLost) unless connected.
+  // Hands every byte to the transport, waiting while the send buffer is full. Throws Error
+  // (NotConnected or LinkLost) unless connected or reconnecting; while reconnecting it waits
+  // for the link first. A drop while it waits throws LinkLost; the part handed over before
+  // is then among the bytes discarded.
   void send(const Data& bytes);
   void send(std::string_view text) { send(Data::fromString(text)); }
+  // The same, waiting at most `timeout` in all: returns how many bytes (a leading part)
+  // were handed over; fewer than given when the time ran out.
+  size_t send(const Data& bytes, std::chrono::milliseconds timeout);
+  // Takes what fits in the send buffer now, without waiting, and returns the count (0 when
+  // full or reconnecting). Throws as send() does when disconnected or lost.
+  size_t trySend(const Data& bytes);
+  // Waits until every byte handed over has been acknowledged by the device (over the
+  // chunker: written), at most `timeout`: true when done, false when the time ran out.
+  // Throws LinkLost when the link drops with bytes unacknowledged, and as send() does.
+  bool flush(std::chrono::milliseconds timeout);
+  // The bytes the transport still holds: queued or sent and not yet acknowledged (over the
+  // chunker: not yet written). 0 when not connected.
+  uint64_t unacknowledged() const;
 
   // Waits up to `timeout` for received bytes and returns all that have arrived (at least
   // one byte), or an empty Data when none came in time. Throws Error once the link is
-  // lost or disconnected and nothing received is left.
+  // lost or disconnected and nothing received is left (not while reconnecting).
   Data read(std::chrono::milliseconds timeout);
   // Received bytes go to `callback` (on the link's queue) instead of read(); an empty
   // function hands them to read() again.
@@ -102,10 +187,21 @@ class QLT_EXPORT UartLink {
   void onStateChange(std::function<void(State, const std::string& error)> callback);
 
   State state() const;
-  // Why the last attempt failed or the link was lost; "" while nothing went wrong.
+  // Why the last attempt failed or the link was lost (while reconnecting: why it dropped);
+  // "" while nothing went wrong.
   std::string lastError() const;
+  Counters counters() const;
 
-  // Ends the link (or the attempt) from any thread; waiting calls return or throw.
+  // The facts of the current link (ATT MTU, the largest write; interval, PHY and data
+  // length where the backend knows them: unknown ones are empty). Throws Error
+  // (NotConnected, LinkLost) unless connected.
+  platform::LinkInfo linkInfo() const;
+
+  // See "Event loops" above.
+  int fd() const;
+
+  // Ends the link (or the attempt, or reconnecting) from any thread; waiting calls return
+  // or throw.
   void disconnect();
 
  private:

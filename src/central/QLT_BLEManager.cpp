@@ -204,7 +204,8 @@ void QLT_BLEManager::centralManager_didFailToConnectPeripheral_error(
   auto wrapper = findPeripheralObject(peripheral);
   if (!wrapper) return;
   QLTLog("Failed to connect : %@", wrapper->name());
-  wrapper->setLinkProblem(error ? "could not connect: " + error->message : "could not connect");
+  wrapper->setLinkProblem(error ? "could not connect: " + error->message : "could not connect",
+                          QLT_LinkProblem::ConnectFailed);
   wrapper->setState(QLT_PeripheralStateFailedToConnect);
 }
 
@@ -214,6 +215,8 @@ void QLT_BLEManager::centralManager_didDisconnectPeripheral_error(
   auto wrapper = findPeripheralObject(peripheral);
   if (!wrapper) return;
   QLTLog("Did disconnect to : %@", wrapper->name());
+  if (error)
+    wrapper->setLinkProblem("the link dropped: " + error->message, QLT_LinkProblem::LinkLost);
   wrapper->setState(QLT_PeripheralStateDisconnected);
 }
 

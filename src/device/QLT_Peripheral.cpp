@@ -139,7 +139,10 @@ void QLT_Peripheral::setState(int32_t state) {
              state == QLT_PeripheralStateDisconnecting) {
     linkUp_ = false;
   }
-  if (state == QLT_PeripheralStateConnecting) linkProblem_.clear();
+  if (state == QLT_PeripheralStateConnecting) {
+    linkProblem_.clear();
+    linkProblemKind_ = QLT_LinkProblem::None;
+  }
   latestState_ = state;
   const uint64_t generation = linkGeneration_;
   // Queued under the lock so that the main queue applies states in setState() order.
@@ -358,7 +361,10 @@ void QLT_Peripheral::peripheral_didUpdateNotificationStateForCharacteristic_erro
     QLTLog("Ignoring a notification state change after the link went down : %@", description());
     return;
   }
-  if (const std::string problem = checkReadiness(error); !problem.empty()) setLinkProblem(problem);
+  QLT_LinkProblem kind = QLT_LinkProblem::None;
+  if (const std::string problem = checkReadiness(error, &kind); !problem.empty()) {
+    setLinkProblem(problem, kind);
+  }
   startTransport();
   setState(QLT_PeripheralStateReady);
 }
@@ -368,18 +374,32 @@ std::string QLT_Peripheral::linkProblem() const {
   return linkProblem_;
 }
 
-void QLT_Peripheral::setLinkProblem(const std::string& problem) {
+QLT_LinkProblem QLT_Peripheral::linkProblemKind() const {
+  std::lock_guard lock(mutex_);
+  return linkProblemKind_;
+}
+
+void QLT_Peripheral::setLinkProblem(const std::string& problem, QLT_LinkProblem kind) {
   {
     std::lock_guard lock(mutex_);
+    linkProblemKind_ = problem.empty() ? QLT_LinkProblem::None : kind;
     if (problem == linkProblem_) return;
     linkProblem_ = problem;
   }
   if (!problem.empty()) QLTLog("%@ : %@", description(), problem);
 }
 
-std::string QLT_Peripheral::checkReadiness(
-    const std::optional<platform::Error>& notifyError) const {
+platform::LinkInfo QLT_Peripheral::linkInfo() const {
+  if (!basePeripheral_ || !linkUp()) return {};
+  return basePeripheral_->linkInfo();
+}
+
+std::shared_ptr<BaseTransport> QLT_Peripheral::transport() const { return connection()->transport; }
+
+std::string QLT_Peripheral::checkReadiness(const std::optional<platform::Error>& notifyError,
+                                           QLT_LinkProblem* kind) const {
   if (!basePeripheral_) return {};
+  *kind = QLT_LinkProblem::ServiceTable;
   const UUID nusUUID = QLT_UUID::uartServiceUUID();
   const UUID rxUUID = QLT_UUID::rxCharacteristicUUID();
   const UUID txUUID = QLT_UUID::txCharacteristicUUID();
@@ -418,6 +438,7 @@ std::string QLT_Peripheral::checkReadiness(
   const size_t limit =
       basePeripheral_->maximumWriteValueLength(platform::WriteType::WithoutResponse);
   if (limit < largestFrame) {
+    *kind = QLT_LinkProblem::MtuTooSmall;
     return formatString(
         "the device's ATT MTU is %d: a write carries at most %d bytes, but the %@ transport "
         "writes frames of up to %d bytes (stock UART firmware needs the chunking transport, "

@@ -1,10 +1,18 @@
 #include "QueltLibrary/UartLink.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
+#include "QueltLibrary/BaseTransport.h"
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/QLT_BLEManager.h"
@@ -16,6 +24,50 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 using Reason = UartLink::Error::Reason;
+using State = UartLink::State;
+constexpr auto kForever = SteadyClock::time_point::max();
+// Set while this thread hands bytes to a transport with a link's lock held.
+thread_local bool insideSend = false;
+
+SteadyClock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
+  return SteadyClock::now() + std::max(timeout, std::chrono::milliseconds(0));
+}
+
+// Waits on `cv` until `done` or `deadline` (kForever: no deadline); returns done().
+template <class Predicate>
+bool waitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
+               SteadyClock::time_point deadline, Predicate done) {
+  if (deadline == kForever) {
+    cv.wait(lock, done);
+    return true;
+  }
+  return cv.wait_until(lock, deadline, done);
+}
+
+// The eventfd behind UartLink::fd(), kept readable exactly while `set(true)` holds.
+class LevelFd {
+ public:
+  LevelFd() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (fd_ < 0) throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
+  }
+  ~LevelFd() { ::close(fd_); }
+  LevelFd(const LevelFd&) = delete;
+  LevelFd& operator=(const LevelFd&) = delete;
+  int fd() const { return fd_; }
+  void set(bool readable) {
+    if (readable == readable_) return;
+    uint64_t value = 1;
+    // A counter far from overflow cannot refuse the write, and a readable one gives its
+    // value back; either way the level follows readable_.
+    const ssize_t n =
+        readable ? ::write(fd_, &value, sizeof value) : ::read(fd_, &value, sizeof value);
+    if (n == sizeof value) readable_ = readable;
+  }
+
+ private:
+  const int fd_;
+  bool readable_ = false;
+};
 
 std::string inSeconds(std::chrono::milliseconds d) {
   char text[32];
@@ -33,6 +85,8 @@ const char* toString(UartLink::State state) {
       return "connecting";
     case UartLink::State::Connected:
       return "connected";
+    case UartLink::State::Reconnecting:
+      return "reconnecting";
     case UartLink::State::Lost:
       return "lost";
   }
@@ -49,7 +103,9 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
   explicit Impl(Options options)
       : options_(std::move(options)),
         manager_(options_.manager ? options_.manager : QLT_BLEManager::sharedInstance()),
-        queue_(DispatchQueue::create("UartLink")) {}
+        queue_(DispatchQueue::create("UartLink")) {
+    if (options_.sendBuffer == 0) throw std::invalid_argument("UartLink: a sendBuffer of 0 bytes");
+  }
 
   void attach() {
     manager_->addDelegate(shared_from_this(), queue_);
@@ -57,35 +113,51 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
   }
 
   void startConnect(std::string_view device) {
-    std::shared_ptr<QLT_Peripheral> previous;
-    uint64_t attempt = 0;
     {
       std::lock_guard lock(mutex_);
-      if (state_ == State::Connecting || state_ == State::Connected) {
+      if (inAttempt() || state_ == State::Connected) {
         throw Error(Reason::NotConnected, std::string("already ") + toString(state_) +
                                               (device_.empty() ? "" : " to " + device_));
       }
-      attempt = ++attempt_;
+    }
+    chooseAdapter();
+    uint64_t attempt = 0;
+    {
+      std::lock_guard lock(mutex_);
+      if (inAttempt() || state_ == State::Connected) {
+        throw Error(Reason::NotConnected, std::string("already ") + toString(state_));
+      }
       device_ = std::string(device);
-      deadline_ = SteadyClock::now() + options_.timeout;
-      searching_ = true;
-      previous = std::exchange(peripheral_, nullptr);
       received_.clear();
       change(State::Connecting, Reason::NotConnected, "");
+      attempt = beginSearch();
     }
-    if (previous) previous->removeDelegate(shared_from_this());
-    QLTLog("UartLink: looking for %s", std::string(device));
-    std::weak_ptr<Impl> weak = weak_from_this();
-    queue_->async([weak, attempt] {
-      if (auto self = weak.lock()) self->search(attempt);
-    });
-    queue_->asyncAfter(options_.timeout, [weak, attempt] {
-      if (auto self = weak.lock()) self->timeOut(attempt);
-    });
+    launchSearch(attempt);
+  }
+
+  // Uses Options::adapter, else QLT_ADAPTER where the backend has adapters to choose from.
+  void chooseAdapter() {
+    auto central = manager_->centralManager();
+    std::string wanted = options_.adapter;
+    if (wanted.empty()) {
+      const char* env = std::getenv("QLT_ADAPTER");
+      if (!env || !*env || !central || central->adapters().empty()) return;
+      wanted = env;
+    }
+    if (!central)
+      throw Error(Reason::NoAdapter, "no Bluetooth central to choose adapter " + wanted);
+    if (auto error = central->useAdapter(wanted)) {
+      throw Error(Reason::NoAdapter, error->message);
+    }
   }
 
   void waitUntilConnected() {
     std::unique_lock lock(mutex_);
+    if (state_ == State::Reconnecting) {
+      changed_.wait(lock, [&] { return state_ != State::Reconnecting; });
+      if (state_ == State::Connected) return;
+      throwUnlessConnected();
+    }
     const uint64_t attempt = attempt_;
     auto settled = [&] { return attempt_ != attempt || state_ != State::Connecting; };
     if (!changed_.wait_until(lock, deadline_, settled)) {
@@ -101,33 +173,117 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     throw Error(reason_, error_);
   }
 
-  void send(const Data& bytes) {
+  // Hands a leading part of `bytes` to the transport, as the send buffer allows, waiting
+  // for room until `deadline` (now: not at all). Returns the count handed over.
+  size_t send(const Data& bytes, SteadyClock::time_point deadline, bool wait) {
+    std::unique_lock sendLock(sendMutex_, std::defer_lock);
+    if (wait) {
+      sendLock.lock();
+    } else if (!sendLock.try_lock()) {
+      std::lock_guard lock(mutex_);
+      throwUnlessConnectedOrBack();
+      return 0;  // another thread is sending: the buffer is as good as full
+    }
+    size_t done = 0;
+    std::unique_lock lock(mutex_);
+    if (std::exchange(roomAnnounced_, false)) updateFdLocked();
+    if (wait) waitUntil(changed_, lock, deadline, [&] { return state_ != State::Reconnecting; });
+    throwUnlessConnectedOrBack();
+    if (state_ != State::Connected) {
+      wantRoomLocked();
+      return 0;
+    }
+    const uint64_t link = links_;
+    while (done < bytes.size()) {
+      const auto settled = [&] {
+        return links_ != link || state_ != State::Connected || roomLocked() > 0;
+      };
+      if (wait) waitUntil(changed_, lock, deadline, settled);
+      if (links_ != link || state_ != State::Connected) {
+        throw Error(Reason::LinkLost, error_.empty() ? "the link ended while sending" : error_);
+      }
+      const size_t n = std::min<size_t>(roomLocked(), bytes.size() - done);
+      if (n == 0) {
+        wantRoomLocked();
+        break;  // out of time, or trySend's buffer is full
+      }
+      // Under mutex_, so a drop counts exactly what the transport took. The transport may
+      // call allAcknowledged() from in here; it knows the lock is held.
+      insideSend = true;
+      transport_->sendTCP(bytes.bytes() + done, n);
+      insideSend = false;
+      done += n;
+    }
+    return done;
+  }
+
+  bool flush(std::chrono::milliseconds timeout) {
+    const auto deadline = deadlineAfter(timeout);
+    std::unique_lock lock(mutex_);
+    waitUntil(changed_, lock, deadline, [&] { return state_ != State::Reconnecting; });
+    throwUnlessConnectedOrBack();
+    if (state_ != State::Connected) return false;  // still reconnecting at the deadline
+    const uint64_t link = links_;
+    waitUntil(changed_, lock, deadline, [&] {
+      return links_ != link || state_ != State::Connected || unacknowledgedLocked() == 0;
+    });
+    if (links_ != link && discardedAtLastDrop_ > 0) throw Error(Reason::LinkLost, dropReason_);
+    if (links_ != link) return true;  // it dropped with everything acknowledged
+    throwUnlessConnected();
+    return unacknowledgedLocked() == 0;
+  }
+
+  uint64_t unacknowledged() const {
+    std::lock_guard lock(mutex_);
+    return unacknowledgedLocked();
+  }
+
+  Counters counters() const {
+    std::lock_guard lock(mutex_);
+    return counters_;
+  }
+
+  platform::LinkInfo linkInfo() const {
     std::shared_ptr<QLT_Peripheral> peripheral;
     {
       std::lock_guard lock(mutex_);
       throwUnlessConnected();
       peripheral = peripheral_;
     }
-    peripheral->writeTCPData(bytes);
+    return peripheral->linkInfo();
+  }
+
+  int fd() const { return fd_.fd(); }
+
+  // The transport's handler: everything handed over is acknowledged (any thread; with
+  // mutex_ held only when called from within send()).
+  void allAcknowledged() {
+    std::unique_lock lock(mutex_, std::defer_lock);
+    if (!insideSend) lock.lock();
+    updateFdLocked();
+    changed_.notify_all();
   }
 
   Data read(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, timeout,
-                      [&] { return !received_.empty() || state_ != State::Connected; });
+    changed_.wait_for(lock, timeout, [&] {
+      return !received_.empty() || (state_ != State::Connected && state_ != State::Reconnecting);
+    });
     if (received_.empty()) {
-      throwUnlessConnected();
+      throwUnlessConnectedOrBack();
       return {};
     }
     std::vector<uint8_t> bytes;
     for (const auto& d : received_) bytes.insert(bytes.end(), d.bytes(), d.bytes() + d.size());
     received_.clear();
+    updateFdLocked();
     return Data(bytes);
   }
 
   void onReceive(std::function<void(const Data&)> callback) {
     std::lock_guard lock(mutex_);
     onReceive_ = std::move(callback);
+    updateFdLocked();
   }
   void onStateChange(std::function<void(State, const std::string&)> callback) {
     std::lock_guard lock(mutex_);
@@ -135,6 +291,8 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
   }
   State state() const {
     std::lock_guard lock(mutex_);
+    stateUnseen_ = false;
+    updateFdLocked();
     return state_;
   }
   std::string lastError() const {
@@ -150,7 +308,8 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
       ++attempt_;
       peripheral = peripheral_;
       searching = std::exchange(searching_, false);
-      if (state_ == State::Connecting || state_ == State::Connected) {
+      if (inAttempt() || state_ == State::Connected) {
+        detachTransportLocked();
         change(State::Disconnected, Reason::NotConnected, "");
       }
     }
@@ -171,6 +330,12 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     }
     manager_->removeDelegate(shared_from_this());
     if (peripheral) peripheral->removeDelegate(shared_from_this());
+    std::vector<std::shared_ptr<QLT_Peripheral>> previous;
+    {
+      std::lock_guard lock(mutex_);
+      previous.swap(previous_);
+    }
+    for (const auto& p : previous) p->removeDelegate(shared_from_this());
   }
 
   // QLT_BLEManager delegate
@@ -189,7 +354,7 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     uint64_t attempt = 0;
     {
       std::lock_guard lock(mutex_);
-      if (state_ != State::Connecting || !searching_ || !p->answersTo(device_)) return;
+      if (!inAttempt() || !searching_ || !p->answersTo(device_)) return;
       searching_ = false;
       peripheral_ = p;
       attempt = attempt_;
@@ -204,7 +369,7 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     {
       std::lock_guard lock(mutex_);
       // Ended meanwhile (disconnect(), the timeout) while it was still down: undo.
-      ended = attempt != attempt_ || state_ != State::Connecting;
+      ended = attempt != attempt_ || !inAttempt();
     }
     if (ended) endAttempt(false, p);
   }
@@ -217,11 +382,11 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
       std::lock_guard lock(mutex_);
       changed_.notify_all();  // close() may be waiting for the device to go down
       if (p != peripheral_) return;
-      const bool connecting = state_ == State::Connecting && !searching_;
+      const bool connecting = inAttempt() && !searching_;
       if (connecting && state == QLT_PeripheralStateReady) {
         const std::string problem = p->linkProblem();
         if (problem.empty()) {
-          change(State::Connected, Reason::NotConnected, "");
+          connected(p);
         } else {
           endIt = fail(Reason::Unusable, device_ + " cannot carry data: " + problem);
         }
@@ -233,7 +398,7 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
         endIt = fail(Reason::ConnectFailed,
                      "cannot connect to " + device_ + (problem.empty() ? "" : ": " + problem));
       } else if (state_ == State::Connected && state == QLT_PeripheralStateDisconnected) {
-        change(State::Lost, Reason::LinkLost, "the link to " + device_ + " was lost");
+        dropped(p);
       }
     }
     if (endIt) endAttempt(false, p);
@@ -248,6 +413,7 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
       callback = onReceive_;
       if (!callback) {
         received_.push_back(data);
+        updateFdLocked();
         changed_.notify_all();
       }
     }
@@ -284,7 +450,7 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     std::shared_ptr<QLT_Peripheral> peripheral;
     {
       std::lock_guard lock(mutex_);
-      if (attempt != attempt_ || state_ != State::Connecting) return;
+      if (attempt != attempt_ || !inAttempt()) return;
       searching = searching_;
       peripheral = peripheral_;
       if (searching) {
@@ -300,11 +466,144 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     endAttempt(searching, peripheral);
   }
 
-  // Under mutex_: the current attempt failed. True: the caller calls endAttempt.
+  // Under mutex_: the current attempt failed. True: the caller calls endAttempt. A try to
+  // reconnect that fails schedules the next, or gives up after the last.
   bool fail(Reason reason, const std::string& message) {
     searching_ = false;
-    change(State::Disconnected, reason, message);
+    if (state_ != State::Reconnecting) {
+      change(State::Disconnected, reason, message);
+      return true;
+    }
+    ++tries_;
+    const auto& policy = options_.reconnect;
+    if (policy.maxTries > 0 && tries_ >= policy.maxTries) {
+      change(State::Lost, Reason::LinkLost,
+             "gave up reconnecting to " + device_ + " after " + std::to_string(tries_) +
+                 (tries_ == 1 ? " try: " : " tries: ") + message);
+      return true;
+    }
+    change(State::Reconnecting, Reason::LinkLost,
+           dropReason_ + "; reconnecting (try " + std::to_string(tries_) + " failed: " + message +
+               ")");
+    delay_ = std::min(delay_ * 2,
+                      std::chrono::duration_cast<std::chrono::milliseconds>(policy.maxDelay));
+    scheduleTry();
     return true;
+  }
+
+  // Under mutex_: the attempt (or try) reached a ready peripheral.
+  void connected(const std::shared_ptr<QLT_Peripheral>& p) {
+    if (state_ == State::Reconnecting) ++counters_.reconnects;
+    transport_ = p->transport();
+    if (transport_) {
+      transport_->setAllAcknowledgedHandler([weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->allAcknowledged();
+      });
+    }
+    change(State::Connected, Reason::NotConnected, "");
+  }
+
+  // Under mutex_: the connected link went down. What the transport still held is counted
+  // and named, never sent again.
+  void dropped(const std::shared_ptr<QLT_Peripheral>& p) {
+    const uint64_t discarded = unacknowledgedLocked();
+    detachTransportLocked();
+    ++links_;
+    ++counters_.drops;
+    counters_.bytesDiscarded += discarded;
+    discardedAtLastDrop_ = discarded;
+    std::string why;  // "the link dropped: <the platform's reason>"
+    if (p->linkProblemKind() == QLT_LinkProblem::LinkLost) {
+      why = p->linkProblem();
+      why.erase(0, why.find(": ") == std::string::npos ? 0 : why.find(": ") + 2);
+    }
+    dropReason_ = "the link to " + device_ + " was lost" + (why.empty() ? "" : ": " + why);
+    if (discarded > 0) {
+      dropReason_ +=
+          " with " + std::to_string(discarded) + " bytes unacknowledged; they were discarded";
+    }
+    if (!options_.reconnect.enabled) {
+      change(State::Lost, Reason::LinkLost, dropReason_);
+      return;
+    }
+    tries_ = 0;
+    delay_ = options_.reconnect.firstDelay;
+    change(State::Reconnecting, Reason::LinkLost, dropReason_);
+    scheduleTry();
+  }
+
+  // Under mutex_: the next try to reconnect, after delay_.
+  void scheduleTry() {
+    const uint64_t attempt = ++attempt_;
+    queue_->asyncAfter(delay_, [weak = weak_from_this(), attempt] {
+      if (auto self = weak.lock()) self->tryAgain(attempt);
+    });
+  }
+
+  // On queue_: one try to reconnect: search, connect, as connect() does.
+  void tryAgain(uint64_t attempt) {
+    int tryNumber = 0;
+    {
+      std::lock_guard lock(mutex_);
+      if (attempt != attempt_ || state_ != State::Reconnecting) return;
+      attempt = beginSearch();
+      tryNumber = tries_ + 1;
+    }
+    QLTLog("UartLink: reconnecting (try %d)", tryNumber);
+    launchSearch(attempt);
+  }
+
+  // Under mutex_: a new attempt that searches for device_; returns its number.
+  uint64_t beginSearch() {
+    const uint64_t attempt = ++attempt_;
+    deadline_ = SteadyClock::now() + options_.timeout;
+    searching_ = true;
+    if (peripheral_) previous_.push_back(std::exchange(peripheral_, nullptr));
+    return attempt;
+  }
+
+  // Not under mutex_: starts the search of `attempt` and its time-out.
+  void launchSearch(uint64_t attempt) {
+    std::vector<std::shared_ptr<QLT_Peripheral>> previous;
+    std::string device;
+    {
+      std::lock_guard lock(mutex_);
+      previous.swap(previous_);
+      device = device_;
+    }
+    for (const auto& p : previous) p->removeDelegate(shared_from_this());
+    QLTLog("UartLink: looking for %s", device);
+    std::weak_ptr<Impl> weak = weak_from_this();
+    queue_->async([weak, attempt] {
+      if (auto self = weak.lock()) self->search(attempt);
+    });
+    queue_->asyncAfter(options_.timeout, [weak, attempt] {
+      if (auto self = weak.lock()) self->timeOut(attempt);
+    });
+  }
+
+  // Under mutex_.
+  bool inAttempt() const { return state_ == State::Connecting || state_ == State::Reconnecting; }
+  uint64_t unacknowledgedLocked() const { return transport_ ? transport_->unacknowledged() : 0; }
+  size_t roomLocked() const {
+    const uint64_t held = unacknowledgedLocked();
+    return held >= options_.sendBuffer ? 0 : static_cast<size_t>(options_.sendBuffer - held);
+  }
+  void wantRoomLocked() {
+    roomWanted_ = true;
+    updateFdLocked();
+  }
+  void detachTransportLocked() {
+    if (transport_) transport_->setAllAcknowledgedHandler(nullptr);
+    transport_ = nullptr;
+  }
+  // The level of fd(): something waits for the application.
+  void updateFdLocked() const {
+    if (roomWanted_ && state_ == State::Connected && roomLocked() == options_.sendBuffer) {
+      roomWanted_ = false;
+      roomAnnounced_ = true;
+    }
+    fd_.set((!received_.empty() && !onReceive_) || stateUnseen_ || roomAnnounced_);
   }
 
   // Not under mutex_: stops what an ended attempt or link left running.
@@ -318,6 +617,8 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     state_ = state;
     reason_ = reason;
     error_ = std::move(error);
+    stateUnseen_ = true;
+    updateFdLocked();
     if (!error_.empty()) QLTLog("UartLink: %s", error_);
     changed_.notify_all();
     if (onState_) {
@@ -328,8 +629,13 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
   // Under mutex_.
   void throwUnlessConnected() const {
     if (state_ == State::Connected) return;
-    if (state_ == State::Lost) throw Error(Reason::LinkLost, error_);
+    if (state_ == State::Lost || state_ == State::Reconnecting) {
+      throw Error(Reason::LinkLost, error_);
+    }
     throw Error(Reason::NotConnected, "not connected");
+  }
+  void throwUnlessConnectedOrBack() const {
+    if (state_ != State::Reconnecting) throwUnlessConnected();
   }
 
   const Options options_;
@@ -345,10 +651,23 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
   std::string device_;                    // guarded by mutex_
   SteadyClock::time_point deadline_;      // guarded by mutex_
   bool searching_ = false;                // guarded by mutex_; the attempt awaits its device
-  std::shared_ptr<QLT_Peripheral> peripheral_;    // guarded by mutex_; the device found
-  std::vector<Data> received_;                    // guarded by mutex_; not yet read
-  std::function<void(const Data&)> onReceive_;    // guarded by mutex_
-  std::shared_ptr<const StateCallback> onState_;  // guarded by mutex_
+  std::shared_ptr<QLT_Peripheral> peripheral_;             // guarded by mutex_; the device found
+  std::vector<Data> received_;                             // guarded by mutex_; not yet read
+  std::function<void(const Data&)> onReceive_;             // guarded by mutex_
+  std::shared_ptr<const StateCallback> onState_;           // guarded by mutex_
+  std::vector<std::shared_ptr<QLT_Peripheral>> previous_;  // guarded; to let go of
+  std::shared_ptr<BaseTransport> transport_;  // guarded by mutex_; the connected link's
+  uint64_t links_ = 0;                        // guarded by mutex_; advances at every drop
+  Counters counters_;                         // guarded by mutex_
+  uint64_t discardedAtLastDrop_ = 0;          // guarded by mutex_
+  std::string dropReason_;                    // guarded by mutex_
+  int tries_ = 0;                       // guarded by mutex_; failed tries to reconnect in a row
+  std::chrono::milliseconds delay_{0};  // guarded by mutex_; before the next try
+  mutable bool stateUnseen_ = false;    // guarded by mutex_; a change state() has not returned
+  mutable bool roomWanted_ = false;     // guarded by mutex_; a trySend found the buffer full
+  mutable bool roomAnnounced_ = false;  // guarded by mutex_; fd() says the buffer emptied
+  mutable LevelFd fd_;                  // its level guarded by mutex_
+  std::mutex sendMutex_;                // one sender at a time, so the buffer's bound holds
 };
 
 UartLink::UartLink() : UartLink(Options{}) {}
@@ -365,7 +684,18 @@ void UartLink::connect(std::string_view device) {
 }
 void UartLink::startConnect(std::string_view device) { impl_->startConnect(device); }
 void UartLink::waitUntilConnected() { impl_->waitUntilConnected(); }
-void UartLink::send(const Data& bytes) { impl_->send(bytes); }
+void UartLink::send(const Data& bytes) { impl_->send(bytes, kForever, true); }
+size_t UartLink::send(const Data& bytes, std::chrono::milliseconds timeout) {
+  return impl_->send(bytes, deadlineAfter(timeout), true);
+}
+size_t UartLink::trySend(const Data& bytes) {
+  return impl_->send(bytes, SteadyClock::now(), false);
+}
+bool UartLink::flush(std::chrono::milliseconds timeout) { return impl_->flush(timeout); }
+uint64_t UartLink::unacknowledged() const { return impl_->unacknowledged(); }
+UartLink::Counters UartLink::counters() const { return impl_->counters(); }
+platform::LinkInfo UartLink::linkInfo() const { return impl_->linkInfo(); }
+int UartLink::fd() const { return impl_->fd(); }
 Data UartLink::read(std::chrono::milliseconds timeout) { return impl_->read(timeout); }
 void UartLink::onReceive(std::function<void(const Data&)> callback) {
   impl_->onReceive(std::move(callback));

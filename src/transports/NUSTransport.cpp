@@ -18,14 +18,25 @@ void NUSTransport::start() {
 }
 
 void NUSTransport::clearBuffer() {
-  std::lock_guard lock(txMutex_);
-  txBuffer_.clear();
+  {
+    std::lock_guard lock(txMutex_);
+    uint64_t dropped = 0;
+    for (const auto& chunk : txBuffer_) dropped += chunk.length();
+    txBuffer_.clear();
+    unwritten_.fetch_sub(dropped, std::memory_order_acq_rel);
+  }
+  noteReleased();
+}
+
+void NUSTransport::written(uint64_t length) {
+  if (unwritten_.fetch_sub(length, std::memory_order_acq_rel) == length) noteReleased();
 }
 
 void NUSTransport::sendTCP(const uint8_t* bytes, uint64_t length) {
   if (length == 0 || bytes == nullptr) return;
   std::unique_lock lock(txMutex_);
   const size_t queued = txBuffer_.size();
+  unwritten_.fetch_add(length, std::memory_order_acq_rel);
   while (length > 0) {
     const size_t n = static_cast<size_t>(std::min<uint64_t>(kChunkSize, length));
     txBuffer_.emplace_back(bytes, n);
@@ -34,6 +45,7 @@ void NUSTransport::sendTCP(const uint8_t* bytes, uint64_t length) {
   }
   const bool wasIdle = queued == 0;
   lock.unlock();
+  noteAccepted();
   if (wasIdle) wakeRounds(0);  // otherwise a round is due already
 }
 
@@ -66,6 +78,7 @@ double NUSTransport::round() {
   for (size_t i = 0; i < n; ++i) {
     trace(true, batch[i]);
     writeRequest(batch[i].bytes(), batch[i].length());
+    written(batch[i].length());
   }
   return more ? kChunkInterval * kChunksPerRound : std::numeric_limits<double>::infinity();
 }
@@ -81,6 +94,7 @@ void NUSTransport::transfer() {
   // Only the worker transfers, so chunks still leave oldest first.
   trace(true, chunk);
   writeRequest(chunk.bytes(), chunk.length());
+  written(chunk.length());
 }
 
 size_t NUSTransport::queuedChunks() const {

@@ -41,11 +41,15 @@ std::shared_ptr<SWTransport> SWTransport::create(std::shared_ptr<Clock> clock) {
 
 void SWTransport::sendTCP(const uint8_t* bytes, uint64_t length) {
   engine_->sendTCP(bytes, length);
+  if (length > 0 && bytes != nullptr) noteAccepted();
 }
 void SWTransport::sendUDP(const uint8_t* bytes, uint64_t length) {
   engine_->sendUDP(bytes, length);
 }
-void SWTransport::receive(const Data& value) { engine_->receive(value); }
+void SWTransport::receive(const Data& value) {
+  engine_->receive(value);
+  noteReleased();  // an acknowledgement may have released the last segment
+}
 
 void SWTransport::run(const std::shared_ptr<ThreadBase>& thread) {
   while (!thread || !thread->isClosing()) engine_->round();
@@ -56,8 +60,15 @@ double SWTransport::round() {
   return engine_->untilNextRound();
 }
 
-void SWTransport::initState() { engine_->initState(); }
-void SWTransport::ackReceived(uint64_t count) { engine_->ackReceived(count); }
+void SWTransport::initState() {
+  engine_->initState();
+  noteReleased();
+}
+void SWTransport::ackReceived(uint64_t count) {
+  engine_->ackReceived(count);
+  noteReleased();
+}
+uint64_t SWTransport::unacknowledged() const { return engine_->counters().bytesQueued; }
 void SWTransport::transfer() { engine_->transfer(); }
 void SWTransport::checkControl() { engine_->checkControl(); }
 void SWTransport::doPendingWork() { engine_->doPendingWork(); }

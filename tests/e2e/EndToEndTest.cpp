@@ -165,12 +165,12 @@ TEST(TheSharedManager, RetrievesAPeripheralByItsIdentifierTextAndConnectsWithout
 // The common case through UartLink: one device by its address (in lower case) over the
 // sliding window, one by its identifier over the plain chunker.
 TYPED_TEST(TheLibrary, CarriesBytesThroughAUartLinkFoundByAddressOrIdentifier) {
-  UartLink echo({5s, true, this->manager});
+  UartLink echo(linkOptions(5s, this->manager));
   echo.connect("c0:ff:ee:00:00:01");
   echo.send("hello");
   EXPECT_EQ(echo.read(5s).toString(), "hello");
   echo.disconnect();
-  UartLink chunk({5s, false, this->manager});
+  UartLink chunk(linkOptions(5s, this->manager, false));
   chunk.connect(this->side.id("QLT-Chunk").UUIDString());
   chunk.send("plain");
   EXPECT_EQ(chunk.read(5s).toString(), "plain");

@@ -16,7 +16,7 @@ using Reason = UartLink::Error::Reason;
 
 struct AUartLink : testing::Test {
   e2e::Sim sim;  // QLT-Echo, QLT-Chunk, HR-Sensor
-  UartLink::Options options{1500ms, true, QLT_BLEManager::create(sim.backend())};
+  UartLink::Options options = test::linkOptions(1500ms, QLT_BLEManager::create(sim.backend()));
   test::LogCapture log;
 };
 
@@ -47,7 +47,7 @@ TEST_F(AUartLink, HandsOnBytesThroughReadOrACallback) {
 }
 
 TEST_F(AUartLink, SaysWhichDeviceItDidNotFindOnceTheTimeoutHasPassed) {
-  UartLink link({300ms, true, options.manager});
+  UartLink link(test::linkOptions(300ms, options.manager));
   const auto start = std::chrono::steady_clock::now();
   try {
     link.connect("Nobody");
@@ -71,7 +71,7 @@ TEST_F(AUartLink, ReportsALostLinkAndWakesTheReader) {
   sim.drop("QLT-Echo");
   EXPECT_EQ(reader.get(), Reason::LinkLost);
   EXPECT_EQ(told.get_future().get(), UartLink::State::Lost);
-  EXPECT_EQ(link.lastError(), "the link to QLT-Echo was lost");
+  EXPECT_EQ(link.lastError(), "the link to QLT-Echo was lost: the device went out of range");
   EXPECT_EQ(reasonOf([&] { link.send("x"); }), Reason::LinkLost);
   link.onStateChange(nullptr);
   link.connect("QLT-Echo");  // and it connects again

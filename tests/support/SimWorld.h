@@ -11,9 +11,23 @@
 #include <string>
 
 #include "QueltLibrary/QueltLibrary.h"
+#include "QueltLibrary/UartLink.h"
 #include "QueltLibrary/sim/SimRadio.h"
 #include "support/PeripheralRecorder.h"
 #include "support/TestSupport.h"
+
+namespace qlt::test {
+// UartLink's options with a time-out and a manager of the test's own.
+inline UartLink::Options linkOptions(std::chrono::milliseconds timeout,
+                                     std::shared_ptr<QLT_BLEManager> manager,
+                                     bool slidingWindow = true) {
+  UartLink::Options options;
+  options.timeout = timeout;
+  options.manager = std::move(manager);
+  options.slidingWindow = slidingWindow;
+  return options;
+}
+}  // namespace qlt::test
 
 namespace qlt::e2e {
 

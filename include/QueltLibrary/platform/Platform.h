@@ -199,6 +199,26 @@ struct QLT_EXPORT AdvertisementData {
   }
 };
 
+// The facts of one link, as far as the backend knows them. What it does not know says so:
+// 0 for the two sizes, empty for the rest. The simulated radio knows all it models; BlueZ
+// reports the ATT MTU (GattCharacteristic1.MTU, or the MTU AcquireWrite returned) and
+// keeps the controller's interval, PHY and data length to itself.
+struct QLT_EXPORT LinkInfo {
+  int attMtu = 0;             // the ATT MTU of the link; 0: not known (yet)
+  size_t maxWriteLength = 0;  // the largest value one write without response carries
+  std::optional<double> connectionIntervalMs;
+  std::optional<std::string> phy;  // "1M", "2M", "Coded"
+  std::optional<int> dataLength;   // link-layer payload octets per packet (27..251)
+};
+
+// One Bluetooth adapter of the machine, as a backend that has several lists it.
+struct QLT_EXPORT AdapterInfo {
+  std::string name;     // "hci0"
+  std::string address;  // canonical text, "" when not known
+  bool powered = false;
+  bool inUse = false;  // the one the central scans and connects with
+};
+
 class QLT_EXPORT CentralDelegate {
  public:
   virtual ~CentralDelegate() = default;
@@ -291,6 +311,13 @@ class QLT_EXPORT Peripheral {
                               const std::shared_ptr<Characteristic>& characteristic) = 0;
   // The largest value one write of this type carries on the current link.
   virtual size_t maximumWriteValueLength(WriteType type) const = 0;
+  // The facts of the current link (see LinkInfo); a backend that knows only the largest
+  // write reports that.
+  virtual LinkInfo linkInfo() const {
+    LinkInfo info;
+    info.maxWriteLength = maximumWriteValueLength(WriteType::WithoutResponse);
+    return info;
+  }
 
   std::string description() const { return identifier().UUIDString(); }
 };
@@ -321,6 +348,17 @@ class QLT_EXPORT Central {
   virtual std::vector<std::shared_ptr<Peripheral>> retrievePeripheralsWithAddresses(
       const std::vector<std::string>& /*addresses*/) {
     return {};
+  }
+  // The machine's adapters (empty: the backend has no choice of adapter).
+  virtual std::vector<AdapterInfo> adapters() const { return {}; }
+  // Chooses the adapter to use by name ("hci1") or address, any case; "" restores the
+  // default (the first powered one). An adapter the backend does not have is an error
+  // that names those it has; a backend without adapters accepts only "".
+  virtual std::optional<Error> useAdapter(const std::string& nameOrAddress) {
+    if (nameOrAddress.empty()) return std::nullopt;
+    return Error{"adapter",
+                 "this platform has no adapters to choose from (asked for '" + nameOrAddress + "')",
+                 ErrorReason::DeviceRemoved};
   }
 };
 

@@ -25,12 +25,14 @@ enum class SimBehaviour {
   SwEcho,     // runs the library's sliding-window engine and echoes each TCP payload as
               // TCP and each datagram as a datagram
   ChunkEcho,  // notifies every written value back, as it came
-  Sink,       // swallows everything (and counts it)
+  Sink,       // swallows everything (and counts it), acknowledging nothing
+  SwSink,     // runs the sliding-window engine, acknowledges and counts every payload, and
+              // sends nothing back: the far end of a one-way stream
   Source,     // while notifications are on, streams a known pattern (byte i is i mod 251)
               // through the sliding window: sourceBytes in all, or without end (0)
 };
 
-// "none", "sw-echo", "chunk-echo", "sink", "source"; nullopt for any other name.
+// "none", "sw-echo", "chunk-echo", "sink", "sw-sink", "source"; nullopt for any other name.
 QLT_EXPORT std::optional<SimBehaviour> behaviourFromName(const std::string& name);
 
 struct QLT_EXPORT SimCharacteristicConfig {

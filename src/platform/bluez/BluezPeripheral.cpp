@@ -91,6 +91,14 @@ size_t BluezPeripheral::maximumWriteValueLength(platform::WriteType type) const 
   return payload > 0 ? payload : 20;  // unknown: the smallest LE link
 }
 
+platform::LinkInfo BluezPeripheral::linkInfo() const {
+  platform::LinkInfo info;
+  if (state_.load() != platform::PeripheralState::Connected) return info;
+  info.attMtu = mtu_.load();
+  info.maxWriteLength = platform::attPayloadLength(info.attMtu);
+  return info;
+}
+
 std::vector<std::shared_ptr<platform::Characteristic>> BluezService::characteristics() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return characteristics_;

@@ -51,6 +51,9 @@ class BluezPeripheral final : public platform::Peripheral,
   void setNotifyValue(bool enabled,
                       const std::shared_ptr<platform::Characteristic>& characteristic) override;
   size_t maximumWriteValueLength(platform::WriteType type) const override;
+  // The ATT MTU as bluetoothd reports it (0 until it has); bluetoothd does not expose the
+  // connection interval, the PHY or the data length, so they stay unknown.
+  platform::LinkInfo linkInfo() const override;
   std::optional<std::string> bluetoothAddress() const override { return addressString(address_); }
 
   // ---- for the backend

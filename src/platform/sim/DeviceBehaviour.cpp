@@ -32,7 +32,8 @@ class ChunkEcho final : public DeviceBehaviour {
 
 // Runs the library's own sliding-window engine in the device's role: frames written by
 // the central go to its receive(); the frames it writes go out as notifications. Echoes
-// every payload back (sw-echo), or streams a pattern while notifications are on (source).
+// every payload back (sw-echo), streams a pattern while notifications are on (source), or
+// only acknowledges (sw-sink).
 // Everything runs on the device queue: the engine's rounds are paced as a transport's
 // (RoundPacer: a round only when there is work or a deadline), so a simulated link costs
 // no thread and an idle one no wake-up. Payloads are handled in tasks of their own, after the
@@ -42,8 +43,9 @@ class SlidingWindow final : public DeviceBehaviour,
                             public std::enable_shared_from_this<SlidingWindow> {
  public:
   SlidingWindow(bool echo, uint64_t sourceBytes, std::weak_ptr<SimLink> link,
-                std::shared_ptr<DispatchQueue> deviceQueue)
+                std::shared_ptr<DispatchQueue> deviceQueue, bool sink = false)
       : echo_(echo),
+        sink_(sink),
         sourceBytes_(sourceBytes),
         link_(std::move(link)),
         deviceQueue_(std::move(deviceQueue)) {}
@@ -76,7 +78,7 @@ class SlidingWindow final : public DeviceBehaviour,
   }
   void refill() {
     static constexpr uint64_t kSourceQueued = uint64_t{16} * 1024;
-    if (echo_ || !streaming_ || !engine_) return;
+    if (echo_ || sink_ || !streaming_ || !engine_) return;
     while (engine_->counters().bytesQueued < kSourceQueued &&
            (sourceBytes_ == 0 || produced_ < sourceBytes_)) {
       const uint64_t n =
@@ -115,6 +117,7 @@ class SlidingWindow final : public DeviceBehaviour,
 
  private:
   const bool echo_;
+  const bool sink_;  // neither echoes nor streams
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
@@ -136,6 +139,8 @@ std::shared_ptr<DeviceBehaviour> DeviceBehaviour::make(
       return std::make_shared<SlidingWindow>(true, 0, link, deviceQueue);
     case SimBehaviour::Source:
       return std::make_shared<SlidingWindow>(false, config.sourceBytes, link, deviceQueue);
+    case SimBehaviour::SwSink:
+      return std::make_shared<SlidingWindow>(false, 0, link, deviceQueue, true);
     case SimBehaviour::Sink:
     case SimBehaviour::None:
       break;

@@ -296,7 +296,7 @@ SimDeviceConfig device(const json& j, const std::string& path) {
     auto behaviour = behaviourFromName(name);
     if (!behaviour) {
       fail(join(path, "behaviour"),
-           "unknown behaviour \"" + name + "\" (sw-echo, chunk-echo, sink, source, none)");
+           "unknown behaviour \"" + name + "\" (sw-echo, chunk-echo, sink, sw-sink, source, none)");
     }
     d.behaviour = *behaviour;
   }

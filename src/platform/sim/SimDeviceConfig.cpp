@@ -16,6 +16,7 @@ constexpr BehaviourName kBehaviourNames[] = {
     {SimBehaviour::SwEcho, "sw-echo"},
     {SimBehaviour::ChunkEcho, "chunk-echo"},
     {SimBehaviour::Sink, "sink"},
+    {SimBehaviour::SwSink, "sw-sink"},
     {SimBehaviour::Source, "source"},
 };
 }  // namespace

@@ -71,6 +71,20 @@ size_t SimPeripheral::maximumWriteValueLength(platform::WriteType type) const {
   return platform::attPayloadLength(device ? device->config.mtu : size_t{23});
 }
 
+platform::LinkInfo SimPeripheral::linkInfo() const {
+  std::shared_ptr<SimLink> link;
+  {
+    std::lock_guard lock(mutex_);
+    link = link_;
+  }
+  platform::LinkInfo info;
+  if (!link) return info;
+  info.attMtu = static_cast<int>(link->config().mtu);
+  info.maxWriteLength = link->maxValueLength();
+  info.connectionIntervalMs = link->faults().connectionInterval * 1000.0;
+  return info;
+}
+
 // ---- Connection ----
 
 std::optional<std::string> SimPeripheral::bluetoothAddress() const {

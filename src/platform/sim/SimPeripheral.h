@@ -60,6 +60,9 @@ class SimPeripheral final : public platform::Peripheral,
   void setNotifyValue(bool enabled,
                       const std::shared_ptr<platform::Characteristic>& characteristic) override;
   size_t maximumWriteValueLength(platform::WriteType type) const override;
+  // The current link's MTU and connection interval (its faults' one-way delay); PHY and
+  // data length are not modelled. Nothing known while not connected.
+  platform::LinkInfo linkInfo() const override;
 
   // For the central.
   const std::weak_ptr<SimCentral>& central() const { return central_; }
