@@ -13,7 +13,8 @@ radio (quelt.sim) with faults of your choosing::
         print(link.read(timeout=5))
 
 quelt.aio has the same link for asyncio. Errors are exceptions derived from quelt.Error
-(NotFound, ConnectFailed, Unusable, LinkLost, NotConnected, Unavailable) carrying the
+(NotFound, ConnectFailed, Unusable, LinkLost, NotConnected, NoAdapter,
+Unavailable) carrying the
 library's messages.
 """
 
@@ -24,6 +25,7 @@ from ._quelt import (
     Device,
     Error,
     LinkLost,
+    NoAdapter,
     NotConnected,
     NotFound,
     State,
@@ -42,6 +44,6 @@ _sys.modules[__name__ + ".sim"] = sim
 from . import aio  # noqa: E402  (needs the names above)
 
 __all__ = [
-    "ConnectFailed", "Device", "Error", "LinkLost", "NotConnected", "NotFound", "State",
+    "ConnectFailed", "Device", "Error", "LinkLost", "NoAdapter", "NotConnected", "NotFound", "State",
     "UartLink", "Unavailable", "Unusable", "aio", "backends", "scan", "sim", "use_backend",
 ]

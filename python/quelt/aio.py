@@ -8,9 +8,10 @@
         async for chunk in link:      # until the link ends
             ...
 
-Waiting for data never holds the event loop: a read waits on the link's file descriptor
-(readable while received data or a change of state waits) with loop.add_reader, so any
-number of links share one loop and no thread is started per call.
+Waiting never holds the event loop and starts no thread per call: connect, read and send
+wait on the link's file descriptor (readable while received bytes, a change of state or
+room in the send buffer wait) with loop.add_reader, so any number of links share one loop.
+scan() runs on one shared worker thread; flush() looks every 20 ms.
 """
 
 import asyncio
@@ -26,7 +27,7 @@ _worker = None
 
 
 def _shared_worker():
-    """One thread for the calls that have no descriptor to wait on (connect, scan)."""
+    """The one thread for scan(), which has no descriptor to wait on."""
     global _worker
     with _worker_lock:
         if _worker is None:
@@ -45,49 +46,16 @@ async def scan(timeout=5.0, name=None, service=None):
 class UartLink:
     """An asyncio UartLink: ``async with``, ``await link.read()``, ``async for chunk in link``.
 
-    The arguments are those of quelt.UartLink. Callbacks (on_receive, on_state_change) are
-    those of the underlying quelt.UartLink, reachable as ``link.sync``.
+    The arguments are those of quelt.UartLink; the blocking link itself is ``link.sync``
+    (for on_receive, on_state_change, info and the rest).
     """
 
-    def __init__(self, device, timeout=5.0, sliding_window=True):
-        self.sync = _quelt.UartLink(device, timeout, sliding_window)
+    def __init__(self, device, timeout=5.0, sliding_window=True, **options):
+        self.sync = _quelt.UartLink(device, timeout, sliding_window, **options)
 
-    async def connect(self):
-        """Finds the device and connects; raises as quelt.UartLink.connect does."""
+    async def _readable(self, timeout=None):
+        """Waits until the link's descriptor is readable, or `timeout` seconds."""
         loop = asyncio.get_running_loop()
-        await loop.run_in_executor(_shared_worker(), self.sync.connect)
-
-    async def disconnect(self):
-        self.sync.disconnect()
-
-    close = disconnect
-
-    async def send(self, data):
-        """Queues bytes for the device (it does not wait for them to leave)."""
-        self.sync.send(data)
-
-    async def read(self, timeout=None):
-        """Waits up to `timeout` seconds (None: without end) for received bytes; b"" when
-        none came in time. Raises LinkLost once the link is lost and nothing is left."""
-        loop = asyncio.get_running_loop()
-        deadline = None if timeout is None else loop.time() + timeout
-        while True:
-            data = self.sync.read(0)
-            if data:
-                return data
-            left = None if deadline is None else deadline - loop.time()
-            if left is not None and left <= 0:
-                return b""
-            if hasattr(self.sync, "fileno"):
-                await self._wait_readable(loop, left)
-            else:
-                # No descriptor to wait on: short waits on the shared worker.
-                data = await loop.run_in_executor(
-                    _shared_worker(), self.sync.read, 0.05 if left is None else min(0.05, left))
-                if data:
-                    return data
-
-    async def _wait_readable(self, loop, timeout):
         fd = self.sync.fileno()
         ready = loop.create_future()
         loop.add_reader(fd, lambda: ready.done() or ready.set_result(None))
@@ -97,6 +65,60 @@ class UartLink:
             pass
         finally:
             loop.remove_reader(fd)
+
+    async def connect(self):
+        """Finds the device and connects; raises as quelt.UartLink.connect does."""
+        self.sync.start_connect()
+        try:
+            while self.sync.state == _quelt.State.CONNECTING:  # reading it clears the fd
+                await self._readable()
+        except BaseException:  # cancelled: the attempt ends with the task
+            self.sync.disconnect()
+            raise
+        self.sync.wait_until_connected()  # at once: returns, or raises why it failed
+
+    async def disconnect(self):
+        self.sync.disconnect()
+
+    close = disconnect
+
+    async def send(self, data):
+        """Hands every byte to the transport, waiting (on the descriptor) while the send
+        buffer is full or the link is reconnecting. Raises LinkLost or NotConnected."""
+        if isinstance(data, str):
+            data = data.encode()
+        view = memoryview(data).cast("B")
+        while view:
+            self.sync.state  # noqa: B018  (clears a change of state from the descriptor)
+            taken = self.sync.try_send(view)
+            view = view[taken:]
+            if view:
+                await self._readable()
+
+    async def flush(self, timeout=None):
+        """Waits until the device has acknowledged everything; False when `timeout` ran out."""
+        loop = asyncio.get_running_loop()
+        deadline = None if timeout is None else loop.time() + timeout
+        while not self.sync.flush(0):
+            if deadline is not None and loop.time() >= deadline:
+                return False
+            await asyncio.sleep(0.02)
+        return True
+
+    async def read(self, timeout=None):
+        """Waits up to `timeout` seconds (None: without end) for received bytes; b"" when
+        none came in time. Raises LinkLost once the link is lost and nothing is left."""
+        loop = asyncio.get_running_loop()
+        deadline = None if timeout is None else loop.time() + timeout
+        while True:
+            self.sync.state  # noqa: B018  (first: a later change makes the fd readable again)
+            data = self.sync.read(0)
+            if data:
+                return data
+            left = None if deadline is None else deadline - loop.time()
+            if left is not None and left <= 0:
+                return b""
+            await self._readable(left)
 
     @property
     def state(self):

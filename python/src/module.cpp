@@ -37,6 +37,11 @@ std::map<qlt::UartLink::Error::Reason, PyObject*> errorByReason;
 
 constexpr auto kSlice = 50ms;
 
+std::chrono::milliseconds toMilliseconds(double seconds) {
+  return std::chrono::ceil<std::chrono::milliseconds>(
+      std::chrono::duration<double>(std::max(0.0, seconds)));
+}
+
 std::chrono::steady_clock::time_point deadlineAfter(std::optional<double> seconds) {
   if (!seconds) return std::chrono::steady_clock::time_point::max();
   return std::chrono::steady_clock::now() +
@@ -163,11 +168,17 @@ std::set<Link*>* openLinks = new std::set<Link*>;  // guarded by linksMutex; nev
 
 class Link {
  public:
-  Link(std::string device, double timeout, bool slidingWindow) : device_(std::move(device)) {
+  Link(std::string device, double timeout, bool slidingWindow, bool reconnect, int reconnectTries,
+       size_t sendBuffer, std::string adapter)
+      : device_(std::move(device)) {
     qlt::UartLink::Options options;
-    options.timeout = std::chrono::ceil<std::chrono::milliseconds>(
-        std::chrono::duration<double>(std::max(0.0, timeout)));
+    options.timeout = toMilliseconds(timeout);
     options.slidingWindow = slidingWindow;
+    options.reconnect.enabled = reconnect;
+    options.reconnect.maxTries = reconnectTries;
+    if (sendBuffer == 0) throw py::value_error("send_buffer must be at least 1 byte");
+    options.sendBuffer = sendBuffer;
+    options.adapter = std::move(adapter);
     slidingWindow_ = slidingWindow;
     py::gil_scoped_release released;
     link_ = std::make_unique<qlt::UartLink>(options);
@@ -191,11 +202,17 @@ class Link {
     }
   }
 
+  void startConnect() {
+    py::gil_scoped_release released;
+    link_->startConnect(device_);
+  }
+  void waitUntilConnected() {
+    py::gil_scoped_release released;
+    link_->waitUntilConnected();
+  }
+
   void connect() {
-    {
-      py::gil_scoped_release released;
-      link_->startConnect(device_);
-    }
+    startConnect();
     try {
       // waitUntilConnected returns (or throws) at once when the attempt is over.
       while (link_->state() == qlt::UartLink::State::Connecting) {
@@ -219,10 +236,44 @@ class Link {
   }
   void disconnectWithoutGil() { link_->disconnect(); }
 
-  void send(const qlt::Data& bytes) {
-    py::gil_scoped_release released;
-    link_->send(bytes);
+  // Hands over every byte (timeout None) or what fits in time; returns the count.
+  size_t send(const qlt::Data& bytes, std::optional<double> timeout) {
+    const auto deadline = deadlineAfter(timeout);
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+      const qlt::Data rest = bytes.subdata(sent, bytes.size() - sent);
+      {
+        py::gil_scoped_release released;
+        sent += link_->send(rest, std::max(sliceUntil(deadline), 1ms));
+      }
+      if (sent == bytes.size()) break;
+      checkSignals();
+      if (std::chrono::steady_clock::now() >= deadline) break;
+    }
+    return sent;
   }
+
+  size_t trySend(const qlt::Data& bytes) {
+    py::gil_scoped_release released;
+    return link_->trySend(bytes);
+  }
+
+  bool flush(std::optional<double> timeout) {
+    const auto deadline = deadlineAfter(timeout);
+    for (;;) {
+      bool done = false;
+      {
+        py::gil_scoped_release released;
+        done = link_->flush(sliceUntil(deadline));
+      }
+      if (done) return true;
+      checkSignals();
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+    }
+  }
+
+  uint64_t unacknowledged() const { return link_->unacknowledged(); }
+  int fileno() const { return link_->fd(); }
 
   py::bytes read(std::optional<double> timeout) {
     const auto deadline = deadlineAfter(timeout);
@@ -274,6 +325,23 @@ class Link {
     out["state"] = qlt::toString(link_->state());
     out["transport"] = slidingWindow_ ? "window" : "chunker";
     out["last_error"] = link_->lastError();
+    out["unacknowledged"] = link_->unacknowledged();
+    const auto counters = link_->counters();
+    out["drops"] = counters.drops;
+    out["reconnects"] = counters.reconnects;
+    out["bytes_discarded"] = counters.bytesDiscarded;
+    if (link_->state() == qlt::UartLink::State::Connected) {
+      try {
+        const auto facts = link_->linkInfo();
+        out["att_mtu"] = facts.attMtu;
+        out["max_write_length"] = facts.maxWriteLength;
+        out["connection_interval_ms"] = facts.connectionIntervalMs;
+        out["phy"] = facts.phy;
+        out["data_length"] = facts.dataLength;
+      } catch (const qlt::UartLink::Error&) {
+        // dropped meanwhile: the state says so
+      }
+    }
     return out;
   }
 
@@ -347,6 +415,7 @@ PYBIND11_MODULE(_quelt, m) {
       {Reason::Unusable, "Unusable", "The device cannot carry the UART transport."},
       {Reason::LinkLost, "LinkLost", "The link dropped; data received before is read first."},
       {Reason::NotConnected, "NotConnected", "The link is not up (never connected, or closed)."},
+      {Reason::NoAdapter, "NoAdapter", "The Bluetooth adapter asked for is not there."},
   };
   for (const auto& e : errors) {
     PyObject* cls = PyErr_NewExceptionWithDoc((std::string("quelt.") + e.name).c_str(), e.doc,
@@ -372,6 +441,7 @@ PYBIND11_MODULE(_quelt, m) {
       .value("DISCONNECTED", qlt::UartLink::State::Disconnected)
       .value("CONNECTING", qlt::UartLink::State::Connecting)
       .value("CONNECTED", qlt::UartLink::State::Connected)
+      .value("RECONNECTING", qlt::UartLink::State::Reconnecting)
       .value("LOST", qlt::UartLink::State::Lost)
       .def("__str__", [](qlt::UartLink::State s) { return qlt::toString(s); });
 
@@ -423,19 +493,45 @@ Raises quelt.Unavailable when Bluetooth does not come up within the timeout.)");
 
 The device is a name, an identifier or a Bluetooth address. Nothing happens until
 connect() (or `with`). The sliding window gives ordered, acknowledged delivery; with
-sliding_window=False the plain 20-byte chunker that stock UART firmware speaks.
-Every blocking call releases the GIL, and Ctrl-C interrupts it.)")
-      .def(py::init<std::string, double, bool>(), py::arg("device"), py::arg("timeout") = 5.0,
-           py::arg("sliding_window") = true)
+sliding_window=False the plain 20-byte chunker that stock UART firmware speaks. With
+reconnect=True a dropped link comes back by itself (state RECONNECTING meanwhile; after
+reconnect_tries failed tries in a row, 0 for no limit, it is LOST). send_buffer bounds the
+bytes the transport holds; adapter names a BlueZ adapter ("hci1"). Every blocking call
+releases the GIL, and Ctrl-C interrupts it.)")
+      .def(py::init<std::string, double, bool, bool, int, size_t, std::string>(), py::arg("device"),
+           py::arg("timeout") = 5.0, py::arg("sliding_window") = true, py::arg("reconnect") = false,
+           py::arg("reconnect_tries") = 0, py::arg("send_buffer") = 64 * 1024,
+           py::arg("adapter") = "")
       .def("connect", &Link::connect,
            "Finds the device and connects (within the timeout). Raises NotFound, "
            "ConnectFailed or Unusable.")
       .def("disconnect", &Link::disconnect, "Ends the link; waiting calls return or raise.")
       .def("close", &Link::disconnect, "The same as disconnect().")
+      .def("start_connect", &Link::startConnect,
+           "Starts connecting and returns at once; state (and fileno()) follow the attempt.")
+      .def("wait_until_connected", &Link::waitUntilConnected,
+           "Returns once connected; raises as connect() does when the attempt failed.")
       .def(
-          "send", [](Link& l, const py::object& value) { l.send(quelt::toData(value)); },
-          py::arg("data"),
-          "Queues bytes (or a str, as UTF-8) for the device. Raises LinkLost or NotConnected.")
+          "send",
+          [](Link& l, const py::object& value, std::optional<double> timeout) {
+            return l.send(quelt::toData(value), timeout);
+          },
+          py::arg("data"), py::arg("timeout") = py::none(),
+          R"(Hands bytes (or a str, as UTF-8) to the transport, waiting while the send buffer is
+full: all of them (timeout None) or what fits within `timeout` seconds. Returns the count.
+Raises LinkLost or NotConnected; while reconnecting it waits for the link.)")
+      .def(
+          "try_send",
+          [](Link& l, const py::object& value) { return l.trySend(quelt::toData(value)); },
+          py::arg("data"), "Takes what fits in the send buffer now; returns the count.")
+      .def("flush", &Link::flush, py::arg("timeout") = py::none(),
+           "Waits until the device has acknowledged every byte (chunker: written); False when "
+           "`timeout` ran out. Raises LinkLost when the link drops with bytes outstanding.")
+      .def_property_readonly("unacknowledged", &Link::unacknowledged,
+                             "Bytes the transport still holds (queued or not acknowledged).")
+      .def("fileno", &Link::fileno,
+           "A descriptor readable while received bytes, a change of state or room after a "
+           "short try_send wait; state, read(0) and try_send clear it. Never read or close it.")
       .def("read", &Link::read, py::arg("timeout") = py::none(),
            R"(Waits up to `timeout` seconds (None: without end) for received bytes and returns
 all that have arrived, or b"" when none came in time. Raises LinkLost once the link is
@@ -449,7 +545,10 @@ lost and nothing received is left.)")
       .def_property_readonly("last_error", &Link::lastError,
                              "Why the last attempt failed or the link was lost; '' if nothing.")
       .def_property_readonly("device", &Link::device, "The device as given.")
-      .def_property_readonly("info", &Link::info, "What the link knows about itself (a dict).")
+      .def_property_readonly(
+          "info", &Link::info,
+          "What the link knows: state, transport, counters (drops, reconnects, bytes "
+          "discarded) and, while connected, the link's facts (ATT MTU, largest write, ...).")
       .def("__enter__",
            [](Link& l) -> Link& {
              if (l.state() != qlt::UartLink::State::Connected) l.connect();

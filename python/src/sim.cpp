@@ -52,7 +52,7 @@ SimDeviceConfig makeDevice(const std::optional<std::string>& name,
   const auto b = qlt::sim::behaviourFromName(behaviour);
   if (!b) {
     throw py::value_error("no behaviour '" + behaviour +
-                          "' (none, sw-echo, chunk-echo, sink, source)");
+                          "' (none, sw-echo, chunk-echo, sink, sw-sink, source)");
   }
   d.behaviour = *b;
   d.rssi = rssi;

@@ -8,16 +8,18 @@ import quelt
 
 def test_two_links_at_once_on_one_loop(device):
     a, b = device(), device()
-    payloads = {a.name: os.urandom(2000), b.name: os.urandom(2000)}
+    payloads = {a.name: os.urandom(3000), b.name: os.urandom(3000)}
 
     async def echo(name):
-        async with quelt.aio.UartLink(name) as link:
+        # A send buffer smaller than the payload: send() waits on the descriptor for room.
+        async with quelt.aio.UartLink(name, send_buffer=512) as link:
             await link.send(payloads[name])
             got = b""
             async for chunk in link:
                 got += chunk
                 if len(got) >= len(payloads[name]):
                     break
+            assert await link.flush(timeout=10)
             return name, got
 
     async def both():

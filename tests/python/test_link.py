@@ -103,4 +103,37 @@ def test_sim_faults_are_survived_by_the_window(device, radio):
     with quelt.UartLink(d.name) as link:
         link.send(payload)
         assert read_exactly(link, len(payload), timeout=20) == payload
-    assert radio.stats(d.identifier)["writes_lost"] > 0
+    stats = radio.stats(d.identifier)
+    assert stats["writes_lost"] + stats["notifications_lost"] > 0, stats
+
+
+def test_bounded_send_and_flush(device):
+    d = device(behaviour="sw-sink", faults=quelt.sim.Faults(connection_interval=0.01))
+    with quelt.UartLink(d.name, send_buffer=1000) as link:
+        assert link.send(b"x" * 5000, timeout=0) == 1000  # what fits, without waiting
+        assert link.try_send(b"y") == 0
+        assert link.unacknowledged == 1000
+        assert link.flush(timeout=10)
+        assert link.unacknowledged == 0
+        assert link.send(b"z" * 3000) == 3000  # waits for room as the device acknowledges
+        assert link.info["att_mtu"] > 23
+
+
+def test_reconnect_brings_a_dropped_link_back(device, radio):
+    d = device()
+    states = []
+    back = threading.Event()
+
+    def on_state(state, error):
+        states.append(state)
+        if state == quelt.State.CONNECTED:
+            back.set()
+
+    with quelt.UartLink(d.name, reconnect=True) as link:
+        link.on_state_change(on_state)
+        radio.drop_link(d.identifier)
+        assert back.wait(10)
+        link.send(b"after the drop")
+        assert read_exactly(link, 14) == b"after the drop"
+        assert (link.info["drops"], link.info["reconnects"]) == (1, 1)
+    assert states[:2] == [quelt.State.RECONNECTING, quelt.State.CONNECTED]
