@@ -9,7 +9,8 @@
 # include/ nor src/ is. Every public header belongs to exactly one layer (checked by
 # qlt_check_layers), so a new header must be given a place.
 #
-# The layers' objects make up the one library users link, QueltLibrary (qlt_layer_objects).
+# The layers' objects make up the library users link, QueltLibrary (shared) and
+# QueltLibraryStatic (qlt_layer_objects).
 
 set(QLT_LAYER_SLICES ${CMAKE_BINARY_DIR}/layers)
 

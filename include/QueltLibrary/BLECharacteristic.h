@@ -21,12 +21,13 @@
 #include <string>
 
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
 
 namespace qlt {
 
-class BLECharacteristic : public std::enable_shared_from_this<BLECharacteristic> {
+class QLT_EXPORT BLECharacteristic : public std::enable_shared_from_this<BLECharacteristic> {
  public:
   // initWithCharacteristics:andName:
   static std::shared_ptr<BLECharacteristic> create(

@@ -14,12 +14,13 @@
 #include <vector>
 
 #include "QueltLibrary/BLECharacteristic.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
 
 namespace qlt {
 
-class BLEService : public std::enable_shared_from_this<BLEService> {
+class QLT_EXPORT BLEService : public std::enable_shared_from_this<BLEService> {
  public:
   // initWithName:andService:
   static std::shared_ptr<BLEService> create(std::string name,

@@ -28,6 +28,7 @@
 
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/QLT_Object.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/SlideWindowFace.h"
@@ -38,14 +39,14 @@ namespace qlt {
 class BLESlideWindow;
 
 // Who writes the slide window's frames to the peer.
-class BLESlideWindowSenderDelegate : public virtual Delegate {
+class QLT_EXPORT BLESlideWindowSenderDelegate : public virtual Delegate {
  public:
   virtual void slideWindow_requestWriteData(const std::shared_ptr<BLESlideWindow>& slideWindow,
                                             const Data& data) = 0;
 };
 
 // Who receives the slide window's payloads (on its own queue).
-class BLESlideWindowDelegate : public virtual Delegate {
+class QLT_EXPORT BLESlideWindowDelegate : public virtual Delegate {
  public:
   virtual void slideWindow_tcpDataReceived(const std::shared_ptr<BLESlideWindow>& slideWindow,
                                            const Data& data) = 0;
@@ -53,7 +54,9 @@ class BLESlideWindowDelegate : public virtual Delegate {
                                            const Data& data) = 0;
 };
 
-class BLESlideWindow : public QLT_Object, public ThreadBaseDelegate, public SlideWindowFace {
+class QLT_EXPORT BLESlideWindow : public QLT_Object,
+                                  public ThreadBaseDelegate,
+                                  public SlideWindowFace {
  public:
   static constexpr size_t kSegmentSize = 160;
   static constexpr double kPollTimeout = 1.0;

@@ -34,6 +34,7 @@
 #include <optional>
 
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/QLT_Object.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/ThreadBase.h"
@@ -44,7 +45,7 @@ class BaseTransport;
 class RoundPacer;
 
 // The operations every transport offers.
-class Transport {
+class QLT_EXPORT Transport {
  public:
   virtual ~Transport() = default;
   virtual void start() = 0;
@@ -62,14 +63,14 @@ class Transport {
 };
 
 // Who writes a transport's frames to the peer.
-class TransportSenderDelegate : public virtual Delegate {
+class QLT_EXPORT TransportSenderDelegate : public virtual Delegate {
  public:
   virtual void transport_requestWriteData(const std::shared_ptr<BaseTransport>& transport,
                                           const Data& data) = 0;
 };
 
 // Who receives a transport's payloads (through its multicast delegate, on its own queue).
-class TransportDelegate : public virtual Delegate {
+class QLT_EXPORT TransportDelegate : public virtual Delegate {
  public:
   virtual void transport_tcpDataReceived(const std::shared_ptr<BaseTransport>& transport,
                                          const Data& data) = 0;
@@ -77,7 +78,7 @@ class TransportDelegate : public virtual Delegate {
                                          const Data& data) = 0;
 };
 
-class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDelegate {
+class QLT_EXPORT BaseTransport : public QLT_Object, public Transport, public ThreadBaseDelegate {
  public:
   // Sees every frame written (outgoing) and every value received, on the thread doing it.
   using FrameTrace = std::function<void(bool outgoing, const Data& frame)>;

@@ -22,11 +22,13 @@
 #include <memory>
 #include <optional>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
 class DispatchQueue;
 
-class Clock {
+class QLT_EXPORT Clock {
  public:
   virtual ~Clock() = default;
   // Seconds since an arbitrary fixed origin.
@@ -42,7 +44,7 @@ class Clock {
                         std::function<void()> task) = 0;
 };
 
-class ManualClock final : public Clock {
+class QLT_EXPORT ManualClock final : public Clock {
  public:
   explicit ManualClock(double start = 0.0);
   // Tasks still waiting for their time are dropped unrun.

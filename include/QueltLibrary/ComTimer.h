@@ -14,11 +14,12 @@
 #include <memory>
 
 #include "QueltLibrary/Clock.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/QLT_Object.h"
 
 namespace qlt {
 
-class ComTimer : public QLT_Object {
+class QLT_EXPORT ComTimer : public QLT_Object {
  public:
   // A timer with the default time-out of 1.0 s.
   static std::shared_ptr<ComTimer> timer(std::shared_ptr<Clock> clock = Clock::monotonic());

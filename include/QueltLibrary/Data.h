@@ -14,9 +14,11 @@
 #include <string>
 #include <string_view>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
-class Data {
+class QLT_EXPORT Data {
  public:
   Data() = default;
   // Copies `length` bytes from `bytes` (which may be null only when `length` is 0).

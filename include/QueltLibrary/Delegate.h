@@ -12,9 +12,11 @@
 // std::shared_ptr.
 #pragma once
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
-class Delegate {
+class QLT_EXPORT Delegate {
  public:
   virtual ~Delegate() = default;
 };

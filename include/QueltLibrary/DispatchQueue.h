@@ -57,11 +57,13 @@
 #include <memory>
 #include <string>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
 class Clock;
 
-class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
+class QLT_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
   using Task = std::function<void()>;
 
@@ -114,7 +116,7 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
 // pool counts the worker as blocked and starts another at once if work is waiting; on any
 // other thread it does nothing. The library's own waits use it; code that waits for long
 // inside a task may too.
-class BlockingScope {
+class QLT_EXPORT BlockingScope {
  public:
   BlockingScope();
   ~BlockingScope();
@@ -123,7 +125,7 @@ class BlockingScope {
 };
 
 // How the main queue is served. See DispatchQueue.
-class MainQueue {
+class QLT_EXPORT MainQueue {
  public:
   // From now on the application serves the main queue with run(), runFor() or
   // runPending(); the library starts no thread for it. Call it before anything is put on

@@ -27,11 +27,12 @@
 
 #include "QueltLibrary/Delegate.h"
 #include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/Export.h"
 
 namespace qlt {
 
 // One delegate and its queue.
-class GCDMulticastDelegateNode {
+class QLT_EXPORT GCDMulticastDelegateNode {
  public:
   GCDMulticastDelegateNode(const std::shared_ptr<Delegate>& delegate,
                            std::shared_ptr<DispatchQueue> delegateQueue)
@@ -68,7 +69,7 @@ class GCDMulticastDelegateNode {
 using GCDMulticastDelegateNodes = std::vector<std::shared_ptr<GCDMulticastDelegateNode>>;
 
 // A walk over a snapshot of the node list. Made for one walk, by one thread.
-class GCDMulticastDelegateEnumerator {
+class QLT_EXPORT GCDMulticastDelegateEnumerator {
  public:
   explicit GCDMulticastDelegateEnumerator(GCDMulticastDelegateNodes nodes)
       : delegateNodes_(std::move(nodes)), numNodes_(delegateNodes_.size()) {}
@@ -130,7 +131,7 @@ class GCDMulticastDelegateEnumerator {
   size_t currentNodeIndex_ = 0;
 };
 
-class GCDMulticastDelegate {
+class QLT_EXPORT GCDMulticastDelegate {
  public:
   GCDMulticastDelegate() = default;
   ~GCDMulticastDelegate() { removeAllDelegates(); }

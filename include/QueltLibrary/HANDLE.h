@@ -26,10 +26,11 @@
 #include <vector>
 
 #include "QueltLibrary/ComTimer.h"
+#include "QueltLibrary/Export.h"
 
 namespace qlt {
 
-class HANDLE {
+class QLT_EXPORT HANDLE {
  public:
   static std::shared_ptr<HANDLE> createEvent(bool initialState, bool autoReset);
   static std::shared_ptr<HANDLE> createAutoEvent() { return createEvent(false, true); }

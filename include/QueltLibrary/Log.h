@@ -23,17 +23,19 @@
 #include <string_view>
 #include <type_traits>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
 using LogSink = std::function<void(std::string_view line)>;
 
 // Installs a sink for every later log line; returns the previous one (empty = default).
-LogSink setLogSink(LogSink sink);
+QLT_EXPORT LogSink setLogSink(LogSink sink);
 // Hands one finished line to the current sink.
-void logLine(std::string_view line);
+QLT_EXPORT void logLine(std::string_view line);
 // For programming errors: logs `message`, writes it to standard error too (the sink may
 // be gone or buffered), and aborts.
-[[noreturn]] void failLoudly(std::string_view message);
+[[noreturn]] QLT_EXPORT void failLoudly(std::string_view message);
 
 namespace detail {
 
@@ -43,7 +45,7 @@ concept HasDescription = requires(const T& t) {
 };
 
 // One formatted argument: either a number or a text.
-struct LogArg {
+struct QLT_EXPORT LogArg {
   enum class Kind { Signed, Unsigned, Float, Text } kind;
   long long s = 0;
   unsigned long long u = 0;
@@ -97,7 +99,7 @@ LogArg toLogArg(const T& v) {
   }
 }
 
-std::string formatLog(std::string_view format, const LogArg* args, size_t count);
+QLT_EXPORT std::string formatLog(std::string_view format, const LogArg* args, size_t count);
 
 }  // namespace detail
 

@@ -18,10 +18,11 @@
 
 #include "QueltLibrary/BLEService.h"
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/Export.h"
 
 namespace qlt {
 
-class NUSService : public BLEService {
+class QLT_EXPORT NUSService : public BLEService {
  public:
   // The largest value written at once, and the pause between two chunks.
   static constexpr size_t kMaxChunk = 161;

@@ -18,10 +18,11 @@
 #include <mutex>
 
 #include "QueltLibrary/BaseTransport.h"
+#include "QueltLibrary/Export.h"
 
 namespace qlt {
 
-class NUSTransport : public BaseTransport {
+class QLT_EXPORT NUSTransport : public BaseTransport {
  public:
   static constexpr size_t kChunkSize = 20;
   static constexpr size_t kChunksPerRound = 8;

@@ -34,6 +34,7 @@
 #include <optional>
 #include <string>
 
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/QLT_Object.h"
 #include "QueltLibrary/QLT_Peripheral.h"
 #include "QueltLibrary/platform/Platform.h"
@@ -50,12 +51,12 @@ enum QLT_BLEManagerState : int32_t {
 };
 
 // Application callbacks of the manager; a delegate inherits those it wants.
-class QLT_BLEManagerDidChangedState : public virtual Delegate {
+class QLT_EXPORT QLT_BLEManagerDidChangedState : public virtual Delegate {
  public:
   virtual void manager_didChangedState(const std::shared_ptr<QLT_BLEManager>& manager,
                                        int32_t state) = 0;
 };
-class QLT_BLEManagerDidDiscoveredPeripheral : public virtual Delegate {
+class QLT_EXPORT QLT_BLEManagerDidDiscoveredPeripheral : public virtual Delegate {
  public:
   // Sent for every accepted advertisement, repeatedly for the same peripheral (the same
   // wrapper while the application holds it), with its name, RSSI and advertisement
@@ -65,7 +66,7 @@ class QLT_BLEManagerDidDiscoveredPeripheral : public virtual Delegate {
       const std::shared_ptr<QLT_Peripheral>& peripheral) = 0;
 };
 
-class QLT_BLEManager : public QLT_Object, public platform::CentralDelegate {
+class QLT_EXPORT QLT_BLEManager : public QLT_Object, public platform::CentralDelegate {
  public:
   // Keeps (true) or drops (false) one advertisement; called on the central queue. The
   // advertisement data carries what the platform reports: name, manufacturer data by

@@ -41,6 +41,7 @@
 #include <string>
 #include <vector>
 
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/QLT_Object.h"
 #include "QueltLibrary/UUID.h"
 
@@ -48,7 +49,7 @@ namespace qlt {
 
 class QLT_Peripheral;
 
-class QLT_Database : public QLT_Object {
+class QLT_EXPORT QLT_Database : public QLT_Object {
  public:
   static constexpr const char* kStoreKey = "storedPeripheralIdentifiers";
 

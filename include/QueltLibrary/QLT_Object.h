@@ -19,11 +19,12 @@
 
 #include "QueltLibrary/Delegate.h"
 #include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/GCDMulticastDelegate.h"
 
 namespace qlt {
 
-class QLT_Object : public std::enable_shared_from_this<QLT_Object> {
+class QLT_EXPORT QLT_Object : public std::enable_shared_from_this<QLT_Object> {
  public:
   virtual ~QLT_Object();
   QLT_Object(const QLT_Object&) = delete;

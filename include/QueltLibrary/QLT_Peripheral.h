@@ -52,6 +52,7 @@
 #include "QueltLibrary/BLEService.h"
 #include "QueltLibrary/BaseTransport.h"
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/NUSService.h"
 #include "QueltLibrary/QLT_Object.h"
 #include "QueltLibrary/SlideWindowCounters.h"
@@ -86,28 +87,28 @@ enum class QLT_LinkProblem {
   LinkLost,       // the link dropped with an error (the platform's reason in the text)
 };
 
-class QLT_PeripheralDidChangeState : public virtual Delegate {
+class QLT_EXPORT QLT_PeripheralDidChangeState : public virtual Delegate {
  public:
   virtual void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& peripheral,
                                              int32_t state) = 0;
 };
-class QLT_PeripheralDidReceivedTCPData : public virtual Delegate {
+class QLT_EXPORT QLT_PeripheralDidReceivedTCPData : public virtual Delegate {
  public:
   // One "TCP" payload: one segment (at most 120 bytes) with the sliding window, one
   // notified value with the chunking transport. Payloads are not joined into messages.
   virtual void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>& peripheral,
                                                  const Data& data) = 0;
 };
-class QLT_PeripheralDidReceivedUDPData : public virtual Delegate {
+class QLT_EXPORT QLT_PeripheralDidReceivedUDPData : public virtual Delegate {
  public:
   virtual void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>& peripheral,
                                                  const Data& data) = 0;
 };
 
-class QLT_Peripheral : public QLT_Object,
-                       public platform::PeripheralDelegate,
-                       public TransportSenderDelegate,
-                       public TransportDelegate {
+class QLT_EXPORT QLT_Peripheral : public QLT_Object,
+                                  public platform::PeripheralDelegate,
+                                  public TransportSenderDelegate,
+                                  public TransportDelegate {
  public:
   using FrameTrace = BaseTransport::FrameTrace;
 

@@ -7,11 +7,12 @@
 // Thread safety: stateless; call from any thread.
 #pragma once
 
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/UUID.h"
 
 namespace qlt {
 
-class QLT_UUID {
+class QLT_EXPORT QLT_UUID {
  public:
   QLT_UUID() = delete;
   // 6E400001-B5A3-F393-E0A9-E50E24DCCA9E: the service, the only one asked for in discovery.

@@ -1,9 +1,11 @@
 // The library's exported version symbols.
 #pragma once
 
+#include "QueltLibrary/Export.h"
+
 extern "C" {
 // 1.0
-extern const double QueltLibraryVersionNumber;
+QLT_EXPORT extern const double QueltLibraryVersionNumber;
 // "@(#)PROGRAM:QueltLibrary  PROJECT:QueltLibrary-1\n", findable by what-string tools.
-extern const unsigned char QueltLibraryVersionString[];
+QLT_EXPORT extern const unsigned char QueltLibraryVersionString[];
 }

@@ -29,13 +29,14 @@
 
 #include "QueltLibrary/BaseTransport.h"
 #include "QueltLibrary/Clock.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/SlideWindowFace.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 
 namespace qlt {
 
-class SWTransport : public BaseTransport, public SlideWindowFace {
+class QLT_EXPORT SWTransport : public BaseTransport, public SlideWindowFace {
  public:
   static constexpr size_t kSegmentSize = kTcpSegmentSize;  // 120
   static constexpr double kPollTimeout = kTcpPollTimeout;  // 0.3 s

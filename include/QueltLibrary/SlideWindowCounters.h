@@ -6,9 +6,11 @@
 
 #include <cstdint>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
-struct SlideWindowCounters {
+struct QLT_EXPORT SlideWindowCounters {
   uint64_t framesSent = 0;          // every frame handed to the sender delegate
   uint64_t framesReceived = 0;      // every value fed to receive(), malformed ones included
   uint64_t segmentsSent = 0;        // "TCP" segment frames written, first sends and resends

@@ -27,6 +27,8 @@
 #include <span>
 #include <string>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
 inline constexpr uint8_t kSlideWindowModulus = 4;  // sequence numbers 0..3
@@ -47,7 +49,7 @@ enum class FrameKind : uint8_t {
   Malformed,     // empty, or shorter than its kind needs: ignored by readers
 };
 
-struct ParsedFrame {
+struct QLT_EXPORT ParsedFrame {
   FrameKind kind = FrameKind::Malformed;
   uint8_t header = 0;
   uint8_t sequence = 0;   // upper nibble of the header (0..15)
@@ -59,13 +61,14 @@ struct ParsedFrame {
 
 // Classifies `frame`, reading only inside it. Segments need at least one payload byte,
 // polls three bytes; any other kind needs only its header.
-ParsedFrame parseFrame(std::span<const uint8_t> frame);
+QLT_EXPORT ParsedFrame parseFrame(std::span<const uint8_t> frame);
 
 // Builders: each writes one frame into `out` and returns its length, or 0 (nothing
 // written) when `out` is too small for it. `sequence` is taken modulo 4.
-size_t buildSegment(std::span<uint8_t> out, uint8_t sequence, std::span<const uint8_t> payload);
-size_t buildDatagram(std::span<uint8_t> out, std::span<const uint8_t> payload);
-size_t buildPoll(std::span<uint8_t> out, uint8_t oldestUnacknowledged, uint8_t nextSend);
+QLT_EXPORT size_t buildSegment(std::span<uint8_t> out, uint8_t sequence,
+                               std::span<const uint8_t> payload);
+QLT_EXPORT size_t buildDatagram(std::span<uint8_t> out, std::span<const uint8_t> payload);
+QLT_EXPORT size_t buildPoll(std::span<uint8_t> out, uint8_t oldestUnacknowledged, uint8_t nextSend);
 inline constexpr uint8_t ackHeader(uint8_t receiveSequence) {
   return static_cast<uint8_t>(0x03 | ((receiveSequence & 3) << 4));
 }
@@ -97,6 +100,6 @@ inline constexpr uint8_t sequenceDistance(uint8_t from, uint8_t to) {
 // One decoded line for traces, e.g. "→ seg seq=1 120 B", "→ dgram 12 B", "← ack R=2",
 // "← rej R=1", "→ poll 0..3", "← ctl type=5 1 B", "← malformed 1 B". The arrow is → for
 // a frame written and ← for a value received.
-std::string describeFrame(std::span<const uint8_t> frame, bool outgoing);
+QLT_EXPORT std::string describeFrame(std::span<const uint8_t> frame, bool outgoing);
 
 }  // namespace qlt

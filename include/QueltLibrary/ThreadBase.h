@@ -19,13 +19,14 @@
 #include <mutex>
 #include <thread>
 
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/HANDLE.h"
 
 namespace qlt {
 
 class ThreadBase;
 
-class ThreadBaseDelegate {
+class QLT_EXPORT ThreadBaseDelegate {
  public:
   virtual ~ThreadBaseDelegate() = default;
   virtual void threadStarted(const std::shared_ptr<ThreadBase>& /*thread*/) {}
@@ -34,7 +35,7 @@ class ThreadBaseDelegate {
   virtual void threadStopped(const std::shared_ptr<ThreadBase>& /*thread*/) {}
 };
 
-class ThreadBase : public std::enable_shared_from_this<ThreadBase> {
+class QLT_EXPORT ThreadBase : public std::enable_shared_from_this<ThreadBase> {
  public:
   static std::shared_ptr<ThreadBase> create(std::shared_ptr<ThreadBaseDelegate> delegate = {});
   ~ThreadBase();

@@ -17,9 +17,11 @@
 #include <string>
 #include <string_view>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt {
 
-class UUID {
+class QLT_EXPORT UUID {
  public:
   using Bytes = std::array<uint8_t, 16>;
 

@@ -82,13 +82,14 @@
 #include <string_view>
 
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/platform/Platform.h"
 
 namespace qlt {
 
 class QLT_BLEManager;
 
-class UartLink {
+class QLT_EXPORT UartLink {
  public:
   enum class State { Disconnected, Connecting, Connected, Reconnecting, Lost };
 
@@ -208,6 +209,6 @@ class UartLink {
   std::shared_ptr<Impl> impl_;
 };
 
-const char* toString(UartLink::State state);
+QLT_EXPORT const char* toString(UartLink::State state);
 
 }  // namespace qlt

@@ -34,11 +34,11 @@ const char* toString(UartLink::State state) {
 }
 
 // The delegate of the manager and of the peripheral; every callback arrives on queue_.
-class UartLink::Impl : public QLT_BLEManagerDidChangedState,
-                       public QLT_BLEManagerDidDiscoveredPeripheral,
-                       public QLT_PeripheralDidChangeState,
-                       public QLT_PeripheralDidReceivedTCPData,
-                       public std::enable_shared_from_this<Impl> {
+class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
+                                  public QLT_BLEManagerDidDiscoveredPeripheral,
+                                  public QLT_PeripheralDidChangeState,
+                                  public QLT_PeripheralDidReceivedTCPData,
+                                  public std::enable_shared_from_this<Impl> {
  public:
   explicit Impl(Options options)
       : options_(std::move(options)),

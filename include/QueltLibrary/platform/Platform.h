@@ -28,6 +28,7 @@
 
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/UUID.h"
 
 namespace qlt::platform {
@@ -70,7 +71,7 @@ inline const char* toString(ErrorReason reason) {
 }
 
 // An error handed to a delegate call; the device model logs it and otherwise ignores it.
-struct Error {
+struct QLT_EXPORT Error {
   std::string domain;  // e.g. "org.bluez.Error.Failed" or "sim"
   std::string message;
   ErrorReason reason = ErrorReason::Other;
@@ -175,7 +176,7 @@ inline std::optional<std::string> canonicalAddress(std::string_view text) {
 }
 
 // What one advertisement (with its scan response) carried, as far as the stack reports it.
-struct AdvertisementData {
+struct QLT_EXPORT AdvertisementData {
   std::optional<std::string> localName;
   // Manufacturer-specific data by company identifier; the bytes follow the identifier.
   std::map<uint16_t, Data> manufacturerData;
@@ -202,7 +203,7 @@ struct AdvertisementData {
 // 0 for the two sizes, empty for the rest. The simulated radio knows all it models; BlueZ
 // reports the ATT MTU (GattCharacteristic1.MTU, or the MTU AcquireWrite returned) and
 // keeps the controller's interval, PHY and data length to itself.
-struct LinkInfo {
+struct QLT_EXPORT LinkInfo {
   int attMtu = 0;             // the ATT MTU of the link; 0: not known (yet)
   size_t maxWriteLength = 0;  // the largest value one write without response carries
   std::optional<double> connectionIntervalMs;
@@ -211,14 +212,14 @@ struct LinkInfo {
 };
 
 // One Bluetooth adapter of the machine, as a backend that has several lists it.
-struct AdapterInfo {
+struct QLT_EXPORT AdapterInfo {
   std::string name;     // "hci0"
   std::string address;  // canonical text, "" when not known
   bool powered = false;
   bool inUse = false;  // the one the central scans and connects with
 };
 
-class CentralDelegate {
+class QLT_EXPORT CentralDelegate {
  public:
   virtual ~CentralDelegate() = default;
   virtual void centralManagerDidUpdateState(Central& central) = 0;
@@ -235,7 +236,7 @@ class CentralDelegate {
       const std::optional<Error>& error) = 0;
 };
 
-class PeripheralDelegate {
+class QLT_EXPORT PeripheralDelegate {
  public:
   virtual ~PeripheralDelegate() = default;
   virtual void peripheral_didDiscoverServices(const std::shared_ptr<Peripheral>& /*peripheral*/,
@@ -272,7 +273,7 @@ class PeripheralDelegate {
       const std::shared_ptr<Peripheral>& /*peripheral*/, const std::optional<Error>& /*error*/) {}
 };
 
-class Characteristic {
+class QLT_EXPORT Characteristic {
  public:
   virtual ~Characteristic() = default;
   virtual UUID uuid() const = 0;
@@ -283,7 +284,7 @@ class Characteristic {
   virtual std::shared_ptr<Service> service() const = 0;
 };
 
-class Service {
+class QLT_EXPORT Service {
  public:
   virtual ~Service() = default;
   virtual UUID uuid() const = 0;
@@ -292,7 +293,7 @@ class Service {
   virtual std::shared_ptr<Peripheral> peripheral() const = 0;
 };
 
-class Peripheral {
+class QLT_EXPORT Peripheral {
  public:
   virtual ~Peripheral() = default;
   virtual UUID identifier() const = 0;
@@ -330,15 +331,15 @@ class Peripheral {
   std::string description() const { return identifier().UUIDString(); }
 };
 
-struct CentralOptions {
+struct QLT_EXPORT CentralOptions {
   bool showPowerAlert = false;
 };
 
-struct ScanOptions {
+struct QLT_EXPORT ScanOptions {
   bool allowDuplicates = false;
 };
 
-class Central {
+class QLT_EXPORT Central {
  public:
   virtual ~Central() = default;
   virtual CentralState state() const = 0;
@@ -371,7 +372,7 @@ class Central {
 };
 
 // A backend makes centrals.
-class Backend {
+class QLT_EXPORT Backend {
  public:
   virtual ~Backend() = default;
   virtual std::string name() const = 0;
@@ -386,11 +387,11 @@ class Backend {
 // QLT_PLATFORM ("sim" or "bluez"); else BlueZ when a bluetoothd with an adapter answers on
 // the system bus (asked once, within about a second), else the simulated radio. The choice
 // and its reason are logged.
-void setBackend(std::shared_ptr<Backend> backend);
+QLT_EXPORT void setBackend(std::shared_ptr<Backend> backend);
 // Selects a built-in backend by name; false (with a log line) for an unknown name.
-bool setBackendByName(const std::string& name);
-std::shared_ptr<Backend> currentBackend();
+QLT_EXPORT bool setBackendByName(const std::string& name);
+QLT_EXPORT std::shared_ptr<Backend> currentBackend();
 // The names of the built-in backends of this build.
-std::vector<std::string> availableBackends();
+QLT_EXPORT std::vector<std::string> availableBackends();
 
 }  // namespace qlt::platform

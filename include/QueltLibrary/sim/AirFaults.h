@@ -13,9 +13,11 @@
 #include <optional>
 #include <string>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt::sim {
 
-struct AirFaults {
+struct QLT_EXPORT AirFaults {
   // Seeds every random decision of the links (and the RSSI variation of advertisements).
   uint64_t seed = 1;
   // Probability (0..1) that a write without response is lost, as a phone's stack drops

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "QueltLibrary/Data.h"
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
 #include "QueltLibrary/sim/AirFaults.h"
@@ -37,15 +38,15 @@ enum class SimBehaviour {
 
 // "none", "sw-echo", "chunk-echo", "sink", "sw-sink", "source", "external"; nullopt for any
 // other name.
-std::optional<SimBehaviour> behaviourFromName(const std::string& name);
+QLT_EXPORT std::optional<SimBehaviour> behaviourFromName(const std::string& name);
 
-struct SimCharacteristicConfig {
+struct QLT_EXPORT SimCharacteristicConfig {
   UUID uuid;
   uint32_t properties = 0;    // platform::CharacteristicProperty bits
   std::optional<Data> value;  // what a read returns (empty when absent)
 };
 
-struct SimServiceConfig {
+struct QLT_EXPORT SimServiceConfig {
   UUID uuid;
   std::vector<SimCharacteristicConfig> characteristics;
 
@@ -56,7 +57,7 @@ struct SimServiceConfig {
   static SimServiceConfig heartRate();
 };
 
-struct SimDeviceConfig {
+struct QLT_EXPORT SimDeviceConfig {
   UUID identifier;
   std::optional<std::string> localName;  // advertised and the peripheral's name()
   // The Bluetooth address (canonical text, see platform::canonicalAddress); empty: one

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
 #include "QueltLibrary/sim/AirFaults.h"
@@ -29,7 +30,7 @@
 namespace qlt::sim {
 
 // What a device has seen and sent, counted since it was added.
-struct SimDeviceStats {
+struct QLT_EXPORT SimDeviceStats {
   uint64_t connections = 0;        // links established
   uint64_t writesReceived = 0;     // writes that reached the device
   uint64_t bytesReceived = 0;      // bytes of those writes (NUS tx)
@@ -42,7 +43,7 @@ struct SimDeviceStats {
   uint64_t payloadBytesSent = 0;      // sliding-window payload bytes the device queued
 };
 
-class SimRadio : public std::enable_shared_from_this<SimRadio> {
+class QLT_EXPORT SimRadio : public std::enable_shared_from_this<SimRadio> {
  public:
   // The process-wide radio, made on first use with the default devices.
   static const std::shared_ptr<SimRadio>& shared();

@@ -45,7 +45,7 @@ struct DeviceView {
   std::shared_ptr<DeviceCounters> counters;
 };
 
-struct SimRadio::Impl {
+struct QLT_HIDDEN SimRadio::Impl {
   struct DeviceRecord {
     SimDeviceConfig config;
     std::shared_ptr<DeviceCounters> counters = std::make_shared<DeviceCounters>();
