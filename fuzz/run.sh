@@ -9,7 +9,7 @@ seconds=${1:-60}
 build=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQLT_BUILD_FUZZERS=ON -DQLT_SANITIZE=address,undefined \
-  -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link \
+  -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link -DCMAKE_C_FLAGS=-fsanitize=fuzzer-no-link \
   -DQLT_BUILD_TESTS=OFF -DQLT_BUILD_BENCHMARKS=OFF -DQLT_BUILD_TOOLS=OFF -DQLT_WITH_BLUEZ=OFF >/dev/null
 cmake --build "$build" --target qlt_fuzz_slidewindow_raw qlt_fuzz_slidewindow_structured
 

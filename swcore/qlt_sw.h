@@ -1,0 +1,226 @@
+/* qlt_sw: the sliding-window protocol as a state machine, for both ends of a link.
+ *
+ * Portable C99. It does no I/O, takes no lock, reads no clock, starts no thread, allocates
+ * nothing and uses no floating point: the caller feeds it received frames, bytes to send
+ * and the time, and asks it for the frames to write. One implementation for both ends:
+ * the central and the device run the same rules, so there is no role to choose.
+ *
+ * Frames (one characteristic value each; no length field, no checksum):
+ *
+ *   header bit 0      1 = control frame, 0 = data frame
+ *   header bit 1      data frames: 1 = "UDP" datagram, 0 = "TCP" segment
+ *   header bits 1-3   control frames: 0 = status poll, 1 = acknowledgement, 2 = rejection,
+ *                     3-7 = not used yet (ignored, see qlt_sw_receive)
+ *   header bits 4-7   a sequence number (segments, acknowledgements, rejections)
+ *
+ *   segment          seq*16, then 1..S payload bytes
+ *   datagram         0x02, then 0..S-1 payload bytes
+ *   status poll      0x01, oldest unacknowledged seq, next send seq (3 bytes)
+ *   acknowledgement  0x03 | R*16: every segment before R arrived
+ *   rejection        0x05 | R*16: segment R is missing, go back to it
+ *
+ * Sequence numbers count modulo 4 and at most 3 segments are in flight (go-back-N).
+ *
+ * Use (a firmware's main loop, or a host driver on one serial queue):
+ *
+ *   static uint8_t slots[QLT_SW_STORAGE(120, 4)];
+ *   static qlt_sw sw;
+ *   qlt_sw_config cfg = { 120, 300000, 1000, slots, 4 };
+ *   qlt_sw_init(&sw, &cfg);
+ *   on a value notified/written by the peer:   qlt_sw_receive(&sw, v, n, now, &d);
+ *   to send bytes:                             accepted = qlt_sw_send(&sw, p, n);
+ *   then, and whenever qlt_sw_next_due says:   while ((n = qlt_sw_poll_frame(&sw, now,
+ *                                                  out, sizeof out)) > 0) write(out, n);
+ *
+ * Time: `now` is a uint32_t count of microseconds from any origin, supplied by the caller
+ * (a firmware with a millisecond tick passes ms * 1000). It wraps every 71.6 minutes, and
+ * may: every wait the core keeps (at most the poll time-out) is judged by the time elapsed
+ * since it began, now - start in unsigned arithmetic, so a wait begun long ago reads as
+ * over (the one exception, a link silent for a multiple of 71.6 minutes to within a poll
+ * time-out, costs at most one poll time-out). `now` must never go backwards.
+ *
+ * Memory: the qlt_sw struct (about 200 bytes) plus the caller's segment slots,
+ * QLT_SW_STORAGE(segment_size, slot_count) bytes; 3 slots of 120 bytes are 363 bytes.
+ * Threads: none. All calls on one qlt_sw must come from one thread (or one serial queue).
+ */
+#ifndef QLT_SW_H
+#define QLT_SW_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define QLT_SW_MODULUS 4u                          /* sequence numbers 0..3 */
+#define QLT_SW_WINDOW 3u                           /* segments in flight at most */
+#define QLT_SW_MAX_SEGMENT 160u                    /* the largest segment size */
+#define QLT_SW_FRAME_MAX (QLT_SW_MAX_SEGMENT + 1u) /* an out buffer this big always fits */
+#define QLT_SW_POLL_LENGTH 3u
+#define QLT_SW_IDLE 0xFFFFFFFFu /* qlt_sw_next_due: nothing is due */
+/* Unsolicited rejections a receiver sends for one gap, at most (poll answers aside). */
+#define QLT_SW_REJECTIONS_PER_GAP 2u
+/* Bytes of slot storage for `count` segments of `segment` bytes (a length byte each). */
+#define QLT_SW_STORAGE(segment, count) ((size_t)(count) * ((size_t)(segment) + 1u))
+
+typedef struct qlt_sw_config {
+  uint8_t segment_size;     /* payload bytes per segment, 1..160; datagrams must be shorter */
+  uint32_t poll_timeout_us; /* the longest wait for an answer before a status poll (> 0) */
+  uint32_t ack_delay_us;    /* how long an owed answer may wait to gather more (0: none) */
+  uint8_t* slots;           /* QLT_SW_STORAGE(segment_size, slot_count) bytes, caller's */
+  uint16_t slot_count;      /* segments the send queue holds (>= 1; 3 fill the window) */
+} qlt_sw_config;
+
+/* What the core has done so far. They only grow (bytes_queued aside) and never change
+ * what goes on the wire. */
+typedef struct qlt_sw_counters {
+  uint64_t frames_sent;         /* every frame handed out (poll_frame, datagram) */
+  uint64_t frames_received;     /* every value fed to qlt_sw_receive, malformed included */
+  uint64_t segments_sent;       /* segment frames, first sends and resends */
+  uint64_t segments_resent;     /* of those, segments that had been on the wire before */
+  uint64_t polls_sent;          /* status polls */
+  uint64_t acks_sent;           /* acknowledgements (owed ones and poll answers) */
+  uint64_t rejections_sent;     /* rejections (of unexpected segments, poll answers) */
+  uint64_t rejections_received; /* rejections read */
+  uint64_t rejections_honoured; /* of those, rejections that made the sender go back */
+  uint64_t acks_received;       /* acknowledgements read */
+  uint64_t malformed_ignored;   /* empty, short or unknown control frames */
+  uint64_t tcp_delivered;       /* "TCP" payloads delivered */
+  uint64_t udp_delivered;       /* "UDP" payloads delivered */
+  uint64_t bytes_queued;        /* payload bytes in the send queue now (sent or not) */
+} qlt_sw_counters;
+
+/* Things worth a trace line that no frame shows. */
+typedef enum qlt_sw_event {
+  QLT_SW_EV_RTT_SAMPLE,  /* a: the sample (us), b: the new retransmission time-out (us) */
+  QLT_SW_EV_REJECT_HELD, /* a rejection of a segment already sent again: a = its seq */
+  QLT_SW_EV_GAP_OPENED,  /* a: the sequence expected */
+  QLT_SW_EV_GAP_CLOSED   /* a: the sequence that filled it */
+} qlt_sw_event;
+typedef void (*qlt_sw_trace_fn)(void* context, qlt_sw_event event, uint32_t a, uint32_t b);
+
+/* The state. Defined here so that a firmware can allocate it statically; its fields are
+ * the core's own: read them only through the functions below. */
+typedef struct qlt_sw {
+  qlt_sw_config cfg;
+  qlt_sw_counters counters;
+  qlt_sw_trace_fn trace; /* optional (qlt_sw_set_trace) */
+  void* trace_context;
+
+  /* Send queue: a ring of slot_count slots; head is the oldest unacknowledged. */
+  uint32_t read_pos;  /* segments released since init (only grows, wraps); & 3 = its seq */
+  uint16_t head;      /* slot index of the oldest queued segment */
+  uint16_t queued;    /* segments in the queue, sent or not */
+  uint16_t unsent;    /* offset (from head) of the first segment never sent */
+  uint8_t ack_window; /* send sequence: the seq the next segment written carries */
+  uint8_t remote_ack; /* receive sequence: the seq of the next segment expected */
+
+  /* Round trip (RFC 6298, in integer microseconds). */
+  uint8_t have_sample;
+  uint8_t poll_backoff; /* unanswered polls in a row */
+  uint8_t poll_next;    /* a probe went out: its poll is owed now */
+  uint16_t timed;       /* offset of the segment being timed, or 0xFFFF */
+  uint32_t timed_at;
+  uint32_t srtt8;     /* smoothed round trip, us * 8 */
+  uint32_t rttvar4;   /* its variation, us * 4 */
+  uint32_t rto;       /* retransmission time-out, us */
+  uint32_t timer_at;  /* last (re)start of the retransmission timer */
+  uint32_t poll_wait; /* the timer's time-out now, us */
+  int32_t rewound;    /* offset of the segment last rewound to; -1: none or released */
+  uint32_t hold_at;   /* rejections at or beyond `rewound` are ignored for hold_for us */
+  uint32_t hold_for;  /* from hold_at */
+
+  /* Receiver: what is owed to the peer and the gap in what arrived. */
+  uint8_t owed;     /* bit 0: an acknowledgement; bit 1: a rejection for seq in bits 4-5 */
+  uint32_t owed_at; /* when the oldest owed answer became owed */
+  uint8_t gap_open;
+  uint8_t gap_seq;        /* the sequence expected when the gap opened */
+  uint8_t gap_rejections; /* unsolicited rejections owed for it */
+  uint8_t gap_timed;      /* only its first rejection: the round trip is a sample */
+  uint8_t gap_written;    /* a rejection for it has been written */
+  uint32_t rejected_at;   /* when the last rejection for it was written (or owed) */
+} qlt_sw;
+
+/* Sets up `sw` with `cfg` (copied; the slots stay the caller's). Returns 0, or -1 when the
+ * configuration is unusable (segment size 0 or over 160, no slots, a zero poll time-out). */
+int qlt_sw_init(qlt_sw* sw, const qlt_sw_config* cfg);
+
+/* Empties the send queue and resets the send sequence and what was owed to the peer; the
+ * receive sequence and the round-trip estimate stay. */
+void qlt_sw_reset_send(qlt_sw* sw);
+
+/* Queues up to `len` bytes as segments of at most segment_size bytes, each call starting
+ * a new segment (a message of 370 bytes is 120 + 120 + 120 + 10). Returns how many bytes
+ * it accepted: all of them, or as many whole segments (and a last partial one only when
+ * it ends the bytes) as there are free slots; 0 when full. */
+size_t qlt_sw_send(qlt_sw* sw, const uint8_t* bytes, size_t len);
+/* Bytes qlt_sw_send would accept now. */
+size_t qlt_sw_send_space(const qlt_sw* sw);
+
+/* Builds the datagram frame for `len` payload bytes into `out` and counts it as sent.
+ * Returns the frame's length (1 + len), or 0 when refused: len >= segment_size, or `out`
+ * shorter than the frame. Datagrams bypass the queue and the window. */
+size_t qlt_sw_datagram(qlt_sw* sw, const uint8_t* payload, size_t len, uint8_t* out, size_t cap);
+
+/* What a received frame delivered. */
+typedef enum qlt_sw_kind {
+  QLT_SW_NONE,   /* a control frame, a duplicate or out-of-order segment: nothing new */
+  QLT_SW_TCP,    /* a "TCP" payload, in order */
+  QLT_SW_UDP,    /* a datagram's payload (possibly empty) */
+  QLT_SW_IGNORED /* malformed, or a control type this version does not know */
+} qlt_sw_kind;
+typedef struct qlt_sw_delivery {
+  qlt_sw_kind kind;
+  const uint8_t* payload; /* points into the frame: valid as long as the caller's frame */
+  size_t len;
+} qlt_sw_delivery;
+
+/* Feeds one received value in. Acknowledgements and rejections inside the window act at
+ * once; answers owed to the peer are recorded and written by qlt_sw_poll_frame. Any
+ * `delivery` pointer may be NULL. Returns the delivery's kind. */
+qlt_sw_kind qlt_sw_receive(qlt_sw* sw, const uint8_t* frame, size_t len, uint32_t now,
+                           qlt_sw_delivery* delivery);
+
+/* What qlt_sw_poll_frame_of may write; qlt_sw_poll_frame writes all of them, in this
+ * order: segments the window lets go, the oldest segment again and a status poll when
+ * its answer is late, then owed acknowledgements and rejections. */
+#define QLT_SW_SEGMENTS 1u /* queued segments, as far as the window allows */
+#define QLT_SW_POLLS 2u    /* a late answer: the oldest segment again, then a poll */
+#define QLT_SW_ANSWERS 4u  /* owed acknowledgements and rejections */
+#define QLT_SW_ALL 7u
+
+/* Writes the next frame due at `now` into `out` and returns its length; 0 when nothing is
+ * due (or `cap` is below segment_size + 1; QLT_SW_FRAME_MAX always fits). Call it until it
+ * returns 0: one call, one frame. Owed answers are written whenever it is called, without
+ * waiting for ack_delay (the delay only sets qlt_sw_next_due). */
+size_t qlt_sw_poll_frame(qlt_sw* sw, uint32_t now, uint8_t* out, size_t cap);
+size_t qlt_sw_poll_frame_of(qlt_sw* sw, uint32_t now, unsigned kinds, uint8_t* out, size_t cap);
+
+/* Microseconds from `now` until qlt_sw_poll_frame has something to write if nothing else
+ * happens (0: now); QLT_SW_IDLE when nothing is due. */
+uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now);
+
+/* Releases `count` segments from the head of the queue, as an acknowledgement would. */
+void qlt_sw_release(qlt_sw* sw, uint32_t count, uint32_t now);
+
+/* Reading the state. */
+const qlt_sw_counters* qlt_sw_get_counters(const qlt_sw* sw);
+uint8_t qlt_sw_in_flight(const qlt_sw* sw);   /* segments on the wire, unacknowledged */
+uint16_t qlt_sw_queued(const qlt_sw* sw);     /* segments queued, sent or not */
+uint32_t qlt_sw_rto(const qlt_sw* sw);        /* us; the poll time-out until a sample */
+uint32_t qlt_sw_srtt(const qlt_sw* sw);       /* us; 0 until a first sample */
+uint32_t qlt_sw_read_pos(const qlt_sw* sw);   /* segments released since init */
+uint8_t qlt_sw_send_seq(const qlt_sw* sw);    /* seq of the next segment written */
+uint8_t qlt_sw_receive_seq(const qlt_sw* sw); /* seq of the next segment expected */
+/* What is owed to the peer: bit 0 an acknowledgement, bit 1 a rejection for the sequence
+ * in bits 4-5. Setting it (tests, tools) owes exactly that from `now`. */
+uint8_t qlt_sw_owed(const qlt_sw* sw);
+void qlt_sw_set_owed(qlt_sw* sw, uint8_t bits, uint32_t now);
+void qlt_sw_set_trace(qlt_sw* sw, qlt_sw_trace_fn fn, void* context);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QLT_SW_H */
