@@ -12,6 +12,13 @@
 #   7. mutant: a rejection for every          the bound on rejections per gap fails
 #      out-of-order segment (the older rule)
 #
+# Then the wide window, negotiated (widewindow.pml):
+#   8. safety and progress of the negotiation with data both ways, a classic device,
+#      a classic central, a declining device, a device that restarts (also as a
+#      classic one), the extended window alone with two losses and a slow reader
+#   9. mutants: a two-way handshake, no drain before switching, a sequence space
+#      smaller than twice the window, a device that answers unasked
+#
 # Exit status 0 means every check reached its expected verdict.
 # Set KEEP_TMP=1 to keep the work directory (pan sources and trails).
 set -euo pipefail
@@ -29,7 +36,7 @@ if [[ "${KEEP_TMP:-0}" == 1 ]]; then
 else
     trap 'rm -rf "$work"' EXIT
 fi
-cp "$here/$model" "$work/"
+cp "$here/$model" "$here/widewindow.pml" "$work/"
 cd "$work"
 
 # pan memory limit in MB; the largest check stores about 8 million states.
@@ -45,7 +52,7 @@ run_check() {
     local dir="check$((++count))"
     mkdir "$dir"
     cp "$model" "$dir/"
-    local cflags=(-O2 "-DMEMLIM=$memlim") runflags=(-m2000000)
+    local cflags=(-O2 "-DMEMLIM=$memlim" ${extra_cflags:-}) runflags=(-m2000000)
     if [[ $mode == safety ]]; then
         cflags+=(-DSAFETY)
     else
@@ -120,6 +127,41 @@ run_check "engine race: rejection rewinds ackWindow during a transfer round" \
     "$delivery" safety -DWINDOW=3 -DNSEG=6 -DLOSS=1 -DDUPS=0 -DUNLOCKED_REWIND
 run_check "mutant: a rejection for every out-of-order segment" \
     'assertion violated .*gapSent' safety -DWINDOW=3 -DNSEG=5 -DLOSS=1 -DDUPS=1 -DLITERAL_REJECT
+
+# The wide window: larger state vectors, so pan stores them compressed.
+model=widewindow.pml
+extra_cflags=-DCOLLAPSE
+nego_any='assertion violated'
+run_check "wide: negotiation, 2 segments from the central (1 loss, 1 duplicate)" \
+    pass safety -DNSEG0=2 -DSPURIOUS=0
+run_check "wide: negotiation, 1 segment each way (1 loss, 1 duplicate)" \
+    pass safety -DNSEG0=1 -DNSEG1=1 -DSPURIOUS=0
+run_check "wide: progress, negotiation, 1 segment each way (1 loss)" \
+    pass progress -DNSEG0=1 -DNSEG1=1 -DSPURIOUS=0 -DDUPS=0
+run_check "wide: a classic device" \
+    pass safety -DNSEG0=2 -DCLASSIC_DEVICE
+run_check "wide: a classic central" \
+    pass safety -DNSEG0=0 -DNSEG1=2 -DCLASSIC_CENTRAL
+run_check "wide: a device that declines" \
+    pass safety -DNSEG0=1 -DNSEG1=1 -DDEV_DECLINES -DSPURIOUS=0
+run_check "wide: the device restarts" \
+    pass safety -DNSEG0=1 -DNSEG1=1 -DRESTARTS=1 -DSPURIOUS=0 -DDUPS=0
+run_check "wide: the device restarts as a classic one" \
+    pass safety -DNSEG0=1 -DNSEG1=1 -DRESTARTS=1 -DRESTART_CLASSIC -DSPURIOUS=0 -DDUPS=0
+run_check "wide: extended window, 4 segments, 2 losses, 1 duplicate, 1 spurious resend" \
+    pass safety -DSTART_EXTENDED -DNSEG0=4 -DLOSS=2
+run_check "wide: extended window, a slow reader (flow control)" \
+    pass safety -DSTART_EXTENDED -DNSEG0=4 -DSLOW_READER
+run_check "wide: progress, extended window, 3 segments, 3 slots" \
+    pass progress -DSTART_EXTENDED -DNSEG0=3 -DRSLOTS=3 -DXMOD=6
+run_check "wide mutant: the device switches on answering (no CONFIRM)" \
+    'assertion violated .*neg\[0\]==1' safety -DNSEG0=1 -DNSEG1=1 -DTWO_WAY -DSPURIOUS=0
+run_check "wide mutant: extended segments before the classic ones are acknowledged" \
+    "$nego_any" safety -DNSEG0=2 -DNO_DRAIN -DSPURIOUS=0
+run_check "wide mutant: sequence space 3 for a window of 2" \
+    'assertion violated .*heldK' safety -DSTART_EXTENDED -DNSEG0=4 -DXMOD=3
+run_check "wide mutant: a device that answers unasked, to a classic central" \
+    'assertion violated .*k==5' safety -DNSEG0=0 -DNSEG1=1 -DCLASSIC_CENTRAL -DANNOUNCE
 
 if ((failures > 0)); then
     echo "check.sh: $failures check(s) did not reach the expected verdict"
