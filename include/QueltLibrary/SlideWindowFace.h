@@ -11,13 +11,14 @@
 #include <cstdint>
 #include <memory>
 
+#include "QueltLibrary/Export.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 
 namespace qlt {
 
 class SlideWindowDriver;
 
-class SlideWindowFace {
+class QLT_EXPORT SlideWindowFace {
  public:
   // Empties the send queue and resets the send sequence (the receive sequence stays).
   void initState();

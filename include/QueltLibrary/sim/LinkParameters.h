@@ -27,15 +27,17 @@
 #include <string>
 #include <vector>
 
+#include "QueltLibrary/Export.h"
+
 namespace qlt::sim {
 
 enum class Phy { LE1M, LE2M };
 
 // "1M" / "2M"; nullopt for any other text.
-std::optional<Phy> phyFromName(const std::string& name);
-const char* phyName(Phy phy);
+QLT_EXPORT std::optional<Phy> phyFromName(const std::string& name);
+QLT_EXPORT const char* phyName(Phy phy);
 
-struct LinkParameters {
+struct QLT_EXPORT LinkParameters {
   // Connection interval in ms: 0 (the instant link) or 7.5 to 4000.
   double intervalMs = 0;
   Phy phy = Phy::LE1M;
@@ -66,7 +68,7 @@ struct LinkParameters {
 };
 
 // "7.5", "0.1", "4000": a number as short as it reads (printf's %g).
-std::string shortNumber(double value);
+QLT_EXPORT std::string shortNumber(double value);
 
 // A named combination that real hardware has (docs/simulated-radio.md lists them).
 struct LinkProfile {
@@ -74,8 +76,8 @@ struct LinkProfile {
   const char* summary;
   LinkParameters parameters;
 };
-const std::vector<LinkProfile>& linkProfiles();
-const LinkProfile* findLinkProfile(const std::string& name);
+QLT_EXPORT const std::vector<LinkProfile>& linkProfiles();
+QLT_EXPORT const LinkProfile* findLinkProfile(const std::string& name);
 // The profile qlt demo and qlt bench use unless told otherwise.
 inline constexpr const char* kDefaultLinkProfile = "phone";
 
@@ -87,7 +89,7 @@ inline constexpr size_t kPduOverheadBytes = 9;  // access address 4 + header 2 +
 inline constexpr size_t kMicBytes = 4;
 
 // Air time of one data PDU with `payload` link-layer payload bytes (0: an empty PDU).
-double pduAirSeconds(Phy phy, size_t payload, bool encrypted = false);
+QLT_EXPORT double pduAirSeconds(Phy phy, size_t payload, bool encrypted = false);
 // Bytes on the link layer for one ATT value (L2CAP SDU): value + 3 + 4.
 inline size_t sduBytes(size_t valueLength) {
   return valueLength + kAttHeaderBytes + kL2capHeaderBytes;
@@ -96,7 +98,7 @@ inline size_t sduBytes(size_t valueLength) {
 // The shortest time a value of `valueLength` bytes takes to cross a link whose event is
 // under way: a pair for each PDU but the last (PDU, T_IFS, the empty answer, T_IFS), then
 // the last PDU. 0 for the instant link.
-double valueAirSeconds(const LinkParameters& link, size_t valueLength);
+QLT_EXPORT double valueAirSeconds(const LinkParameters& link, size_t valueLength);
 
 // Which way the application's data goes.
 enum class LinkTraffic {
@@ -122,7 +124,7 @@ enum class LinkTraffic {
 //   limit(bytes) = bytes / max(bytes / limit − interval, one value's air time)
 //
 // 0 for the instant link (no limit) or a value that does not fit the MTU.
-double physicalLimitBps(const LinkParameters& link, size_t valueLength, size_t payloadLength,
-                        LinkTraffic traffic, uint64_t bytes = 0);
+QLT_EXPORT double physicalLimitBps(const LinkParameters& link, size_t valueLength,
+                                   size_t payloadLength, LinkTraffic traffic, uint64_t bytes = 0);
 
 }  // namespace qlt::sim
