@@ -237,6 +237,8 @@ void ThreadPool::work(const std::shared_ptr<Worker>& worker) {
       retired_.push_back(std::move(self.thread));
       workers_.erase(std::find_if(workers_.begin(), workers_.end(),
                                   [&](const auto& w) { return w.get() == &self; }));
+      // The idle worker on top joins our thread (it stays asleep otherwise, on the stack).
+      if (!idle_.empty() && idle_.back()->sleeping) idle_.back()->wake.notify_one();
       return;
     }
   }
@@ -260,9 +262,19 @@ bool ThreadPool::waitForWork(const std::shared_ptr<Worker>& worker,
   }
   while (!self.woken) {
     self.sleeping = true;
-    const bool woken = self.wake.wait_for(lock, kRetireAfter, [&] { return self.woken; });
+    const bool woken =
+        self.wake.wait_for(lock, kRetireAfter, [&] { return self.woken || !retired_.empty(); });
     self.sleeping = false;
-    if (woken) break;
+    if (self.woken) break;
+    if (woken) {
+      // A worker retired and woke us to join its thread.
+      auto finished = std::move(retired_);
+      retired_.clear();
+      lock.unlock();
+      for (auto& t : finished) t.join();
+      lock.lock();
+      continue;
+    }
     if (threads_ > kReserve) {
       unidleLocked(&self);
       return false;
