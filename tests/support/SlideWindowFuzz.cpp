@@ -10,6 +10,7 @@
 #include "QueltLibrary/SWTransport.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "swcore/qlt_sw.h"
+#include "swcore/qlt_sw_wide.h"
 
 namespace qlt::fuzz {
 
@@ -56,7 +57,21 @@ class Rig final {
     QLT_FUZZ_CHECK(accepted <= n);
     queuedEver_ += (accepted + SWTransport::kSegmentSize - 1) / SWTransport::kSegmentSize;
   }
+  // A wide window OFFER or ANSWER reads back as written; a peer's sizes never exceed ours.
+  static void checkWideTerms(const uint8_t* bytes, size_t n) {
+    qlt_sw_wide_terms t{};
+    std::array<uint8_t, QLT_SW_WIDE_TERMS_LENGTH> again{};
+    const qlt_sw_wide_read_result r = qlt_sw_wide_read(bytes, n, &t);
+    if (r != QLT_SW_WIDE_READ_OFFER && r != QLT_SW_WIDE_READ_ANSWER) return;
+    QLT_FUZZ_CHECK(qlt_sw_wide_write_terms(bytes[0], &t, again.data(), again.size()) == 19);
+    for (size_t i = 0; i < again.size(); ++i)
+      QLT_FUZZ_CHECK(again[i] == (i == 2 ? (bytes[i] & QLT_SW_WIDE_FLAG_RESUME) : bytes[i]));
+    uint16_t seg = 0, win = 0;
+    if (qlt_sw_wide_fit(&t, 244, 64, &seg, &win) != QLT_SW_WIDE_ABSURD)
+      QLT_FUZZ_CHECK(seg >= QLT_SW_WIDE_MIN_SEGMENT && seg <= 244 && win >= 1 && win <= 64);
+  }
   void receive(const uint8_t* bytes, size_t n) {
+    checkWideTerms(bytes, n);
     const ParsedFrame p = parseFrame({bytes, n});
     const size_t queuedBefore = qlt_sw_queued(&core_);
     qlt_sw_delivery d{};
