@@ -146,3 +146,26 @@ def test_reconnect_brings_a_dropped_link_back(device, radio):
         assert read_exactly(link, 14) == b"after the drop"
         assert (link.info["drops"], link.info["reconnects"]) == (1, 1)
     assert states[:2] == [quelt.State.RECONNECTING, quelt.State.CONNECTED]
+
+
+def test_a_radio_from_a_json_file_and_its_power_switch(radio, tmp_path):
+    saved, faults = radio.devices, radio.faults
+    config = tmp_path / "radio.json"
+    config.write_text('{"powered": true, "faults": {"seed": 3}, "devices": [{"identifier": '
+                      '"51D0E001-0000-4000-8000-0000000000AA", "name": "From-Json", '
+                      '"behaviour": "chunk-echo"}]}')
+    try:
+        radio.load_config(str(config))
+        assert [d.name for d in radio.devices] == ["From-Json"]
+        with quelt.UartLink("From-Json", sliding_window=False) as link:
+            link.send(b"json")
+            assert read_exactly(link, 4) == b"json"
+        radio.powered = False
+        with pytest.raises(quelt.Unavailable):
+            quelt.scan(timeout=0.3)
+    finally:
+        radio.powered = True
+        radio.remove_all_devices()
+        for d in saved:
+            radio.add_device(d)
+        radio.faults = faults
