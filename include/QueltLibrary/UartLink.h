@@ -126,7 +126,7 @@ class QLT_EXPORT UartLink {
     // Off by default: a dropped link is lost.
     ReconnectPolicy reconnect;
     // The most bytes the transport holds at once (at least 1).
-    size_t sendBuffer = 64 * 1024;
+    size_t sendBuffer = size_t{64} * 1024;
     // BlueZ: the adapter by name ("hci1") or address; "": QLT_ADAPTER, else the first powered.
     std::string adapter;
   };

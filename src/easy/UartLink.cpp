@@ -1,14 +1,10 @@
 #include "QueltLibrary/UartLink.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <iterator>
 #include <mutex>
 #include <vector>
 
@@ -17,80 +13,24 @@
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/QLT_BLEManager.h"
 #include "QueltLibrary/QLT_Peripheral.h"
+#include "easy/LinkWaits.h"
 
 namespace qlt {
 
 namespace {
 
-using SteadyClock = std::chrono::steady_clock;
 using Reason = UartLink::Error::Reason;
 using State = UartLink::State;
-constexpr auto kForever = SteadyClock::time_point::max();
 // Set while this thread hands bytes to a transport with a link's lock held.
 thread_local bool insideSend = false;
-
-SteadyClock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
-  return SteadyClock::now() + std::max(timeout, std::chrono::milliseconds(0));
-}
-
-// Waits on `cv` until `done` or `deadline` (kForever: no deadline); returns done().
-template <class Predicate>
-bool waitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
-               SteadyClock::time_point deadline, Predicate done) {
-  if (deadline == kForever) {
-    cv.wait(lock, done);
-    return true;
-  }
-  return cv.wait_until(lock, deadline, done);
-}
-
-// The eventfd behind UartLink::fd(), kept readable exactly while `set(true)` holds.
-class LevelFd {
- public:
-  LevelFd() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    if (fd_ < 0) throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
-  }
-  ~LevelFd() { ::close(fd_); }
-  LevelFd(const LevelFd&) = delete;
-  LevelFd& operator=(const LevelFd&) = delete;
-  int fd() const { return fd_; }
-  void set(bool readable) {
-    if (readable == readable_) return;
-    uint64_t value = 1;
-    // A counter far from overflow cannot refuse the write, and a readable one gives its
-    // value back; either way the level follows readable_.
-    const ssize_t n =
-        readable ? ::write(fd_, &value, sizeof value) : ::read(fd_, &value, sizeof value);
-    if (n == sizeof value) readable_ = readable;
-  }
-
- private:
-  const int fd_;
-  bool readable_ = false;
-};
-
-std::string inSeconds(std::chrono::milliseconds d) {
-  char text[32];
-  std::snprintf(text, sizeof text, d.count() % 1000 ? "%.1f s" : "%.0f s", d.count() / 1000.0);
-  return text;
-}
 
 }  // namespace
 
 const char* toString(UartLink::State state) {
-  switch (state) {
-    case UartLink::State::Disconnected:
-      return "disconnected";
-    case UartLink::State::Connecting:
-      return "connecting";
-    case UartLink::State::Connected:
-      return "connected";
-    case UartLink::State::Reconnecting:
-      return "reconnecting";
-    case UartLink::State::Lost:
-      return "lost";
-  }
-  return "invalid";
+  static constexpr const char* kNames[] = {"disconnected", "connecting", "connected",
+                                           "reconnecting", "lost"};
+  const auto i = static_cast<size_t>(state);
+  return i < std::size(kNames) ? kNames[i] : "invalid";
 }
 
 // The delegate of the manager and of the peripheral; every callback arrives on queue_.
@@ -140,6 +80,7 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     auto central = manager_->centralManager();
     std::string wanted = options_.adapter;
     if (wanted.empty()) {
+      // NOLINTNEXTLINE(concurrency-mt-unsafe): the library reads the environment, never changes it
       const char* env = std::getenv("QLT_ADAPTER");
       if (!env || !*env || !central || central->adapters().empty()) return;
       wanted = env;
@@ -542,15 +483,12 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
 
   // On queue_: one try to reconnect: search, connect, as connect() does.
   void tryAgain(uint64_t attempt) {
-    int tryNumber = 0;
     {
       std::lock_guard lock(mutex_);
       if (attempt != attempt_ || state_ != State::Reconnecting) return;
       attempt = beginSearch();
-      tryNumber = tries_ + 1;
     }
-    QLTLog("UartLink: reconnecting (try %d)", tryNumber);
-    launchSearch(attempt);
+    launchSearch(attempt);  // logs "looking for" the device
   }
 
   // Under mutex_: a new attempt that searches for device_; returns its number.

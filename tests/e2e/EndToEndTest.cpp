@@ -176,5 +176,31 @@ TYPED_TEST(TheLibrary, CarriesBytesThroughAUartLinkFoundByAddressOrIdentifier) {
   EXPECT_EQ(chunk.read(5s).toString(), "plain");
 }
 
+// A dropped link comes back by itself (on BlueZ after bluetoothd has forgotten the device) and
+// tells its MTU; an adapter the backend does not have is refused by name.
+TYPED_TEST(TheLibrary, BringsADroppedUartLinkBackAndTellsItsMtu) {
+  auto options = linkOptions(5s, this->manager);
+  options.reconnect.enabled = true;
+  options.reconnect.firstDelay = 10ms;
+  UartLink echo(options);
+  echo.connect("QLT-Echo");
+  EXPECT_EQ(echo.linkInfo().attMtu, 185);
+  EXPECT_EQ(echo.linkInfo().maxWriteLength, 182u);
+  this->side.forget("QLT-Echo");
+  ASSERT_TRUE(eventually([&] { return echo.counters().reconnects == 1; }));
+  echo.send("back");
+  EXPECT_EQ(echo.read(5s).toString(), "back");
+  EXPECT_EQ(echo.counters().drops, 1u);
+
+  options.adapter = "hci9";
+  UartLink elsewhere(options);
+  try {
+    elsewhere.connect("QLT-Echo");
+    ADD_FAILURE() << "connected through an adapter that is not there";
+  } catch (const UartLink::Error& e) {
+    EXPECT_EQ(e.reason(), UartLink::Error::Reason::NoAdapter) << e.what();
+  }
+}
+
 }  // namespace
 }  // namespace qlt::test

@@ -145,7 +145,7 @@ struct StateLog {
 
 TEST_F(AUartLinkFlow, SurvivesTwentyDropsInARowReportingEach) {
   sim::AirFaults faults;
-  faults.dropAfterSeconds = 0.03;  // every link
+  faults.dropAfterSeconds = 0.1;  // every link, once it has had time to come up
   sim.radio->setFaults(faults);
   options.reconnect.enabled = true;
   options.reconnect.firstDelay = 5ms;

@@ -506,6 +506,40 @@ TEST_F(OnBluez, StartsAfreshAfterAStaleLinkAndWithstandsWhatTheWorldOutsideSends
   EXPECT_LT(logs.lines().size(), 50u);
 }
 
+// The adapter asked for by name or address; by default the first powered one, kept while it
+// stays powered; one bluetoothd does not have is refused with those it has.
+TEST_F(OnBluez, UsesTheAdapterAskedForAndByDefaultTheFirstPoweredOne) {
+  const auto inUse = [&] {
+    for (const auto& a : central->adapters()) {
+      if (a.inUse) return a.name;
+    }
+    return std::string();
+  };
+  ASSERT_TRUE(eventually([&] { return central->adapters().size() == 2; }));
+  EXPECT_EQ(inUse(), "hci0");
+  EXPECT_EQ(central->adapters()[1].address, "00:01:02:03:04:06");
+  const auto refused = central->useAdapter("hci7");
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(
+      refused->message,
+      "bluetoothd has no adapter hci7 (it has: hci0 00:01:02:03:04:05, hci1 00:01:02:03:04:06)");
+  EXPECT_TRUE(eventually([&] { return central->state() == CentralState::Unsupported; }));
+  EXPECT_FALSE(central->useAdapter(""));
+  EXPECT_TRUE(eventually([&] { return central->state() == CentralState::PoweredOn; }));
+
+  side.mock({{"op", "power-second-adapter"}, {"on", true}});
+  side.power(false);
+  EXPECT_TRUE(eventually([&] { return inUse() == "hci1"; }));
+  EXPECT_EQ(central->state(), CentralState::PoweredOn);
+  side.power(true);
+  ASSERT_TRUE(eventually([&] { return central->adapters()[0].powered; }));
+  EXPECT_EQ(inUse(), "hci1") << "kept while powered";
+
+  EXPECT_FALSE(central->useAdapter("00:01:02:03:04:05"));  // hci0, where the devices are
+  EXPECT_TRUE(eventually([&] { return inUse() == "hci0"; }));
+  EXPECT_TRUE(find("QLT-Echo"));
+}
+
 TEST(BluezIdentifiers, MapAddressesToIdentifiersAndBack) {
   const auto address = bluez::parseAddress("c0:ff:ee:00:00:01");
   ASSERT_TRUE(address);

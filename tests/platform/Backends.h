@@ -46,6 +46,8 @@ class Bluez {
   }
   void power(bool on) { mock({{"op", "power"}, {"on", on}}); }
   void drop(const std::string& name) { ask("drop", name); }
+  // The link drops and bluetoothd removes the device object.
+  void forget(const std::string& name) { ask("forget", name); }
   void failConnects(bool fail) {
     if (fail) ask("fail-next-connect", "QLT-Echo", {{"error", "org.bluez.Error.Failed"}});
   }

@@ -69,6 +69,7 @@ struct Sim {
   }
   void power(bool on) { radio->setPowered(on); }
   void drop(const std::string& name) { radio->dropLink(id(name)); }
+  void forget(const std::string& name) { drop(name); }  // a radio never forgets a device
   void failConnects(bool fail) {
     sim::AirFaults faults;
     faults.connectFailure = fail ? 1.0 : 0.0;

@@ -230,6 +230,7 @@ int runBench(const BenchOptions& o) {
   events.onData = [&meter](const Data& d, bool udp) { meter.onData(d, udp); };
   Connection connection(session, session.find(target, o.timeoutS), transport, events);
   connection.open(o.timeoutS);
+  const platform::LinkInfo facts = connection.linkInfo();  // read while the link is up
 
   // What the transport's design allows on this link (see the help text and docs/qlt.md).
   const LinkTiming timing = session.linkTiming();
@@ -284,6 +285,7 @@ int runBench(const BenchOptions& o) {
         {"interval_ms", r3(intervalMs)},
     };
     if (!o.reverse) j["echoed_bytes"] = run.arrived;
+    j["link"] = linkJson(facts);
     if (o.everyS > 0) {
       j["intervals"] = nlohmann::json::array();
       for (const auto& i : run.intervals) {

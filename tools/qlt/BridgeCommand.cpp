@@ -5,8 +5,8 @@
 // device's bytes on the tool's queue, where they are appended to an inbox and the eventfd
 // is written; state changes and Ctrl-C write it too. So an idle bridge sleeps in poll()
 // without a time-out. Only while bytes are owed to the device and the bridge waits for
-// them to drain (above the high-water mark, or at the end of stdin) does it look at the
-// transport's queue every 10 ms.
+// them to drain (above the high-water mark, or at the end of stdin) does it wait for the
+// transport's "everything acknowledged" event, which writes the eventfd as well.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -187,38 +187,32 @@ struct Outgoing {
 // ---- the link, and what is owed on it ----
 
 // The connection to the device, made again after a drop when asked. "Owed" bytes have been
-// handed to the transport and not yet acknowledged (sliding window: its send queue) or
-// not yet written (chunks: counted through the frame hook).
+// handed to the transport and not yet acknowledged (sliding window) or not yet written
+// (chunks): the transport's unacknowledged().
 class Link {
  public:
   Link(Session& session, std::shared_ptr<QLT_Peripheral> peripheral, TransportKind kind,
        Inbox& inbox, int wakeFd)
-      : session_(session), peripheral_(std::move(peripheral)), kind_(kind) {
+      : session_(session), peripheral_(std::move(peripheral)), kind_(kind), wakeFd_(wakeFd) {
     events_.onData = [&inbox](const Data& d, bool) { inbox.add(d); };
     events_.onState = [wakeFd](int32_t, const std::string&) { wake(wakeFd); };
   }
+  ~Link() { detach(); }
+  Link(const Link&) = delete;
+  Link& operator=(const Link&) = delete;
 
   // Connects (throws Failure, or Interrupted).
   void open(double timeoutS) {
     connection_.reset();
     connection_ = std::make_unique<Connection>(session_, peripheral_, kind_, events_);
-    if (kind_ == TransportKind::NUS) {
-      // Replaces the hook Connection set for --trace, doing its job as well.
-      auto written = written_;
-      const bool trace = session_.options().trace;
-      peripheral_->setFrameTrace([written, trace](bool outgoing, const Data& frame) {
-        if (outgoing) written->fetch_add(frame.size());
-        if (trace)
-          printStatus(std::string(outgoing ? "→ " : "← ") + "chunk " +
-                      std::to_string(frame.size()) + " B");
-      });
-    }
     try {
       connection_->open(timeoutS);
     } catch (...) {
       connection_.reset();
       throw;
     }
+    transport_ = peripheral_->transport();
+    if (transport_) transport_->setAllAcknowledgedHandler([fd = wakeFd_] { wake(fd); });
   }
   bool up() const { return connection_ && !connection_->dropped(); }
   std::string name() const { return connection_ ? connection_->deviceName() : "the device"; }
@@ -227,35 +221,35 @@ class Link {
     handed_ += size;
     connection_->sendTCP(Data(bytes, size));
   }
-  // Bytes owed to the device now.
-  uint64_t owed() {
-    if (!connection_) return 0;
-    if (kind_ == TransportKind::NUS) return handed_ - written_->load() - forgotten_;
-    const auto c = connection_->counters();
-    if (c.present) lastQueued_ = c.bytesQueued;
-    return lastQueued_;
-  }
+  // Bytes owed to the device now (the transport of a dropped link keeps its count).
+  uint64_t owed() const { return transport_ ? transport_->unacknowledged() : 0; }
   // After a drop: what was owed is gone with the transport. Returns that count.
   uint64_t forget() {
     const uint64_t lost = owed();
-    forgotten_ += kind_ == TransportKind::NUS ? lost : 0;
-    lastQueued_ = 0;
+    detach();
     connection_.reset();
     return lost;
   }
   uint64_t handed() const { return handed_; }
-  void close() { connection_.reset(); }  // disconnects if still connected
+  void close() {  // disconnects if still connected
+    detach();
+    connection_.reset();
+  }
 
  private:
   Session& session_;
   const std::shared_ptr<QLT_Peripheral> peripheral_;
   const TransportKind kind_;
   ConnectionEvents events_;
+  void detach() {
+    if (transport_) transport_->setAllAcknowledgedHandler(nullptr);
+    transport_ = nullptr;
+  }
+
+  const int wakeFd_;
   std::unique_ptr<Connection> connection_;
-  std::shared_ptr<std::atomic<uint64_t>> written_ = std::make_shared<std::atomic<uint64_t>>(0);
-  uint64_t handed_ = 0;      // all links
-  uint64_t forgotten_ = 0;   // chunks owed when a link dropped
-  uint64_t lastQueued_ = 0;  // the sliding window's queue when last seen
+  std::shared_ptr<BaseTransport> transport_;  // the current link's
+  uint64_t handed_ = 0;                       // all links
 };
 
 // ---- the bridge ----
@@ -338,8 +332,6 @@ int runBridge(const BridgeOptions& o) {
       const double left = o.lingerS - std::chrono::duration<double>(now - quietSince).count();
       if (left <= 0 && !out.pending()) break;
       timeoutMs = std::max(1, static_cast<int>(left * 1000) + 1);
-    } else if (up && owed > 0 && (paused || local->inputEnded())) {
-      timeoutMs = 10;  // the transport's queue drains without telling anyone
     } else if (!up) {
       timeoutMs = static_cast<int>(std::max<int64_t>(
           0, std::chrono::duration_cast<std::chrono::milliseconds>(retryAt - now).count() + 1));

@@ -19,6 +19,7 @@ struct CommonOptions {
   bool verbose = false;   // --verbose: the library's log lines on stderr
   std::string logFile;    // --log FILE: the library's log lines appended to FILE
   bool trace = false;     // --trace: one decoded line per frame (data-moving commands)
+  std::string adapter;    // --adapter NAME|ADDRESS (BlueZ); empty: $QLT_ADAPTER, else default
 };
 
 // The platform named by --platform, else by $QLT_PLATFORM; "" when neither names one.
@@ -35,8 +36,8 @@ inline constexpr const char* kDeviceHelp =
 // A parsed command, ready to run; returns the exit code (or throws Failure / UsageError).
 using CommandAction = std::function<int()>;
 
-// Adds --platform, --sim-config, --verbose, --log and (for commands that move data)
-// --trace to `command`.
+// Adds --platform, --sim-config, --adapter, --verbose, --log and (for commands that move
+// data) --trace to `command`.
 void addCommonOptions(CLI::App& command, CommonOptions& options, bool movesData);
 
 CommandAction addDemoCommand(CLI::App& app);

@@ -45,6 +45,12 @@ void addCommonOptions(CLI::App& command, CommonOptions& o, bool movesData) {
                   "docs/simulated-radio.md)")
       ->check(CLI::ExistingFile)
       ->group("Common options");
+  command
+      .add_option("--adapter", o.adapter,
+                  "BlueZ adapter by name (hci1) or address; without it, $QLT_ADAPTER, else the "
+                  "first powered one ('qlt scan --adapters' lists them)")
+      ->type_name("ADAPTER")
+      ->group("Common options");
   command.add_flag("--verbose,-v", o.verbose, "Show the library's own log lines on stderr")
       ->group("Common options");
   command.add_option("--log", o.logFile, "Append the library's log lines to FILE")

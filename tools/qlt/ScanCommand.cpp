@@ -21,6 +21,7 @@ struct ScanOptions {
   ScanFilter filter;
   double timeoutS = 5.0;
   bool json = false;
+  bool adapters = false;  // --adapters: list them instead of scanning
 };
 
 std::string hex(const Data& data) {
@@ -92,8 +93,30 @@ std::vector<std::string> toRow(const DeviceInfo& d) {
           d.nus ? "yes" : "no", compactAdvertisement(d.advertisement)};
 }
 
+// `qlt scan --adapters`: one line (or JSON object) per adapter bluetoothd has.
+int listAdapters(const ScanOptions& o) {
+  Session session(o.common);
+  if (session.platform() != "bluez") {
+    throw UsageError("--adapters lists BlueZ's adapters; the simulated radio has none");
+  }
+  const auto adapters = session.adapters(std::min(o.timeoutS, 2.0));
+  if (adapters.empty()) throw Failure("bluetoothd lists no adapters");
+  for (const auto& a : adapters) {
+    if (o.json) {
+      printLine(nlohmann::json{
+          {"name", a.name}, {"address", a.address}, {"powered", a.powered}, {"inUse", a.inUse}}
+                    .dump());
+    } else {
+      printLine(a.name + "  " + (a.address.empty() ? "-" : a.address) + "  " +
+                (a.powered ? "powered" : "off") + (a.inUse ? "  (in use)" : ""));
+    }
+  }
+  return kExitOk;
+}
+
 int runScan(const ScanOptions& o) {
   setStdoutCarriesData(o.json);
+  if (o.adapters) return listAdapters(o);
   Session session(o.common);
   session.powerOn(5.0);
   const bool live = stdoutIsTerminal() && !o.json;
@@ -174,6 +197,9 @@ CommandAction addScanCommand(CLI::App& app) {
                 "\"serviceUUIDs\":[...],\"serviceData\":{\"UUID\":\"hex\"},\"txPower\","
                 "\"connectable\"}");
   cmd->add_flag("--nus", o->filter.nusOnly, "Keep only devices advertising the UART service");
+  cmd->add_flag("--adapters", o->adapters,
+                "List BlueZ's adapters instead (name, address, power, the one in use); with "
+                "--json one object each: {\"name\",\"address\",\"powered\",\"inUse\"}");
   addCommonOptions(*cmd, o->common, /*movesData=*/false);
   cmd->footer(
       "Examples:\n"
@@ -181,7 +207,8 @@ CommandAction addScanCommand(CLI::App& app) {
       "  qlt scan --name echo --timeout 2   devices whose name contains 'echo'\n"
       "  qlt scan --manufacturer 0x0059     devices with Nordic's manufacturer data\n"
       "  qlt scan --service 180D            heart-rate sensors\n"
-      "  qlt scan --json | jq .address      addresses, for scripts");
+      "  qlt scan --json | jq .address      addresses, for scripts\n"
+      "  qlt scan --adapters                BlueZ's adapters; --adapter hci1 uses another");
   return [o] { return runScan(*o); };
 }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
+#include <cstdlib>
 #include <map>
 
 #include "Errors.h"
@@ -152,6 +154,37 @@ Session::Session(const CommonOptions& options, const SimLinkSettings& link)
   // Adding runs on the manager's module queue; once that has drained, every later callback
   // reaches the tool.
   manager->moduleQueue()->sync([] {});
+  if (!options.adapter.empty()) checkAdapter();
+}
+
+std::string Session::wantedAdapter() const {
+  if (!options_.adapter.empty()) return options_.adapter;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): read at start-up, as the library reads it.
+  const char* env = std::getenv("QLT_ADAPTER");
+  return env && platform_ == "bluez" ? env : "";
+}
+
+void Session::checkAdapter() const {
+  const std::string wanted = wantedAdapter();
+  auto central = QLT_BLEManager::sharedInstance()->centralManager();
+  if (wanted.empty() || !central) return;
+  if (auto error = central->useAdapter(wanted)) {
+    throw UsageError(std::string(options_.adapter.empty() ? "QLT_ADAPTER" : "--adapter") + ": " +
+                     error->message);
+  }
+}
+
+std::vector<platform::AdapterInfo> Session::adapters(double timeoutS) {
+  auto central = QLT_BLEManager::sharedInstance()->centralManager();
+  if (platform_ != "bluez" || !central) return {};
+  // The list comes with bluetoothd's tree, which no callback announces: look every 20 ms.
+  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutS);
+  auto list = central->adapters();
+  while (list.empty() && std::chrono::steady_clock::now() < until) {
+    impl_->waiter.waitUntil([] { return false; }, 0.02);
+    list = central->adapters();
+  }
+  return list;
 }
 
 Session::~Session() {
@@ -189,6 +222,10 @@ void Session::powerOn(double timeoutS, bool show) {
   if (!on && reason.empty() && timeoutS > firstWait)
     on = impl_->waiter.waitUntil(isUp, timeoutS - firstWait);
   impl_->waiter.update([&] { impl_->showStates = false; });
+  if (!on && !wantedAdapter().empty()) {
+    adapters(std::max(0.0, std::min(1.0, timeoutS - firstWait)));  // listed by now, or never
+    checkAdapter();  // a usage error when it is not there
+  }
   if (!on) {
     std::string hint;
     if (!reason.empty()) {
@@ -392,13 +429,18 @@ void Connection::open(double timeoutS) {
                   ")");
   }
   const std::string problem = displayText(peripheral_->linkProblem(), 400);
+  const QLT_LinkProblem kind = peripheral_->linkProblemKind();
   if (last == QLT_PeripheralStateFailedToConnect) {
-    const std::string why = problem.rfind("could not connect: ", 0) == 0 ? problem.substr(19) : "";
+    // "could not connect: <the platform's reason>"
+    const size_t colon = problem.find(": ");
+    const std::string why = kind == QLT_LinkProblem::ConnectFailed && colon != std::string::npos
+                                ? problem.substr(colon + 2)
+                                : "";
     throw Failure("could not connect to " + name + (why.empty() ? "" : ": " + why));
   }
-  if (last == QLT_PeripheralStateReady && !problem.empty()) {
+  if (last == QLT_PeripheralStateReady && kind != QLT_LinkProblem::None) {
     QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
-    const bool mtu = problem.find("ATT MTU") != std::string::npos;
+    const bool mtu = kind == QLT_LinkProblem::MtuTooSmall;
     throw Failure(
         name + " cannot carry the " +
         (transport_ == TransportKind::NUS ? "chunking" : "sliding-window") +
@@ -411,6 +453,33 @@ void Connection::open(double timeoutS) {
   }
   if (last != QLT_PeripheralStateReady)
     throw Failure("the link to " + name + " dropped while connecting");
+  if (session_.options().verbose) printError("  link: " + describeLink(linkInfo()));
+}
+
+platform::LinkInfo Connection::linkInfo() const { return peripheral_->linkInfo(); }
+
+std::string describeLink(const platform::LinkInfo& info) {
+  const auto known = [](bool is, const std::string& text) { return is ? text : "unknown"; };
+  char interval[32] = "";
+  if (info.connectionIntervalMs)
+    std::snprintf(interval, sizeof interval, "%.2f ms", *info.connectionIntervalMs);
+  return "ATT MTU " + known(info.attMtu > 0, std::to_string(info.attMtu)) + ", writes of up to " +
+         known(info.maxWriteLength > 0, std::to_string(info.maxWriteLength) + " B") +
+         ", connection interval " + known(info.connectionIntervalMs.has_value(), interval) +
+         ", PHY " + info.phy.value_or("unknown") + ", data length " +
+         known(info.dataLength.has_value(), std::to_string(info.dataLength.value_or(0)) + " B");
+}
+
+nlohmann::json linkJson(const platform::LinkInfo& info) {
+  const auto orNull = [](bool known, const nlohmann::json& value) {
+    return known ? value : nlohmann::json();
+  };
+  return {{"att_mtu", orNull(info.attMtu > 0, info.attMtu)},
+          {"max_write", orNull(info.maxWriteLength > 0, info.maxWriteLength)},
+          {"interval_ms",
+           orNull(info.connectionIntervalMs.has_value(), info.connectionIntervalMs.value_or(0))},
+          {"phy", orNull(info.phy.has_value(), info.phy.value_or(""))},
+          {"data_length", orNull(info.dataLength.has_value(), info.dataLength.value_or(0))}};
 }
 
 void Connection::close(double timeoutS) {

@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "Commands.h"
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/UUID.h"
@@ -86,8 +88,13 @@ class Session {
 
   // Waits until Bluetooth is powered on and the manager is idle (switching the simulated
   // radio on if it was started off). Prints each manager state when `show` is set. Throws
-  // Failure after `timeoutS`.
+  // Failure after `timeoutS`, UsageError when the adapter asked for (--adapter,
+  // $QLT_ADAPTER) is not there.
   void powerOn(double timeoutS, bool show = false);
+
+  // The machine's adapters (BlueZ), once bluetoothd has listed them (waits up to
+  // `timeoutS`); empty on the simulated radio.
+  std::vector<platform::AdapterInfo> adapters(double timeoutS);
 
   // Scans for `durationS` seconds with `filter` as the filter handed to the library.
   // `onDevice` runs for every accepted advertisement, with `first` set the first time a
@@ -112,6 +119,11 @@ class Session {
   struct Impl;
 
  private:
+  // --adapter, else $QLT_ADAPTER on BlueZ; "" for the default.
+  std::string wantedAdapter() const;
+  // Asks the central for that adapter; UsageError when it is known to be missing.
+  void checkAdapter() const;
+
   CommonOptions options_;
   std::string platform_;
   SimLinkSettings link_;
@@ -156,6 +168,8 @@ class Connection {
   void sendUDP(const Data& data);
 
   TransferCounters counters() const;
+  // The facts of the link (ATT MTU, largest write, interval, PHY, data length).
+  platform::LinkInfo linkInfo() const;
   // The device's name made safe for a terminal (displayText), else its identifier.
   std::string deviceName() const;
   std::string deviceIdentifier() const;
@@ -170,5 +184,10 @@ class Connection {
   std::shared_ptr<Delegate> delegate_;
   bool opened_ = false;
 };
+
+// "ATT MTU 185, writes of up to 182 B, connection interval 7.50 ms, PHY unknown, ...".
+std::string describeLink(const platform::LinkInfo& info);
+// {"att_mtu","max_write","interval_ms","phy","data_length"}, null for what is unknown.
+nlohmann::json linkJson(const platform::LinkInfo& info);
 
 }  // namespace qlt::cli

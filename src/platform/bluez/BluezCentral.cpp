@@ -1,6 +1,8 @@
 #include "platform/bluez/BluezCentral.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstdlib>
 #include <utility>
 
 #include "QueltLibrary/Log.h"
@@ -25,11 +27,21 @@ std::shared_ptr<BluezCentral> BluezCentral::create(
   return central;
 }
 
+namespace {
+// QLT_ADAPTER, the adapter a process asks for without code of its own; "" when unset.
+std::string adapterFromEnvironment() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the library reads the environment, never changes it
+  const char* env = std::getenv("QLT_ADAPTER");
+  return env ? env : "";
+}
+}  // namespace
+
 BluezCentral::BluezCentral(const std::shared_ptr<platform::CentralDelegate>& delegate,
                            const std::shared_ptr<DispatchQueue>& queue, const BluezOptions& options)
     : delegate_(delegate),
       queue_(queue ? queue : DispatchQueue::create("BluezCentral")),
       options_(options),
+      wantedAdapter_(adapterFromEnvironment()),
       loop_(options.reconnectInterval),
       port_(loop_, options.callTimeout),
       mirror_(port_, *this, options.callTimeout),
@@ -55,6 +67,53 @@ BluezCentral::BluezCentral(const std::shared_ptr<platform::CentralDelegate>& del
                  }) {}
 
 BluezCentral::~BluezCentral() { loop_.stop(); }
+
+namespace {
+
+std::string lowered(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+// Whether `wanted` (a name such as "hci1", or an address, any case) names `adapter`.
+bool isNamed(const std::string& wanted, const platform::AdapterInfo& adapter) {
+  const auto address = platform::canonicalAddress(wanted);
+  return address ? *address == adapter.address : lowered(wanted) == lowered(adapter.name);
+}
+
+std::string listOf(const std::vector<platform::AdapterInfo>& adapters) {
+  std::string text;
+  for (const auto& a : adapters) {
+    text += (text.empty() ? "" : ", ") + a.name + (a.address.empty() ? "" : " " + a.address);
+  }
+  return text.empty() ? "none" : text;
+}
+
+}  // namespace
+
+std::vector<platform::AdapterInfo> BluezCentral::adapters() const {
+  std::lock_guard lock(adaptersMutex_);
+  return adapters_;
+}
+
+std::optional<Error> BluezCentral::useAdapter(const std::string& nameOrAddress) {
+  bool known = false;
+  std::vector<platform::AdapterInfo> list;
+  {
+    std::lock_guard lock(adaptersMutex_);
+    wantedAdapter_ = nameOrAddress;
+    known = adaptersKnown_;
+    list = adapters_;
+  }
+  loop_.post([this] { reconcileAdapter(); });
+  if (nameOrAddress.empty() || !known) return std::nullopt;
+  for (const auto& a : list) {
+    if (isNamed(nameOrAddress, a)) return std::nullopt;
+  }
+  return backendError(ErrorReason::DeviceRemoved, "bluetoothd has no adapter " + nameOrAddress +
+                                                      " (it has: " + listOf(list) + ")");
+}
 
 void BluezCentral::start() {
   BusLoop::Hooks hooks;
@@ -258,6 +317,11 @@ void BluezCentral::bluezVanished(const std::string& why, CentralState reportAs) 
   scanning_ = false;
   adapterPath_.clear();
   discovery_.setAdapter({});
+  {
+    std::lock_guard lock(adaptersMutex_);
+    adapters_.clear();
+    adaptersKnown_ = false;
+  }
   reportState(reportAs);
 }
 
@@ -293,7 +357,7 @@ void BluezCentral::interfacesRemoved(const std::string& path, const std::set<std
 void BluezCentral::propertiesChanged(const std::string& path, const std::string& interface,
                                      const std::set<std::string>& names) {
   if (interface == kAdapterInterface) {
-    if (path == adapterPath_ && names.count("Powered")) reconcileAdapter();
+    if (names.count("Powered") || names.count("Address")) reconcileAdapter();
   } else if (interface == kDeviceInterface) {
     deviceChanged(path, names);
   } else if (interface == kCharacteristicInterface) {
@@ -337,13 +401,61 @@ void BluezCentral::characteristicChanged(const std::string& path,
   gattClient_.characteristicChanged(known->second, path, changed);
 }
 
+std::string BluezCentral::chooseAdapter(const std::vector<std::string>& paths,
+                                        const std::vector<platform::AdapterInfo>& adapters,
+                                        const std::string& wanted) {
+  if (!wanted.empty()) {
+    for (size_t i = 0; i < paths.size(); ++i) {
+      if (isNamed(wanted, adapters[i])) return paths[i];
+    }
+    if (mirror_.bluezPresent()) {
+      QLTLog("BlueZ: no adapter %s (bluetoothd has: %s)", wanted, listOf(adapters));
+    }
+    return {};
+  }
+  // The one in use while it stays powered, else the first powered one (hci0 before hci1),
+  // else the one in use, else the first.
+  size_t current = paths.size();
+  for (size_t i = 0; i < paths.size(); ++i) {
+    if (paths[i] == adapterPath_) current = i;
+  }
+  if (current < paths.size() && adapters[current].powered) return adapterPath_;
+  for (size_t i = 0; i < paths.size(); ++i) {
+    if (adapters[i].powered) return paths[i];
+  }
+  if (current < paths.size()) return adapterPath_;
+  return paths.empty() ? std::string() : paths.front();
+}
+
 void BluezCentral::reconcileAdapter() {
-  const auto adapters = mirror_.objectsWith(kAdapterInterface);
-  const std::string chosen = adapters.empty() ? std::string() : adapters.front();  // hci0 first
+  const auto paths = mirror_.objectsWith(kAdapterInterface);
+  std::vector<platform::AdapterInfo> adapters;
+  for (const auto& path : paths) {
+    platform::AdapterInfo info;
+    info.name = path.substr(path.rfind('/') + 1);
+    if (const PropertyMap* props = mirror_.properties(path, kAdapterInterface)) {
+      const auto address = mirror_.reader().string(*props, path, "Address");
+      info.address = platform::canonicalAddress(address.value_or("")).value_or("");
+      info.powered = mirror_.reader().boolean(*props, path, "Powered") == true;
+    }
+    adapters.push_back(info);
+  }
+  std::string wanted;
+  {
+    std::lock_guard lock(adaptersMutex_);
+    wanted = wantedAdapter_;
+  }
+  const std::string chosen = chooseAdapter(paths, adapters, wanted);
+  for (size_t i = 0; i < paths.size(); ++i) adapters[i].inUse = paths[i] == chosen;
+  {
+    std::lock_guard lock(adaptersMutex_);
+    adapters_ = adapters;
+    adaptersKnown_ = mirror_.bluezPresent();
+  }
   if (chosen != adapterPath_) {
     if (!adapterPath_.empty()) {
-      QLTLog("BlueZ: adapter %s is gone", adapterPath_);
-      dropAllDevices(ErrorReason::PoweredOff, "the adapter is gone");
+      QLTLog("BlueZ: leaving adapter %s", adapterPath_);
+      dropAllDevices(ErrorReason::PoweredOff, "the adapter is gone or no longer the one chosen");
     }
     adapterPath_ = chosen;
     discovery_.setAdapter(chosen);

@@ -63,6 +63,13 @@ class BluezCentral final : public platform::Central,
   // The identifiers stand for the addresses (identifierForAddress).
   std::vector<std::shared_ptr<platform::Peripheral>> retrievePeripheralsWithAddresses(
       const std::vector<std::string>& addresses) override;
+  // bluetoothd's adapters as last seen (empty until its tree has been read).
+  std::vector<platform::AdapterInfo> adapters() const override;
+  // The adapter by name or address; "" (and, at creation, QLT_ADAPTER unset): the first
+  // powered one, kept while it stays powered. An adapter bluetoothd does not list is an
+  // error once its tree has been read; the choice stands, and the central stays without an
+  // adapter (unsupported) until one by that name appears.
+  std::optional<platform::Error> useAdapter(const std::string& nameOrAddress) override;
 
   // ---- from BluezPeripheral (any thread)
   void discoverServices(std::shared_ptr<BluezPeripheral> peripheral,
@@ -101,6 +108,10 @@ class BluezCentral final : public platform::Central,
   void deviceChanged(const std::string& path, const std::set<std::string>& changed);
   void characteristicChanged(const std::string& path, const std::set<std::string>& changed);
   void reconcileAdapter();
+  // The adapter object to use among `adapters` (paths, with what they are), or "".
+  std::string chooseAdapter(const std::vector<std::string>& paths,
+                            const std::vector<platform::AdapterInfo>& adapters,
+                            const std::string& wanted);
   // Ends every link (with `reason` and `why`) and forgets every device object: the adapter
   // or bluetoothd is gone.
   void dropAllDevices(platform::ErrorReason reason, const std::string& why);
@@ -124,6 +135,12 @@ class BluezCentral final : public platform::Central,
   mutable std::mutex registryMutex_;
   std::map<Address, std::weak_ptr<BluezPeripheral>> registry_;  // guarded
   std::map<Address, std::shared_ptr<BluezPeripheral>> listed_;  // guarded: in the tree
+
+  // The adapters as the bus thread last saw them, and the one asked for (any thread).
+  mutable std::mutex adaptersMutex_;
+  std::vector<platform::AdapterInfo> adapters_;  // guarded by adaptersMutex_
+  bool adaptersKnown_ = false;                   // guarded: bluetoothd's tree has been read
+  std::string wantedAdapter_;                    // guarded: name or address; "" the default
 
   // First, so that it is destroyed last: the layers below hand their handles back to it.
   // The destructor stops it (joining its thread) before anything is destroyed.

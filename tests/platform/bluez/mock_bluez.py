@@ -13,6 +13,7 @@ B = 'org.bluez.'
 ADAPTER, DEVICE, SERVICE, CHRC = B + 'Adapter1', B + 'Device1', B + 'GattService1', B + 'GattCharacteristic1'
 OM, PROPS = 'org.freedesktop.DBus.ObjectManager', 'org.freedesktop.DBus.Properties'
 HCI = '/org/bluez/hci0'
+HCI1 = '/org/bluez/hci1'  # a second adapter, off until asked: no device is ever seen through it
 NUS, TX, RX = ('6e40000%d-b5a3-f393-e0a9-e50e24dcca9e' % i for i in (1, 2, 3))
 HEART_RATE = '0000180d-0000-1000-8000-00805f9b34fb'
 DEVICES = [('C0:FF:EE:00:00:01', 'QLT-Echo', 'sw-echo', -55), ('C0:FF:EE:00:00:02', 'QLT-Chunk', 'chunk-echo', -62),
@@ -358,6 +359,8 @@ class World:
         self.scanners, self.filters = set(), {}
         self.adapter = Adapter(HCI, ADAPTER, {'Address': '00:01:02:03:04:05', 'Name': 'qlt-mock',
                                               'Powered': dbus.Boolean(True), 'Discovering': dbus.Boolean(False)})
+        self.second = Adapter(HCI1, ADAPTER, {'Address': '00:01:02:03:04:06', 'Name': 'qlt-mock-2',
+                                              'Powered': dbus.Boolean(False), 'Discovering': dbus.Boolean(False)})
         for state in saved:  # what was on the air (and connected) before a restart
             dev = self.devices[state['address']]
             dev.acquire = state['acquire']
@@ -412,6 +415,13 @@ def request(req):
         WORLD.set_powered(req['on'])
     elif op == 'drop':
         dev.link_down()
+    elif op == 'forget':  # the link drops and bluetoothd removes the device object (InterfacesRemoved)
+        dev.link_down()
+        if dev.obj is not None:
+            dev.obj.remove()
+            dev.obj = None
+    elif op == 'power-second-adapter':
+        WORLD.second.set(Powered=dbus.Boolean(req['on']))
     elif op == 'fail-next-connect':
         dev.fail_next = req['error']
     elif op == 'set':  # acquire (offer the sockets), hold (the device's echoes wait)
