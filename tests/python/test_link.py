@@ -49,9 +49,16 @@ def test_echo_arrives_whole_and_in_order(device, behaviour, window):
 def test_lost_link_wakes_a_waiting_read_with_link_lost(device, radio):
     d = device()
     states = []
-    with quelt.UartLink(d.name) as link:
+    told = threading.Event()
+
+    def on_state(state, error):
         # The callback may look at the link: it is not called under the link's lock.
-        link.on_state_change(lambda s, e: states.append((s, e, link.state)))
+        states.append((state, error, link.state))
+        if state == quelt.State.LOST:
+            told.set()
+
+    with quelt.UartLink(d.name) as link:
+        link.on_state_change(on_state)
         threading.Timer(0.3, radio.drop_link, (d.identifier,)).start()
         start = time.monotonic()
         with pytest.raises(quelt.LinkLost, match="lost") as lost:
@@ -60,6 +67,7 @@ def test_lost_link_wakes_a_waiting_read_with_link_lost(device, radio):
         assert isinstance(lost.value, quelt.Error)
         assert link.state == quelt.State.LOST
         assert "lost" in link.last_error
+        assert told.wait(10)  # the callback runs on the link's queue, maybe after read woke
     assert any(s == quelt.State.LOST and "lost" in e for s, e, _ in states)
 
 
@@ -98,8 +106,9 @@ def test_errors_carry_the_librarys_messages(radio):
 
 
 def test_sim_faults_are_survived_by_the_window(device, radio):
-    d = device(faults=quelt.sim.Faults(seed=7, lost_writes=0.1, lost_notifications=0.1))
-    payload = os.urandom(1500)
+    d = device(identifier="0FA17000-0000-4000-8000-000000000001",
+               faults=quelt.sim.Faults(seed=7, lost_writes=0.2, lost_notifications=0.2))
+    payload = os.urandom(3000)
     with quelt.UartLink(d.name) as link:
         link.send(payload)
         assert read_exactly(link, len(payload), timeout=20) == payload
@@ -137,3 +146,26 @@ def test_reconnect_brings_a_dropped_link_back(device, radio):
         assert read_exactly(link, 14) == b"after the drop"
         assert (link.info["drops"], link.info["reconnects"]) == (1, 1)
     assert states[:2] == [quelt.State.RECONNECTING, quelt.State.CONNECTED]
+
+
+def test_a_radio_from_a_json_file_and_its_power_switch(radio, tmp_path):
+    saved, faults = radio.devices, radio.faults
+    config = tmp_path / "radio.json"
+    config.write_text('{"powered": true, "faults": {"seed": 3}, "devices": [{"identifier": '
+                      '"51D0E001-0000-4000-8000-0000000000AA", "name": "From-Json", '
+                      '"behaviour": "chunk-echo"}]}')
+    try:
+        radio.load_config(str(config))
+        assert [d.name for d in radio.devices] == ["From-Json"]
+        with quelt.UartLink("From-Json", sliding_window=False) as link:
+            link.send(b"json")
+            assert read_exactly(link, 4) == b"json"
+        radio.powered = False
+        with pytest.raises(quelt.Unavailable):
+            quelt.scan(timeout=0.3)
+    finally:
+        radio.powered = True
+        radio.remove_all_devices()
+        for d in saved:
+            radio.add_device(d)
+        radio.faults = faults
