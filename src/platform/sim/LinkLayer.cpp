@@ -119,6 +119,13 @@ bool LinkLayer::step(double now) {
   const double peripheralEnd = transmit(Peripheral, np, centralEnd + kTifsSeconds);
   cursor_ = peripheralEnd + kTifsSeconds;
   ++pairs_;
+  if (queue_[Central].empty() && queue_[Peripheral].empty()) {
+    // Neither side set More Data: the event ends with this pair. What a host queues from now
+    // on (a device's answer to what just arrived, say) waits for the next anchor.
+    inEvent_ = false;
+    ++counts_.events;
+    anchor_ += interval_;
+  }
   return true;
 }
 
