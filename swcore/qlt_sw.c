@@ -40,9 +40,12 @@
 #define OWE_ACK 1u
 #define OWE_REJECT 2u
 
-/* Wrap-safe time: has `now` reached `at`? (their difference read as signed 32-bit) */
-static int reached(uint32_t now, uint32_t at) { return ((now - at) & 0x80000000u) == 0; }
-static uint32_t until(uint32_t now, uint32_t at) { return reached(now, at) ? 0 : at - now; }
+/* Wrap-safe time: what is left of a wait of `wait` us begun at `since` (0: over). Judged by
+ * the time elapsed since it began, so a wait begun long ago reads as over. */
+static uint32_t left(uint32_t now, uint32_t since, uint32_t wait) {
+  const uint32_t elapsed = now - since;
+  return elapsed >= wait ? 0 : wait - elapsed;
+}
 
 static uint8_t distance(uint8_t from, uint8_t to) { return (uint8_t)((to + 4u - from) & 3u); }
 
@@ -226,13 +229,14 @@ static qlt_sw_kind receive_control(qlt_sw* sw, const uint8_t* frame, size_t len,
       offset = distance((uint8_t)a, (uint8_t)(x & 3u));
       /* Honour a rejection once: the segments from the one rewound to are on their way
        * again, and what the peer said before it saw them is stale. */
-      if (offset >= sw->rewound && !reached(now, sw->hold_until)) {
+      if (offset >= sw->rewound && left(now, sw->hold_at, sw->hold_for) > 0) {
         trace(sw, QLT_SW_EV_REJECT_HELD, x & 3u, 0);
         return QLT_SW_NONE;
       }
       sw->ack_window = (uint8_t)(x & 3u);
       sw->rewound = offset;
-      sw->hold_until = now + (sw->have_sample ? sw->srtt8 / 8u + HOLD_MARGIN_US : sw->rto);
+      sw->hold_at = now;
+      sw->hold_for = sw->have_sample ? sw->srtt8 / 8u + HOLD_MARGIN_US : sw->rto;
       sw->poll_backoff = 0;
       set_poll_wait(sw);
       ++sw->counters.rejections_honoured;
@@ -340,7 +344,7 @@ static size_t next_poll(qlt_sw* sw, uint32_t now, uint8_t* out) {
     sw->timer_at = now;
     return QLT_SW_POLL_LENGTH;
   }
-  if (in_flight(sw) == 0 || !reached(now, sw->timer_at + sw->poll_wait)) return 0;
+  if (in_flight(sw) == 0 || left(now, sw->timer_at, sw->poll_wait) > 0) return 0;
   sw->timed = NOT_TIMED; /* an answer to a poll times the poll, not the segment */
   if (sw->poll_backoff < 255) ++sw->poll_backoff;
   set_poll_wait(sw);
@@ -352,7 +356,7 @@ static size_t next_poll(qlt_sw* sw, uint32_t now, uint8_t* out) {
 static size_t next_answer(qlt_sw* sw, uint32_t now, uint8_t* out) {
   /* A gap that still stands rto after its last rejection owes one more, up to the bound. */
   if (sw->gap_open && sw->gap_rejections < QLT_SW_REJECTIONS_PER_GAP &&
-      reached(now, sw->rejected_at + sw->rto)) {
+      left(now, sw->rejected_at, sw->rto) == 0) {
     ++sw->gap_rejections;
     sw->rejected_at = now;
     sw->gap_timed = 0;
@@ -397,15 +401,15 @@ uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now) {
   uint32_t due = QLT_SW_IDLE, d;
   if (sw->poll_next || (flight < QLT_SW_WINDOW && flight < sw->queued)) return 0;
   if (sw->owed) {
-    d = until(now, sw->owed_at + sw->cfg.ack_delay_us);
+    d = left(now, sw->owed_at, sw->cfg.ack_delay_us);
     if (d < due) due = d;
   }
   if (flight > 0) {
-    d = until(now, sw->timer_at + sw->poll_wait);
+    d = left(now, sw->timer_at, sw->poll_wait);
     if (d < due) due = d;
   }
   if (sw->gap_open && sw->gap_rejections < QLT_SW_REJECTIONS_PER_GAP) {
-    d = until(now, sw->rejected_at + sw->rto);
+    d = left(now, sw->rejected_at, sw->rto);
     if (d < due) due = d;
   }
   return due;

@@ -33,10 +33,11 @@
  *                                                  out, sizeof out)) > 0) write(out, n);
  *
  * Time: `now` is a uint32_t count of microseconds from any origin, supplied by the caller
- * (a firmware with a millisecond tick passes ms * 1000). It may wrap: times are compared
- * by their signed 32-bit difference, so no two moments the core compares may be more than
- * about 35 minutes apart (every deadline it keeps is at most the poll time-out ahead).
- * Calls must pass a `now` that never goes backwards.
+ * (a firmware with a millisecond tick passes ms * 1000). It wraps every 71.6 minutes, and
+ * may: every wait the core keeps (at most the poll time-out) is judged by the time elapsed
+ * since it began, now - start in unsigned arithmetic, so a wait begun long ago reads as
+ * over (the one exception, a link silent for a multiple of 71.6 minutes to within a poll
+ * time-out, costs at most one poll time-out). `now` must never go backwards.
  *
  * Memory: the qlt_sw struct (about 200 bytes) plus the caller's segment slots,
  * QLT_SW_STORAGE(segment_size, slot_count) bytes; 3 slots of 120 bytes are 363 bytes.
@@ -121,13 +122,14 @@ typedef struct qlt_sw {
   uint8_t poll_next;    /* a probe went out: its poll is owed now */
   uint16_t timed;       /* offset of the segment being timed, or 0xFFFF */
   uint32_t timed_at;
-  uint32_t srtt8;      /* smoothed round trip, us * 8 */
-  uint32_t rttvar4;    /* its variation, us * 4 */
-  uint32_t rto;        /* retransmission time-out, us */
-  uint32_t timer_at;   /* last (re)start of the retransmission timer */
-  uint32_t poll_wait;  /* the timer's time-out now, us */
-  int32_t rewound;     /* offset of the segment last rewound to; -1: none or released */
-  uint32_t hold_until; /* rejections at or beyond `rewound` are ignored until then */
+  uint32_t srtt8;     /* smoothed round trip, us * 8 */
+  uint32_t rttvar4;   /* its variation, us * 4 */
+  uint32_t rto;       /* retransmission time-out, us */
+  uint32_t timer_at;  /* last (re)start of the retransmission timer */
+  uint32_t poll_wait; /* the timer's time-out now, us */
+  int32_t rewound;    /* offset of the segment last rewound to; -1: none or released */
+  uint32_t hold_at;   /* rejections at or beyond `rewound` are ignored for hold_for us */
+  uint32_t hold_for;  /* from hold_at */
 
   /* Receiver: what is owed to the peer and the gap in what arrived. */
   uint8_t owed;     /* bit 0: an acknowledgement; bit 1: a rejection for seq in bits 4-5 */

@@ -101,6 +101,15 @@ class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDele
   // NOLINTNEXTLINE(performance-unnecessary-value-param): by value, so overrides can keep it
   virtual void setFrameTrace(FrameTrace /*trace*/) {}
 
+  // Bytes accepted by sendTCP and not yet acknowledged by the peer (a transport without
+  // acknowledgements: not yet written). Any thread.
+  virtual uint64_t unacknowledged() const { return 0; }
+  // `handler` (empty: none) is called each time unacknowledged() falls to 0, on the
+  // transport's own queue (for the window, possibly inside the receive() that brought the
+  // last acknowledgement, which runs there in a sync()), with no lock held; it may call
+  // into the transport.
+  void setAllAcknowledgedHandler(std::function<void()> handler);
+
   std::shared_ptr<TransportSenderDelegate> senderDelegate() const;
   void setSenderDelegate(const std::shared_ptr<TransportSenderDelegate>& delegate);
 
@@ -120,14 +129,17 @@ class BaseTransport : public QLT_Object, public Transport, public ThreadBaseDele
   virtual double round() { return std::numeric_limits<double>::infinity(); }
   // Asks for a round within `delaySeconds` (any thread; nothing when not started).
   void wakeRounds(double delaySeconds);
+  // Calls the all-acknowledged handler, if any (no lock held).
+  void notifyAllAcknowledged();
   std::shared_ptr<BaseTransport> sharedTransport() {
     return std::static_pointer_cast<BaseTransport>(shared_from_this());
   }
 
  private:
   mutable std::mutex mutex_;
-  std::shared_ptr<RoundPacer> pacer_;                      // guarded by mutex_
-  std::weak_ptr<TransportSenderDelegate> senderDelegate_;  // guarded by mutex_
+  std::shared_ptr<RoundPacer> pacer_;                             // guarded by mutex_
+  std::weak_ptr<TransportSenderDelegate> senderDelegate_;         // guarded by mutex_
+  std::shared_ptr<const std::function<void()>> allAcknowledged_;  // guarded by mutex_
 };
 
 }  // namespace qlt

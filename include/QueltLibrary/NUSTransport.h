@@ -44,6 +44,8 @@ class NUSTransport : public BaseTransport {
 
  public:
   size_t queuedChunks() const;
+  // Bytes queued by sendTCP/sendUDP and not yet written.
+  uint64_t unacknowledged() const override;
   // Called for every chunk written and every value received, on the thread doing it.
   // Must be quick and must not call back into this transport. Empty function: off.
   void setFrameTrace(FrameTrace trace) override;
@@ -51,9 +53,11 @@ class NUSTransport : public BaseTransport {
  private:
   NUSTransport();
   void trace(bool outgoing, const Data& frame);
+  void written(uint64_t bytes);
 
   mutable std::mutex txMutex_;
   std::deque<Data> txBuffer_;  // guarded by txMutex_
+  uint64_t unwritten_ = 0;     // guarded by txMutex_: bytes queued, not yet written
 
   std::mutex traceMutex_;
   std::shared_ptr<const std::function<void(bool, const Data&)>> trace_;  // guarded by traceMutex_

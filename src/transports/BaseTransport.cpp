@@ -67,6 +67,22 @@ void BaseTransport::setSenderDelegate(const std::shared_ptr<TransportSenderDeleg
   senderDelegate_ = delegate;
 }
 
+void BaseTransport::setAllAcknowledgedHandler(std::function<void()> handler) {
+  std::shared_ptr<const std::function<void()>> h;
+  if (handler) h = std::make_shared<const std::function<void()>>(std::move(handler));
+  std::lock_guard lock(mutex_);
+  allAcknowledged_ = std::move(h);
+}
+
+void BaseTransport::notifyAllAcknowledged() {
+  std::shared_ptr<const std::function<void()>> handler;
+  {
+    std::lock_guard lock(mutex_);
+    handler = allAcknowledged_;
+  }
+  if (handler && *handler) (*handler)();
+}
+
 std::function<void()> BaseTransport::threadRunloop(const std::shared_ptr<ThreadBase>& thread) {
   return [self = sharedTransport(), thread] { self->run(thread); };
 }

@@ -20,12 +20,29 @@ void NUSTransport::start() {
 void NUSTransport::clearBuffer() {
   std::lock_guard lock(txMutex_);
   txBuffer_.clear();
+  unwritten_ = 0;
+}
+
+uint64_t NUSTransport::unacknowledged() const {
+  std::lock_guard lock(txMutex_);
+  return unwritten_;
+}
+
+void NUSTransport::written(uint64_t bytes) {
+  {
+    std::lock_guard lock(txMutex_);
+    if (bytes == 0 || unwritten_ == 0) return;  // nothing, or cleared meanwhile
+    unwritten_ -= std::min(bytes, unwritten_);
+    if (unwritten_ != 0) return;
+  }
+  notifyAllAcknowledged();
 }
 
 void NUSTransport::sendTCP(const uint8_t* bytes, uint64_t length) {
   if (length == 0 || bytes == nullptr) return;
   std::unique_lock lock(txMutex_);
   const size_t queued = txBuffer_.size();
+  unwritten_ += length;
   while (length > 0) {
     const size_t n = static_cast<size_t>(std::min<uint64_t>(kChunkSize, length));
     txBuffer_.emplace_back(bytes, n);
@@ -63,10 +80,13 @@ double NUSTransport::round() {
     }
     more = !txBuffer_.empty();
   }
+  uint64_t bytes = 0;
   for (size_t i = 0; i < n; ++i) {
     trace(true, batch[i]);
     writeRequest(batch[i].bytes(), batch[i].length());
+    bytes += batch[i].length();
   }
+  written(bytes);
   return more ? kChunkInterval * kChunksPerRound : std::numeric_limits<double>::infinity();
 }
 
@@ -81,6 +101,7 @@ void NUSTransport::transfer() {
   // Only the worker transfers, so chunks still leave oldest first.
   trace(true, chunk);
   writeRequest(chunk.bytes(), chunk.length());
+  written(chunk.length());
 }
 
 size_t NUSTransport::queuedChunks() const {

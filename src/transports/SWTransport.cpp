@@ -1,74 +1,50 @@
 #include "QueltLibrary/SWTransport.h"
 
-#include "protocol/SlideWindowEngine.h"
+#include "protocol/SlideWindowDriver.h"
 
 namespace qlt {
 
-// Frames go to writeRequest (and so to the sender delegate); payloads to the delegates.
-class SWTransport::Face final : public SlideWindowEngine::Face {
- public:
-  explicit Face(SWTransport& owner) : owner_(owner) {}
-  void writeFrame(const uint8_t* bytes, size_t length) override {
-    owner_.writeRequest(bytes, length);
-  }
-  void deliverTCP(const Data& payload) override {
-    owner_.multicastDelegate()->invoke(&TransportDelegate::transport_tcpDataReceived,
-                                       owner_.sharedTransport(), payload);
-  }
-  void deliverUDP(const Data& payload) override {
-    owner_.multicastDelegate()->invoke(&TransportDelegate::transport_udpDataReceived,
-                                       owner_.sharedTransport(), payload);
-  }
-
- private:
-  SWTransport& owner_;
-};
-
-SWTransport::SWTransport(std::shared_ptr<Clock> clock)
-    : BaseTransport("SWTransport"),
-      face_(std::make_unique<Face>(*this)),
-      engine_(std::make_unique<SlideWindowEngine>(
-          *face_, SlideWindowParameters{kSegmentSize, kPollTimeout}, std::move(clock))) {
-  engine_->setWakeup([this](double delay) { wakeRounds(delay); });
-}
+SWTransport::SWTransport() : BaseTransport("SWTransport") {}
 
 SWTransport::~SWTransport() = default;
 
 std::shared_ptr<SWTransport> SWTransport::create(std::shared_ptr<Clock> clock) {
-  if (!clock) clock = Clock::monotonic();
-  return std::shared_ptr<SWTransport>(new SWTransport(std::move(clock)));
+  auto transport = std::shared_ptr<SWTransport>(new SWTransport());
+  std::weak_ptr<SWTransport> weak = transport;
+  auto deliver = [weak](auto callback) {
+    return [weak, callback](const Data& payload) {
+      if (auto self = weak.lock())
+        self->multicastDelegate()->invoke(callback, self->sharedTransport(), payload);
+    };
+  };
+  transport->driver_ = SlideWindowDriver::create(
+      {kSegmentSize, kPollTimeout}, std::move(clock), DispatchQueue::create("SWTransport.link"),
+      {.write =
+           [weak](const uint8_t* bytes, size_t length) {
+             if (auto self = weak.lock()) self->writeRequest(bytes, length);
+           },
+       .deliverTCP = deliver(&TransportDelegate::transport_tcpDataReceived),
+       .deliverUDP = deliver(&TransportDelegate::transport_udpDataReceived)});
+  transport->driver_->setAllAcknowledgedHandler([weak] {
+    if (auto self = weak.lock()) self->notifyAllAcknowledged();
+  });
+  return transport;
 }
 
+void SWTransport::start() { driver_->start(); }
+void SWTransport::stop() { driver_->stop(); }
 void SWTransport::sendTCP(const uint8_t* bytes, uint64_t length) {
-  engine_->sendTCP(bytes, length);
+  driver_->sendTCP(bytes, length);
 }
 void SWTransport::sendUDP(const uint8_t* bytes, uint64_t length) {
-  engine_->sendUDP(bytes, length);
+  driver_->sendUDP(bytes, length);
 }
-void SWTransport::receive(const Data& value) { engine_->receive(value); }
+void SWTransport::receive(const Data& value) { driver_->receive(value); }
+uint64_t SWTransport::unacknowledged() const { return driver_->unacknowledged(); }
+void SWTransport::setFrameTrace(FrameTrace trace) { driver_->setFrameTrace(std::move(trace)); }
 
 void SWTransport::run(const std::shared_ptr<ThreadBase>& thread) {
-  while (!thread || !thread->isClosing()) engine_->round();
+  while (!thread || !thread->isClosing()) driver_->round();
 }
-
-double SWTransport::round() {
-  engine_->round();
-  return engine_->untilNextRound();
-}
-
-void SWTransport::initState() { engine_->initState(); }
-void SWTransport::ackReceived(uint64_t count) { engine_->ackReceived(count); }
-void SWTransport::transfer() { engine_->transfer(); }
-void SWTransport::checkControl() { engine_->checkControl(); }
-void SWTransport::doPendingWork() { engine_->doPendingWork(); }
-uint64_t SWTransport::pendingWork() const { return engine_->pendingWork(); }
-void SWTransport::setPendingWork(uint64_t bits) { engine_->setPendingWork(bits); }
-SlideWindowCounters SWTransport::counters() const { return engine_->counters(); }
-void SWTransport::setFrameTrace(FrameTrace trace) { engine_->setFrameTrace(std::move(trace)); }
-uint64_t SWTransport::readPos() const { return engine_->readPos(); }
-uint8_t SWTransport::ackWindow() const { return engine_->ackWindow(); }
-uint8_t SWTransport::remoteAck() const { return engine_->remoteAck(); }
-size_t SWTransport::queuedSegments() const { return engine_->queuedSegments(); }
-uint8_t SWTransport::inFlight() const { return engine_->inFlight(); }
 
 }  // namespace qlt

@@ -10,28 +10,37 @@ namespace qlt::test {
 
 namespace {
 
-// The engine alone: writes go to `output`, payloads into a vector, all synchronously.
-class EngineEndpoint final : public LinkEndpoint, private SlideWindowEngine::Face {
+// The driver and its core as the faces run them, without their delegates and without
+// started rounds: every call runs inline on the caller's thread inside a sync() on the
+// driver's strand, so writes and payloads come out synchronously and in simulated time.
+class DriverEndpoint final : public LinkEndpoint {
  public:
-  EngineEndpoint(SlideWindowParameters parameters, std::shared_ptr<Clock> clock)
-      : engine_(*this, parameters, std::move(clock)) {}
+  DriverEndpoint(SlideWindowParameters parameters, std::shared_ptr<Clock> clock)
+      : driver_(SlideWindowDriver::create(
+            parameters, std::move(clock), DispatchQueue::create("LinkHarness"),
+            {.write =
+                 [this](const uint8_t* bytes, size_t length) {
+                   if (output) output(Data(bytes, length));
+                 },
+             .deliverTCP = [this](const Data& payload) { deliver(payload); },
+             .deliverUDP = nullptr})) {}
   void sendTCP(std::span<const uint8_t> bytes) override {
-    engine_.sendTCP(bytes.data(), bytes.size());
+    inline_([&] { driver_->sendTCP(bytes.data(), bytes.size()); });
   }
-  void receive(const Data& value) override { engine_.receive(value); }
-  void round() override { engine_.round(); }
-  SlideWindowCounters counters() const override { return engine_.counters(); }
-  uint8_t inFlight() const override { return engine_.inFlight(); }
-  size_t queuedSegments() const override { return engine_.queuedSegments(); }
+  void receive(const Data& value) override {
+    inline_([&] { driver_->receive(value); });
+  }
+  void round() override { driver_->round(); }
+  SlideWindowCounters counters() const override { return driver_->counters(); }
+  uint8_t inFlight() const override { return driver_->inFlight(); }
+  size_t queuedSegments() const override { return driver_->queuedSegments(); }
 
  private:
-  void writeFrame(const uint8_t* bytes, size_t length) override {
-    if (output) output(Data(bytes, length));
+  template <class F>
+  void inline_(F f) {
+    driver_->strand()->sync(f);
   }
-  void deliverTCP(const Data& payload) override { deliver(payload); }
-  void deliverUDP(const Data&) override {}
-
-  SlideWindowEngine engine_;
+  std::shared_ptr<SlideWindowDriver> driver_;
 };
 
 }  // namespace
@@ -42,7 +51,7 @@ SlideWindowParameters transportParameters() {
 
 std::unique_ptr<LinkEndpoint> makeEngineEndpoint(SlideWindowParameters parameters,
                                                  std::shared_ptr<Clock> clock) {
-  return std::make_unique<EngineEndpoint>(parameters, std::move(clock));
+  return std::make_unique<DriverEndpoint>(parameters, std::move(clock));
 }
 
 LinkHarness::LinkHarness(HarnessOptions options)

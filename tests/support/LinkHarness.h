@@ -5,8 +5,8 @@
 // limit) to the other endpoint's receive() at its delivery time. Everything is seeded: the
 // same options replay the same run.
 //
-// Endpoints: the engine itself (as SWTransport and BLESlideWindow run it, without their
-// threads and delegates) or the independent literal peer (LiteralPeer.cpp).
+// Endpoints: the sliding-window driver and its core (as SWTransport and BLESlideWindow run
+// them, without their delegates) or the independent literal peer (LiteralPeer.cpp).
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "platform/sim/LinkModel.h"
-#include "protocol/SlideWindowEngine.h"
+#include "protocol/SlideWindowDriver.h"
 
 namespace qlt::test {
 

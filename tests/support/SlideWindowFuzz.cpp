@@ -1,5 +1,6 @@
 #include "support/SlideWindowFuzz.h"
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -8,7 +9,7 @@
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SWTransport.h"
 #include "QueltLibrary/SlideWindowFrame.h"
-#include "protocol/SlideWindowEngine.h"
+#include "swcore/qlt_sw.h"
 
 namespace qlt::fuzz {
 
@@ -22,16 +23,20 @@ namespace {
     }                                                                     \
   } while (0)
 
-// One engine with three segments of its own in flight, a model of its receiving side, and
+// One core with three segments of its own in flight, a model of its receiving side, and
 // the checks; and the input, read byte by byte (zeros once it is used up).
-class Rig final : private SlideWindowEngine::Face {
+class Rig final {
  public:
-  Rig(const uint8_t* data, size_t size)
-      : data_(data),
-        size_(size),
-        engine_(*this, {SWTransport::kSegmentSize, SWTransport::kPollTimeout}, clock_) {
+  Rig(const uint8_t* data, size_t size) : data_(data), size_(size) {
+    qlt_sw_config cfg{};
+    cfg.segment_size = SWTransport::kSegmentSize;
+    cfg.poll_timeout_us = 300000;
+    cfg.ack_delay_us = 1000;
+    cfg.slots = slots_.data();
+    cfg.slot_count = kSlots;
+    QLT_FUZZ_CHECK(qlt_sw_init(&core_, &cfg) == 0);
     send(600);
-    engine_.round();
+    round(0);
   }
   bool done() const { return pos_ >= size_; }
   uint8_t next() { return pos_ < size_ ? data_[pos_++] : 0; }
@@ -41,70 +46,72 @@ class Rig final : private SlideWindowEngine::Face {
     for (; got < n && !done(); ++got) to[got] = next();
     return got;
   }
-  SlideWindowEngine& engine() { return engine_; }
+  const qlt_sw& core() const { return core_; }
   uint8_t modelR() const { return modelR_; }
 
   void send(size_t n) {
     std::vector<uint8_t> msg(n);
     for (size_t i = 0; i < n; ++i) msg[i] = static_cast<uint8_t>(i);
-    engine_.sendTCP(msg.data(), n);
-    queuedEver_ += (n + SWTransport::kSegmentSize - 1) / SWTransport::kSegmentSize;
+    const size_t accepted = qlt_sw_send(&core_, msg.data(), n);
+    QLT_FUZZ_CHECK(accepted <= n);
+    queuedEver_ += (accepted + SWTransport::kSegmentSize - 1) / SWTransport::kSegmentSize;
   }
   void receive(const uint8_t* bytes, size_t n) {
-    const Data value(bytes, n);
-    const ParsedFrame p = parseFrame(value.span());
-    const uint64_t deliveredBefore = delivered_;
-    const size_t queuedBefore = engine_.queuedSegments();
-    rejectionsWritten_ = 0;
-    engine_.receive(value);
+    const ParsedFrame p = parseFrame({bytes, n});
+    const size_t queuedBefore = qlt_sw_queued(&core_);
+    qlt_sw_delivery d{};
+    qlt_sw_receive(&core_, bytes, n, now_, &d);
     const bool accepted = p.kind == FrameKind::Segment && p.sequence == modelR_;
     if (accepted) {
       modelR_ = (modelR_ + 1) & 3;
-      QLT_FUZZ_CHECK(lastDelivered_ == p.payload.size() && (engine_.pendingWork() & 1));
+      QLT_FUZZ_CHECK(d.len == p.payload.size() && d.payload == bytes + 1);
+      QLT_FUZZ_CHECK(qlt_sw_owed(&core_) & 1);
     }
-    QLT_FUZZ_CHECK(delivered_ == deliveredBefore + (accepted ? 1 : 0));
-    QLT_FUZZ_CHECK(rejectionsWritten_ == 0);  // what a receive owes, a round writes
-    QLT_FUZZ_CHECK(engine_.remoteAck() == modelR_);
-    QLT_FUZZ_CHECK(engine_.queuedSegments() <= queuedBefore);
+    QLT_FUZZ_CHECK((d.kind == QLT_SW_TCP) == accepted);
+    QLT_FUZZ_CHECK((d.kind == QLT_SW_IGNORED) ==
+                   (p.kind == FrameKind::Malformed || p.kind == FrameKind::OtherControl));
+    QLT_FUZZ_CHECK(qlt_sw_receive_seq(&core_) == modelR_);
+    QLT_FUZZ_CHECK(qlt_sw_queued(&core_) <= queuedBefore);
     checkWindow();
   }
   void round(double seconds) {
-    clock_->advance(seconds);
-    engine_.round();
+    now_ += static_cast<uint32_t>(seconds * 1e6);
+    uint8_t frame[QLT_SW_FRAME_MAX];
+    size_t n, written = 0;
+    while ((n = qlt_sw_poll_frame(&core_, now_, frame, sizeof frame)) > 0) {
+      check(frame, n);
+      QLT_FUZZ_CHECK(++written <= 8);  // a round ends: 3 segments, probe and poll, 2 answers
+    }
+    QLT_FUZZ_CHECK(qlt_sw_next_due(&core_, now_) != 0);
     checkWindow();
   }
 
  private:
+  static constexpr uint16_t kSlots = 64;
   void checkWindow() {
-    QLT_FUZZ_CHECK(engine_.inFlight() <= kSlideWindowSize);
-    QLT_FUZZ_CHECK(engine_.readPos() >= lastReadPos_);
-    lastReadPos_ = engine_.readPos();
-    QLT_FUZZ_CHECK(engine_.readPos() + engine_.queuedSegments() == queuedEver_);
+    QLT_FUZZ_CHECK(qlt_sw_in_flight(&core_) <= kSlideWindowSize);
+    QLT_FUZZ_CHECK(qlt_sw_in_flight(&core_) <= qlt_sw_queued(&core_));
+    QLT_FUZZ_CHECK(qlt_sw_read_pos(&core_) >= lastReadPos_);
+    lastReadPos_ = qlt_sw_read_pos(&core_);
+    QLT_FUZZ_CHECK(qlt_sw_read_pos(&core_) + qlt_sw_queued(&core_) == queuedEver_);
   }
   // Every frame written is well formed; rejections and acknowledgements carry R.
-  void writeFrame(const uint8_t* bytes, size_t length) override {
+  void check(const uint8_t* bytes, size_t length) {
     const ParsedFrame p = parseFrame({bytes, length});
     QLT_FUZZ_CHECK(p.kind != FrameKind::Malformed && p.kind != FrameKind::OtherControl);
     QLT_FUZZ_CHECK(length <= SWTransport::kSegmentSize + 1);
     QLT_FUZZ_CHECK(p.kind != FrameKind::Segment || p.sequence < 4);
     QLT_FUZZ_CHECK(p.kind != FrameKind::Reject || p.sequence == modelR_);
-    QLT_FUZZ_CHECK(p.kind != FrameKind::Ack || p.sequence == engine_.remoteAck());
-    rejectionsWritten_ += p.kind == FrameKind::Reject;
+    QLT_FUZZ_CHECK(p.kind != FrameKind::Ack || p.sequence == modelR_);
   }
-  void deliverTCP(const Data& payload) override {
-    ++delivered_;
-    lastDelivered_ = payload.length();
-  }
-  void deliverUDP(const Data&) override {}
 
   const uint8_t* data_;
   size_t size_, pos_ = 0;
-  std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
-  SlideWindowEngine engine_;
+  std::array<uint8_t, QLT_SW_STORAGE(SWTransport::kSegmentSize, kSlots)> slots_{};
+  qlt_sw core_{};
+  uint32_t now_ = 0;
   uint8_t modelR_ = 0;
-  uint64_t delivered_ = 0, lastReadPos_ = 0, queuedEver_ = 0;
-  size_t lastDelivered_ = 0;
-  int rejectionsWritten_ = 0;
+  uint64_t lastReadPos_ = 0, queuedEver_ = 0;
 };
 
 }  // namespace
@@ -138,7 +145,7 @@ int runStructured(const uint8_t* data, size_t size) {
       if (arg & 1) running = rig.modelR();  // the peer goes back
       rig.receive(frame, 1 + n);
     } else if (kind <= 3) {  // an acknowledgement or a rejection around the window
-      const uint8_t oldest = rig.engine().readPos() & 3;
+      const uint8_t oldest = qlt_sw_read_pos(&rig.core()) & 3;
       const uint8_t x = (arg & 4) ? (arg & 0x1F) : static_cast<uint8_t>((oldest + (arg & 3)) & 3);
       frame[0] = static_cast<uint8_t>((kind == 2 ? 0x03 : 0x05) | ((x & 0x0F) << 4));
       rig.receive(frame, 1);

@@ -1,11 +1,12 @@
 // The sliding-window receive path under fuzzing: entry functions shared by the libFuzzer
 // targets (fuzz/) and the unit test that replays their corpus.
 //
-// Both run one input through a fresh engine (SWTransport's constants, ManualClock) that
+// Both run one input through a fresh core (swcore/qlt_sw.h, SWTransport's constants) that
 // has segments of its own in flight, and check after every step what must hold whatever
 // arrives: at most 3 segments in flight, the queue never grows by receiving, every frame
-// the engine writes is well formed, and the receive sequence and the deliveries follow an
-// independent model of the receiver. A broken invariant aborts (which the fuzzer reports).
+// the core writes is well formed, a round ends with nothing due, and the receive sequence
+// and the deliveries follow an independent model of the receiver. A broken invariant aborts (which
+// the fuzzer reports).
 #pragma once
 
 #include <cstddef>

@@ -85,20 +85,22 @@ INSTANTIATE_TEST_SUITE_P(OverAnOrderedLink, ExactlyOnce,
 
 namespace {
 
-// The engine alone on a manual clock, and the frames it writes, decoded.
-struct ByHand final : SlideWindowEngine::Face {
+// The driver and its core on a manual clock, rounds by hand, and the frames written, decoded.
+struct ByHand {
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-  SlideWindowEngine engine{*this, transportParameters(), clock};
   std::vector<std::string> wire;
-  void writeFrame(const uint8_t* bytes, size_t n) override {
-    wire.push_back(describeFrame({bytes, n}, true).substr(4));  // without the arrow
-  }
-  void deliverTCP(const Data&) override {}
-  void deliverUDP(const Data&) override {}
-  void in(std::vector<uint8_t> frame) { engine.receive(Data(frame)); }
+  std::shared_ptr<SlideWindowDriver> driver = SlideWindowDriver::create(
+      transportParameters(), clock, DispatchQueue::create("ByHand"),
+      {.write =
+           [this](const uint8_t* bytes, size_t n) {
+             wire.push_back(describeFrame({bytes, n}, true).substr(4));  // without the arrow
+           },
+       .deliverTCP = nullptr,
+       .deliverUDP = nullptr});
+  void in(std::vector<uint8_t> frame) { driver->receive(Data(frame)); }
   std::vector<std::string> round(double after = 0) {
     clock->advance(after);
-    engine.round();
+    driver->round();
     return std::exchange(wire, {});
   }
 };
@@ -121,13 +123,13 @@ TEST(TheRecoveryRules, RejectAGapOnceAndOnceMoreIfItPersistsButNeverAStaleOne) {
   b.in({0x30, 'd'});  // a new gap at R = 2 ...
   b.in({0x20, 'c'});  // ... filled before the round: its rejection is stale
   EXPECT_EQ(b.round(), (Frames{"ack R=3"}));
-  EXPECT_EQ(b.engine.counters().rejectionsSent, 2u);
+  EXPECT_EQ(b.driver->counters().rejectionsSent, 2u);
 }
 
 TEST(TheRecoveryRules, HonourARejectionOnceAndPollOnTheMeasuredRoundTrip) {
   ByHand b;
   std::vector<uint8_t> msg(600, 7);  // five segments
-  b.engine.sendTCP(msg.data(), msg.size());
+  b.driver->sendTCP(msg.data(), msg.size());
   EXPECT_EQ(b.round().size(), 3u);
   b.clock->advance(0.010);
   b.in({0x13});  // a 10 ms sample: rto = 10 + 4 * 5 = 30 ms
@@ -138,7 +140,7 @@ TEST(TheRecoveryRules, HonourARejectionOnceAndPollOnTheMeasuredRoundTrip) {
   b.clock->advance(0.012);  // past the round trip: a rejection of 2 now means it was lost
   b.in({0x25});
   EXPECT_EQ(b.round().size(), 2u);
-  EXPECT_EQ(b.engine.counters().rejectionsHonoured, 2u);
+  EXPECT_EQ(b.driver->counters().rejectionsHonoured, 2u);
   // Unanswered: the oldest segment and a poll after rto, again after rto, then after 2 rto.
   const Frames probe{"seg seq=1 120 B", "poll 1..0"};
   EXPECT_EQ(b.round(0.029), Frames{});

@@ -68,6 +68,7 @@ TEST(TheTwoFaces, CutLimitAndPollByTheirOwnFiguresAndDeliverOnTheirDelegatesQueu
     // once with the first by the next round (R = 1).
     auto seg = frame({0x00}) + bytes(segment, 9);
     for (const auto& f : {seg, frame({0x02}), Data(), seg}) rig.face->receive(f);
+    EXPECT_EQ(rig.face->counters().framesReceived, 4u);  // waits for the posted receives
     EXPECT_TRUE(log.contains("Slide window ignored a frame: ← malformed 0 B"));
     EXPECT_EQ(rig.inbox->tcp(), std::vector<Data>{bytes(segment, 9)});
     EXPECT_EQ(rig.inbox->udp(), std::vector<Data>{Data()});

@@ -1,16 +1,13 @@
 #include "DeviceBehaviour.h"
 
 #include <algorithm>
-#include <chrono>
-#include <limits>
 #include <vector>
 
 #include "ExternalDevice.h"
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 #include "SimLink.h"
-#include "protocol/SlideWindowEngine.h"
-#include "worker/RoundPacer.h"
+#include "protocol/SlideWindowDriver.h"
 
 namespace qlt::sim {
 
@@ -31,15 +28,13 @@ class ChunkEcho final : public DeviceBehaviour {
   std::weak_ptr<SimLink> link_;
 };
 
-// Runs the library's own sliding-window engine in the device's role: frames written by
-// the central go to its receive(); the frames it writes go out as notifications. Echoes
-// every payload back (sw-echo), or streams a pattern while notifications are on (source).
-// Everything runs on the device queue: the engine's rounds are paced as a transport's
-// (RoundPacer: a round only when there is work or a deadline), so a simulated link costs
-// no thread and an idle one no wake-up. Payloads are handled in tasks of their own, after the
-// receive that delivered them.
+// Runs the sliding-window core in the device's role, through the same driver as the
+// library's transports, with the device queue as its strand: frames written by the central
+// go to its receive(); the frames it writes go out as notifications. Echoes every payload
+// back (sw-echo), or streams a pattern while notifications are on (source). The rounds run
+// at the core's deadlines, so a simulated link costs no thread and an idle one no wake-up.
+// Payloads are handled in tasks of their own, after the receive that delivered them.
 class SlidingWindow final : public DeviceBehaviour,
-                            public SlideWindowEngine::Face,
                             public std::enable_shared_from_this<SlidingWindow> {
  public:
   SlidingWindow(bool echo, uint64_t sourceBytes, std::weak_ptr<SimLink> link,
@@ -50,77 +45,71 @@ class SlidingWindow final : public DeviceBehaviour,
         deviceQueue_(std::move(deviceQueue)) {}
 
   void connected() override {
-    engine_ = std::make_unique<SlideWindowEngine>(
-        *this, SlideWindowParameters{kTcpSegmentSize, kTcpPollTimeout}, Clock::monotonic());
-    if (pacer_) pacer_->stop();
-    pacer_ = RoundPacer::create(deviceQueue_, [weak = weak_from_this()] {
-      auto self = weak.lock();
-      if (!self || !self->engine_) return std::numeric_limits<double>::infinity();
-      self->engine_->round();
-      return self->engine_->untilNextRound();
-    });
-    engine_->setWakeup([pacer = std::weak_ptr<RoundPacer>(pacer_)](double delay) {
-      if (auto p = pacer.lock()) p->wake(delay);
-    });
+    if (driver_) driver_->stop();
+    std::weak_ptr<SlidingWindow> weak = weak_from_this();
+    driver_ = SlideWindowDriver::create(
+        {kTcpSegmentSize, kTcpPollTimeout}, Clock::monotonic(), deviceQueue_,
+        {.write =
+             [link = link_](const uint8_t* bytes, size_t length) {
+               if (auto l = link.lock()) l->notify(Data(bytes, length));
+             },
+         .deliverTCP = [weak](const Data& payload) { post(weak, payload, true); },
+         .deliverUDP = [weak](const Data& payload) { post(weak, payload, false); }});
+    driver_->start();
   }
   // The source streams while notifications are on: byte i of the link's stream is i mod 251,
-  // sourceBytes in all (0: without end). It keeps kSourceQueued bytes queued in its engine,
+  // sourceBytes in all (0: without end). It keeps kSourceQueued bytes queued in its driver,
   // topped up as the central's acknowledgements (written frames) release them.
   void notificationsChanged(bool enabled) override {
     streaming_ = enabled;
     refill();
   }
   void written(const Data& value) override {
-    if (!engine_) return;
-    engine_->receive(value);
+    if (!driver_) return;
+    driver_->receive(value);  // on the device queue, the driver's strand: at once
     refill();
   }
   void refill() {
     static constexpr uint64_t kSourceQueued = uint64_t{16} * 1024;
-    if (echo_ || !streaming_ || !engine_) return;
-    while (engine_->counters().bytesQueued < kSourceQueued &&
+    if (echo_ || !streaming_ || !driver_) return;
+    while (driver_->unacknowledged() < kSourceQueued &&
            (sourceBytes_ == 0 || produced_ < sourceBytes_)) {
       const uint64_t n =
           sourceBytes_ == 0 ? kSourceQueued : std::min(kSourceQueued, sourceBytes_ - produced_);
       std::vector<uint8_t> pattern(n);
       for (uint64_t i = 0; i < n; ++i) pattern[i] = static_cast<uint8_t>((produced_ + i) % 251);
       if (auto link = link_.lock()) link->counters().payloadBytesSent.fetch_add(n);
-      engine_->sendTCP(pattern.data(), pattern.size());
+      driver_->sendTCP(pattern.data(), pattern.size());
       produced_ += n;
     }
   }
   void disconnected() override {
-    engine_.reset();
-    if (pacer_) pacer_->stop();
-    pacer_.reset();
-  }
-
-  // SlideWindowEngine::Face, on the device queue.
-  void writeFrame(const uint8_t* bytes, size_t length) override {
-    if (auto link = link_.lock()) link->notify(Data(bytes, length));
-  }
-  void deliverTCP(const Data& payload) override {
-    deviceQueue_->async([self = shared_from_this(), payload] {
-      auto link = self->link_.lock();
-      if (link) link->counters().payloadBytesReceived.fetch_add(payload.length());
-      if (!self->echo_ || !self->engine_) return;
-      if (link) link->counters().payloadBytesSent.fetch_add(payload.length());
-      self->engine_->sendTCP(payload.bytes(), payload.length());
-    });
-  }
-  void deliverUDP(const Data& payload) override {
-    deviceQueue_->async([self = shared_from_this(), payload] {
-      if (self->echo_ && self->engine_) self->engine_->sendUDP(payload.bytes(), payload.length());
-    });
+    if (driver_) driver_->stop();
+    driver_.reset();
   }
 
  private:
+  static void post(const std::weak_ptr<SlidingWindow>& weak, const Data& payload, bool tcp) {
+    auto self = weak.lock();
+    if (!self) return;
+    self->deviceQueue_->async([self, payload, tcp] {
+      auto link = self->link_.lock();
+      if (tcp && link) link->counters().payloadBytesReceived.fetch_add(payload.length());
+      if (!self->echo_ || !self->driver_) return;
+      if (!tcp) {
+        self->driver_->sendUDP(payload.bytes(), payload.length());
+        return;
+      }
+      if (link) link->counters().payloadBytesSent.fetch_add(payload.length());
+      self->driver_->sendTCP(payload.bytes(), payload.length());
+    });
+  }
+
   const bool echo_;
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
-  std::unique_ptr<SlideWindowEngine> engine_;  // device queue only; null once disconnected
-  std::shared_ptr<RoundPacer> pacer_;          // device queue only: the engine's rounds
+  std::shared_ptr<SlideWindowDriver> driver_;  // device queue only; null once disconnected
   bool streaming_ = false;                     // device queue only: notifications are on
   uint64_t produced_ = 0;                      // device queue only: source bytes queued so far
 };

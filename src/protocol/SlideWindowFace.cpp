@@ -1,0 +1,26 @@
+#include "QueltLibrary/SlideWindowFace.h"
+
+#include "protocol/SlideWindowDriver.h"
+
+namespace qlt {
+
+SlideWindowFace::SlideWindowFace() = default;
+SlideWindowFace::~SlideWindowFace() {
+  if (driver_) driver_->stop();
+}
+
+void SlideWindowFace::initState() { driver_->initState(); }
+void SlideWindowFace::ackReceived(uint64_t count) { driver_->ackReceived(count); }
+void SlideWindowFace::transfer() { driver_->transfer(); }
+void SlideWindowFace::checkControl() { driver_->checkControl(); }
+void SlideWindowFace::doPendingWork() { driver_->doPendingWork(); }
+uint64_t SlideWindowFace::pendingWork() const { return driver_->pendingWork(); }
+void SlideWindowFace::setPendingWork(uint64_t bits) { driver_->setPendingWork(bits); }
+SlideWindowCounters SlideWindowFace::counters() const { return driver_->counters(); }
+uint64_t SlideWindowFace::readPos() const { return driver_->readPos(); }
+uint8_t SlideWindowFace::ackWindow() const { return driver_->ackWindow(); }
+uint8_t SlideWindowFace::remoteAck() const { return driver_->remoteAck(); }
+size_t SlideWindowFace::queuedSegments() const { return driver_->queuedSegments(); }
+uint8_t SlideWindowFace::inFlight() const { return driver_->inFlight(); }
+
+}  // namespace qlt
