@@ -125,6 +125,19 @@ TEST_F(AUartLinkFlow, TellsTheLinksFactsOnlyWhileConnected) {
   EXPECT_EQ(info.maxWriteLength, 182u);
   EXPECT_DOUBLE_EQ(info.connectionIntervalMs.value_or(0), 7.5);
   EXPECT_FALSE(info.phy) << "not modelled: unknown";
+  link.disconnect();
+
+  // On a modelled link every fact is the link layer's, the MTU both sides' smaller.
+  sim::LinkParameters air = sim::findLinkProfile("linux")->parameters;
+  air.mtu = 100;
+  ASSERT_TRUE(sim.radio->setLink(air));
+  link.connect("QLT-Echo");
+  const auto modelled = link.linkInfo();
+  EXPECT_EQ(modelled.attMtu, 100);
+  EXPECT_EQ(modelled.maxWriteLength, 97u);
+  EXPECT_DOUBLE_EQ(modelled.connectionIntervalMs.value_or(0), 30);
+  EXPECT_EQ(modelled.phy.value_or(""), "1M");
+  EXPECT_EQ(modelled.dataLength.value_or(0), 251);
 }
 
 // Records every state change with its error.

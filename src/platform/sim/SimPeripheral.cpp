@@ -79,9 +79,17 @@ platform::LinkInfo SimPeripheral::linkInfo() const {
   }
   platform::LinkInfo info;
   if (!link) return info;
-  info.attMtu = static_cast<int>(link->config().mtu);
+  const sim::LinkParameters& air = link->parameters();  // the MTU already both sides' smaller
+  info.attMtu = static_cast<int>(air.mtu);
   info.maxWriteLength = link->maxValueLength();
-  info.connectionIntervalMs = link->faults().connectionInterval * 1000.0;
+  if (air.instant()) {
+    // No link layer: the only interval is the host-level delay a fault may add.
+    info.connectionIntervalMs = link->faults().connectionInterval * 1000.0;
+    return info;
+  }
+  info.connectionIntervalMs = air.intervalMs;
+  info.phy = sim::phyName(air.phy);
+  info.dataLength = static_cast<int>(air.dataLength);
   return info;
 }
 
