@@ -186,12 +186,17 @@ void SlideWindowDriver::arm(uint32_t dueMicros) {
   if (armed_ && ((at - armedAt_) & 0x80000000u) == 0) return;  // one no later is pending
   armed_ = true;
   armedAt_ = at;
-  strand_->asyncAfter(std::chrono::microseconds(dueMicros), [weak = weak_from_this(), at] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (self->armed_ && self->armedAt_ == at) self->armed_ = false;
-    self->pump();
-  });
+  // On the driver's clock: a ManualClock's advance() brings the deadline, as real time does
+  // for the monotonic one.
+  strand_->asyncAfter(
+      std::chrono::microseconds(dueMicros),
+      [weak = weak_from_this(), at] {
+        auto self = weak.lock();
+        if (!self) return;
+        if (self->armed_ && self->armedAt_ == at) self->armed_ = false;
+        self->pump();
+      },
+      *clock_);
 }
 
 void SlideWindowDriver::write(const uint8_t* bytes, size_t length) {
