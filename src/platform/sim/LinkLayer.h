@@ -7,9 +7,9 @@
 // data, the next pair ends before the next anchor and neither side has reached the
 // per-event limit (maxPdusPerEvent). After a pair in which neither side had more data (both
 // More Data bits clear) the event ends at once, so a value queued in answer to what that
-// pair carried goes in the next event, as on a real controller. Each ATT value travels as one L2CAP SDU (value + 3 + 4
-// bytes) cut into PDUs of at most dataLength bytes, and arrives when its last PDU ends.
-// Every PDU is lost with probability packetErrorRate (seeded) and then sent again in the
+// pair carried goes in the next event, as on a real controller. Each ATT value travels as one L2CAP
+// SDU (value + 3 + 4 bytes) cut into PDUs of at most dataLength bytes, and arrives when its last
+// PDU ends. Every PDU is lost with probability packetErrorRate (seeded) and then sent again in the
 // next pair: an error costs air time, never data. When no PDU gets through for the
 // supervision timeout, the link is lost at that time.
 //
