@@ -5,7 +5,8 @@
 // rounds nothing runs: an idle owner costs no thread and no wake-up. wake(delay) asks for
 // a round within `delay` seconds (0: as soon as the queue runs it); a later wake while an
 // earlier round is already due changes nothing, so segments arriving together draw one
-// round. Deadlines wait on the library's timer thread (DispatchQueue::asyncAfter).
+// round. Deadlines are kept on the pacer's Clock (the monotonic one unless told otherwise;
+// a ManualClock in tests brings them with advance(), no real time passing).
 //
 // Rounds never overlap (they run on the pacer's serial queue) and never start once stop()
 // has returned; a round already running finishes. Stale timer tasks (for a deadline that
@@ -14,12 +15,13 @@
 // Thread safety: wake and stop from any thread, also from inside a round.
 #pragma once
 
-#include <chrono>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
 
+#include "QueltLibrary/Clock.h"
 #include "QueltLibrary/DispatchQueue.h"
 
 namespace qlt {
@@ -28,26 +30,30 @@ class RoundPacer : public std::enable_shared_from_this<RoundPacer> {
  public:
   // `round` returns the seconds until the next round is due (infinity: none).
   static std::shared_ptr<RoundPacer> create(std::shared_ptr<DispatchQueue> queue,
-                                            std::function<double()> round);
+                                            std::function<double()> round,
+                                            std::shared_ptr<Clock> clock = nullptr);
 
   void wake(double delaySeconds = 0);
   void stop();
   const std::shared_ptr<DispatchQueue>& queue() const { return queue_; }
 
  private:
-  using Steady = std::chrono::steady_clock;
-  RoundPacer(std::shared_ptr<DispatchQueue> queue, std::function<double()> round);
-  void armLocked(Steady::time_point now);                 // mutex_ held
-  void fire(std::optional<Steady::time_point> armedFor);  // nullopt: the immediate task
+  static constexpr double kNever = std::numeric_limits<double>::infinity();
+  RoundPacer(std::shared_ptr<DispatchQueue> queue, std::function<double()> round,
+             std::shared_ptr<Clock> clock);
+  void armLocked(double now);                 // mutex_ held
+  void fire(std::optional<double> armedFor);  // nullopt: the immediate task
 
   const std::shared_ptr<DispatchQueue> queue_;
   const std::function<double()> round_;  // run on queue_ only
+  const std::shared_ptr<Clock> clock_;
   std::mutex mutex_;
   bool stopped_ = false;    // guarded by mutex_
   bool immediate_ = false;  // guarded by mutex_: a task to run the round at once is queued
-  // Guarded by mutex_: when the next round is due, and the earliest timer task it knows of.
-  Steady::time_point dueAt_ = Steady::time_point::max();
-  Steady::time_point armedAt_ = Steady::time_point::max();
+  // Guarded by mutex_: when the next round is due, and the earliest timer task it knows of
+  // (seconds on clock_).
+  double dueAt_ = kNever;
+  double armedAt_ = kNever;
 };
 
 }  // namespace qlt

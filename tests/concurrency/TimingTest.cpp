@@ -10,6 +10,7 @@
 #include "QueltLibrary/ComTimer.h"
 #include "QueltLibrary/HANDLE.h"
 #include "QueltLibrary/ThreadBase.h"
+#include "worker/RoundPacer.h"
 #include "support/TestSupport.h"
 
 using namespace qlt;
@@ -195,4 +196,26 @@ TEST(AWorkerThread, TakesAboutAMillisecondToSayItIsNotClosing) {
   for (int i = 0; i < 20; ++i) EXPECT_FALSE(t->isClosing());
   EXPECT_GE(test::secondsSince(start), 0.020);
   EXPECT_LT(test::secondsSince(start), 1.0);
+}
+
+// A pacer's deadlines are its clock's: a manual clock brings them, real time does not.
+TEST(ARoundPacer, RunsARoundWhenItsClockReachesTheDeadlineTheLastRoundAskedFor) {
+  auto clock = std::make_shared<ManualClock>();
+  auto queue = DispatchQueue::create("pacer");
+  std::atomic<int> rounds{0};
+  auto pacer = RoundPacer::create(
+      queue, [&] { return ++rounds == 1 ? 0.5 : std::numeric_limits<double>::infinity(); },
+      clock);
+  const auto settled = [&] { queue->sync([] {}); };
+  pacer->wake();
+  settled();
+  EXPECT_EQ(rounds, 1);
+  clock->advance(0.4);
+  settled();
+  EXPECT_EQ(rounds, 1) << "before its deadline";
+  clock->advance(0.2);
+  settled();
+  EXPECT_EQ(rounds, 2);
+  EXPECT_FALSE(clock->nextDue()) << "the last round asked for nothing more";
+  pacer->stop();
 }
