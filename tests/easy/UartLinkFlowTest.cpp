@@ -140,13 +140,16 @@ TEST_F(AUartLinkFlow, TellsTheLinksFactsOnlyWhileConnected) {
   EXPECT_EQ(modelled.dataLength.value_or(0), 251);
 }
 
-// Records every state change with its error.
+// Records every state change with its error; the callback holds it, so a change queued
+// before the link's end still finds it.
 struct StateLog {
-  void attach(UartLink& link) {
-    link.onStateChange([this](State s, const std::string& error) {
-      std::lock_guard lock(mutex);
-      states.emplace_back(s, error);
+  static std::shared_ptr<StateLog> of(UartLink& link) {
+    auto log = std::make_shared<StateLog>();
+    link.onStateChange([log](State s, const std::string& error) {
+      std::lock_guard lock(log->mutex);
+      log->states.emplace_back(s, error);
     });
+    return log;
   }
   size_t count(State wanted) {
     std::lock_guard lock(mutex);
@@ -163,19 +166,18 @@ TEST_F(AUartLinkFlow, SurvivesTwentyDropsInARowReportingEach) {
   options.reconnect.enabled = true;
   options.reconnect.firstDelay = 5ms;
   UartLink link(options);
-  StateLog log;
-  log.attach(link);
+  auto seen = StateLog::of(link);
   link.connect("QLT-Echo");
   ASSERT_TRUE(test::eventually([&] { return link.counters().drops >= 20; }, 30s));
   sim.radio->setFaults({});
   link.waitUntilConnected();
   const auto counters = link.counters();
   EXPECT_GE(counters.reconnects, 20u);
-  EXPECT_GE(log.count(State::Reconnecting), 20u);
-  EXPECT_EQ(log.count(State::Lost), 0u);
+  EXPECT_GE(seen->count(State::Reconnecting), 20u);
+  EXPECT_EQ(seen->count(State::Lost), 0u);
   {
-    std::lock_guard lock(log.mutex);
-    for (const auto& [state, error] : log.states) {
+    std::lock_guard lock(seen->mutex);
+    for (const auto& [state, error] : seen->states) {
       if (state == State::Reconnecting) {
         EXPECT_EQ(error.rfind("the link to QLT-Echo was lost", 0), 0u) << error;
       }
@@ -192,18 +194,17 @@ TEST_F(AUartLinkFlow, GivesUpAfterItsLastTryAndSaysWhy) {
   options.reconnect = {true, 20ms, 1s, 2};
   UartLink link(options);
   link.connect("QLT-Echo");
-  StateLog log;
-  log.attach(link);
+  auto seen = StateLog::of(link);
   const auto start = std::chrono::steady_clock::now();
   const UUID echo = sim.id("QLT-Echo");
   sim.radio->dropLink(echo);
   sim.radio->removeDevice(echo);
-  ASSERT_TRUE(test::eventually([&] { return log.count(State::Lost) == 1; }));
+  ASSERT_TRUE(test::eventually([&] { return seen->count(State::Lost) == 1; }));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms + 200ms + 40ms + 200ms);
   EXPECT_EQ(
       link.lastError(),
       "gave up reconnecting to QLT-Echo after 2 tries: no device named QLT-Echo within 0.2 s");
-  EXPECT_EQ(log.count(State::Reconnecting), 2u) << "the drop, then the first failed try";
+  EXPECT_EQ(seen->count(State::Reconnecting), 2u) << "the drop, then the first failed try";
   EXPECT_THROW(link.waitUntilConnected(), UartLink::Error);
 }
 
