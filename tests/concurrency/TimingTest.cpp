@@ -10,8 +10,8 @@
 #include "QueltLibrary/ComTimer.h"
 #include "QueltLibrary/HANDLE.h"
 #include "QueltLibrary/ThreadBase.h"
-#include "worker/RoundPacer.h"
 #include "support/TestSupport.h"
+#include "worker/RoundPacer.h"
 
 using namespace qlt;
 using namespace std::chrono_literals;
@@ -204,8 +204,7 @@ TEST(ARoundPacer, RunsARoundWhenItsClockReachesTheDeadlineTheLastRoundAskedFor) 
   auto queue = DispatchQueue::create("pacer");
   std::atomic<int> rounds{0};
   auto pacer = RoundPacer::create(
-      queue, [&] { return ++rounds == 1 ? 0.5 : std::numeric_limits<double>::infinity(); },
-      clock);
+      queue, [&] { return ++rounds == 1 ? 0.5 : std::numeric_limits<double>::infinity(); }, clock);
   const auto settled = [&] { queue->sync([] {}); };
   pacer->wake();
   settled();
