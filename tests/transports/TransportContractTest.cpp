@@ -97,22 +97,30 @@ TEST(ANUSTransport, DeliversEveryValueUnchangedAsTCPOnTheDelegatesQueue) {
   EXPECT_EQ(traced, 3u);
 }
 
-TEST(StartedIdleTransports, MakeNoWakeUps) {
-  using namespace std::chrono_literals;
-  auto sw = SWTransport::create();
-  auto nus = NUSTransport::create();
-  auto window = BLESlideWindow::create();
+// Idle means no deadline at all: a started window with nothing to send arms no timer, so
+// however far its clock runs nothing wakes it and nothing is written. (bench/idle.cpp
+// measures the wake-ups of whole idle links in real time.)
+TEST(StartedIdleTransports, ArmNoDeadlineAndWriteNothing) {
+  auto clock = std::make_shared<ManualClock>();
+  auto sw = SWTransport::create(clock);
+  auto window = BLESlideWindow::create(clock);
   auto wire = std::make_shared<FrameSink>();
   sw->setSenderDelegate(wire);
-  nus->setSenderDelegate(wire);
   window->setSenderDelegate(wire);
   sw->start();
-  nus->start();
   window->start();
-  std::this_thread::sleep_for(50ms);
-  const uint64_t before = test::processWakeups();
-  std::this_thread::sleep_for(200ms);
-  // A loop polling every millisecond would make about 600 here.
-  EXPECT_LT(test::processWakeups() - before, 60u);
+  EXPECT_EQ(sw->queuedSegments() + window->queuedSegments(), 0u);  // each waits for its queue
+  EXPECT_FALSE(clock->nextDue()) << "an idle window armed a deadline";
+  clock->advance(3600);
+  EXPECT_EQ(sw->queuedSegments() + window->queuedSegments(), 0u);
   EXPECT_EQ(wire->size(), 0u);
+
+  // One segment sent and left unanswered arms exactly the poll's deadline, and the clock
+  // brings the poll.
+  const uint8_t byte = 7;
+  sw->sendTCP(&byte, 1);
+  ASSERT_TRUE(test::eventually([&] { return wire->size() == 1; }));
+  ASSERT_TRUE(clock->nextDue());
+  clock->advance(*clock->nextDue() - clock->now());
+  EXPECT_TRUE(test::eventually([&] { return wire->size() >= 2; })) << "no poll on the clock";
 }
