@@ -108,6 +108,11 @@ StreamRun stream(Connection& connection, Meter& m, const BenchOptions& o, double
   uint64_t got = 0, atOpen = 0;
   double lastProgress = 0, nextEdge = o.everyS;
   std::vector<uint8_t> chunk;
+  // The chunker has no recovery: once its echo is wrong, the run goes on to count what
+  // never came back (the first fault is kept) instead of stopping at the first gap.
+  const bool counting = o.transport == "nus" && !o.reverse && target > 0;
+  std::string firstWrong;
+  constexpr double kQuietS = 1.0;  // an echo silent this long after the last write is over
   for (bool done = false; !done;) {
     double now = elapsed();
     if (!o.reverse) {  // keep the echo busy
@@ -129,7 +134,10 @@ StreamRun stream(Connection& connection, Meter& m, const BenchOptions& o, double
     std::string wrong;
     try {
       m.waiter.waitUntil(
-          [&] { return m.check.bytes() != got || !m.check.ok() || (target && got >= target); },
+          [&] {
+            return m.check.bytes() != got || (!m.check.ok() && firstWrong.empty()) ||
+                   (target && got >= target);
+          },
           std::max(wait, 0.0));
     } catch (const Interrupted&) {
       acknowledgeInterrupt();  // the summary and the disconnection still wait
@@ -152,7 +160,16 @@ StreamRun stream(Connection& connection, Meter& m, const BenchOptions& o, double
       while (nextEdge <= now) nextEdge += o.everyS;
     }
     done = true;
-    if (!wrong.empty()) {
+    if (!wrong.empty() && counting) {
+      if (firstWrong.empty()) firstWrong = wrong;
+      if (run.interrupted || connection.dropped() || got >= run.sent ||
+          (run.sent >= target && now - lastProgress > kQuietS)) {
+        run.problem = std::to_string(run.sent > got ? run.sent - got : 0) + " of " +
+                      std::to_string(run.sent) + " bytes never came back (" + firstWrong + ")";
+      } else {
+        done = false;
+      }
+    } else if (!wrong.empty()) {
       run.problem = wrong;
     } else if (run.interrupted) {
       run.problem = "interrupted";

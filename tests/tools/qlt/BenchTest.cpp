@@ -91,6 +91,23 @@ TEST_F(QltBench, DeliversEveryByteThroughAirErrorsOnBothTransports) {
   }
 }
 
+// Drops above the link layer: the window brings every byte back; the chunker, which has no
+// recovery, says how many never came back.
+TEST_F(QltBench, RecoversHostDropsOverTheWindowAndCountsTheChunkersLosses) {
+  const auto window = qlt({"bench", "--loss", "0.05", "--bytes", "8000", "--pings", "0", "--json"});
+  ASSERT_EQ(window.exitCode, 0) << window.out << window.err;
+  EXPECT_EQ(nlohmann::json::parse(window.out)["verified"], true);
+  const auto chunker = qlt({"bench", "--loss", "0.2", "--transport", "nus", "--bytes", "8000",
+                            "--pings", "0", "--json"});
+  EXPECT_EQ(chunker.exitCode, 1);
+  const auto j = nlohmann::json::parse(chunker.out);
+  EXPECT_EQ(j["verified"], false);
+  const std::string problem = j["problem"];
+  const auto lost = std::stoul(problem);
+  EXPECT_GT(lost, 0u) << problem;
+  EXPECT_NE(problem.find(" of 8000 bytes never came back ("), std::string::npos) << problem;
+}
+
 // Bad combinations are refused with the rest of the bad usage (QltToolTest).
 TEST_F(QltBench, FailsWhenNoDataArrives) {
   // The echo device sends nothing of its own.
