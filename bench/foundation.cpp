@@ -6,7 +6,6 @@
 //
 //   build/default/bench/qlt_foundation
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <pthread.h>
 #include <time.h>
 
@@ -25,20 +24,14 @@
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/HANDLE.h"
 #include "support/AllocationCounter.h"
+#include "support/SimDevices.h"
 
 using namespace qlt;
 using namespace std::chrono_literals;
 
 namespace {
 
-size_t osThreads() {
-  size_t n = 0;
-  if (DIR* dir = opendir("/proc/self/task")) {
-    while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
-    closedir(dir);
-  }
-  return n;
-}
+using bench::osThreads;
 
 double threadCpuSeconds(pthread_t t) {
   clockid_t id;

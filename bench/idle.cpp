@@ -25,6 +25,7 @@
 #include "QueltLibrary/QueltLibrary.h"
 #include "QueltLibrary/sim/SimRadio.h"
 #include "support/PeripheralRecorder.h"
+#include "support/SimDevices.h"
 #include "support/TestSupport.h"
 
 using namespace qlt;
@@ -82,13 +83,7 @@ Cost idlePeripherals(int n) {
   radio->setLink(sim::findLinkProfile(sim::kDefaultLinkProfile)->parameters);
   std::vector<UUID> ids;
   for (int i = 0; i < n; ++i) {
-    sim::SimDeviceConfig d;
-    char id[40];
-    std::snprintf(id, sizeof id, "1D1E0000-0000-4000-8000-%012d", i);
-    d.identifier = *UUID::fromString(id);
-    d.localName = "Idle-" + std::to_string(i);
-    d.behaviour = sim::SimBehaviour::SwEcho;
-    d.connectDelay = 0.0;
+    sim::SimDeviceConfig d = bench::numberedEcho("1D1E0000-0000-4000-8000-", "Idle", i);
     radio->addDevice(d);
     ids.push_back(d.identifier);
   }

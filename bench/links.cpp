@@ -6,7 +6,6 @@
 //
 //   build/default/bench/qlt_links
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 
 #include <algorithm>
 #include <atomic>
@@ -19,6 +18,7 @@
 #include "QueltLibrary/UartLink.h"
 #include "QueltLibrary/sim/SimRadio.h"
 #include "Stats.h"
+#include "support/SimDevices.h"
 
 using namespace qlt;
 using namespace std::chrono_literals;
@@ -27,14 +27,7 @@ namespace {
 
 constexpr double kIntervalS = 0.0075;
 
-size_t osThreads() {
-  size_t n = 0;
-  if (DIR* dir = opendir("/proc/self/task")) {
-    while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
-    closedir(dir);
-  }
-  return n;
-}
+using bench::osThreads;
 
 void BM_EchoingLinks(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
@@ -44,13 +37,7 @@ void BM_EchoingLinks(benchmark::State& state) {
     faults.connectionInterval = kIntervalS;
     radio->setFaults(faults);
     for (int i = 0; i < n; ++i) {
-      sim::SimDeviceConfig d;
-      char id[40];
-      std::snprintf(id, sizeof id, "11E40000-0000-4000-8000-%012d", i);
-      d.identifier = *UUID::fromString(id);
-      d.localName = "Echo-" + std::to_string(i);
-      d.behaviour = sim::SimBehaviour::SwEcho;
-      d.connectDelay = 0.0;
+      sim::SimDeviceConfig d = bench::numberedEcho("11E40000-0000-4000-8000-", "Echo", i);
       d.advertisingInterval = 0.02;
       radio->addDevice(d);
     }
