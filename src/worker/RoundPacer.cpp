@@ -9,7 +9,7 @@ RoundPacer::RoundPacer(std::shared_ptr<DispatchQueue> queue, std::function<doubl
                        std::shared_ptr<Clock> clock)
     : queue_(std::move(queue)),
       round_(std::move(round)),
-      clock_(clock ? std::move(clock) : Clock::monotonic()) {}
+      clock_(clock ? std::move(clock) : std::shared_ptr<Clock>(Clock::monotonic())) {}
 
 std::shared_ptr<RoundPacer> RoundPacer::create(std::shared_ptr<DispatchQueue> queue,
                                                std::function<double()> round,
