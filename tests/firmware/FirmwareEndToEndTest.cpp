@@ -57,7 +57,7 @@ sim::SimDeviceConfig device(const std::vector<std::string>& command) {
 struct TheFirmware : testing::TestWithParam<Firmware> {
   // What came back of `message` until all did, the link ended or nothing came for 10 s.
   static std::string echo(e2e::Sim& sim, const std::string& message, std::string* error = nullptr) {
-    UartLink link({5s, true, QLT_BLEManager::create(sim.backend())});
+    UartLink link(test::linkOptions(5s, QLT_BLEManager::create(sim.backend())));
     link.connect("QLT-FW");
     link.send(message);
     std::string got;
