@@ -10,7 +10,7 @@
 //
 // The air-time arithmetic lives here, once: pduAirSeconds() for one data PDU and
 // physicalLimitBps() for the most application bytes a second a link can carry. Sources:
-// Bluetooth Core Specification v5.3, Vol 6, Part B, 2.1 (packet format: preamble 1 octet on
+// Bluetooth Core v5.3, Vol 6, Part B, 2.1 (packet format: preamble 1 octet on
 // LE 1M, 2 on LE 2M; access address 4; CRC 3), 2.4 (data PDU: 2-octet header, payload 0 to
 // 251, 4-octet MIC when encrypted), 4.1.1 (T_IFS = 150 µs), 4.5.1 (connection interval
 // 7.5 ms to 4 s), 4.5.2 (supervision timeout 100 ms to 32 s), 4.6.6 (data length 27 to 251);

@@ -16,7 +16,7 @@
 // Nothing ticks: the owner asks advance(now) what arrived by `now`, and nextEvent() when
 // the next value will arrive (or the link be lost) if nothing more is sent; an idle link
 // needs no wake-up (idle events with no errors to draw are skipped arithmetically).
-// Sources: docs/simulated-radio.md (the Bluetooth Core Specification's sections).
+// Sources: docs/simulated-radio.md (the sections of Bluetooth Core v5.3 it follows).
 //
 // Not thread-safe: one owner drives it (SimLink, under its lock).
 #pragma once
