@@ -213,11 +213,7 @@ void ThreadPool::work(const std::shared_ptr<Worker>& worker) {
   for (;;) {
     if (!retired_.empty()) {
       // Retired workers have returned (or are returning) from work(): join them here.
-      auto finished = std::move(retired_);
-      retired_.clear();
-      lock.unlock();
-      for (auto& t : finished) t.join();
-      lock.lock();
+      joinRetired(lock);
       continue;
     }
     if (!ready_.empty()) {
@@ -244,6 +240,14 @@ void ThreadPool::work(const std::shared_ptr<Worker>& worker) {
   }
 }
 
+void ThreadPool::joinRetired(std::unique_lock<std::mutex>& lock) {
+  auto finished = std::move(retired_);
+  retired_.clear();
+  lock.unlock();
+  for (auto& t : finished) t.join();
+  lock.lock();
+}
+
 bool ThreadPool::waitForWork(const std::shared_ptr<Worker>& worker,
                              std::unique_lock<std::mutex>& lock) {
   Worker& self = *worker;
@@ -268,11 +272,7 @@ bool ThreadPool::waitForWork(const std::shared_ptr<Worker>& worker,
     if (self.woken) break;
     if (woken) {
       // A worker retired and woke us to join its thread.
-      auto finished = std::move(retired_);
-      retired_.clear();
-      lock.unlock();
-      for (auto& t : finished) t.join();
-      lock.lock();
+      joinRetired(lock);
       continue;
     }
     if (threads_ > kReserve) {

@@ -84,6 +84,8 @@ class ThreadPool {
   bool waitForWork(const std::shared_ptr<Worker>& worker, std::unique_lock<std::mutex>& lock);
   // Takes `worker` off the idle stack.
   void unidleLocked(const Worker* worker);
+  // Joins the retired workers' threads with `lock` (on mutex_) released meanwhile.
+  void joinRetired(std::unique_lock<std::mutex>& lock);
 
   const size_t onDemand_ = std::max<size_t>(4, std::thread::hardware_concurrency());
 
