@@ -22,11 +22,6 @@ UartLink::Impl::Impl(Options options)
   if (options_.sendBuffer == 0) throw std::invalid_argument("UartLink: a sendBuffer of 0 bytes");
 }
 
-void UartLink::Impl::attach() {
-  manager_->addDelegate(shared_from_this(), queue_);
-  manager_->moduleQueue()->sync([] {});  // from here on every manager event reaches us
-}
-
 UartLink::Counters UartLink::Impl::counters() const {
   std::lock_guard lock(mutex_);
   return counters_;
@@ -80,18 +75,19 @@ std::string UartLink::Impl::lastError() const {
 
 void UartLink::Impl::disconnect() {
   std::shared_ptr<QLT_Peripheral> peripheral;
-  bool searching = false;
+  std::shared_ptr<LinkOpener> opener;
   {
     std::lock_guard lock(mutex_);
     ++attempt_;
     peripheral = peripheral_;
-    searching = std::exchange(searching_, false);
+    opener = std::move(opener_);
     if (inAttempt() || state_ == State::Connected) {
       detachTransportLocked();
       change(State::Disconnected, Reason::NotConnected, "");
     }
   }
-  endAttempt(searching, peripheral);
+  if (opener) opener->cancel();  // stops its scan, disconnects what it connected
+  if (peripheral && !isDown(*peripheral)) manager_->disconnect(peripheral);
 }
 
 void UartLink::Impl::close() {
@@ -105,7 +101,6 @@ void UartLink::Impl::close() {
       changed_.wait_for(lock, std::chrono::seconds(2), [&] { return isDown(*peripheral); });
     }
   }
-  manager_->removeDelegate(shared_from_this());
   if (peripheral) peripheral->removeDelegate(shared_from_this());
   std::vector<std::shared_ptr<QLT_Peripheral>> previous;
   {
@@ -154,9 +149,7 @@ void UartLink::Impl::throwUnlessConnected() const {
 
 UartLink::UartLink() : UartLink(Options{}) {}
 
-UartLink::UartLink(Options options) : impl_(std::make_shared<Impl>(std::move(options))) {
-  impl_->attach();
-}
+UartLink::UartLink(Options options) : impl_(std::make_shared<Impl>(std::move(options))) {}
 
 UartLink::~UartLink() { impl_->close(); }
 

@@ -1,5 +1,6 @@
-// UartLink's way to a connected link: find the device (a scan), connect, wait for the
-// peripheral to be ready, within Options::timeout; a drop, and reconnection's tries.
+// UartLink's way to a connected link: each attempt (connect(), every try to reconnect) is a
+// LinkOpener's, within Options::timeout; here are what the link makes of its report, a
+// drop, and reconnection's tries.
 #include <cstdlib>
 
 #include "QueltLibrary/Log.h"
@@ -25,9 +26,9 @@ void UartLink::Impl::startConnect(std::string_view device) {
     device_ = std::string(device);
     received_.clear();
     change(State::Connecting, Reason::NotConnected, "");
-    attempt = beginSearch();
+    attempt = beginAttempt();
   }
-  launchSearch(attempt);
+  launch(attempt);
 }
 
 // Uses Options::adapter, else QLT_ADAPTER where the backend has adapters to choose from.
@@ -56,8 +57,11 @@ void UartLink::Impl::waitUntilConnected() {
   const uint64_t attempt = attempt_;
   auto settled = [&] { return attempt_ != attempt || state_ != State::Connecting; };
   if (!changed_.wait_until(lock, deadline_, settled)) {
+    auto opener = opener_;
     lock.unlock();
-    timeOut(attempt);  // the timer may be late on a busy machine; this is the same end
+    // The opener's timer may be late on a busy machine; this is the same end.
+    if (opener) opener->expire();
+    opener.reset();
     lock.lock();
     changed_.wait(lock, settled);
   }
@@ -68,116 +72,68 @@ void UartLink::Impl::waitUntilConnected() {
   throw Error(reason_, error_);
 }
 
-void UartLink::Impl::manager_didChangedState(const std::shared_ptr<QLT_BLEManager>&,
-                                             int32_t state) {
-  if (state != QLT_BLEManagerStateIdle) return;
-  uint64_t attempt = 0;
-  {
-    std::lock_guard lock(mutex_);
-    attempt = attempt_;
+// The opener's report of the attempt (or try) `attempt`: a ready link, or why not.
+void UartLink::Impl::opened(uint64_t attempt, const LinkOpener::Result& r) {
+  std::shared_ptr<LinkOpener> opener;
+  std::lock_guard lock(mutex_);
+  if (attempt != attempt_ || !inAttempt()) return;
+  opener = std::move(opener_);  // let go of outside the lock (it has ended)
+  const std::string why = r.problem.empty() ? "" : ": " + r.problem;
+  switch (r.outcome) {
+    case LinkOpener::Outcome::Ready:
+      connected(r.peripheral);
+      return;
+    case LinkOpener::Outcome::NotFound:
+    case LinkOpener::Outcome::Found:
+      fail(Reason::NotFound, "no device named " + device_ + " within " +
+                                 inSeconds(options_.timeout) +
+                                 (r.bluetoothOff ? " (Bluetooth is not powered on)" : ""));
+      return;
+    case LinkOpener::Outcome::TimedOut:
+      fail(Reason::ConnectFailed,
+           device_ + " did not connect within " + inSeconds(options_.timeout));
+      return;
+    case LinkOpener::Outcome::ConnectFailed:
+    case LinkOpener::Outcome::Dropped:
+      fail(Reason::ConnectFailed, "cannot connect to " + device_ + why);
+      return;
+    case LinkOpener::Outcome::NoUartService:
+      fail(Reason::Unusable, device_ + " offers no UART service");
+      return;
+    case LinkOpener::Outcome::Unusable:
+      fail(Reason::Unusable, device_ + " cannot carry data" + why);
+      return;
   }
-  search(attempt);  // powered on, or someone else's scan ended: scan (again)
 }
 
-void UartLink::Impl::manager_didDiscoveredPeripheral(const std::shared_ptr<QLT_BLEManager>&,
-                                                     const std::shared_ptr<QLT_Peripheral>& p) {
-  uint64_t attempt = 0;
+// On queue_, before the opener connects: the link's transport and delegate.
+void UartLink::Impl::found(uint64_t attempt, const std::shared_ptr<QLT_Peripheral>& p) {
   {
     std::lock_guard lock(mutex_);
-    if (!inAttempt() || !searching_ || !p->answersTo(device_)) return;
-    searching_ = false;
+    if (attempt != attempt_ || !inAttempt()) return;
     peripheral_ = p;
-    attempt = attempt_;
   }
-  manager_->stopDiscover();
   p->setTransportType(options_.slidingWindow ? 1 : 0);
   p->addDelegate(shared_from_this(), queue_);
   p->moduleQueue()->sync([] {});  // every state from here on reaches us
   QLTLog("UartLink: found %@, connecting", p);
-  manager_->connect(p);
-  bool ended = false;
-  {
-    std::lock_guard lock(mutex_);
-    // Ended meanwhile (disconnect(), the timeout) while it was still down: undo.
-    ended = attempt != attempt_ || !inAttempt();
-  }
-  if (ended) endAttempt(false, p);
 }
 
+// QLT_Peripheral delegate: a drop of the connected link (the opener follows the attempt).
 void UartLink::Impl::QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& p,
                                                    int32_t state) {
-  bool endIt = false;
-  {
-    std::lock_guard lock(mutex_);
-    changed_.notify_all();  // close() may be waiting for the device to go down
-    if (p != peripheral_) return;
-    const bool connecting = inAttempt() && !searching_;
-    if (connecting && state == QLT_PeripheralStateReady) {
-      const std::string problem = p->linkProblem();
-      if (problem.empty()) {
-        connected(p);
-      } else {
-        endIt = fail(Reason::Unusable, device_ + " cannot carry data: " + problem);
-      }
-    } else if (connecting && state == QLT_PeripheralStateDfuInProgress) {
-      endIt = fail(Reason::Unusable, device_ + " offers no UART service");
-    } else if (connecting && (state == QLT_PeripheralStateFailedToConnect ||
-                              state == QLT_PeripheralStateDisconnected)) {
-      const std::string problem = p->linkProblem();
-      endIt = fail(Reason::ConnectFailed,
-                   "cannot connect to " + device_ + (problem.empty() ? "" : ": " + problem));
-    } else if (state_ == State::Connected && state == QLT_PeripheralStateDisconnected) {
-      dropped(p);
-    }
-  }
-  if (endIt) endAttempt(false, p);
+  std::lock_guard lock(mutex_);
+  changed_.notify_all();  // close() may be waiting for the device to go down
+  if (p == peripheral_ && state_ == State::Connected && state == QLT_PeripheralStateDisconnected)
+    dropped(p);
 }
 
-// On queue_: scans for the current attempt's device if it is still wanted and the
-// manager can scan now (otherwise its next idle state brings us back).
-void UartLink::Impl::search(uint64_t attempt) {
-  {
-    std::lock_guard lock(mutex_);
-    if (attempt != attempt_ || !searching_) return;
-  }
-  if (manager_->state() != QLT_BLEManagerStateIdle) return;
-  manager_->startDiscover();
-  bool ended = false;
-  {
-    std::lock_guard lock(mutex_);
-    ended = attempt != attempt_ || !searching_;  // disconnected or timed out meanwhile
-  }
-  if (ended) manager_->stopDiscover();
-}
-
-void UartLink::Impl::timeOut(uint64_t attempt) {
-  bool searching = false;
-  std::shared_ptr<QLT_Peripheral> peripheral;
-  {
-    std::lock_guard lock(mutex_);
-    if (attempt != attempt_ || !inAttempt()) return;
-    searching = searching_;
-    peripheral = peripheral_;
-    if (searching) {
-      const bool off = manager_->state() == QLT_BLEManagerStateUnavailable;
-      fail(Reason::NotFound, "no device named " + device_ + " within " +
-                                 inSeconds(options_.timeout) +
-                                 (off ? " (Bluetooth is not powered on)" : ""));
-    } else {
-      fail(Reason::ConnectFailed,
-           device_ + " did not connect within " + inSeconds(options_.timeout));
-    }
-  }
-  endAttempt(searching, peripheral);
-}
-
-// Under mutex_: the current attempt failed. True: the caller calls endAttempt. A try to
-// reconnect that fails schedules the next, or gives up after the last.
-bool UartLink::Impl::fail(Reason reason, const std::string& message) {
-  searching_ = false;
+// Under mutex_: the current attempt failed (the opener has stopped what it started). A try
+// to reconnect that fails schedules the next, or gives up after the last.
+void UartLink::Impl::fail(Reason reason, const std::string& message) {
   if (state_ != State::Reconnecting) {
     change(State::Disconnected, reason, message);
-    return true;
+    return;
   }
   ++tries_;
   const auto& policy = options_.reconnect;
@@ -185,7 +141,7 @@ bool UartLink::Impl::fail(Reason reason, const std::string& message) {
     change(State::Lost, Reason::LinkLost,
            "gave up reconnecting to " + device_ + " after " + std::to_string(tries_) +
                (tries_ == 1 ? " try: " : " tries: ") + message);
-    return true;
+    return;
   }
   change(
       State::Reconnecting, Reason::LinkLost,
@@ -193,7 +149,6 @@ bool UartLink::Impl::fail(Reason reason, const std::string& message) {
   delay_ =
       std::min(delay_ * 2, std::chrono::duration_cast<std::chrono::milliseconds>(policy.maxDelay));
   scheduleTry();
-  return true;
 }
 
 // Under mutex_: the attempt (or try) reached a ready peripheral.
@@ -245,44 +200,43 @@ void UartLink::Impl::tryAgain(uint64_t attempt) {
   {
     std::lock_guard lock(mutex_);
     if (attempt != attempt_ || state_ != State::Reconnecting) return;
-    attempt = beginSearch();
+    attempt = beginAttempt();
   }
-  launchSearch(attempt);  // logs "looking for" the device
+  launch(attempt);  // logs "looking for" the device
 }
 
-// Under mutex_: a new attempt that searches for device_; returns its number.
-uint64_t UartLink::Impl::beginSearch() {
+// Under mutex_: a new attempt for device_; returns its number.
+uint64_t UartLink::Impl::beginAttempt() {
   const uint64_t attempt = ++attempt_;
   deadline_ = SteadyClock::now() + options_.timeout;
-  searching_ = true;
   if (peripheral_) previous_.push_back(std::exchange(peripheral_, nullptr));
   return attempt;
 }
 
-// Not under mutex_: starts the search of `attempt` and its time-out.
-void UartLink::Impl::launchSearch(uint64_t attempt) {
+// Not under mutex_: hands `attempt` to an opener (search, connect, its time-out).
+void UartLink::Impl::launch(uint64_t attempt) {
   std::vector<std::shared_ptr<QLT_Peripheral>> previous;
-  std::string device;
+  LinkOpener::Request request;
   {
     std::lock_guard lock(mutex_);
     previous.swap(previous_);
-    device = device_;
+    request.device = device_;
   }
   for (const auto& p : previous) p->removeDelegate(shared_from_this());
-  QLTLog("UartLink: looking for %s", device);
+  QLTLog("UartLink: looking for %s", request.device);
   std::weak_ptr<Impl> weak = weak_from_this();
-  queue_->async([weak, attempt] {
-    if (auto self = weak.lock()) self->search(attempt);
-  });
-  queue_->asyncAfter(options_.timeout, [weak, attempt] {
-    if (auto self = weak.lock()) self->timeOut(attempt);
-  });
-}
-
-// Not under mutex_: stops what an ended attempt or link left running.
-void UartLink::Impl::endAttempt(bool searching, const std::shared_ptr<QLT_Peripheral>& peripheral) {
-  if (searching) manager_->stopDiscover();
-  if (peripheral && !isDown(*peripheral)) manager_->disconnect(peripheral);
+  request.manager = manager_;
+  request.timeout = options_.timeout;
+  request.onFound = [weak, attempt](const std::shared_ptr<QLT_Peripheral>& p) {
+    if (auto self = weak.lock()) self->found(attempt, p);
+  };
+  auto opener = LinkOpener::start(std::move(request), queue_,
+                                  [weak, attempt](const LinkOpener::Result& result) {
+                                    if (auto self = weak.lock()) self->opened(attempt, result);
+                                  });
+  std::lock_guard lock(mutex_);
+  // Ended meanwhile (disconnect()): the opener goes with this scope, cancelled.
+  if (attempt == attempt_ && inAttempt()) opener_.swap(opener);
 }
 
 }  // namespace qlt

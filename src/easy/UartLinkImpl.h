@@ -1,6 +1,7 @@
 // UartLink's inside, in three rooms: UartLink.cpp (the state, received bytes, callbacks,
-// disconnecting), UartLinkConnect.cpp (finding and connecting, drops and reconnection) and
-// UartLinkSend.cpp (the bounded send buffer, flush, the everything-acknowledged event).
+// disconnecting), UartLinkConnect.cpp (attempts through a LinkOpener, drops and
+// reconnection) and UartLinkSend.cpp (the bounded send buffer, flush, the
+// everything-acknowledged event).
 //
 // Locking: one mutex (mutex_) guards every field below it; change() is the one place the
 // state changes. Manager and peripheral callbacks arrive on queue_, one at a time.
@@ -18,6 +19,7 @@
 
 #include "QueltLibrary/BaseTransport.h"
 #include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/LinkOpener.h"
 #include "QueltLibrary/QLT_BLEManager.h"
 #include "QueltLibrary/QLT_Peripheral.h"
 #include "QueltLibrary/UartLink.h"
@@ -25,17 +27,14 @@
 
 namespace qlt {
 
-// The delegate of the manager and of the peripheral; every callback arrives on queue_.
-class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
-                                  public QLT_BLEManagerDidDiscoveredPeripheral,
-                                  public QLT_PeripheralDidChangeState,
+// The delegate of the peripheral; every callback arrives on queue_.
+class QLT_HIDDEN UartLink::Impl : public QLT_PeripheralDidChangeState,
                                   public QLT_PeripheralDidReceivedTCPData,
                                   public std::enable_shared_from_this<Impl> {
  public:
   using Reason = UartLink::Error::Reason;
 
   explicit Impl(Options options);
-  void attach();
   // Disconnects, waits a little for the device to be told, and lets go of the library.
   void close();
 
@@ -61,10 +60,6 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
   std::string lastError() const;
   void disconnect();
 
-  // QLT_BLEManager delegate (UartLinkConnect.cpp)
-  void manager_didChangedState(const std::shared_ptr<QLT_BLEManager>&, int32_t state) override;
-  void manager_didDiscoveredPeripheral(const std::shared_ptr<QLT_BLEManager>&,
-                                       const std::shared_ptr<QLT_Peripheral>& p) override;
   // QLT_Peripheral delegate (UartLinkConnect.cpp, UartLink.cpp)
   void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>& p,
                                      int32_t state) override;
@@ -81,16 +76,15 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
 
   // UartLinkConnect.cpp
   void chooseAdapter();
-  void search(uint64_t attempt);
-  void timeOut(uint64_t attempt);
-  bool fail(Reason reason, const std::string& message);
+  void found(uint64_t attempt, const std::shared_ptr<QLT_Peripheral>& p);
+  void opened(uint64_t attempt, const LinkOpener::Result& r);
+  void fail(Reason reason, const std::string& message);
   void connected(const std::shared_ptr<QLT_Peripheral>& p);
   void dropped(const std::shared_ptr<QLT_Peripheral>& p);
   void scheduleTry();
   void tryAgain(uint64_t attempt);
-  uint64_t beginSearch();
-  void launchSearch(uint64_t attempt);
-  void endAttempt(bool searching, const std::shared_ptr<QLT_Peripheral>& peripheral);
+  uint64_t beginAttempt();
+  void launch(uint64_t attempt);
 
   // UartLinkSend.cpp
   void allAcknowledged();
@@ -130,7 +124,7 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
   uint64_t attempt_ = 0;                  // guarded by mutex_; advances when one ends
   std::string device_;                    // guarded by mutex_
   SteadyClock::time_point deadline_;      // guarded by mutex_
-  bool searching_ = false;                // guarded by mutex_; the attempt awaits its device
+  std::shared_ptr<LinkOpener> opener_;    // guarded by mutex_; the attempt under way
   std::shared_ptr<QLT_Peripheral> peripheral_;             // guarded by mutex_; the device found
   std::vector<Data> received_;                             // guarded by mutex_; not yet read
   std::function<void(const Data&)> onReceive_;             // guarded by mutex_

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <map>
 
 #include "Errors.h"
 #include "LogRouting.h"
 #include "QueltLibrary/DispatchQueue.h"
+#include "QueltLibrary/LinkOpener.h"
 #include "QueltLibrary/QLT_BLEManager.h"
 #include "QueltLibrary/QLT_Peripheral.h"
 #include "QueltLibrary/QLT_UUID.h"
@@ -53,6 +55,32 @@ bool keeps(const ScanFilter& f, const std::string& needle, const std::optional<s
           ad.serviceUUIDs.end())
     return false;
   return true;
+}
+
+// Runs `request` through a LinkOpener on the tool's queue, within `timeoutS`, and waits for
+// its report. Ctrl-C throws Interrupted and cancels the attempt (the opener stops its scan
+// and disconnects what it connected).
+LinkOpener::Result runOpener(LinkOpener::Request request,
+                             const std::shared_ptr<DispatchQueue>& queue, double timeoutS) {
+  struct Report {
+    Waiter waiter;
+    std::optional<LinkOpener::Result> result;  // guarded by waiter
+  };
+  auto report = std::make_shared<Report>();
+  const bool limited = timeoutS >= 0 && timeoutS < 1e6;
+  request.timeout =
+      std::chrono::milliseconds(static_cast<int64_t>(std::ceil((limited ? timeoutS : 1e6) * 1000)));
+  const auto opener = LinkOpener::start(std::move(request), queue, [report](const auto& r) {
+    report->waiter.update([&] { report->result = r; });
+  });
+  const auto reported = [&] { return report->result.has_value(); };
+  if (!report->waiter.waitUntil(reported, timeoutS)) {
+    opener->expire();  // its timer is late: the same end
+    report->waiter.waitUntil(reported, -1);
+  }
+  LinkOpener::Result result;
+  report->waiter.read([&] { result = *report->result; });
+  return result;
 }
 
 }  // namespace
@@ -280,7 +308,6 @@ std::vector<DeviceInfo> Session::scan(
 }
 
 std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double timeoutS) {
-  auto manager = QLT_BLEManager::sharedInstance();
   const auto uuid = device.size() == 36 ? UUID::fromString(device) : std::nullopt;
   const auto address = platform::canonicalAddress(device);
   if (!address && looksLikeAddress(device)) {
@@ -288,14 +315,11 @@ std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double 
                      "' is not a Bluetooth address (six pairs of hexadecimal digits joined by "
                      "':', such as C0:FF:EE:00:00:01)");
   }
-  const auto answers = [&](const std::shared_ptr<QLT_Peripheral>& p) {
-    return p->answersTo(device);
-  };
   // A peripheral seen in this run, or one the system knows by identifier or address.
   std::shared_ptr<QLT_Peripheral> found;
   impl_->waiter.read([&] {
     for (const auto& [id, p] : impl_->seen) {
-      if (answers(p)) found = p;
+      if (p->answersTo(device)) found = p;
     }
   });
   if (found) return found;
@@ -308,20 +332,11 @@ std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double 
     impl_->seen.clear();
     impl_->order.clear();
   });
-  manager->startDiscover();
-  impl_->waiter.waitUntil(
-      [&] {
-        for (const auto& [id, p] : impl_->seen) {
-          if (answers(p)) {
-            found = p;
-            return true;
-          }
-        }
-        return false;
-      },
-      timeoutS);
-  manager->stopDiscover();
-  if (!found) {
+  LinkOpener::Request request;
+  request.device = device;
+  request.connect = false;
+  const LinkOpener::Result result = runOpener(std::move(request), queue_, timeoutS);
+  if (result.outcome != LinkOpener::Outcome::Found) {
     if (uuid) {
       throw Failure("no device with identifier " + uuid->UUIDString() + " found within " +
                     seconds(timeoutS));
@@ -331,7 +346,7 @@ std::shared_ptr<QLT_Peripheral> Session::find(const std::string& device, double 
     }
     throw Failure("no device named '" + device + "' found within " + seconds(timeoutS));
   }
-  return found;
+  return result.peripheral;
 }
 
 std::optional<sim::LinkParameters> Session::linkParameters(const std::string& identifier) const {
@@ -438,48 +453,41 @@ Connection::~Connection() {
 
 void Connection::open(double timeoutS) {
   opened_ = true;
-  QLT_BLEManager::sharedInstance()->connect(peripheral_);
-  int32_t last = -1;
-  const bool settled = delegate_->waiter.waitUntil(
-      [&] {
-        last = delegate_->state;
-        return last == QLT_PeripheralStateReady || last == QLT_PeripheralStateFailedToConnect ||
-               last == QLT_PeripheralStateDfuInProgress ||
-               (last == QLT_PeripheralStateDisconnected && delegate_->opened);
-      },
-      timeoutS);
+  LinkOpener::Request request;
+  request.peripheral = peripheral_;
+  const LinkOpener::Result r = runOpener(std::move(request), session_.queue(), timeoutS);
   const std::string name = "'" + deviceName() + "'";
-  if (!settled) {
-    QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
-    throw Failure(name + " did not become ready within " + seconds(timeoutS) + " (last state: " +
-                  (last < 0 ? std::string("none") : QLT_Peripheral::convertStateToNSString(last)) +
-                  ")");
+  const std::string problem = displayText(r.problem, 400);
+  switch (r.outcome) {
+    case LinkOpener::Outcome::Ready:
+      break;
+    case LinkOpener::Outcome::TimedOut:
+      throw Failure(name + " did not become ready within " + seconds(timeoutS) + " (last state: " +
+                    (r.lastState < 0 ? std::string("none")
+                                     : QLT_Peripheral::convertStateToNSString(r.lastState)) +
+                    ")");
+    case LinkOpener::Outcome::ConnectFailed: {
+      // "could not connect: <the platform's reason>"
+      const size_t colon = problem.find(": ");
+      const std::string why =
+          r.problemKind == QLT_LinkProblem::ConnectFailed && colon != std::string::npos
+              ? problem.substr(colon + 2)
+              : "";
+      throw Failure("could not connect to " + name + (why.empty() ? "" : ": " + why));
+    }
+    case LinkOpener::Outcome::Unusable: {
+      const bool mtu = r.problemKind == QLT_LinkProblem::MtuTooSmall;
+      throw Failure(
+          name + " cannot carry the " +
+          (transport_ == TransportKind::NUS ? "chunking" : "sliding-window") +
+          " transport: " + (mtu ? problem.substr(0, problem.find(" (stock")) : problem) +
+          (mtu && transport_ == TransportKind::SlidingWindow ? "; try --transport nus" : ""));
+    }
+    case LinkOpener::Outcome::NoUartService:
+      throw Failure(name + " does not offer the UART service");
+    default:
+      throw Failure("the link to " + name + " dropped while connecting");
   }
-  const std::string problem = displayText(peripheral_->linkProblem(), 400);
-  const QLT_LinkProblem kind = peripheral_->linkProblemKind();
-  if (last == QLT_PeripheralStateFailedToConnect) {
-    // "could not connect: <the platform's reason>"
-    const size_t colon = problem.find(": ");
-    const std::string why = kind == QLT_LinkProblem::ConnectFailed && colon != std::string::npos
-                                ? problem.substr(colon + 2)
-                                : "";
-    throw Failure("could not connect to " + name + (why.empty() ? "" : ": " + why));
-  }
-  if (last == QLT_PeripheralStateReady && kind != QLT_LinkProblem::None) {
-    QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
-    const bool mtu = kind == QLT_LinkProblem::MtuTooSmall;
-    throw Failure(
-        name + " cannot carry the " +
-        (transport_ == TransportKind::NUS ? "chunking" : "sliding-window") +
-        " transport: " + (mtu ? problem.substr(0, problem.find(" (stock")) : problem) +
-        (mtu && transport_ == TransportKind::SlidingWindow ? "; try --transport nus" : ""));
-  }
-  if (last == QLT_PeripheralStateDfuInProgress) {
-    QLT_BLEManager::sharedInstance()->disconnect(peripheral_);
-    throw Failure(name + " does not offer the UART service");
-  }
-  if (last != QLT_PeripheralStateReady)
-    throw Failure("the link to " + name + " dropped while connecting");
   if (session_.options().verbose) printError("  link: " + describeLink(linkInfo()));
 }
 

@@ -2,8 +2,9 @@
 // known-device store), and one Connection per connected device.
 //
 // Everything here goes through QueltLibrary's public headers only, in the order an
-// application follows: take the manager, wait for power, scan with a filter, connect,
-// follow the peripheral's state to ready, write, receive callbacks, disconnect.
+// application follows: take the manager, wait for power, scan with a filter, find and
+// connect a device through LinkOpener (the library's one way from a name to a ready
+// peripheral, UartLink's too), write, receive callbacks, disconnect.
 //
 // Threads: library callbacks reach the tool on one serial queue of its own ("qlt"); they
 // update state guarded by a Waiter, and the command's thread waits on that. Callbacks
