@@ -43,7 +43,9 @@ class QLT_HIDDEN LinkOpener::Impl : public QLT_BLEManagerDidChangedState,
         phase_ = Phase::Connecting;
         peripheral_ = request_.peripheral;
       }
-      connectTo(request_.peripheral);
+      queue_->async([weak, p = request_.peripheral] {
+        if (auto self = weak.lock()) self->connectTo(p);
+      });
       return;
     }
     manager_->addDelegate(shared_from_this(), queue_);
@@ -132,7 +134,9 @@ class QLT_HIDDEN LinkOpener::Impl : public QLT_BLEManagerDidChangedState,
     if (phaseNow() != Phase::Searching) manager_->stopDiscover();  // ended meanwhile
   }
 
+  // On queue_.
   void connectTo(const std::shared_ptr<QLT_Peripheral>& p) {
+    if (phaseNow() == Phase::Ended) return;
     if (request_.onFound) request_.onFound(p);
     p->addDelegate(shared_from_this(), queue_);
     p->moduleQueue()->sync([] {});  // every state from here on reaches us
