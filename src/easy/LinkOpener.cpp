@@ -59,12 +59,7 @@ class QLT_HIDDEN LinkOpener::Impl : public QLT_BLEManagerDidChangedState,
 
   void expire() {
     Result result;
-    {
-      std::lock_guard lock(mutex_);
-      if (phase_ == Phase::Ended) return;
-      result.outcome = phase_ == Phase::Searching ? Outcome::NotFound : Outcome::TimedOut;
-      result.bluetoothOff = manager_->state() == QLT_BLEManagerStateUnavailable;
-    }
+    result.outcome = Outcome::TimedOut;  // NotFound if it is still searching
     end(result);
   }
 
@@ -164,6 +159,10 @@ class QLT_HIDDEN LinkOpener::Impl : public QLT_BLEManagerDidChangedState,
       if (was == Phase::Ended) return;
       p = peripheral_;
       if (result) result->lastState = lastState_;
+    }
+    if (result && result->outcome == Outcome::TimedOut && was == Phase::Searching) {
+      result->outcome = Outcome::NotFound;
+      result->bluetoothOff = manager_->state() == QLT_BLEManagerStateUnavailable;
     }
     const auto self = shared_from_this();
     if (was == Phase::Searching) {

@@ -116,7 +116,6 @@ void UartLink::Impl::found(uint64_t attempt, const std::shared_ptr<QLT_Periphera
   p->setTransportType(options_.slidingWindow ? 1 : 0);
   p->addDelegate(shared_from_this(), queue_);
   p->moduleQueue()->sync([] {});  // every state from here on reaches us
-  QLTLog("UartLink: found %@, connecting", p);
 }
 
 // QLT_Peripheral delegate: a drop of the connected link (the opener follows the attempt).
