@@ -169,6 +169,7 @@ typedef struct qlt_sw_ext {
   uint8_t hold_data;   /* no data on this link until the peer's first word on the session */
   uint8_t resume;      /* 1: the OFFER resumes the session held */
   uint8_t started;     /* the link's first round has run */
+  uint8_t echo;        /* the ANSWER owed answers a repeated OFFER */
   uint16_t value_limit;
   uint16_t own_segment;               /* the largest payload this end accepts on this link */
   uint16_t send_segment, send_window; /* what this end may send, once negotiated */

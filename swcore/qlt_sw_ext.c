@@ -83,7 +83,7 @@ static void agree(qlt_sw* sw, const qlt_sw_wide_terms* peer) {
 static void begin_link(qlt_sw* sw) {
   qlt_sw_ext* e = &sw->ext;
   e->send_mode = e->recv_mode = 0;
-  e->repeats = 0;
+  e->repeats = e->echo = 0;
   e->owe_nego = 0;
   e->faults_seen = 0;
   e->nego_at = 0;
@@ -193,6 +193,7 @@ static void device_offer(qlt_sw* sw, const qlt_sw_wide_terms* o) {
       qlt_swi_fault(sw, QLT_SW_FAULT_CONTRADICTORY);
     } else if (e->state != QLT_SW_STATE_EXTENDED) {
       e->owe_nego = QLT_SW_WIDE_ANSWER; /* the same ANSWER again */
+      e->echo = 1;
     }
     return;
   }
@@ -330,7 +331,8 @@ size_t qlt_swi_ext_first(qlt_sw* sw, uint32_t now, uint8_t* out, size_t cap) {
     n = qlt_sw_wide_write_terms(e->owe_nego, &e->mine, out, cap);
     if (n == 0) return 0;
     if (e->repeats == 0 || e->owe_nego == QLT_SW_WIDE_ANSWER) e->nego_at = now;
-    if (e->repeats < 255) ++e->repeats;
+    if (!e->echo && e->repeats < 255) ++e->repeats; /* an echo is no repeat of its own */
+    e->echo = 0;
   } else if (e->owe_nego) {
     out[0] = e->owe_nego;
     n = 1;
