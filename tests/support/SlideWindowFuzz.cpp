@@ -184,4 +184,71 @@ int runStructured(const uint8_t* data, size_t size) {
   return 0;
 }
 
+// A core with the wide window on, in the role the first byte picks, brought to the
+// extended format by a well-formed peer (unless the second byte says otherwise), then fed
+// the rest as raw values with rounds between. Whatever arrives: frames stay within the
+// link's value limit, the window within its slots, and the stream in order.
+int runWide(const uint8_t* data, size_t size) {
+  Rig rig(data, size);
+  std::array<uint8_t, QLT_SW_STORAGE(120, 64)> slots{};
+  std::vector<uint32_t> storage(QLT_SW_WIDE_STORAGE(200, 16, 8));
+  qlt_sw core{};
+  const bool central = !(rig.next() & 1);
+  qlt_sw_config cfg{};
+  cfg.segment_size = 120;
+  cfg.poll_timeout_us = 300000;
+  cfg.slots = slots.data();
+  cfg.slot_count = 64;
+  cfg.wide_role = central ? QLT_SW_ROLE_CENTRAL : QLT_SW_ROLE_DEVICE;
+  cfg.wide_segment = 200;
+  cfg.wide_send_slots = 16;
+  cfg.wide_recv_slots = 8;
+  cfg.wide_storage = storage.data();
+  cfg.value_limit = 100;
+  cfg.nonce = 5;
+  QLT_FUZZ_CHECK(qlt_sw_init(&core, &cfg) == 0);
+  uint32_t now = 0;
+  uint64_t got = 0, queued = 0;
+  uint8_t value[256] = {};
+  qlt_sw_wide_info info;
+  const auto in = [&](const uint8_t* v, size_t n) {
+    qlt_sw_delivery d;
+    const uint64_t before = qlt_sw_get_counters(&core)->bytes_queued;
+    if (qlt_sw_receive(&core, v, n, now, &d) == QLT_SW_TCP) got += d.len;
+    while (qlt_sw_take_delivery(&core, &d)) got += d.len;
+    qlt_sw_get_wide_info(&core, &info);
+    QLT_FUZZ_CHECK(info.stream_received == got && info.room <= cfg.wide_recv_slots);
+    QLT_FUZZ_CHECK(qlt_sw_get_counters(&core)->bytes_queued <= before);
+  };
+  const auto round = [&](uint32_t ms) {
+    uint8_t out[512];
+    size_t n, written = 0;
+    now += ms * 1000u;
+    queued += qlt_sw_send(&core, value, 150);
+    while ((n = qlt_sw_poll_frame(&core, now, out, sizeof out)) > 0) {
+      const bool extended = (out[0] & 1) && ((out[0] >> 1) & 7) >= 3;
+      QLT_FUZZ_CHECK(n <= qlt_sw_frame_max(&core) && (!extended || n <= cfg.value_limit));
+      QLT_FUZZ_CHECK(++written <= 40);
+    }
+    qlt_sw_get_wide_info(&core, &info);
+    QLT_FUZZ_CHECK(info.in_flight <= cfg.wide_send_slots);
+    QLT_FUZZ_CHECK(info.stream_acked + qlt_sw_get_counters(&core)->bytes_queued == queued);
+  };
+  round(0);
+  if (!(rig.next() & 1)) {  // a well-formed peer's side of the negotiation first
+    const qlt_sw_wide_terms t{1, 0, 60, 4, central ? 5u : 9u, central ? 9u : 0u, 0};
+    const uint8_t confirm = 0x27;
+    in(value, qlt_sw_wide_write_terms(central ? 0x17 : 0x07, &t, value, sizeof value));
+    round(0);
+    if (!central) in(&confirm, 1);
+  }
+  while (!rig.done()) {
+    const uint8_t len = rig.next();
+    in(value, rig.take(len & 0x7F, value));
+    if (len & 0x80) round(len & 0x7Fu);
+  }
+  round(1000);
+  return 0;
+}
+
 }  // namespace qlt::fuzz
