@@ -146,6 +146,18 @@ int qlt_sw_init(qlt_sw* sw, const qlt_sw_config* cfg) {
 }
 
 void qlt_sw_reset_send(qlt_sw* sw) {
+  if (sw->ext.send_mode == 2) { /* the peer waits for what is on the wire: the rest goes */
+    uint32_t bytes = (uint32_t)sw->counters.bytes_queued - (sw->ext.sent_end - sw->ext.acked);
+    while (bytes > 0 && sw->queued > 0) {
+      uint8_t* s = slot(sw, sw->queued - 1u);
+      const uint32_t n = s[0] < bytes ? s[0] : bytes;
+      s[0] = (uint8_t)(s[0] - n);
+      sw->counters.bytes_queued -= n;
+      bytes -= n;
+      if (s[0] == 0) --sw->queued;
+    }
+    return;
+  }
   sw->head = sw->queued = sw->unsent = 0;
   sw->read_pos = 0;
   sw->ack_window = 0;
@@ -464,7 +476,9 @@ uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now) {
   return due;
 }
 
-void qlt_sw_release(qlt_sw* sw, uint32_t count, uint32_t now) { release(sw, count, now); }
+void qlt_sw_release(qlt_sw* sw, uint32_t count, uint32_t now) {
+  if (sw->ext.send_mode != 2) release(sw, count, now); /* extended: only an ACK releases */
+}
 
 const qlt_sw_counters* qlt_sw_get_counters(const qlt_sw* sw) { return &sw->counters; }
 uint8_t qlt_sw_in_flight(const qlt_sw* sw) { return in_flight(sw); }

@@ -255,7 +255,8 @@ typedef struct qlt_sw {
 int qlt_sw_init(qlt_sw* sw, const qlt_sw_config* cfg);
 
 /* Empties the send queue and resets the send sequence and what was owed to the peer; the
- * receive sequence and the round-trip estimate stay. */
+ * receive sequence and the round-trip estimate stay. Once the send direction is extended,
+ * it drops only the bytes not yet sent: the peer waits for the segments on the wire. */
 void qlt_sw_reset_send(qlt_sw* sw);
 
 /* Queues up to `len` bytes as segments of at most segment_size bytes, each call starting
@@ -309,7 +310,8 @@ size_t qlt_sw_poll_frame_of(qlt_sw* sw, uint32_t now, unsigned kinds, uint8_t* o
  * happens (0: now); QLT_SW_IDLE when nothing is due. */
 uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now);
 
-/* Releases `count` segments from the head of the queue, as an acknowledgement would. */
+/* Releases `count` segments from the head of the queue, as an acknowledgement would.
+ * Classic format only: once the send direction is extended, only the peer's ACK does. */
 void qlt_sw_release(qlt_sw* sw, uint32_t count, uint32_t now);
 
 /* Reading the state. */

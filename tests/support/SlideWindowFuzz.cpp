@@ -9,6 +9,7 @@
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SWTransport.h"
 #include "QueltLibrary/SlideWindowFrame.h"
+#include "support/WideCore.h"
 #include "swcore/qlt_sw.h"
 #include "swcore/qlt_sw_wide.h"
 
@@ -190,23 +191,17 @@ int runStructured(const uint8_t* data, size_t size) {
 // link's value limit, the window within its slots, and the stream in order.
 int runWide(const uint8_t* data, size_t size) {
   Rig rig(data, size);
-  std::array<uint8_t, QLT_SW_STORAGE(120, 64)> slots{};
-  std::vector<uint32_t> storage(QLT_SW_WIDE_STORAGE(200, 16, 8));
-  qlt_sw core{};
   const bool central = !(rig.next() & 1);
-  qlt_sw_config cfg{};
-  cfg.segment_size = 120;
-  cfg.poll_timeout_us = 300000;
-  cfg.slots = slots.data();
-  cfg.slot_count = 64;
-  cfg.wide_role = central ? QLT_SW_ROLE_CENTRAL : QLT_SW_ROLE_DEVICE;
-  cfg.wide_segment = 200;
-  cfg.wide_send_slots = 16;
-  cfg.wide_recv_slots = 8;
-  cfg.wide_storage = storage.data();
-  cfg.value_limit = 100;
-  cfg.nonce = 5;
-  QLT_FUZZ_CHECK(qlt_sw_init(&core, &cfg) == 0);
+  test::WideCore w(
+      {.role = static_cast<uint8_t>(central ? QLT_SW_ROLE_CENTRAL : QLT_SW_ROLE_DEVICE),
+       .segment = 200,
+       .sendSlots = 16,
+       .recvSlots = 8,
+       .valueLimit = 100,
+       .nonce = 5});
+  QLT_FUZZ_CHECK(w.initialized);
+  qlt_sw& core = w.sw;
+  const qlt_sw_config& cfg = w.config;
   uint32_t now = 0;
   uint64_t got = 0, queued = 0;
   uint8_t value[256] = {};

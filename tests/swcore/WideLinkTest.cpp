@@ -6,37 +6,18 @@
 #include <algorithm>
 
 #include "support/LinkHarness.h"
-#include "swcore/qlt_sw.h"
+#include "support/WideCore.h"
 
 namespace qlt::test {
 namespace {
 
-struct Wide {
-  uint8_t role = QLT_SW_ROLE_OFF;
-  uint32_t nonce = 0x1234;
-  uint16_t recvSlots = 16;
-  int consumeEvery = 0;  // rounds per segment processed (manual consume); 0: taken is consumed
-};
-
 // A raw core as a harness endpoint; a link that drops discards what it receives until up.
-class CoreEndpoint final : public LinkEndpoint {
+class CoreEndpoint final : public LinkEndpoint, public WideCore {
  public:
-  CoreEndpoint(Wide w, std::shared_ptr<Clock> clock) : w_(w), clock_(std::move(clock)) {
-    qlt_sw_config c{};
-    c.segment_size = 120;
-    c.poll_timeout_us = 300000;
-    c.ack_delay_us = 1000;
-    c.slots = slots_.data();
-    c.slot_count = 120;
-    c.wide_role = w.role;
-    c.wide_manual_consume = w.consumeEvery > 0;
-    c.wide_segment = 512;
-    c.wide_send_slots = 32;
-    c.wide_recv_slots = w.recvSlots;
-    c.wide_storage = storage_.data();
-    c.value_limit = 244;
-    c.nonce = w.nonce;
-    EXPECT_EQ(qlt_sw_init(&sw, &c), 0);
+  // With manual consume, the application processes a segment every 10 rounds.
+  CoreEndpoint(WideParams w, std::shared_ptr<Clock> clock)
+      : WideCore(w), consumeEvery_(w.manualConsume ? 10 : 0), clock_(std::move(clock)) {
+    EXPECT_TRUE(initialized);
   }
   void sendTCP(std::span<const uint8_t> b) override {
     backlog_.insert(backlog_.end(), b.begin(), b.end());
@@ -48,7 +29,7 @@ class CoreEndpoint final : public LinkEndpoint {
   }
   void round() override {
     if (down) return;
-    if (w_.consumeEvery && ++rounds_ % w_.consumeEvery == 0 && unread_ > 0) {
+    if (consumeEvery_ && ++rounds_ % consumeEvery_ == 0 && unread_ > 0) {
       qlt_sw_consume(&sw, 1, now());
       --unread_;
     }
@@ -65,14 +46,6 @@ class CoreEndpoint final : public LinkEndpoint {
   SlideWindowCounters counters() const override { return {}; }
   uint8_t inFlight() const override { return qlt_sw_in_flight(&sw); }
   size_t queuedSegments() const override { return qlt_sw_queued(&sw) + !backlog_.empty(); }
-  qlt_sw_wide_info info() const {
-    qlt_sw_wide_info i;
-    qlt_sw_get_wide_info(&sw, &i);
-    return i;
-  }
-  const qlt_sw_counters& c() const { return *qlt_sw_get_counters(&sw); }
-
-  qlt_sw sw{};
   bool down = false;
   size_t longest = 0;
   std::vector<uint8_t> written;  // the header of every frame written
@@ -81,18 +54,16 @@ class CoreEndpoint final : public LinkEndpoint {
   uint32_t now() const { return static_cast<uint32_t>(clock_->now() * 1e6); }
   void take(const qlt_sw_delivery& d) {
     deliver(Data(d.payload, d.len));
-    unread_ += w_.consumeEvery > 0;
+    unread_ += consumeEvery_ > 0;
   }
-  Wide w_;
+  int consumeEvery_;
   std::shared_ptr<Clock> clock_;
-  std::array<uint8_t, QLT_SW_STORAGE(120, 120)> slots_{};
-  std::vector<uint32_t> storage_ = std::vector<uint32_t>(QLT_SW_WIDE_STORAGE(512, 32, 16));
   std::vector<uint8_t> backlog_;
   uint64_t rounds_ = 0, unread_ = 0;
 };
 
 // A 2M link at a 7.5 ms interval, its frames late by up to 4 ms more.
-HarnessOptions options(double loss, double dup = 0, uint64_t seed = 1) {
+HarnessOptions options(double loss, double dup = 0) {
   HarnessOptions o;
   o.aToB = {.lossProbability = loss,
             .duplicationProbability = dup,
@@ -100,13 +71,12 @@ HarnessOptions options(double loss, double dup = 0, uint64_t seed = 1) {
             .jitterSeconds = 0.004,
             .bytesPerSecond = 160000};
   o.bToA = o.aToB;
-  o.seed = seed;
   return o;
 }
 
 using Make =
     std::function<std::unique_ptr<LinkEndpoint>(LinkHarness::Side, std::shared_ptr<Clock>)>;
-Make cores(Wide a, Wide b) {
+Make cores(WideParams a, WideParams b) {
   return [a, b](LinkHarness::Side side, std::shared_ptr<Clock> clock) {
     return std::unique_ptr<LinkEndpoint>(
         new CoreEndpoint(side == LinkHarness::A ? a : b, std::move(clock)));
@@ -115,8 +85,8 @@ Make cores(Wide a, Wide b) {
 CoreEndpoint& core(LinkHarness& h, LinkHarness::Side s) {
   return dynamic_cast<CoreEndpoint&>(h.endpoint(s));
 }
-const Wide kCentral{.role = QLT_SW_ROLE_CENTRAL, .nonce = 0xC0FFEE};
-const Wide kDevice{.role = QLT_SW_ROLE_DEVICE, .nonce = 0xD0D0};
+const WideParams kCentral{.role = QLT_SW_ROLE_CENTRAL, .nonce = 0xC0FFEE};
+const WideParams kDevice{.role = QLT_SW_ROLE_DEVICE, .nonce = 0xD0D0};
 
 std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
   std::vector<uint8_t> v(n);
@@ -147,9 +117,9 @@ TEST(WideLink, ASlowOrClosedReceiverIsWaitedForNeverResentTo) {
   // A link with jitter and a rate limit answers late; the receiver processes 100 segments a
   // second out of 4 slots, so the window closes again and again. Nothing is lost: nothing
   // may be sent twice.
-  Wide device = kDevice;
+  WideParams device = kDevice;
   device.recvSlots = 4;
-  device.consumeEvery = 10;  // 100 segments a second
+  device.manualConsume = true;  // 100 segments a second
   LinkHarness h(options(0), cores(kCentral, device));
   const auto bytes = pattern(40000, 2);
   h.a().sendTCP(bytes);
@@ -161,14 +131,15 @@ TEST(WideLink, ASlowOrClosedReceiverIsWaitedForNeverResentTo) {
 
 TEST(WideLink, AClassicPeerAtEitherEndSeesNothingNewBeyondThreeOffers) {
   const auto classicCore = [](LinkHarness::Side, std::shared_ptr<Clock> clock) {
-    return std::unique_ptr<LinkEndpoint>(new CoreEndpoint(Wide{}, std::move(clock)));
+    return std::unique_ptr<LinkEndpoint>(
+        new CoreEndpoint({.role = QLT_SW_ROLE_OFF}, std::move(clock)));
   };
   const auto literal = [](LinkHarness::Side, std::shared_ptr<Clock> clock) {
     return makeLiteralPeer(120, 0.3, std::move(clock));
   };
   for (const Make& classic : {Make(classicCore), Make(literal)}) {
     for (auto wideSide : {LinkHarness::A, LinkHarness::B}) {
-      const Wide wide = wideSide == LinkHarness::A ? kCentral : kDevice;
+      const WideParams wide = wideSide == LinkHarness::A ? kCentral : kDevice;
       LinkHarness h(options(0.03), [&](LinkHarness::Side s, std::shared_ptr<Clock> clock) {
         return s == wideSide ? cores(wide, wide)(s, clock) : classic(s, clock);
       });
