@@ -500,6 +500,17 @@ void qlt_sw_set_trace(qlt_sw* sw, qlt_sw_trace_fn fn, void* context) {
   sw->trace_context = context;
 }
 
+void qlt_swi_classic_restart(qlt_sw* sw) {
+  const uint16_t head = sw->head, queued = sw->queued;
+  const uint64_t bytes = sw->counters.bytes_queued;
+  qlt_sw_reset_send(sw); /* sequences from 0, nothing owed; the queue is kept */
+  sw->head = head;
+  sw->queued = queued;
+  sw->counters.bytes_queued = bytes;
+  sw->remote_ack = 0;
+  sw->gap_open = 0;
+}
+
 uint32_t qlt_swi_left(uint32_t now, uint32_t since, uint32_t wait) {
   return left(now, since, wait);
 }
