@@ -3,7 +3,8 @@
  * Portable C99. It does no I/O, takes no lock, reads no clock, starts no thread, allocates
  * nothing and uses no floating point: the caller feeds it received frames, bytes to send
  * and the time, and asks it for the frames to write. One implementation for both ends:
- * the central and the device run the same rules, so there is no role to choose.
+ * the central and the device run the same rules, so there is no role to choose (only the
+ * wide window's negotiation, below, gives them one).
  *
  * Frames (one characteristic value each; no length field, no checksum):
  *
@@ -39,8 +40,9 @@
  * over (the one exception, a link silent for a multiple of 71.6 minutes to within a poll
  * time-out, costs at most one poll time-out). `now` must never go backwards.
  *
- * Memory: the qlt_sw struct (about 200 bytes) plus the caller's segment slots,
- * QLT_SW_STORAGE(segment_size, slot_count) bytes; 3 slots of 120 bytes are 363 bytes.
+ * Memory: the qlt_sw struct (448 bytes on a 32-bit target) plus the caller's segment slots,
+ * QLT_SW_STORAGE(segment_size, slot_count) bytes; 3 slots of 120 bytes are 363 bytes; and
+ * with the wide window on, its storage (QLT_SW_WIDE_STORAGE).
  * Threads: none. All calls on one qlt_sw must come from one thread (or one serial queue).
  */
 #ifndef QLT_SW_H
