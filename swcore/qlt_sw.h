@@ -411,7 +411,8 @@ void qlt_sw_link_lost(qlt_sw* sw);
  * the identity if a new session begins on it. */
 void qlt_sw_link_up(qlt_sw* sw, uint32_t nonce);
 /* Forget the session held (its hold time passed): the next link begins a new one. Bytes
- * sent and unacknowledged are in doubt: reported as for a lost session, and dropped. */
+ * sent and unacknowledged are in doubt: reported as for a lost session, and dropped. Only
+ * between qlt_sw_link_lost and qlt_sw_link_up; on a live link, the negotiation settles it. */
 void qlt_sw_forget_session(qlt_sw* sw);
 
 #ifdef __cplusplus
