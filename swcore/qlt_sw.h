@@ -408,7 +408,10 @@ void qlt_sw_consume(qlt_sw* sw, uint32_t count, uint32_t now);
 /* The link is gone: every frame in flight is. Bytes not acknowledged stay queued. */
 void qlt_sw_link_lost(qlt_sw* sw);
 /* A new link is up: the negotiation starts again. `nonce` (nonzero) is this end's half of
- * the identity if a new session begins on it. */
+ * the identity if a new session begins on it (0 keeps the last one). Without a session to
+ * resume (a classic link, or wide_role 0) the bytes sent on the old link and never
+ * acknowledged are in doubt: reported as for a lost session, and dropped; the classic
+ * window starts again from sequence 0 with the rest of the queue. */
 void qlt_sw_link_up(qlt_sw* sw, uint32_t nonce);
 /* Forget the session held (its hold time passed): the next link begins a new one. Bytes
  * sent and unacknowledged are in doubt: reported as for a lost session, and dropped. Only
