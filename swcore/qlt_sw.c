@@ -444,7 +444,8 @@ static size_t next_answer(qlt_sw* sw, uint32_t now, uint8_t* out) {
 size_t qlt_sw_poll_frame_of(qlt_sw* sw, uint32_t now, unsigned kinds, uint8_t* out, size_t cap) {
   size_t n = 0;
   if (!out || cap < (size_t)sw->cfg.segment_size + 1u) return 0;
-  if (sw->cfg.wide_role) n = qlt_swi_ext_first(sw, now, out, cap);
+  if (sw->cfg.wide_role && (kinds & (QLT_SW_SEGMENTS | QLT_SW_ANSWERS)))
+    n = qlt_swi_ext_first(sw, now, out, cap);
   if (n == 0 && (kinds & QLT_SW_SEGMENTS)) n = next_segment(sw, now, out);
   if (n == 0 && (kinds & QLT_SW_POLLS)) n = next_poll(sw, now, out);
   if (n == 0 && (kinds & QLT_SW_ANSWERS)) n = next_answer(sw, now, out);

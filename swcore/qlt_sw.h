@@ -295,7 +295,9 @@ qlt_sw_kind qlt_sw_receive(qlt_sw* sw, const uint8_t* frame, size_t len, uint32_
 
 /* What qlt_sw_poll_frame_of may write; qlt_sw_poll_frame writes all of them, in this
  * order: segments the window lets go, the oldest segment again and a status poll when
- * its answer is late, then owed acknowledgements and rejections. */
+ * its answer is late, then owed acknowledgements and rejections. With the wide window on,
+ * a negotiation frame owed goes first whenever segments or answers may be written, and
+ * the extended window's segments, POLLs and ACKs follow the classic ones of their kind. */
 #define QLT_SW_SEGMENTS 1u /* queued segments, as far as the window allows */
 #define QLT_SW_POLLS 2u    /* a late answer: the oldest segment again, then a poll */
 #define QLT_SW_ANSWERS 4u  /* owed acknowledgements and rejections */
