@@ -264,7 +264,8 @@ static qlt_sw_kind receive_control(qlt_sw* sw, const uint8_t* frame, size_t len,
     }
     case 1: /* acknowledgement: every segment before x arrived */
       ++sw->counters.acks_received;
-      if (!in_window(a, x, b, 1)) return QLT_SW_NONE;
+      /* Once extended, the classic window is empty: the timer is the extended sender's. */
+      if (sw->ext.send_mode == 2 || !in_window(a, x, b, 1)) return QLT_SW_NONE;
       release(sw, (x < a ? x + 4 : x) - a, now);
       sw->poll_backoff = 0;
       set_poll_wait(sw);
@@ -311,7 +312,7 @@ static qlt_sw_kind receive_segment(qlt_sw* sw, uint8_t sequence, uint32_t now) {
     sw->gap_timed = 1;
     sw->gap_written = 0;
     owe_rejection(sw, sw->remote_ack, now);
-    sw->timer_at = now; /* the retransmission timer restarts, as it always has here */
+    if (sw->ext.send_mode != 2) sw->timer_at = now; /* restarts, as it always has here */
     trace(sw, QLT_SW_EV_GAP_OPENED, sw->remote_ack, 0);
     return QLT_SW_NONE;
   }
