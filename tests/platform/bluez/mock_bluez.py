@@ -2,7 +2,7 @@
 """A mock bluetoothd on a private system bus, for the BlueZ backend's tests (see README.md):
 `mock_bluez.py --session` is steered by JSON requests on stdin; `mock_bluez.py [--] CMD` serves
 while CMD runs."""
-import ctypes, json, os, random, shutil, signal, socket, subprocess, sys, tempfile, time
+import ctypes, json, math, os, random, shutil, signal, socket, subprocess, sys, tempfile, time
 import dbus, dbus.lowlevel, dbus.mainloop.glib, dbus.service
 from gi.repository import GLib
 
@@ -63,7 +63,7 @@ class Timers:
         if self.armed is not None:
             GLib.source_remove(self.armed)
         wait = min((t[0] for t in self.live.values()), default=None)
-        self.armed = None if wait is None else GLib.timeout_add(max(0, int((wait - self.now()) * 1000 + 1)), self.fire)
+        self.armed = None if wait is None else GLib.timeout_add(max(0, math.ceil((wait - self.now()) * 1000)), self.fire)
 
     def fire(self):
         self.armed = None
