@@ -50,8 +50,9 @@ class QLT_EXPORT SimRadio : public std::enable_shared_from_this<SimRadio> {
   static const std::shared_ptr<SimRadio>& shared();
   // A radio of its own: powered on, no faults, no devices (or the default ones). Its time
   // (advertising, connection delays, the air's delays and connection events, the devices'
-  // windows) runs on `clock`, the monotonic clock when null: on a ManualClock nothing on
-  // this radio happens later than at once until the clock is advanced.
+  // windows) runs on `clock`, the monotonic clock when null: on a ManualClock, whatever
+  // waits on this radio waits until the clock is advanced past it. (A device served by
+  // another process, the `external` behaviour, keeps that process's own, real, time.)
   static std::shared_ptr<SimRadio> create(bool withDefaultDevices = false,
                                           std::shared_ptr<Clock> clock = nullptr);
   // "QLT-Echo" (sw-echo), "QLT-Chunk" (chunk-echo), "QLT-Sink" (sink), "QLT-Source"
