@@ -93,33 +93,42 @@ class PlainQueueThread {
   std::thread thread_;
 };
 
-// Microseconds from `submit` (which hands a task over) to the task starting, p50 and p99.
+// Microseconds from `submit` (which hands a task over) to the task starting.
 template <class Submit>
-std::pair<double, double> startLatency(int samples, Submit submit) {
-  std::vector<double> us;
-  for (int i = 0; i < samples; ++i) {
-    std::promise<std::chrono::steady_clock::time_point> started;
-    const auto t0 = std::chrono::steady_clock::now();
-    submit([&] { started.set_value(std::chrono::steady_clock::now()); });
-    us.push_back(
-        std::chrono::duration<double, std::micro>(started.get_future().get() - t0).count());
-    std::this_thread::sleep_for(20us);  // the queue goes idle again
-  }
+double startLatencyUs(Submit submit) {
+  std::promise<std::chrono::steady_clock::time_point> started;
+  const auto t0 = std::chrono::steady_clock::now();
+  submit([&] { started.set_value(std::chrono::steady_clock::now()); });
+  const double us =
+      std::chrono::duration<double, std::micro>(started.get_future().get() - t0).count();
+  std::this_thread::sleep_for(20us);  // the queue goes idle again
+  return us;
+}
+
+std::pair<double, double> p50p99(std::vector<double> us) {
   std::sort(us.begin(), us.end());
   return {us[us.size() / 2], us[us.size() * 99 / 100]};
 }
 
-// From async() on an idle queue to the task starting, beside the plain queue thread.
+// From async() on an idle queue to the task starting, beside the plain queue thread, their
+// samples taken in turn, so that both see the same machine (on a shared one, what other
+// processes do changes within a second: two runs one after the other compared that).
 void BM_AsyncLatency(benchmark::State& state) {
   auto q = DispatchQueue::create("latency");
   PlainQueueThread plain;
   for (auto _ : state) {
-    const auto [p50, p99] = startLatency(5000, [&](auto task) { q->async(task); });
-    const auto [b50, b99] = startLatency(5000, [&](auto task) { plain.async(task); });
+    std::vector<double> queue, baseline;
+    for (int i = 0; i < 5000; ++i) {
+      queue.push_back(startLatencyUs([&](auto task) { q->async(task); }));
+      baseline.push_back(startLatencyUs([&](auto task) { plain.async(task); }));
+    }
+    const auto [p50, p99] = p50p99(queue);
+    const auto [b50, b99] = p50p99(baseline);
     state.counters["p50_us"] = p50;
     state.counters["p99_us"] = p99;
     state.counters["plain_p50_us"] = b50;
     state.counters["plain_p99_us"] = b99;
+    state.counters["pool_threads"] = double(DispatchQueue::poolThreads());
   }
 }
 

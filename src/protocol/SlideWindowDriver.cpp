@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <limits>
 
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/SlideWindowFrame.h"
@@ -33,8 +34,17 @@ std::shared_ptr<SlideWindowDriver> SlideWindowDriver::create(SlideWindowParamete
                                                              std::shared_ptr<Clock> clock,
                                                              std::shared_ptr<DispatchQueue> strand,
                                                              Outputs outputs) {
-  return std::shared_ptr<SlideWindowDriver>(
+  std::shared_ptr<SlideWindowDriver> driver(
       new SlideWindowDriver(parameters, std::move(clock), std::move(strand), std::move(outputs)));
+  // A round pumps the core, which asks the pacer for its next deadline itself.
+  driver->pacer_ = RoundPacer::create(
+      driver->strand_,
+      [weak = std::weak_ptr<SlideWindowDriver>(driver)] {
+        if (auto self = weak.lock()) self->pump();
+        return std::numeric_limits<double>::infinity();
+      },
+      driver->clock_);
+  return driver;
 }
 
 uint32_t SlideWindowDriver::nowMicros() const {
@@ -180,24 +190,7 @@ void SlideWindowDriver::schedule() {
   }
 }
 
-// The one place that waits for a deadline.
-void SlideWindowDriver::arm(uint32_t dueMicros) {
-  const uint32_t at = nowMicros() + dueMicros;
-  if (armed_ && ((at - armedAt_) & 0x80000000u) == 0) return;  // one no later is pending
-  armed_ = true;
-  armedAt_ = at;
-  // On the driver's clock: a ManualClock's advance() brings the deadline, as real time does
-  // for the monotonic one.
-  strand_->asyncAfter(
-      std::chrono::microseconds(dueMicros),
-      [weak = weak_from_this(), at] {
-        auto self = weak.lock();
-        if (!self) return;
-        if (self->armed_ && self->armedAt_ == at) self->armed_ = false;
-        self->pump();
-      },
-      *clock_);
-}
+void SlideWindowDriver::arm(uint32_t dueMicros) { pacer_->wake(dueMicros * 1e-6); }
 
 void SlideWindowDriver::write(const uint8_t* bytes, size_t length) {
   trace(true, bytes, length);

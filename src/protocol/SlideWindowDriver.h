@@ -5,10 +5,10 @@
 // needs no lock: sendTCP is posted there (run at once when the caller already is on it),
 // a received frame runs there in a sync() (on the receiving thread, once the strand is
 // free: no hop through the pool for every notification), and the rounds run there when the core's
-// next deadline comes (the library's timer, DispatchQueue::asyncAfter) or at once when a received
-// acknowledgement lets segments go. Received segments owe an answer after the ack delay (1 ms), so
-// segments arriving together draw one acknowledgement. Between rounds nothing runs: an idle link
-// costs no thread and no wake-up.
+// next deadline comes (a RoundPacer on the strand, as the chunker's rounds) or at once when a
+// received acknowledgement lets segments go. Received segments owe an answer after the ack
+// delay (1 ms), so segments arriving together draw one acknowledgement. Between rounds
+// nothing runs: an idle link costs no thread and no wake-up.
 //
 // The core's send queue holds a fixed number of segments; bytes beyond it wait in the
 // driver, in the messages they came in (so each still starts a segment of its own), and
@@ -35,6 +35,7 @@
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "swcore/qlt_sw.h"
+#include "worker/RoundPacer.h"
 
 namespace qlt {
 
@@ -131,8 +132,7 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   std::deque<Data> backlog_;  // messages (or their tails) waiting for the core's queue
   size_t backlogHead_ = 0;    // bytes of backlog_.front() already in the core
   uint64_t backlogBytes_ = 0;
-  bool armed_ = false;  // a timer task is pending for armedAt_
-  uint32_t armedAt_ = 0;
+  std::shared_ptr<RoundPacer> pacer_;  // rounds at the core's deadlines, on the strand
 
   std::atomic<uint64_t> unacknowledged_{0};
   mutable std::mutex mutex_;

@@ -57,8 +57,10 @@ void RoundPacer::fire(std::optional<double> armedFor) {
       armedAt_ = kNever;
     }
     if (stopped_) return;
+    // A timer task a hair early is on time: its delay was rounded to whole nanoseconds, and
+    // on a ManualClock that does not move it would otherwise re-arm for ever.
     const double now = clock_->now();
-    if (dueAt_ > now) {
+    if (dueAt_ > now + kDueSlack) {
       // Stale (its round already ran) or early: arm for what is due, if anything.
       if (dueAt_ != kNever) armLocked(now);
       return;

@@ -1,4 +1,6 @@
-// RoundPacer: runs one owner's rounds on a serial queue, only when there is work.
+// RoundPacer: runs one owner's rounds on a serial queue, only when there is work. The one
+// mechanism for rounds at deadlines: the chunker's (BaseTransport) and the sliding window's
+// (SlideWindowDriver, on its strand) both run on it.
 //
 // The owner's round does what is due and returns how long until the next round is due
 // when nothing else happens (a poll deadline, say), or infinity when nothing is. Between
@@ -39,6 +41,7 @@ class RoundPacer : public std::enable_shared_from_this<RoundPacer> {
 
  private:
   static constexpr double kNever = std::numeric_limits<double>::infinity();
+  static constexpr double kDueSlack = 1e-6;  // seconds
   RoundPacer(std::shared_ptr<DispatchQueue> queue, std::function<double()> round,
              std::shared_ptr<Clock> clock);
   void armLocked(double now);                 // mutex_ held

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <map>
 #include <set>
-#include <thread>
 
 #include "QueltLibrary/DispatchQueue.h"
 #include "platform/Backends.h"
@@ -127,6 +126,8 @@ class ABackend : public ::testing::Test {
     if (central) queue->sync([&] { central.reset(); });
   }
   size_t count(const std::string& kind) { return recorder->count(kind); }
+  // Lets `seconds` pass on the backend: whatever would arrive by then has arrived.
+  void passTime(double seconds) { side.passTime(seconds, *central, *queue); }
 
   // Scans (all devices, duplicates allowed) until `name` shows; its peripheral.
   std::shared_ptr<platform::Peripheral> find(const std::string& name) {
@@ -179,7 +180,7 @@ class ABackend : public ::testing::Test {
   std::shared_ptr<platform::Central> central;
 };
 
-TYPED_TEST_SUITE(ABackend, Backends);
+TYPED_TEST_SUITE(ABackend, SteppedBackends);
 
 TYPED_TEST(ABackend,
            EndsItsLinksBeforeReportingPowerOffAndNeitherScansNorConnectsUntilPowerReturns) {
@@ -230,13 +231,13 @@ TYPED_TEST(ABackend, ReportsOnlyTheServicesAskedForAndRepeatsOnlyWhenDuplicatesA
   EXPECT_EQ(objects.size(), 1u) << "one peripheral object per device";
   EXPECT_GE(rssis.size(), 2u) << "each advertisement brings its signal strength";
   const size_t afterStop = r.count("discover");
-  std::this_thread::sleep_for(300ms);
+  this->passTime(0.3);
   EXPECT_EQ(r.count("discover"), afterStop) << "reports after stopScan";
 
   r.clear();
   this->central->scanForPeripherals(std::nullopt, {false});
   ASSERT_TRUE(eventually([&] { return seen()["HR-Sensor"] == 1 && seen()["QLT-Echo"] == 1; }));
-  std::this_thread::sleep_for(400ms);
+  this->passTime(0.4);
   for (const auto& [name, n] : seen()) EXPECT_EQ(n, 1) << name << " reported again";
   this->central->stopScan();
 }
@@ -321,7 +322,7 @@ TYPED_TEST(ABackend, EchoesABurstInOrderAndStopsReportingOnceNotificationsAreOff
   ASSERT_TRUE(off);
   EXPECT_FALSE(off->notifying);
   chunk->writeValue(bytes("unheard"), link.tx, WriteType::WithoutResponse);
-  std::this_thread::sleep_for(200ms);
+  this->passTime(0.2);
   EXPECT_EQ(this->count("value"), size_t(kBurst + 3));
 }
 
@@ -344,7 +345,7 @@ TYPED_TEST(ABackend, NeverLetsAnEarlierConnectionReachALaterOne) {
   EXPECT_NE(second.tx, old.tx);
   for (int i = 0; i < 5; ++i)
     chunk->writeValue(bytes("old"), second.tx, WriteType::WithoutResponse);
-  std::this_thread::sleep_for(25ms);  // the echoes are on their way back
+  this->passTime(0.025);  // the echoes are on their way back
   chunk->discoverServices(std::nullopt);
   this->central->cancelPeripheralConnection(chunk);
   auto bye = this->recorder->waitFor("disconnect", 2);
@@ -357,7 +358,7 @@ TYPED_TEST(ABackend, NeverLetsAnEarlierConnectionReachALaterOne) {
   chunk->writeValue(bytes("stale"), second.tx, WriteType::WithoutResponse);
   chunk->writeValue(bytes("fresh"), third.tx, WriteType::WithoutResponse);
   ASSERT_TRUE(eventually([&] { return !this->valuesAfter("disconnect", 2).empty(); }));
-  std::this_thread::sleep_for(150ms);
+  this->passTime(0.15);
   EXPECT_EQ(this->valuesAfter("disconnect", 2), std::vector<std::string>{"fresh"});
   EXPECT_EQ(this->count("services"), services + 1) << "the cancelled discovery was answered";
   EXPECT_EQ(this->count("disconnect"), 2u);
@@ -465,7 +466,7 @@ TEST_F(OnBluez, StartsAfreshAfterAStaleLinkAndWithstandsWhatTheWorldOutsideSends
   ASSERT_TRUE(recorder->waitFor("state", 3)) << "bluetoothd left and came back";
   Link fresh = connect(echo);
   ASSERT_TRUE(fresh);
-  std::this_thread::sleep_for(600ms);  // past the device's poll, had it kept its old session
+  passTime(0.6);  // past the device's poll, had it kept its old session
   EXPECT_EQ(valuesAfter("connect", 2), std::vector<std::string>{}) << "the old session's echo";
   auto stats = side.stats("QLT-Echo");
   EXPECT_EQ(stats["disconnects"], 1) << "the link left up is taken down";
@@ -484,7 +485,7 @@ TEST_F(OnBluez, StartsAfreshAfterAStaleLinkAndWithstandsWhatTheWorldOutsideSends
     }
   }
   ASSERT_TRUE(eventually([&] { return valuesAfter("connect", 3).size() >= 2; }));
-  std::this_thread::sleep_for(200ms);
+  passTime(0);
   for (const auto& e : recorder->events("value")) EXPECT_LE(e.value->length(), 512u);
 
   // A flood of PropertiesChanged for unknown objects, and properties of types bluetoothd never

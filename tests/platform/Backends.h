@@ -1,9 +1,12 @@
 // The backends the platform and end-to-end suites run on, each with the devices QLT-Echo
 // (sliding-window echo), QLT-Chunk (echoes every write) and HR-Sensor (no UART service), and
-// the faults a test can make happen on it.
+// the faults a test can make happen on it. The platform suite's backends also let time pass
+// at once (passTime), so that a test checks that nothing more arrives without sleeping.
 #pragma once
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include <sys/types.h>
 #include <nlohmann/json.hpp>
@@ -18,6 +21,31 @@ namespace qlt::test {
 
 using e2e::Sim;
 
+// The simulated radio on a ManualClock that follows real time (a thread moves it on every
+// millisecond) and that passTime() moves on at once.
+struct SteppedSim : Sim {
+  SteppedSim() : Sim(true, std::make_shared<ManualClock>()) {}
+  // Lets `seconds` pass on the radio in steps, each handled by the devices and then by the
+  // central's `queue`: what would have arrived in that time has arrived when this returns.
+  void passTime(double seconds, platform::Central&, DispatchQueue& queue) {
+    constexpr double kStep = 0.005;  // below every interval of the default devices
+    for (double passed = 0;; passed += kStep) {
+      radio->flushDevices();
+      queue.sync([] {});
+      if (passed >= seconds) return;
+      clock->advance(kStep);
+    }
+  }
+  ManualClock* clock = static_cast<ManualClock*>(radio->clock().get());
+  std::jthread ticker{[clock = clock](const std::stop_token& stop) {
+    for (auto last = std::chrono::steady_clock::now(); !stop.stop_requested();) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      const auto now = std::chrono::steady_clock::now();
+      clock->advance(std::chrono::duration<double>(now - last).count());
+      last = now;
+    }
+  }};
+};
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
 // bluetoothd on a private bus of its own, with QLT-Echo, QLT-Chunk and HR-Sensor on the air: the
 // mock (mock_bluez.py --session), steered by the test with one JSON request per line. Sets
@@ -56,6 +84,10 @@ class Bluez {
   void set(const std::string& name, const std::string& what, const Json& value) {
     ask("set", name, {{"name", what}, {"value", value}});
   }
+  // What `seconds` would bring, at once: the library's calls and writes reach bluetoothd,
+  // which fires every timer of its own those seconds hold (scans, links, its devices' polls);
+  // then what it sent has been handled by `central` and its `queue`.
+  void passTime(double seconds, platform::Central& central, DispatchQueue& queue);
   // The mock's address of a default device ("QLT-Chunk" -> "C0:FF:EE:00:00:02").
   static std::string address(const std::string& name);
 
@@ -71,8 +103,10 @@ class Bluez {
 // What the suites that run on every backend run on.
 #ifndef QLT_TESTS_WITHOUT_BLUEZ
 using Backends = ::testing::Types<Sim, Bluez>;
+using SteppedBackends = ::testing::Types<SteppedSim, Bluez>;
 #else
 using Backends = ::testing::Types<Sim>;
+using SteppedBackends = ::testing::Types<SteppedSim>;
 #endif
 
 }  // namespace qlt::test

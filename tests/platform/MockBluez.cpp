@@ -7,8 +7,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <future>
 
 #include <gtest/gtest.h>
+
+#include "platform/bluez/BluezCentral.h"
 
 extern char** environ;
 
@@ -68,6 +71,19 @@ bool Bluez::readLine(std::string* line, int timeoutMs) {
     if (n <= 0) return false;
     buffer_.append(chunk, static_cast<size_t>(n));
   }
+}
+
+void Bluez::passTime(double seconds, platform::Central& central, DispatchQueue& queue) {
+  auto& bluez = dynamic_cast<bluez::BluezCentral&>(central);
+  const auto roundTrips = [&](int rounds) {
+    auto done = std::make_shared<std::promise<void>>();
+    bluez.afterRoundTrips(rounds, [done] { done->set_value(); });
+    EXPECT_EQ(done->get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  };
+  roundTrips(1);  // what the library was asked to send is on its way
+  mock({{"op", "settle"}, {"seconds", seconds}});
+  roundTrips(2);
+  queue.sync([] {});
 }
 
 nlohmann::json Bluez::mock(nlohmann::json request) {

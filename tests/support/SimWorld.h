@@ -58,7 +58,8 @@ inline std::string pattern(size_t size, unsigned seed = 1) {
 // The simulated radio (by default with QLT-Echo, QLT-Chunk and HR-Sensor among its devices),
 // and the faults a test makes happen on it.
 struct Sim {
-  explicit Sim(bool defaultDevices = true) : radio(sim::SimRadio::create(defaultDevices)) {}
+  explicit Sim(bool defaultDevices = true, std::shared_ptr<Clock> clock = nullptr)
+      : radio(sim::SimRadio::create(defaultDevices, std::move(clock))) {}
   std::string start() { return ""; }
   std::shared_ptr<platform::Backend> backend() { return radio->backend(); }
   UUID id(const std::string& name) {

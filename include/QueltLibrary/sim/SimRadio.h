@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "QueltLibrary/Clock.h"
 #include "QueltLibrary/Export.h"
 #include "QueltLibrary/UUID.h"
 #include "QueltLibrary/platform/Platform.h"
@@ -47,8 +48,13 @@ class QLT_EXPORT SimRadio : public std::enable_shared_from_this<SimRadio> {
  public:
   // The process-wide radio, made on first use with the default devices.
   static const std::shared_ptr<SimRadio>& shared();
-  // A radio of its own: powered on, no faults, no devices (or the default ones).
-  static std::shared_ptr<SimRadio> create(bool withDefaultDevices = false);
+  // A radio of its own: powered on, no faults, no devices (or the default ones). Its time
+  // (advertising, connection delays, the air's delays and connection events, the devices'
+  // windows) runs on `clock`, the monotonic clock when null: on a ManualClock, whatever
+  // waits on this radio waits until the clock is advanced past it. (A device served by
+  // another process, the `external` behaviour, keeps that process's own, real, time.)
+  static std::shared_ptr<SimRadio> create(bool withDefaultDevices = false,
+                                          std::shared_ptr<Clock> clock = nullptr);
   // "QLT-Echo" (sw-echo), "QLT-Chunk" (chunk-echo), "QLT-Sink" (sink), "QLT-Source"
   // (source) and "HR-Sensor" (heart-rate service, no UART service), fixed identifiers.
   static std::vector<SimDeviceConfig> defaultDevices();
@@ -59,6 +65,11 @@ class QLT_EXPORT SimRadio : public std::enable_shared_from_this<SimRadio> {
 
   // The platform backend whose centrals live on this radio.
   std::shared_ptr<platform::Backend> backend();
+  const std::shared_ptr<Clock>& clock() const;
+  // Returns once every simulated device has handled what reached it so far: what its links
+  // carried to it, and what came due on the radio's clock. What that makes a device send
+  // is on its way (on the central's queue, or in the air) when this returns.
+  void flushDevices();
 
   // Power. Switching off ends every link (didDisconnectPeripheral, with an error) and
   // every scan, then reports PoweredOff to each central; switching on reports PoweredOn.

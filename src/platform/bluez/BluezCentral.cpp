@@ -143,6 +143,16 @@ void BluezCentral::stopScan() {
   loop_.post([this] { discovery_.stop(); });
 }
 
+void BluezCentral::afterRoundTrips(int rounds, std::function<void()> then) {
+  loop_.post([this, rounds, then = std::move(then)]() mutable {
+    if (rounds <= 0) return deliver([then](BluezCentral&, platform::CentralDelegate*) { then(); });
+    port_.call("/", "org.freedesktop.DBus.Peer", "Ping", nullptr, options_.callTimeout,
+               [this, rounds, then](sdbus::MethodReply*, const platform::Error*) {
+                 afterRoundTrips(rounds - 1, then);
+               });
+  });
+}
+
 void BluezCentral::connect(const std::shared_ptr<platform::Peripheral>& peripheral) {
   auto p = std::dynamic_pointer_cast<BluezPeripheral>(peripheral);
   if (!p) {

@@ -71,6 +71,13 @@ class BluezCentral final : public platform::Central,
   // adapter (unsupported) until one by that name appears.
   std::optional<platform::Error> useAdapter(const std::string& nameOrAddress) override;
 
+  // Calls `then` on the central's queue after `rounds` round trips to bluetoothd, one after
+  // the other (D-Bus Peer.Ping), started on the bus thread now: by then the bus thread has
+  // handled every signal bluetoothd sent before it answered the last one, and whatever its
+  // acquired sockets held by the round before, and the central's queue has run what that
+  // handed to it. With no answer (bluetoothd gone) `then` runs all the same.
+  void afterRoundTrips(int rounds, std::function<void()> then);
+
   // ---- from BluezPeripheral (any thread)
   void discoverServices(std::shared_ptr<BluezPeripheral> peripheral,
                         std::optional<std::vector<UUID>> uuids);

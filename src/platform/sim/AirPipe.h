@@ -3,36 +3,38 @@
 // was put in; a later packet never overtakes an earlier one, whatever the delays.
 //
 // With no delay a packet is run as soon as the target queue gets to it; several packets
-// waiting at once are run in one task.
+// waiting at once are run in one task. Delays pass on the radio's clock.
 //
 // Thread safety: push() may be called from any thread.
 #pragma once
 
-#include <chrono>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 
+#include "QueltLibrary/Clock.h"
 #include "QueltLibrary/DispatchQueue.h"
 
 namespace qlt::sim {
 
 class AirPipe : public std::enable_shared_from_this<AirPipe> {
  public:
-  static std::shared_ptr<AirPipe> create(std::shared_ptr<DispatchQueue> target);
+  static std::shared_ptr<AirPipe> create(std::shared_ptr<DispatchQueue> target,
+                                         std::shared_ptr<Clock> clock);
   void push(double delaySeconds, std::function<void()> packet);
 
  private:
-  using TimePoint = std::chrono::steady_clock::time_point;
-  explicit AirPipe(std::shared_ptr<DispatchQueue> target) : target_(std::move(target)) {}
-  void schedule(TimePoint deadline, TimePoint now);  // with mutex_ held
+  AirPipe(std::shared_ptr<DispatchQueue> target, std::shared_ptr<Clock> clock)
+      : target_(std::move(target)), clock_(std::move(clock)) {}
+  void schedule(double deadline, double now);  // with mutex_ held; times on clock_
   void drain();
 
   const std::shared_ptr<DispatchQueue> target_;
+  const std::shared_ptr<Clock> clock_;
   std::mutex mutex_;
-  std::deque<std::pair<TimePoint, std::function<void()>>> packets_;  // guarded by mutex_
-  TimePoint lastDeadline_{};                                         // guarded by mutex_
+  std::deque<std::pair<double, std::function<void()>>> packets_;  // guarded by mutex_
+  double lastDeadline_ = 0;                                       // guarded by mutex_
   bool scheduled_ = false;  // a drain is submitted; guarded by mutex_
 };
 

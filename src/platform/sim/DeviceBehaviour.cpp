@@ -49,8 +49,10 @@ class SlidingWindow final : public DeviceBehaviour,
   void connected() override {
     if (driver_) driver_->stop();
     std::weak_ptr<SlidingWindow> weak = weak_from_this();
+    auto owner = link_.lock();
+    if (!owner) return;
     driver_ = SlideWindowDriver::create(
-        {kTcpSegmentSize, kTcpPollTimeout}, Clock::monotonic(), deviceQueue_,
+        {kTcpSegmentSize, kTcpPollTimeout}, owner->clock(), deviceQueue_,
         {.write =
              [link = link_](const uint8_t* bytes, size_t length) {
                if (auto l = link.lock()) l->notify(Data(bytes, length));

@@ -12,11 +12,6 @@ using platform::CentralState;
 
 namespace {
 constexpr uint64_t kStreamAdvertising = 4;
-
-std::chrono::nanoseconds toDuration(double seconds) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-      std::chrono::duration<double>(std::max(0.0, seconds)));
-}
 }  // namespace
 
 std::shared_ptr<SimCentral> SimCentral::create(
@@ -126,7 +121,7 @@ void SimCentral::startAdvertising(const UUID& identifier, uint64_t scan) {
     offset = random_.uniform() * device->config.advertisingInterval;
   }
   std::weak_ptr<SimCentral> weak = shared_from_this();
-  queue_->asyncAfter(toDuration(offset), [weak, identifier, scan] {
+  radio_->after(*queue_, offset, [weak, identifier, scan] {
     if (auto self = weak.lock()) self->advertise(identifier, scan);
   });
 }
@@ -154,7 +149,7 @@ void SimCentral::advertise(const UUID& identifier, uint64_t scan) {
     if (report && !allowDuplicates_) report = reported_.insert(identifier).second;
   }
   std::weak_ptr<SimCentral> weak = shared_from_this();
-  queue_->asyncAfter(toDuration(next), [weak, identifier, scan] {
+  radio_->after(*queue_, next, [weak, identifier, scan] {
     if (auto self = weak.lock()) self->advertise(identifier, scan);
   });
   if (!report) return;

@@ -46,10 +46,10 @@ SimLink::SimLink(std::shared_ptr<SimRadio::Impl> radio, const DeviceView& device
       counters_(device.counters),
       deviceQueue_(
           DispatchQueue::create("qlt.sim.device." + device.config.localName.value_or("unnamed"))),
-      toDevice_(AirPipe::create(deviceQueue_)),
-      toCentral_(AirPipe::create(std::move(centralQueue))),
+      toDevice_(AirPipe::create(deviceQueue_, radio_->clock)),
+      toCentral_(AirPipe::create(std::move(centralQueue), radio_->clock)),
       handlers_(std::move(handlers)),
-      epoch_(std::chrono::steady_clock::now()),
+      epoch_(radio_->clock->now()),
       writes_(modelConfig(faults_.lostWritesWithoutResponse, faults_.connectionInterval,
                           faults_.writeRateLimit),
               SimRandom::seedFrom({faults_.seed, SimRandom::hashOf(config_.identifier),
@@ -75,9 +75,7 @@ size_t SimLink::maxValueLength() const {
   return platform::attPayloadLength(static_cast<size_t>(parameters_.mtu));
 }
 
-double SimLink::now() const {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - epoch_).count();
-}
+double SimLink::now() const { return radio_->clock->now() - epoch_; }
 
 void SimLink::goOutOfRange() {
   if (!air_) return lose("the device went out of range");
@@ -134,11 +132,9 @@ void SimLink::scheduleWake(double at) {
   if (!next || (wakeAt_ && *wakeAt_ <= *next)) return;
   wakeAt_ = *next;
   std::weak_ptr<SimLink> weak = weak_from_this();
-  deviceQueue_->asyncAfter(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                               std::chrono::duration<double>(std::max(*next - at, 0.0))),
-                           [weak, wake = *next] {
-                             if (auto link = weak.lock()) link->pump(wake);
-                           });
+  radio_->after(*deviceQueue_, *next - at, [weak, wake = *next] {
+    if (auto link = weak.lock()) link->pump(wake);
+  });
 }
 
 void SimLink::pump(std::optional<double> wake) {
@@ -167,12 +163,9 @@ void SimLink::start() {
   if (faults_.dropAfterSeconds) {
     std::weak_ptr<SimLink> weak = self;
     const double seconds = *faults_.dropAfterSeconds;
-    deviceQueue_->asyncAfter(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                 std::chrono::duration<double>(seconds)),
-                             [weak, seconds] {
-                               if (auto link = weak.lock())
-                                 link->lose(formatString("link lost after %f s", seconds));
-                             });
+    radio_->after(*deviceQueue_, seconds, [weak, seconds] {
+      if (auto link = weak.lock()) link->lose(formatString("link lost after %f s", seconds));
+    });
   }
 }
 
@@ -201,11 +194,10 @@ SimLink::Count SimLink::countPacket() {
 }
 
 std::optional<double> SimLink::fate(LinkModel& model, size_t length) {
-  const double now =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - epoch_).count();
-  const LinkFate fate = model.transmit(now, length);
+  const double at = now();
+  const LinkFate fate = model.transmit(at, length);
   if (fate.lost()) return std::nullopt;
-  return fate.at[0] - now;
+  return fate.at[0] - at;
 }
 
 std::string SimLink::droppedAfterPackets() const {

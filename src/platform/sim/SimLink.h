@@ -69,6 +69,12 @@ class SimLink : public std::enable_shared_from_this<SimLink> {
   // both sides agreed on (the smaller of the two).
   const LinkParameters& parameters() const { return parameters_; }
   bool isUp() const { return up_.load(std::memory_order_acquire); }
+  // The radio's clock, on which everything of this link happens.
+  const std::shared_ptr<Clock>& clock() const { return radio_->clock; }
+  // Returns once the device queue has run every task submitted to it so far.
+  void flushDevice() const {
+    deviceQueue_->sync([] {});
+  }
 
   // The device learns of the connection; the drop timer starts.
   void start();
@@ -123,7 +129,7 @@ class SimLink : public std::enable_shared_from_this<SimLink> {
   // With mutex_ held: deliverLocked, then a wake-up for what comes next (or, when the link
   // is lost, a pump that reports it).
   void settleLocked(double at);
-  double now() const;  // seconds since epoch_
+  double now() const;  // seconds since epoch_, on the radio's clock
   // What the link layer delivered by now: hands it to the pipes; loses the link when the
   // supervision timeout ran out. Takes mutex_. `wake` is the time of the wake-up that runs
   // it, if one does.
@@ -149,7 +155,7 @@ class SimLink : public std::enable_shared_from_this<SimLink> {
   std::atomic<bool> rxNotifying_{false};  // the device's view of the rx CCCD
 
   std::mutex mutex_;
-  const std::chrono::steady_clock::time_point epoch_;  // the models' time 0
+  const double epoch_;       // the models' time 0, on the radio's clock
   LinkModel writes_;         // central → device data packets; guarded by mutex_
   LinkModel notifications_;  // device → central data packets; guarded by mutex_
   uint64_t packets_ = 0;     // guarded by mutex_

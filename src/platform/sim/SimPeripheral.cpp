@@ -15,11 +15,6 @@ using platform::PeripheralState;
 
 namespace {
 constexpr uint64_t kStreamConnect = 3;
-
-std::chrono::nanoseconds toDuration(double seconds) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-      std::chrono::duration<double>(std::max(0.0, seconds)));
-}
 }  // namespace
 
 std::shared_ptr<SimPeripheral> SimPeripheral::create(const UUID& identifier,
@@ -115,7 +110,7 @@ void SimPeripheral::connect() {
   auto device = radio_->view(identifier_);
   const double delay = device ? device->config.connectDelay : 0.0;
   std::weak_ptr<SimPeripheral> weak = shared_from_this();
-  queue_->asyncAfter(toDuration(delay), [weak, generation] {
+  radio_->after(*queue_, delay, [weak, generation] {
     if (auto self = weak.lock()) self->completeConnect(generation);
   });
 }

@@ -105,6 +105,12 @@ std::vector<std::shared_ptr<SimLink>> SimRadio::Impl::liveLinks(
   return links;
 }
 
+void SimRadio::Impl::after(DispatchQueue& queue, double seconds, std::function<void()> task) const {
+  const auto delay = std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::duration<double>(std::max(0.0, seconds)));
+  queue.asyncAfter(delay, std::move(task), *clock);
+}
+
 // ---- SimRadio ----
 
 const std::shared_ptr<SimRadio>& SimRadio::shared() {
@@ -112,8 +118,9 @@ const std::shared_ptr<SimRadio>& SimRadio::shared() {
   return radio;
 }
 
-std::shared_ptr<SimRadio> SimRadio::create(bool withDefaultDevices) {
+std::shared_ptr<SimRadio> SimRadio::create(bool withDefaultDevices, std::shared_ptr<Clock> clock) {
   std::shared_ptr<SimRadio> radio(new SimRadio());
+  if (clock) radio->impl_->clock = std::move(clock);
   if (withDefaultDevices) {
     for (const auto& device : defaultDevices()) radio->addDevice(device);
   }
@@ -121,6 +128,12 @@ std::shared_ptr<SimRadio> SimRadio::create(bool withDefaultDevices) {
 }
 
 SimRadio::SimRadio() : impl_(std::make_shared<Impl>()) {}
+
+const std::shared_ptr<Clock>& SimRadio::clock() const { return impl_->clock; }
+
+void SimRadio::flushDevices() {
+  for (const auto& link : impl_->liveLinks()) link->flushDevice();
+}
 
 SimRadio::~SimRadio() {
   // Links end with the radio that carried them.

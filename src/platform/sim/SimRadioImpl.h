@@ -12,6 +12,8 @@
 #include <optional>
 #include <vector>
 
+#include "QueltLibrary/Clock.h"
+#include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/sim/SimRadio.h"
 
 namespace qlt::sim {
@@ -51,6 +53,13 @@ struct QLT_HIDDEN SimRadio::Impl {
     std::shared_ptr<DeviceCounters> counters = std::make_shared<DeviceCounters>();
     std::weak_ptr<SimLink> link;
   };
+
+  // The time of everything on this radio: scans, connection delays, the air, the devices.
+  // Set at creation, before the radio is shared.
+  std::shared_ptr<Clock> clock = Clock::monotonic();
+
+  // Submits `task` to `queue` once `seconds` have passed on the radio's clock.
+  void after(DispatchQueue& queue, double seconds, std::function<void()> task) const;
 
   mutable std::mutex mutex;
   bool powered = true;                              // guarded by mutex

@@ -2,7 +2,7 @@
 """A mock bluetoothd on a private system bus, for the BlueZ backend's tests (see README.md):
 `mock_bluez.py --session` is steered by JSON requests on stdin; `mock_bluez.py [--] CMD` serves
 while CMD runs."""
-import ctypes, json, os, random, shutil, signal, socket, subprocess, sys, tempfile, time
+import ctypes, json, math, os, random, shutil, signal, socket, subprocess, sys, tempfile, time
 import dbus, dbus.lowlevel, dbus.mainloop.glib, dbus.service
 from gi.repository import GLib
 
@@ -26,8 +26,64 @@ def bluez_error(name):
     return dbus.exceptions.DBusException(name, name=B + 'Error.' + name)
 
 
+class Timers:
+    """The mock's timers (GLib.timeout_add's contract) on a clock of its own: real time plus what
+    `settle` skipped, so a test sees what a wait would bring without waiting."""
+
+    def __init__(self):
+        self.skipped, self.ids, self.live, self.armed = 0.0, 0, {}, None  # live: id -> [due, period, func]
+
+    def now(self):
+        return time.monotonic() + self.skipped
+
+    def timeout_add(self, ms, func, *args):
+        self.ids += 1
+        self.live[self.ids] = [self.now() + ms / 1000, ms / 1000, lambda: func(*args)]
+        self.arm()
+        return self.ids
+
+    def source_remove(self, timer):
+        self.live.pop(timer, None)
+
+    def run_due(self):
+        ran = False
+        while self.live:
+            timer, (due, period, func) = min(self.live.items(), key=lambda t: t[1][0])
+            if due > self.now():
+                break
+            ran = True
+            if func() and timer in self.live:  # true: again, a period on
+                self.live[timer][0] = due + period
+            else:
+                self.live.pop(timer, None)
+        self.arm()
+        return ran
+
+    def arm(self):
+        if self.armed is not None:
+            GLib.source_remove(self.armed)
+        wait = min((t[0] for t in self.live.values()), default=None)
+        self.armed = None if wait is None else GLib.timeout_add(max(0, math.ceil((wait - self.now()) * 1000)), self.fire)
+
+    def fire(self):
+        self.armed = None
+        self.run_due()
+        return False
+
+    def settle(self, seconds):
+        """Handles what is ready (values written, calls made), lets `seconds` pass at once with every
+        timer they hold, and sends every signal that caused."""
+        context, self.skipped = GLib.MainContext.default(), self.skipped + seconds
+        while context.pending() or self.run_due():
+            context.iteration(False)
+        BUS.flush()
+
+
+TIMERS = slide_window.TIMERS = Timers()
+
+
 def later(ms, func, *args):
-    GLib.timeout_add(ms, lambda: bool(func(*args)) and False)
+    TIMERS.timeout_add(ms, lambda: bool(func(*args)) and False)
 
 
 def emit(path, iface, member, signature, *args):
@@ -440,6 +496,8 @@ def request(req):
     elif op == 'flood':  # PropertiesChanged of objects that were never announced
         for i in range(req['count']):
             changed('%s/dev_FF_FF_FF_FF_%02X_%02X' % (HCI, i // 256 % 256, i % 256), DEVICE, {'RSSI': dbus.Int16(-1)})
+    elif op == 'settle':  # what `seconds` would bring, at once; answered once it is on the bus
+        TIMERS.settle(req.get('seconds', 0))
     elif op == 'restart':  # off the bus (as a crash: no InterfacesRemoved), back after `downtime` seconds
         os.environ['QLT_MOCK_WORLD'] = json.dumps(WORLD.save(req.get('keep_links', False)))
         RESTART.append(req.get('downtime', 0.2))  # once the reply is out

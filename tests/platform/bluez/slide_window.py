@@ -17,6 +17,9 @@ are on) it keeps its queue topped up with the counting pattern: byte i of the li
 """
 from gi.repository import GLib
 
+# Where the peer's timers run: GLib's main loop, or a clock of the mock's own (timeout_add, source_remove).
+TIMERS = GLib
+
 SEGMENT, DATAGRAM = 120, 119
 
 
@@ -46,18 +49,18 @@ class SlideWindowPeer:
         return self.round is not None
 
     def start(self):
-        self.round = GLib.timeout_add(3, self.work)
+        self.round = TIMERS.timeout_add(3, self.work)
 
     def stop(self):
         for source in (self.round, self.timer):
             if source is not None:
-                GLib.source_remove(source)
+                TIMERS.source_remove(source)
         self.round = self.timer = None
 
     def restart_timer(self):
         if self.timer is not None:
-            GLib.source_remove(self.timer)
-        self.timer = GLib.timeout_add(300, self.poll)
+            TIMERS.source_remove(self.timer)
+        self.timer = TIMERS.timeout_add(300, self.poll)
 
     def poll(self):
         self.timer = None
