@@ -6,24 +6,21 @@
 #include <condition_variable>
 #include <thread>
 
+#include "Pause.h"
 #include "QueltLibrary/DispatchQueue.h"
 
 namespace qlt {
 
 namespace {
 
-// Pauses longer than this sleep for good: converting them to the clock's integer count
-// would overflow, which is undefined.
-constexpr double kLongestPauseS = 1e9;  // about 31 years
-
 // Sleeps `seconds`; NaN and negative pauses do not sleep, huge and infinite ones saturate
 // (the thread sleeps on, a day at a time, for good).
 void sleepSeconds(double seconds) {
-  if (!(seconds > 0)) return;
-  if (seconds >= kLongestPauseS) {
+  const auto pause = detail::pauseFor(seconds);
+  if (!pause) {
     for (;;) std::this_thread::sleep_for(std::chrono::hours(24));
   }
-  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  if (pause->count() > 0) std::this_thread::sleep_for(*pause);
 }
 
 // Where waiters block until some event is set: one lock and condition for every event, so

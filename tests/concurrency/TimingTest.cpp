@@ -11,6 +11,7 @@
 #include "QueltLibrary/HANDLE.h"
 #include "QueltLibrary/ThreadBase.h"
 #include "support/TestSupport.h"
+#include "worker/Pause.h"
 #include "worker/RoundPacer.h"
 
 using namespace qlt;
@@ -130,15 +131,15 @@ TEST(AnEvent, WaitsAsLongAsItsRulesSayFromBothSides) {
 // good. It is never converted to an integer count (undefined: UBSan reports it), nor cut
 // short to return after the one-second limit as if it had waited.
 TEST(AHandleWait, SaturatesHugeAndInfinitePauses) {
-  for (const double pause : {1e300, std::numeric_limits<double>::infinity(), 1e12}) {
-    SCOPED_TRACE(pause);
-    auto returned = std::make_shared<std::atomic<bool>>(false);
-    std::thread([pause, returned] {
-      HANDLE::waitForSingleObject(HANDLE::createManualEvent(), pause);
-      returned->store(true);
-    }).detach();  // pauses for good
-    std::this_thread::sleep_for(1500ms);
-    EXPECT_FALSE(returned->load());
+  using detail::pauseFor;
+  for (const double pause : {1e300, std::numeric_limits<double>::infinity(), 1e12, 1e9}) {
+    EXPECT_FALSE(pauseFor(pause)) << pause << " s ends";
+  }
+  EXPECT_EQ(pauseFor(2.5e8), std::chrono::seconds(250'000'000));
+  EXPECT_EQ(pauseFor(0.0015), std::chrono::microseconds(1500));
+  for (const double none : {0.0, -1.0, -std::numeric_limits<double>::infinity(),
+                            std::numeric_limits<double>::quiet_NaN()}) {
+    EXPECT_EQ(pauseFor(none), std::chrono::nanoseconds(0)) << none;
   }
   const auto event = HANDLE::createManualEvent();
   event->set();
