@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <atomic>
 #include <csignal>
@@ -207,20 +206,14 @@ TEST(AThrowingTask, IsContainedAndTheQueueGoesOn) {
   EXPECT_TRUE(ran);
 }
 
-TEST(AStopOutsideRun, LeavesTheLibraryMainThreadServingAndIdle) {
+// What the idle thread costs (no wake-up while nothing is queued) is bench/idle's to
+// measure (it stops the main queue
+// outside a run first): a test would have to sleep to see nothing happen.
+TEST(AStopOutsideRun, LeavesTheLibraryMainThreadServing) {
   std::promise<void> before;
   DispatchQueue::main()->async([&] { before.set_value(); });
   ASSERT_EQ(before.get_future().wait_for(10s), std::future_status::ready);
   MainQueue::stop();
-  auto cpuSeconds = [] {
-    rusage u{};
-    getrusage(RUSAGE_SELF, &u);
-    return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-  };
-  const double cpu = cpuSeconds();
-  std::this_thread::sleep_for(500ms);
-  // A spinning main thread would burn about the whole half second.
-  EXPECT_LT(cpuSeconds() - cpu, 0.25);
   std::promise<void> after;
   DispatchQueue::main()->async([&] { after.set_value(); });
   EXPECT_EQ(after.get_future().wait_for(10s), std::future_status::ready);
