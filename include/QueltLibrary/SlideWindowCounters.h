@@ -10,7 +10,16 @@
 
 namespace qlt {
 
+// Which frame format a link's window speaks. Classic: the 3-segment window (a face that
+// was not asked for the extension, or a peer that did not take it); Negotiating: the
+// extension was offered and the answer is not in yet (the classic window runs meanwhile);
+// Extended: both ends took the extension (docs/wide-window.md).
+enum class WindowFormat : uint8_t { Classic, Negotiating, Extended };
+// "classic", "negotiating", "extended".
+QLT_EXPORT const char* toString(WindowFormat format);
+
 struct QLT_EXPORT SlideWindowCounters {
+  WindowFormat format = WindowFormat::Classic;  // the format now, not a count
   uint64_t framesSent = 0;          // every frame handed to the sender delegate
   uint64_t framesReceived = 0;      // every value fed to receive(), malformed ones included
   uint64_t segmentsSent = 0;        // "TCP" segment frames written, first sends and resends

@@ -121,6 +121,12 @@ class QLT_EXPORT UartLink {
     // The sliding window (ordered, acknowledged); false: the plain 20-byte chunker that
     // stock UART firmware speaks.
     bool slidingWindow = true;
+    // The sliding window's extended ("wide") format: offered to the device at every connect
+    // and used when the device takes it (segments as large as the link's MTU allows, a window
+    // that fills the link's round trip, selective acknowledgement); a device that does not
+    // answer is spoken to in the classic format after at most 0.3 s of waiting, while its
+    // classic window already runs. false: the classic window only (nothing new on the air).
+    bool extendedWindow = true;
     // The manager to use; null: QLT_BLEManager::sharedInstance().
     std::shared_ptr<QLT_BLEManager> manager;
     // Off by default: a dropped link is lost.

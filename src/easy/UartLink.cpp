@@ -302,6 +302,7 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
     }
     manager_->stopDiscover();
     p->setTransportType(options_.slidingWindow ? 1 : 0);
+    p->setExtendedWindow(options_.extendedWindow);
     p->addDelegate(shared_from_this(), queue_);
     p->moduleQueue()->sync([] {});  // every state from here on reaches us
     QLTLog("UartLink: found %@, connecting", p);

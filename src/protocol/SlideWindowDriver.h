@@ -34,7 +34,9 @@
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/SlideWindowCounters.h"
+#include "QueltLibrary/SlideWindowFace.h"
 #include "swcore/qlt_sw.h"
+#include "swcore/qlt_sw_wide.h"
 
 namespace qlt {
 
@@ -44,6 +46,34 @@ using FrameTrace = std::function<void(bool outgoing, const Data& frame)>;
 struct SlideWindowParameters {
   size_t segmentSize;  // payload bytes per segment (1..160); datagrams must be shorter
   double pollTimeout;  // the longest wait without an answer before a status poll, seconds
+};
+
+// Which end of the negotiation a driver is: the central offers the extended window, the
+// device answers.
+enum class WindowRole { Central, Device };
+
+// The extended window of one link, as the driver sizes it from the link's facts: segments
+// as large as one value carries (value limit - 3 header bytes), and slots (each way) for
+// twice the bandwidth-delay product, so that the sender still has room while a lost
+// segment's repair is in flight; at least 2.4 kB, at most kMaxWindowBytes.
+struct ExtendedWindowSizing {
+  uint16_t segment = 0;
+  uint16_t slots = 0;
+  static constexpr size_t kMinInFlightBytes = 2400;
+  static constexpr size_t kMaxWindowBytes = size_t{96} * 1024;
+  static constexpr size_t kMaxSegment = 509;  // a 512-byte value: the ATT value's limit
+  static ExtendedWindowSizing of(const WindowLink& link);
+  // What the link carries at most (one way, bytes a second) and its round trip (seconds), as
+  // the sizing estimates them.
+  static double bytesPerSecond(const WindowLink& link);
+  static double roundTripSeconds(const WindowLink& link);
+};
+
+// Whether and how a driver runs the extended window (SlideWindowDriver::setExtended).
+struct ExtendedWindowSettings {
+  bool enabled = false;
+  WindowRole role = WindowRole::Central;
+  WindowLink link;  // sizes the segments and the slots (ExtendedWindowSizing)
 };
 
 class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver> {
@@ -68,6 +98,10 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // caller drives by hand (transfer, checkControl, doPendingWork) and sendUDP.
   void start();
   void stop();
+  // The extended window, before the first start(); later calls log and change nothing.
+  void setExtended(const ExtendedWindowSettings& settings);
+  ExtendedWindowSettings extended() const;
+  WindowFormat format() const;
 
   void sendTCP(const uint8_t* bytes, uint64_t length);
   // At once, on the caller's thread: false (and a log line) when length >= segment size.
@@ -137,6 +171,8 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   std::atomic<uint64_t> unacknowledged_{0};
   mutable std::mutex mutex_;
   bool running_ = false;                                  // guarded by mutex_
+  bool started_ = false;                                  // guarded by mutex_: ever started
+  ExtendedWindowSettings extended_;                       // guarded by mutex_
   std::shared_ptr<const FrameTrace> trace_;               // guarded by mutex_
   std::shared_ptr<const std::function<void()>> drained_;  // guarded by mutex_
 };

@@ -19,6 +19,7 @@ struct CommonOptions {
   bool verbose = false;   // --verbose: the library's log lines on stderr
   std::string logFile;    // --log FILE: the library's log lines appended to FILE
   bool trace = false;     // --trace: one decoded line per frame (data-moving commands)
+  bool classicWindow = false;  // --classic-window: the sliding window never offers the extension
   std::string adapter;    // --adapter NAME|ADDRESS (BlueZ); empty: $QLT_ADAPTER, else default
 };
 

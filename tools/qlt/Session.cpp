@@ -411,6 +411,7 @@ Connection::Connection(Session& session, std::shared_ptr<QLT_Peripheral> periphe
       delegate_(std::make_shared<Delegate>()) {
   delegate_->events = std::move(events);
   peripheral_->setTransportType(transport == TransportKind::NUS ? 0 : 1);
+  peripheral_->setExtendedWindow(!session.options().classicWindow);
   if (session.options().trace) {
     const bool sw = transport == TransportKind::SlidingWindow;
     peripheral_->setFrameTrace([sw](bool outgoing, const Data& frame) {

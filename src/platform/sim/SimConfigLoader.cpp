@@ -267,7 +267,8 @@ SimDeviceConfig device(const json& j, const std::string& path, const LinkParamet
       j, path,
       {"identifier", "name", "address", "manufacturerData", "serviceData", "txPower", "connectable",
        "rssi", "rssiVariation", "advertisingIntervalMs", "advertisedServices", "connectDelayMs",
-       "mtu", "services", "behaviour", "sourceBytes", "command", "faults", "link"});
+       "mtu", "services", "behaviour", "sourceBytes", "classicWindow", "command", "faults",
+       "link"});
   if (!j.contains("identifier")) fail(path, "missing \"identifier\"");
   SimDeviceConfig d;
   d.identifier = uuid(j["identifier"], join(path, "identifier"));
@@ -341,6 +342,10 @@ SimDeviceConfig device(const json& j, const std::string& path, const LinkParamet
   }
   if (j.contains("sourceBytes")) {
     d.sourceBytes = unsignedInteger(j["sourceBytes"], join(path, "sourceBytes"), 0, 1ULL << 40);
+  }
+  if (j.contains("classicWindow")) {
+    if (!j["classicWindow"].is_boolean()) fail(join(path, "classicWindow"), "expected true or false");
+    d.classicWindow = j["classicWindow"].get<bool>();
   }
   if (j.contains("command")) {
     const auto& list = j["command"];
