@@ -25,7 +25,7 @@
  *
  *   static uint8_t slots[QLT_SW_STORAGE(120, 4)];
  *   static qlt_sw sw;
- *   qlt_sw_config cfg = { 120, 300000, 1000, slots, 4 };
+ *   qlt_sw_config cfg = { 120, 300000, 1000, slots, 4 };  (the rest zero: classic)
  *   qlt_sw_init(&sw, &cfg);
  *   on a value notified/written by the peer:   qlt_sw_receive(&sw, v, n, now, &d);
  *   to send bytes:                             accepted = qlt_sw_send(&sw, p, n);
@@ -49,6 +49,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "qlt_sw_wide.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -70,7 +72,33 @@ typedef struct qlt_sw_config {
   uint32_t ack_delay_us;    /* how long an owed answer may wait to gather more (0: none) */
   uint8_t* slots;           /* QLT_SW_STORAGE(segment_size, slot_count) bytes, caller's */
   uint16_t slot_count;      /* segments the send queue holds (>= 1; 3 fill the window) */
+
+  /* The wide window (docs/wide-window.md). All zero: the classic format only, exactly as
+   * before; a core with wide_role set still runs the classic window until its peer agrees.
+   * In the extended format the slots above are the send stream: bytes queued, cut into
+   * segments of up to the negotiated size when they are sent, kept until acknowledged (and
+   * for a session, from the acknowledged offset on). Give them room for the send window:
+   * slot_count * segment_size >= wide_send_slots * wide_segment, or more. */
+  uint8_t wide_role;           /* QLT_SW_ROLE_OFF (0), QLT_SW_ROLE_CENTRAL, QLT_SW_ROLE_DEVICE */
+  uint8_t wide_manual_consume; /* 1: received bytes count against the window until
+                                * qlt_sw_consume; 0: they are consumed when taken */
+  uint16_t wide_segment;       /* largest extended payload this end sends and accepts, 16.. */
+  uint16_t wide_send_slots;    /* extended segments in flight at most, 1..32767 */
+  uint16_t wide_recv_slots;    /* segments held for reordering: the window offered, 1..32767 */
+  uint32_t* wide_storage;      /* QLT_SW_WIDE_STORAGE(wide_segment, send, recv) words, caller's */
+  uint16_t value_limit;        /* ATT_MTU - 3 of the link; 0: 20 (qlt_sw_set_value_limit) */
+  uint32_t wide_wait_us;       /* W, the negotiation wait; 0: poll_timeout_us */
+  uint32_t nonce;              /* this end's half of the session identity, nonzero, random */
 } qlt_sw_config;
+
+#define QLT_SW_ROLE_OFF 0u
+#define QLT_SW_ROLE_CENTRAL 1u /* offers */
+#define QLT_SW_ROLE_DEVICE 2u  /* answers */
+/* uint32_t words of wide_storage: a 12-byte record per send slot, and per receive slot a
+ * length and `segment` bytes. 16 send and 8 receive slots of 241 bytes: 2 194 bytes. */
+#define QLT_SW_WIDE_STORAGE(segment, send_slots, recv_slots)    \
+  ((size_t)(send_slots)*3u + ((size_t)(recv_slots) + 1u) / 2u + \
+   ((size_t)(recv_slots) * (size_t)(segment) + 3u) / 4u)
 
 /* What the core has done so far. They only grow (bytes_queued aside) and never change
  * what goes on the wire. */
@@ -89,6 +117,16 @@ typedef struct qlt_sw_counters {
   uint64_t tcp_delivered;       /* "TCP" payloads delivered */
   uint64_t udp_delivered;       /* "UDP" payloads delivered */
   uint64_t bytes_queued;        /* payload bytes in the send queue now (sent or not) */
+  /* The wide window. segments_sent/segments_resent, acks_* and polls_sent count its frames
+   * too. */
+  uint64_t negotiation_frames_sent; /* OFFER, ANSWER, CONFIRM, DECLINE written */
+  uint64_t wide_faults;             /* frames refused or clamped by the checks (every one) */
+  uint64_t segments_lost;           /* extended segments found lost (by evidence) */
+  uint64_t segments_held;           /* extended segments received out of order and held */
+  uint64_t segments_dropped;        /* extended segments dropped: copies, outside the window */
+  uint64_t sessions_resumed;        /* links that went on with the session */
+  uint64_t sessions_lost;           /* sessions that ended with a new one (qlt_sw_wide_info) */
+  uint64_t bytes_in_doubt;          /* sent in lost sessions and never acknowledged, in all */
 } qlt_sw_counters;
 
 /* Things worth a trace line that no frame shows. */
@@ -96,9 +134,73 @@ typedef enum qlt_sw_event {
   QLT_SW_EV_RTT_SAMPLE,  /* a: the sample (us), b: the new retransmission time-out (us) */
   QLT_SW_EV_REJECT_HELD, /* a rejection of a segment already sent again: a = its seq */
   QLT_SW_EV_GAP_OPENED,  /* a: the sequence expected */
-  QLT_SW_EV_GAP_CLOSED   /* a: the sequence that filled it */
+  QLT_SW_EV_GAP_CLOSED,  /* a: the sequence that filled it */
+  /* The wide window. */
+  QLT_SW_EV_WIDE_FAULT,      /* a: qlt_sw_fault, b: its count; first of its kind on a link */
+  QLT_SW_EV_WIDE_STATE,      /* a: the new qlt_sw_wide_state */
+  QLT_SW_EV_SEND_EXTENDED,   /* this end's send direction switched: a = segment, b = window */
+  QLT_SW_EV_SESSION_RESUMED, /* a: bytes of our stream acknowledged, b: of the peer's taken */
+  QLT_SW_EV_SESSION_LOST     /* a new session began: a = bytes in doubt (sent, unacknowledged) */
 } qlt_sw_event;
+
+/* Faults in what a peer wrote, one trace line per kind per link, every one counted. */
+typedef enum qlt_sw_fault {
+  QLT_SW_FAULT_MALFORMED = 0, /* an OFFER/ANSWER/SEGMENT/ACK/POLL too short, version 0 */
+  QLT_SW_FAULT_ABSURD,        /* a segment under 16 bytes or a window of 0: refused */
+  QLT_SW_FAULT_CLAMPED,       /* sizes beyond this end's: reduced to what it holds */
+  QLT_SW_FAULT_CONTRADICTORY, /* an ANSWER/OFFER that differs from the one taken, a nonce */
+  QLT_SW_FAULT_UNSOLICITED,   /* an ANSWER not asked for, CONFIRM/DECLINE out of turn */
+  QLT_SW_FAULT_UNEXPECTED,    /* an extended frame before the extension was agreed */
+  QLT_SW_FAULT_BAD_ACK,       /* an ACK outside una..next, or marking unsent segments */
+  QLT_SW_FAULT_BAD_SEGMENT,   /* a SEGMENT beyond the window offered, empty or too long */
+  QLT_SW_FAULT_KINDS
+} qlt_sw_fault;
 typedef void (*qlt_sw_trace_fn)(void* context, qlt_sw_event event, uint32_t a, uint32_t b);
+
+/* The wide window's state (part of qlt_sw; the core's own, like the rest). */
+typedef struct qlt_sw_ext {
+  /* Negotiation, per link. */
+  uint8_t state;       /* qlt_sw_wide_state */
+  uint8_t send_mode;   /* 0 classic, 1 draining the classic window, 2 extended */
+  uint8_t recv_mode;   /* 1: an extended segment arrived; classic segments are ignored */
+  uint8_t repeats;     /* OFFERs written (central), ANSWERs written (device) */
+  uint8_t owe_nego;    /* a negotiation frame owed now: its header, 0: none */
+  uint8_t faults_seen; /* bit per qlt_sw_fault already traced on this link */
+  uint8_t hold_data;   /* no data on this link until the peer's first word on the session */
+  uint8_t resume;      /* 1: the OFFER resumes the session held */
+  uint16_t value_limit;
+  uint16_t own_segment;               /* the largest payload this end accepts on this link */
+  uint16_t send_segment, send_window; /* what this end may send, once negotiated */
+  uint32_t nego_at;                   /* the first OFFER/ANSWER of the link was written */
+  qlt_sw_wide_terms mine, peer;       /* the terms written and the terms taken */
+  /* Sender: sequences una..next-1 in flight, records at seq % wide_send_slots. */
+  uint16_t una, next, edge;
+  uint16_t lost;      /* records marked lost */
+  uint16_t head_skip; /* bytes of the head slot already acknowledged */
+  uint8_t token;      /* of the last POLL */
+  uint8_t polled;     /* a POLL is unanswered */
+  uint8_t timing;     /* a first-sent segment is timed: timed_seq */
+  uint16_t timed_seq;
+  uint32_t stamps;     /* transmissions so far */
+  uint32_t seen;       /* latest stamp of a once-sent segment acknowledged */
+  uint32_t poll_stamp; /* stamps when the last POLL was written */
+  uint32_t sent_end;   /* stream offset of the first byte never sent extended */
+  /* Receiver: expected seq, deliveries waiting to be taken, held out of order. */
+  uint16_t rnext;
+  uint16_t pending; /* accepted, not taken yet: seqs rnext - pending .. rnext - 1 */
+  uint16_t held;
+  uint16_t adv_edge; /* the edge last advertised */
+  uint8_t ack_owed;  /* 1 owed, 2 due at once */
+  uint8_t answer_token, answer_owed;
+  uint32_t ack_owed_at;
+  uint32_t unread; /* taken but not consumed (wide_manual_consume) */
+  /* Session. */
+  uint8_t session; /* 1: an identity is held */
+  uint32_t central_nonce, device_nonce, fresh_nonce;
+  uint32_t acked;    /* bytes of this end's stream acknowledged in the session */
+  uint32_t received; /* bytes of the peer's stream accepted in the session */
+  uint32_t in_doubt; /* bytes in doubt when the last session was lost */
+} qlt_sw_ext;
 
 /* The state. Defined here so that a firmware can allocate it statically; its fields are
  * the core's own: read them only through the functions below. */
@@ -140,6 +242,8 @@ typedef struct qlt_sw {
   uint8_t gap_timed;      /* only its first rejection: the round trip is a sample */
   uint8_t gap_written;    /* a rejection for it has been written */
   uint32_t rejected_at;   /* when the last rejection for it was written (or owed) */
+
+  qlt_sw_ext ext;
 } qlt_sw;
 
 /* Sets up `sw` with `cfg` (copied; the slots stay the caller's). Returns 0, or -1 when the
@@ -218,6 +322,89 @@ uint8_t qlt_sw_receive_seq(const qlt_sw* sw); /* seq of the next segment expecte
 uint8_t qlt_sw_owed(const qlt_sw* sw);
 void qlt_sw_set_owed(qlt_sw* sw, uint8_t bits, uint32_t now);
 void qlt_sw_set_trace(qlt_sw* sw, qlt_sw_trace_fn fn, void* context);
+
+/* ---- The wide window (docs/wide-window.md) --------------------------------------------
+ *
+ * With wide_role set, the central offers the extended format in its first round (and at
+ * W/3, 2W/3), the device answers, and each end switches its send direction once it knows
+ * the peer agreed and its classic segments in flight are acknowledged. Until then, and for
+ * good with a classic peer, the classic window runs exactly as it does with wide_role 0: a
+ * classic device sees at most 3 OFFERs more, a classic central nothing new. Faults in what
+ * the peer wrote are refused or clamped, counted (wide_faults) and traced once per kind.
+ *
+ * Receiving: a segment received in order is delivered by qlt_sw_receive as before; when it
+ * fills a gap, the segments held behind it follow through qlt_sw_take_delivery:
+ *
+ *   kind = qlt_sw_receive(&sw, v, n, now, &d);     deliver d if kind is TCP or UDP
+ *   while (qlt_sw_take_delivery(&sw, &d)) ...      deliver d (always TCP)
+ *
+ * Segments taken count as consumed unless wide_manual_consume: then the window offered
+ * shrinks by each until qlt_sw_consume gives it back (a device that keeps what it received
+ * until it has processed it).
+ *
+ * Sending: qlt_sw_send queues bytes; once extended, segments are cut from the queued
+ * stream when they are sent, up to the negotiated size, and small writes share slots. An
+ * `out` buffer of qlt_sw_frame_max bytes fits every frame.
+ *
+ * Session: the core keeps the session's identity and, per direction, the stream offset
+ * acknowledged / accepted. qlt_sw_link_lost ends the current link (the send stream from the
+ * acknowledged offset stays queued, held out-of-order segments go); qlt_sw_link_up starts
+ * the next one on the same core: the central offers to resume, the device resumes when the
+ * nonces and offsets fit, else both begin a new session and report the bytes in doubt
+ * (QLT_SW_EV_SESSION_LOST, counters). A driver must hand the core no frame received on an
+ * earlier link. How long a session is held is the host's choice: qlt_sw_forget_session. */
+
+typedef enum qlt_sw_wide_state {
+  QLT_SW_STATE_OFF = 0,  /* wide_role 0: the classic format only */
+  QLT_SW_STATE_OFFERING, /* central: offered, no answer taken yet */
+  QLT_SW_STATE_WAITING,  /* device: no OFFER yet */
+  QLT_SW_STATE_ANSWERED, /* device: answered, no CONFIRM yet */
+  QLT_SW_STATE_EXTENDED, /* central: answer taken; device: confirmed */
+  QLT_SW_STATE_CLASSIC,  /* the classic format for the rest of the link */
+  QLT_SW_STATE_LINK_DOWN /* between qlt_sw_link_lost and qlt_sw_link_up */
+} qlt_sw_wide_state;
+
+typedef struct qlt_sw_wide_info {
+  qlt_sw_wide_state state;
+  uint8_t send_extended;    /* 0 classic, 1 draining the classic window, 2 extended */
+  uint8_t receive_extended; /* 1: the peer's extended segments are arriving */
+  uint16_t send_segment;    /* negotiated: the largest segment this end sends */
+  uint16_t send_window;     /* negotiated: segments in flight at most */
+  uint16_t in_flight;       /* extended segments unacknowledged now */
+  uint16_t room;            /* receive window offered now */
+  uint8_t session;          /* 1: a session identity is held */
+  uint32_t central_nonce, device_nonce;
+  uint32_t stream_acked;    /* bytes of this end's stream acknowledged in the session */
+  uint32_t stream_received; /* bytes of the peer's stream accepted in the session */
+  uint32_t in_doubt;        /* bytes in doubt when the last session was lost */
+} qlt_sw_wide_info;
+
+void qlt_sw_get_wide_info(const qlt_sw* sw, qlt_sw_wide_info* info);
+
+/* The link's value limit (ATT_MTU - 3) changed: taken until the negotiation has fixed its
+ * terms (the OFFER or ANSWER written); returns 0, or -1 once too late or below 20. */
+int qlt_sw_set_value_limit(qlt_sw* sw, uint16_t limit);
+
+/* The longest frame qlt_sw_poll_frame may write: an `out` this big always fits. */
+size_t qlt_sw_frame_max(const qlt_sw* sw);
+
+/* The next delivery that a receive made possible (held segments behind a gap that filled),
+ * in order. Returns 1 and fills `delivery` (kind QLT_SW_TCP, payload valid until the next
+ * call on `sw`), or 0 when there is none. Always 0 in the classic format. */
+int qlt_sw_take_delivery(qlt_sw* sw, qlt_sw_delivery* delivery);
+
+/* With wide_manual_consume: `count` deliveries (the oldest) are processed; their room is
+ * offered to the peer again (an ACK is owed when it opens the window enough). */
+void qlt_sw_consume(qlt_sw* sw, uint32_t count, uint32_t now);
+
+/* The link is gone: every frame in flight is. Bytes not acknowledged stay queued. */
+void qlt_sw_link_lost(qlt_sw* sw);
+/* A new link is up: the negotiation starts again. `nonce` (nonzero) is this end's half of
+ * the identity if a new session begins on it. */
+void qlt_sw_link_up(qlt_sw* sw, uint32_t nonce);
+/* Forget the session held (its hold time passed): the next link begins a new one. Bytes
+ * sent and unacknowledged are in doubt: reported as for a lost session, and dropped. */
+void qlt_sw_forget_session(qlt_sw* sw);
 
 #ifdef __cplusplus
 }

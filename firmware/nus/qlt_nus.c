@@ -14,6 +14,7 @@ int qlt_nus_init(qlt_nus* nus, const qlt_nus_config* cfg) {
 
 void qlt_nus_connected(qlt_nus* nus) {
   qlt_sw_config sw;
+  memset(&sw, 0, sizeof sw); /* fields not set here keep the core's defaults */
   sw.segment_size = QLT_NUS_SEGMENT;
   sw.poll_timeout_us = QLT_NUS_POLL_TIMEOUT_MS * 1000u;
   sw.ack_delay_us = QLT_NUS_ACK_DELAY_MS * 1000u;

@@ -26,7 +26,12 @@ struct Link {
                              slots,
                              4};
     EXPECT_EQ(qlt_nus_init(&nus, &cfg), 0);
-    const qlt_sw_config pc{120, 300000, 1000, peerSlots, 4};
+    qlt_sw_config pc{};
+    pc.segment_size = 120;
+    pc.poll_timeout_us = 300000;
+    pc.ack_delay_us = 1000;
+    pc.slots = peerSlots;
+    pc.slot_count = 4;
     EXPECT_EQ(qlt_sw_init(&peer, &pc), 0);
   }
   // The stack: refuses when told to; a value offered after a refusal must be the one refused.

@@ -26,6 +26,7 @@ int main(void) {
   for (i = 0; i < 2; ++i) {
     size_t k;
     qlt_sw_config cfg;
+    memset(&cfg, 0, sizeof cfg);
     cfg.segment_size = SEGMENT;
     cfg.poll_timeout_us = 300000;
     cfg.ack_delay_us = 1000;

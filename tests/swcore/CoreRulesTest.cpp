@@ -15,7 +15,12 @@ struct Core {
   std::array<uint8_t, QLT_SW_STORAGE(120, 3)> slots{};
   qlt_sw sw{};
   explicit Core(uint32_t ackDelay = 1000) {
-    qlt_sw_config cfg{120, 300000, ackDelay, slots.data(), 3};
+    qlt_sw_config cfg{};
+    cfg.segment_size = 120;
+    cfg.poll_timeout_us = 300000;
+    cfg.ack_delay_us = ackDelay;
+    cfg.slots = slots.data();
+    cfg.slot_count = 3;
     EXPECT_EQ(qlt_sw_init(&sw, &cfg), 0);
   }
   // The lengths of every frame due at `now`, in order.
