@@ -1,8 +1,10 @@
 #include "protocol/SlideWindowDriver.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
+#include <random>
 
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/SlideWindowFrame.h"
@@ -65,16 +67,102 @@ SlideWindowDriver::SlideWindowDriver(SlideWindowParameters parameters, std::shar
                   parameters.pollTimeout},
       clock_(clock != nullptr ? std::move(clock) : std::shared_ptr<Clock>(Clock::monotonic())),
       strand_(std::move(strand)),
-      outputs_(std::move(outputs)),
-      slots_(QLT_SW_STORAGE(parameters_.segmentSize, kQueueSegments)) {
+      outputs_(std::move(outputs)) {
+  configure(ExtendedWindowSettings{});
+}
+
+// (Re)builds the core: the classic window alone, or with the extension in `settings`' role.
+// Every buffer the core will use is allocated here, once: nothing on the byte path.
+void SlideWindowDriver::configure(const ExtendedWindowSettings& settings) {
   qlt_sw_config cfg{};
   cfg.segment_size = static_cast<uint8_t>(parameters_.segmentSize);
   cfg.poll_timeout_us =
       static_cast<uint32_t>(std::clamp(parameters_.pollTimeout * 1e6, 1.0, 600e6));
   cfg.ack_delay_us = kAckDelayMicros;
+  size_t slotCount = kQueueSegments;
+  wideStorage_.clear();
+  if (settings.enabled) {
+    const ExtendedWindowSizing size = ExtendedWindowSizing::of(settings.link);
+    cfg.wide_role =
+        settings.role == WindowRole::Central ? QLT_SW_ROLE_CENTRAL : QLT_SW_ROLE_DEVICE;
+    cfg.wide_segment = size.segment;
+    cfg.wide_send_slots = size.slots;
+    cfg.wide_recv_slots = size.slots;
+    // The send stream holds the whole send window in the classic slots' bytes.
+    const size_t window = size_t{size.slots} * size.segment;
+    slotCount = std::max(slotCount, (window + parameters_.segmentSize - 1) / parameters_.segmentSize);
+    wideStorage_.assign(QLT_SW_WIDE_STORAGE(size.segment, size.slots, size.slots), 0);
+    cfg.wide_storage = wideStorage_.data();
+    cfg.value_limit = static_cast<uint16_t>(std::clamp<size_t>(
+        settings.link.valueLimit > 0 ? settings.link.valueLimit : kDefaultValueLimit,
+        kDefaultValueLimit, kFrameCapacity));
+    cfg.nonce = randomNonce();
+  }
+  slots_.assign(QLT_SW_STORAGE(parameters_.segmentSize, slotCount), 0);
   cfg.slots = slots_.data();
-  cfg.slot_count = kQueueSegments;
+  cfg.slot_count = static_cast<uint16_t>(slotCount);
   qlt_sw_init(&core_, &cfg);
+  qlt_sw_set_trace(&core_, &SlideWindowDriver::coreEvent, this);
+}
+
+uint32_t SlideWindowDriver::randomNonce() {
+  static std::mutex mutex;
+  static std::mt19937 generator{std::random_device{}()};
+  std::lock_guard lock(mutex);
+  uint32_t nonce = 0;
+  while (nonce == 0) nonce = static_cast<uint32_t>(generator());
+  return nonce;
+}
+
+namespace {
+const char* faultName(uint32_t fault) {
+  switch (fault) {
+    case QLT_SW_FAULT_MALFORMED:
+      return "a malformed frame of the extended window";
+    case QLT_SW_FAULT_ABSURD:
+      return "absurd sizes in the peer's terms (refused)";
+    case QLT_SW_FAULT_CLAMPED:
+      return "sizes beyond this end's in the peer's terms (clamped)";
+    case QLT_SW_FAULT_CONTRADICTORY:
+      return "terms that contradict those taken";
+    case QLT_SW_FAULT_UNSOLICITED:
+      return "a negotiation frame nobody asked for";
+    case QLT_SW_FAULT_UNEXPECTED:
+      return "an extended frame before the extension was agreed";
+    case QLT_SW_FAULT_BAD_ACK:
+      return "an acknowledgement outside the window";
+    case QLT_SW_FAULT_BAD_SEGMENT:
+      return "a segment outside the window offered, empty or too long";
+    default:
+      return "an unknown fault";
+  }
+}
+}  // namespace
+
+// On the strand (the core calls it from the call that noticed). The core reports each kind
+// of fault once per link; every one is counted (counters().windowFaults).
+void SlideWindowDriver::coreEvent(void* context, qlt_sw_event event, uint32_t a, uint32_t b) {
+  auto* self = static_cast<SlideWindowDriver*>(context);
+  switch (event) {
+    case QLT_SW_EV_WIDE_FAULT:
+      QLTLog("Slide window: the peer wrote %@; ignored (logged once per link)",
+             std::string(faultName(a)));
+      break;
+    case QLT_SW_EV_SEND_EXTENDED:
+      QLTLog("Slide window: sending in the extended format, segments of %d B, %d in flight",
+             static_cast<int>(a), static_cast<int>(b));
+      break;
+    case QLT_SW_EV_SESSION_RESUMED:
+      QLTLog("Slide window: the session resumed (%d bytes of ours acknowledged, %d of the "
+             "peer's taken)",
+             static_cast<int>(a), static_cast<int>(b));
+      break;
+    case QLT_SW_EV_SESSION_LOST:
+      self->sessionLost(a);
+      break;
+    default:
+      break;
+  }
 }
 
 SlideWindowDriver::~SlideWindowDriver() = default;
@@ -112,12 +200,21 @@ void SlideWindowDriver::start() {
 }
 
 void SlideWindowDriver::setExtended(const ExtendedWindowSettings& settings) {
-  std::lock_guard lock(mutex_);
-  if (started_) {
-    QLTLog("Slide window: the extended window is set before start; this link keeps its format");
-    return;
-  }
-  extended_ = settings;
+  strand_->sync([&] {
+    {
+      std::lock_guard lock(mutex_);
+      const bool used = started_ || core_.counters.frames_sent > 0 ||
+                        core_.counters.frames_received > 0 || core_.counters.bytes_queued > 0 ||
+                        backlogBytes_ > 0;
+      if (used) {
+        QLTLog("Slide window: the extended window is chosen before the window starts; this "
+               "link keeps its format");
+        return;
+      }
+      extended_ = settings;
+    }
+    configure(settings);
+  });
 }
 
 ExtendedWindowSettings SlideWindowDriver::extended() const {
@@ -126,7 +223,22 @@ ExtendedWindowSettings SlideWindowDriver::extended() const {
 }
 
 WindowFormat SlideWindowDriver::format() const {
-  return WindowFormat::Classic;
+  return onStrandSync([this] { return formatOnStrand(); });
+}
+
+WindowFormat SlideWindowDriver::formatOnStrand() const {
+  qlt_sw_wide_info info{};
+  qlt_sw_get_wide_info(&core_, &info);
+  switch (info.state) {
+    case QLT_SW_STATE_OFFERING:
+    case QLT_SW_STATE_WAITING:
+    case QLT_SW_STATE_ANSWERED:
+      return WindowFormat::Negotiating;
+    case QLT_SW_STATE_EXTENDED:
+      return WindowFormat::Extended;
+    default:
+      return WindowFormat::Classic;
+  }
 }
 
 void SlideWindowDriver::stop() {
@@ -181,6 +293,9 @@ void SlideWindowDriver::receive(const Data& value) {
       case QLT_SW_NONE:
         break;
     }
+    // Segments held behind a gap that this frame filled follow, in order.
+    while (qlt_sw_take_delivery(&core_, &d) != 0)
+      if (outputs_.deliverTCP) outputs_.deliverTCP(Data(d.payload, d.len));
     schedule();
   });
 }
@@ -215,10 +330,10 @@ void SlideWindowDriver::settle(uint64_t queuedBefore) {
 }
 
 void SlideWindowDriver::frames(unsigned kinds) {
-  uint8_t frame[QLT_SW_FRAME_MAX];
+  std::array<uint8_t, kFrameCapacity> frame;  // NOLINT(cppcoreguidelines-pro-type-member-init)
   size_t n;
-  while ((n = qlt_sw_poll_frame_of(&core_, nowMicros(), kinds, frame, sizeof frame)) > 0)
-    write(frame, n);
+  while ((n = qlt_sw_poll_frame_of(&core_, nowMicros(), kinds, frame.data(), frame.size())) > 0)
+    write(frame.data(), n);
 }
 
 void SlideWindowDriver::pump() {
@@ -289,6 +404,25 @@ void SlideWindowDriver::setFrameTrace(FrameTrace trace) {
   trace_ = std::move(hook);
 }
 
+void SlideWindowDriver::sessionLost(uint32_t inDoubt) {
+  QLTLog("Slide window: a new session began; %d bytes sent on the last one were never "
+         "acknowledged and are dropped (they may or may not have arrived)",
+         static_cast<int>(inDoubt));
+  std::shared_ptr<const std::function<void(uint64_t)>> handler;
+  {
+    std::lock_guard lock(mutex_);
+    handler = sessionLost_;
+  }
+  if (handler && *handler) (*handler)(inDoubt);
+}
+
+void SlideWindowDriver::setSessionLostHandler(std::function<void(uint64_t inDoubt)> handler) {
+  std::shared_ptr<const std::function<void(uint64_t)>> h;
+  if (handler) h = std::make_shared<const std::function<void(uint64_t)>>(std::move(handler));
+  std::lock_guard lock(mutex_);
+  sessionLost_ = std::move(h);
+}
+
 void SlideWindowDriver::setAllAcknowledgedHandler(std::function<void()> handler) {
   std::shared_ptr<const std::function<void()>> h;
   if (handler) h = std::make_shared<const std::function<void()>>(std::move(handler));
@@ -356,6 +490,21 @@ SlideWindowCounters SlideWindowDriver::counters() const {
     c.tcpDelivered = k.tcp_delivered;
     c.udpDelivered = k.udp_delivered;
     c.bytesQueued = k.bytes_queued + backlogBytes_;
+    c.negotiationFramesSent = k.negotiation_frames_sent;
+    c.windowFaults = k.wide_faults;
+    c.segmentsLost = k.segments_lost;
+    c.segmentsHeld = k.segments_held;
+    c.segmentsDropped = k.segments_dropped;
+    c.sessionsResumed = k.sessions_resumed;
+    c.sessionsLost = k.sessions_lost;
+    c.bytesInDoubt = k.bytes_in_doubt;
+    c.format = formatOnStrand();
+    qlt_sw_wide_info info{};
+    qlt_sw_get_wide_info(&core_, &info);
+    if (info.send_extended == 2) {
+      c.extendedSegment = info.send_segment;
+      c.extendedWindow = info.send_window;
+    }
     return c;
   });
 }

@@ -87,6 +87,9 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // round without a trip through the driver's backlog.
   static constexpr uint16_t kQueueSegments = 32;
   static constexpr uint32_t kAckDelayMicros = 1000;
+  // The longest frame the driver writes: a value of 512 bytes, the most an attribute value
+  // may hold (Bluetooth Core v5.3, Vol 3, Part F, 3.2.9).
+  static constexpr size_t kFrameCapacity = 512;
 
   static std::shared_ptr<SlideWindowDriver> create(SlideWindowParameters parameters,
                                                    std::shared_ptr<Clock> clock,
@@ -129,6 +132,10 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // Called on the strand each time unacknowledged() falls to 0.
   void setAllAcknowledgedHandler(std::function<void()> handler);
   void setFrameTrace(FrameTrace trace);
+  // Called on the strand when a link began a new session where one was held (the device
+  // restarted, or is another one, or the session was forgotten): `inDoubt` bytes sent on the
+  // old one were never acknowledged and are dropped.
+  void setSessionLostHandler(std::function<void(uint64_t inDoubt)> handler);
 
   const std::shared_ptr<DispatchQueue>& strand() const { return strand_; }
   const SlideWindowParameters& parameters() const { return parameters_; }
@@ -138,6 +145,11 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
                     std::shared_ptr<DispatchQueue> strand, Outputs outputs);
   // Strand only, all of them.
   uint32_t nowMicros() const;
+  void configure(const ExtendedWindowSettings& settings);
+  static uint32_t randomNonce();
+  static void coreEvent(void* context, qlt_sw_event event, uint32_t a, uint32_t b);
+  void sessionLost(uint32_t inDoubt);
+  WindowFormat formatOnStrand() const;
   void onStrand(std::function<void()> task);
   void feed();
   void frames(unsigned kinds);
@@ -162,6 +174,7 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // Strand only.
   qlt_sw core_{};
   std::vector<uint8_t> slots_;
+  std::vector<uint32_t> wideStorage_;  // the extended window's records and receive slots
   std::deque<Data> backlog_;  // messages (or their tails) waiting for the core's queue
   size_t backlogHead_ = 0;    // bytes of backlog_.front() already in the core
   uint64_t backlogBytes_ = 0;
@@ -175,6 +188,7 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   ExtendedWindowSettings extended_;                       // guarded by mutex_
   std::shared_ptr<const FrameTrace> trace_;               // guarded by mutex_
   std::shared_ptr<const std::function<void()>> drained_;  // guarded by mutex_
+  std::shared_ptr<const std::function<void(uint64_t)>> sessionLost_;  // guarded by mutex_
 };
 
 }  // namespace qlt

@@ -363,6 +363,12 @@ double Session::airLoss() const {
   return std::max(faults.lostWritesWithoutResponse, faults.lostNotifications);
 }
 
+uint64_t Session::segmentsLost(const std::string& identifier) const {
+  if (platform_ != "sim") return 0;
+  const auto id = UUID::fromString(identifier);
+  return id ? sim::SimRadio::shared()->stats(*id).segmentsLost : 0;
+}
+
 // ---- Connection ----
 
 TransportKind parseTransport(const std::string& text) {
@@ -543,6 +549,10 @@ TransferCounters Connection::counters() const {
     c.rejectionsSent = s->rejectionsSent;
     c.rejectionsReceived = s->rejectionsReceived;
     c.bytesQueued = s->bytesQueued;
+    c.segmentsSent = s->segmentsSent;
+    c.window = toString(s->format);
+    c.extendedSegment = s->extendedSegment;
+    c.extendedWindow = s->extendedWindow;
     c.present = true;
   }
   return c;

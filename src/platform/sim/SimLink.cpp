@@ -5,6 +5,7 @@
 #include "DeviceBehaviour.h"
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/QLT_UUID.h"
+#include "QueltLibrary/SlideWindowFrame.h"
 
 namespace qlt::sim {
 
@@ -236,6 +237,7 @@ void SimLink::writeWithoutResponse(const UUID& characteristic, const Data& value
     }
   }
   counters_->writesLost.fetch_add(1, std::memory_order_relaxed);
+  if (isSegmentFrame(value.span())) counters_->segmentsLost.fetch_add(1, std::memory_order_relaxed);
   if (count == Count::CarryThenDrop) dropBehind(toDevice_);
 }
 
@@ -328,6 +330,7 @@ bool SimLink::notify(const Data& value) {
     }
   }
   counters_->notificationsLost.fetch_add(1, std::memory_order_relaxed);
+  if (isSegmentFrame(value.span())) counters_->segmentsLost.fetch_add(1, std::memory_order_relaxed);
   if (count == Count::CarryThenDrop) dropBehind(toCentral_);
   return true;
 }

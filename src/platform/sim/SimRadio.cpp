@@ -24,6 +24,7 @@ SimDeviceStats DeviceCounters::snapshot() const {
   s.notificationsSent = notificationsSent.load();
   s.bytesNotified = bytesNotified.load();
   s.notificationsLost = notificationsLost.load();
+  s.segmentsLost = segmentsLost.load();
   s.notificationsDropped = notificationsDropped.load();
   s.payloadBytesReceived = payloadBytesReceived.load();
   s.payloadBytesSent = payloadBytesSent.load();
