@@ -24,7 +24,13 @@ struct Link {
                              [](void* c) { return static_cast<Link*>(c)->room; },
                              this,
                              slots,
-                             4};
+                             4,
+                             nullptr,
+                             0,
+                             0,
+                             0,
+                             0,
+                             0};
     EXPECT_EQ(qlt_nus_init(&nus, &cfg), 0);
     qlt_sw_config pc{};
     pc.segment_size = 120;
