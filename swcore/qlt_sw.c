@@ -28,9 +28,10 @@
  * A peer that follows the older rules (a rejection for every out-of-order segment, honour
  * every rejection, poll after the fixed time-out) interoperates: the frames and their
  * meaning are the same, and a poll is answered whenever it comes. */
-#include "qlt_sw.h"
-
 #include <string.h>
+
+#include "qlt_sw.h"
+#include "qlt_sw_priv.h"
 
 #define GRANULARITY_US 2000u     /* a round of each end */
 #define HOLD_MARGIN_US 1000u     /* past the round trip, a rejection of the same segment waits */
@@ -105,6 +106,7 @@ static void release(qlt_sw* sw, uint32_t count, uint32_t now) {
   if (count > sw->queued) count = sw->queued;
   for (i = 0; i < count; ++i) {
     sw->counters.bytes_queued -= slot(sw, 0)[0];
+    sw->ext.acked += slot(sw, 0)[0]; /* the session's offset, acknowledged */
     sw->head = (uint16_t)((sw->head + 1u) % sw->cfg.slot_count);
   }
   sw->queued = (uint16_t)(sw->queued - count);
@@ -140,7 +142,7 @@ int qlt_sw_init(qlt_sw* sw, const qlt_sw_config* cfg) {
   sw->cfg = *cfg;
   sw->rto = cfg->poll_timeout_us;
   qlt_sw_reset_send(sw);
-  return 0;
+  return qlt_swi_ext_init(sw);
 }
 
 void qlt_sw_reset_send(qlt_sw* sw) {
@@ -156,9 +158,26 @@ void qlt_sw_reset_send(qlt_sw* sw) {
   set_poll_wait(sw);
 }
 
+/* Once the send direction is extended, segments are cut when sent: a write fills the
+ * last slot first, unless a classic segment was made of it. */
+static size_t tail_room(const qlt_sw* sw) {
+  if (!sw->ext.send_mode || sw->queued <= sw->unsent) return 0;
+  return (size_t)sw->cfg.segment_size - slot(sw, sw->queued - 1u)[0];
+}
+
 size_t qlt_sw_send(qlt_sw* sw, const uint8_t* bytes, size_t len) {
   size_t accepted = 0;
   if (!bytes) return 0;
+  if (len > 0 && tail_room(sw) > 0) {
+    uint8_t* s = slot(sw, sw->queued - 1u);
+    const size_t n = len < tail_room(sw) ? len : tail_room(sw);
+    memcpy(s + 1 + s[0], bytes, n);
+    s[0] = (uint8_t)(s[0] + n);
+    sw->counters.bytes_queued += n;
+    bytes += n;
+    len -= n;
+    accepted += n;
+  }
   while (len > 0 && sw->queued < sw->cfg.slot_count) {
     const size_t n = len < sw->cfg.segment_size ? len : sw->cfg.segment_size;
     uint8_t* s = slot(sw, sw->queued);
@@ -174,7 +193,24 @@ size_t qlt_sw_send(qlt_sw* sw, const uint8_t* bytes, size_t len) {
 }
 
 size_t qlt_sw_send_space(const qlt_sw* sw) {
-  return (size_t)(sw->cfg.slot_count - sw->queued) * sw->cfg.segment_size;
+  return (size_t)(sw->cfg.slot_count - sw->queued) * sw->cfg.segment_size + tail_room(sw);
+}
+
+void qlt_swi_drop_bytes(qlt_sw* sw, uint32_t bytes) {
+  while (bytes > 0 && sw->queued > 0) {
+    uint8_t* s = slot(sw, 0);
+    if (s[0] > bytes) {
+      memmove(s + 1, s + 1 + bytes, s[0] - bytes);
+      s[0] = (uint8_t)(s[0] - bytes);
+      sw->counters.bytes_queued -= bytes;
+      return;
+    }
+    bytes -= s[0];
+    sw->counters.bytes_queued -= s[0];
+    sw->head = (uint16_t)((sw->head + 1u) % sw->cfg.slot_count);
+    --sw->queued;
+    sw->unsent = (uint16_t)(sw->unsent > 0 ? sw->unsent - 1u : 0);
+  }
 }
 
 size_t qlt_sw_datagram(qlt_sw* sw, const uint8_t* payload, size_t len, uint8_t* out, size_t cap) {
@@ -249,6 +285,7 @@ static qlt_sw_kind receive_control(qlt_sw* sw, const uint8_t* frame, size_t len,
 }
 
 static qlt_sw_kind receive_segment(qlt_sw* sw, uint8_t sequence, uint32_t now) {
+  if (sw->ext.recv_mode) return QLT_SW_NONE; /* the peer's stream went on extended */
   if (sequence != sw->remote_ack) {
     if (sequence == ((sw->remote_ack + 3u) & 3u)) { /* a copy of the one accepted last */
       owe(sw, OWE_ACK, now);
@@ -288,7 +325,9 @@ qlt_sw_kind qlt_sw_receive(qlt_sw* sw, const uint8_t* frame, size_t len, uint32_
   d.len = 0;
   ++sw->counters.frames_received;
   if (!frame) len = 0;
-  if (len > 0 && (frame[0] & 1u)) {
+  if (sw->cfg.wide_role && qlt_swi_ext_receive(sw, frame, len, now, &d)) {
+    /* the wide window took it */
+  } else if (len > 0 && (frame[0] & 1u)) {
     d.kind = receive_control(sw, frame, len, now);
   } else if (len > 0 && (frame[0] & 2u)) {
     ++sw->counters.udp_delivered;
@@ -297,9 +336,10 @@ qlt_sw_kind qlt_sw_receive(qlt_sw* sw, const uint8_t* frame, size_t len, uint32_
     d.kind = receive_segment(sw, (uint8_t)(frame[0] >> 4), now);
   }
   if (d.kind == QLT_SW_IGNORED) ++sw->counters.malformed_ignored;
-  if (d.kind == QLT_SW_TCP || d.kind == QLT_SW_UDP) {
+  if ((d.kind == QLT_SW_TCP || d.kind == QLT_SW_UDP) && !d.payload) {
     d.payload = frame + 1;
     d.len = len - 1u;
+    if (d.kind == QLT_SW_TCP) sw->ext.received += (uint32_t)d.len;
   }
   if (delivery) *delivery = d;
   return d.kind;
@@ -313,10 +353,17 @@ static size_t build_segment(qlt_sw* sw, uint32_t offset, uint8_t sequence, uint8
   return 1u + s[0];
 }
 
+/* A segment the classic window may write now: a new one only while the send direction is
+ * classic and free to send, one sent before (after a rejection) until the switch. */
+static int classic_due(const qlt_sw* sw, uint8_t flight) {
+  if (flight >= QLT_SW_WINDOW || flight >= sw->queued) return 0;
+  return flight < sw->unsent || qlt_swi_classic_may_send(sw);
+}
+
 static size_t next_segment(qlt_sw* sw, uint32_t now, uint8_t* out) {
   const uint8_t flight = in_flight(sw);
   size_t n;
-  if (flight >= QLT_SW_WINDOW || flight >= sw->queued) return 0;
+  if (!classic_due(sw, flight)) return 0;
   if (flight < sw->unsent) {
     ++sw->counters.segments_resent;
     if (flight == sw->timed) sw->timed = NOT_TIMED; /* Karn: no sample from a resend */
@@ -385,9 +432,11 @@ static size_t next_answer(qlt_sw* sw, uint32_t now, uint8_t* out) {
 size_t qlt_sw_poll_frame_of(qlt_sw* sw, uint32_t now, unsigned kinds, uint8_t* out, size_t cap) {
   size_t n = 0;
   if (!out || cap < (size_t)sw->cfg.segment_size + 1u) return 0;
-  if (kinds & QLT_SW_SEGMENTS) n = next_segment(sw, now, out);
+  if (sw->cfg.wide_role) n = qlt_swi_ext_first(sw, now, out, cap);
+  if (n == 0 && (kinds & QLT_SW_SEGMENTS)) n = next_segment(sw, now, out);
   if (n == 0 && (kinds & QLT_SW_POLLS)) n = next_poll(sw, now, out);
   if (n == 0 && (kinds & QLT_SW_ANSWERS)) n = next_answer(sw, now, out);
+  if (n == 0 && sw->cfg.wide_role) n = qlt_swi_ext_last(sw, now, kinds, out, cap);
   if (n > 0) ++sw->counters.frames_sent;
   return n;
 }
@@ -398,8 +447,8 @@ size_t qlt_sw_poll_frame(qlt_sw* sw, uint32_t now, uint8_t* out, size_t cap) {
 
 uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now) {
   const uint8_t flight = in_flight(sw);
-  uint32_t due = QLT_SW_IDLE, d;
-  if (sw->poll_next || (flight < QLT_SW_WINDOW && flight < sw->queued)) return 0;
+  uint32_t due = sw->cfg.wide_role ? qlt_swi_ext_due(sw, now) : QLT_SW_IDLE, d;
+  if (sw->poll_next || classic_due(sw, flight)) return 0;
   if (sw->owed) {
     d = left(now, sw->owed_at, sw->cfg.ack_delay_us);
     if (d < due) due = d;
@@ -436,3 +485,13 @@ void qlt_sw_set_trace(qlt_sw* sw, qlt_sw_trace_fn fn, void* context) {
   sw->trace = fn;
   sw->trace_context = context;
 }
+
+uint32_t qlt_swi_left(uint32_t now, uint32_t since, uint32_t wait) {
+  return left(now, since, wait);
+}
+void qlt_swi_sample(qlt_sw* sw, uint32_t us) { sample(sw, us); }
+void qlt_swi_set_poll_wait(qlt_sw* sw) { set_poll_wait(sw); }
+void qlt_swi_trace(qlt_sw* sw, qlt_sw_event event, uint32_t a, uint32_t b) {
+  trace(sw, event, a, b);
+}
+uint8_t* qlt_swi_slot(const qlt_sw* sw, uint32_t offset) { return slot(sw, offset); }

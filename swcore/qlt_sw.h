@@ -95,9 +95,9 @@ typedef struct qlt_sw_config {
 #define QLT_SW_ROLE_CENTRAL 1u /* offers */
 #define QLT_SW_ROLE_DEVICE 2u  /* answers */
 /* uint32_t words of wide_storage: a 12-byte record per send slot, and per receive slot a
- * length and `segment` bytes. 16 send and 8 receive slots of 241 bytes: 2 194 bytes. */
-#define QLT_SW_WIDE_STORAGE(segment, send_slots, recv_slots)    \
-  ((size_t)(send_slots)*3u + ((size_t)(recv_slots) + 1u) / 2u + \
+ * length word and `segment` bytes. 16 send and 8 receive slots of 241 bytes: 2 152 bytes. */
+#define QLT_SW_WIDE_STORAGE(segment, send_slots, recv_slots) \
+  ((size_t)(send_slots)*3u + (size_t)(recv_slots) +          \
    ((size_t)(recv_slots) * (size_t)(segment) + 3u) / 4u)
 
 /* What the core has done so far. They only grow (bytes_queued aside) and never change
@@ -168,6 +168,7 @@ typedef struct qlt_sw_ext {
   uint8_t faults_seen; /* bit per qlt_sw_fault already traced on this link */
   uint8_t hold_data;   /* no data on this link until the peer's first word on the session */
   uint8_t resume;      /* 1: the OFFER resumes the session held */
+  uint8_t started;     /* the link's first round has run */
   uint16_t value_limit;
   uint16_t own_segment;               /* the largest payload this end accepts on this link */
   uint16_t send_segment, send_window; /* what this end may send, once negotiated */
@@ -175,11 +176,11 @@ typedef struct qlt_sw_ext {
   qlt_sw_wide_terms mine, peer;       /* the terms written and the terms taken */
   /* Sender: sequences una..next-1 in flight, records at seq % wide_send_slots. */
   uint16_t una, next, edge;
-  uint16_t lost;      /* records marked lost */
-  uint16_t head_skip; /* bytes of the head slot already acknowledged */
-  uint8_t token;      /* of the last POLL */
-  uint8_t polled;     /* a POLL is unanswered */
-  uint8_t timing;     /* a first-sent segment is timed: timed_seq */
+  uint16_t lost;  /* records marked lost */
+  uint16_t sslot; /* the record of una */
+  uint8_t token;  /* of the last POLL */
+  uint8_t polled; /* a POLL is unanswered */
+  uint8_t timing; /* a first-sent segment is timed: timed_seq */
   uint16_t timed_seq;
   uint32_t stamps;     /* transmissions so far */
   uint32_t seen;       /* latest stamp of a once-sent segment acknowledged */
@@ -187,13 +188,15 @@ typedef struct qlt_sw_ext {
   uint32_t sent_end;   /* stream offset of the first byte never sent extended */
   /* Receiver: expected seq, deliveries waiting to be taken, held out of order. */
   uint16_t rnext;
+  uint16_t rslot;   /* the receive slot of rnext */
   uint16_t pending; /* accepted, not taken yet: seqs rnext - pending .. rnext - 1 */
   uint16_t held;
   uint16_t adv_edge; /* the edge last advertised */
   uint8_t ack_owed;  /* 1 owed, 2 due at once */
   uint8_t answer_token, answer_owed;
   uint32_t ack_owed_at;
-  uint32_t unread; /* taken but not consumed (wide_manual_consume) */
+  uint32_t unread;   /* taken but not consumed (wide_manual_consume) */
+  uint32_t last_now; /* the latest time the core was told */
   /* Session. */
   uint8_t session; /* 1: an identity is held */
   uint32_t central_nonce, device_nonce, fresh_nonce;
