@@ -522,7 +522,7 @@ void QLT_Peripheral::transport_requestWriteData(const std::shared_ptr<BaseTransp
                                                 const Data& data) {
   auto current = connection();
   if (transport != current->transport) return;  // a stopped or replaced transport
-  if (current->nus && basePeripheral_) current->nus->write(data, *basePeripheral_);
+  if (current->nus && basePeripheral_) current->nus->writeFrame(data, *basePeripheral_);
 }
 
 void QLT_Peripheral::peripheral_didUpdateValueForCharacteristic_error(
