@@ -17,6 +17,7 @@ namespace {
 constexpr double kAssumedIntervalMs = 50;  // Linux centrals ask for 30-50 ms
 constexpr double kAssumedPhyMbps = 2;
 constexpr size_t kAssumedDataLength = 251;
+constexpr double kHostDelaySeconds = 10e-3;
 constexpr size_t kDefaultValueLimit = 20;  // ATT_MTU 23 until exchanged (Vol 3, Part F, 3.2.8)
 }  // namespace
 
@@ -42,10 +43,12 @@ double ExtendedWindowSizing::bytesPerSecond(const WindowLink& link) {
 }
 
 // Two connection intervals (a segment waits for the next event, its acknowledgement for
-// the one after) plus the receiver's acknowledgement delay and a millisecond of the hosts'.
+// the one after) plus the receiver's acknowledgement delay and what the hosts add: a busy
+// host wakes its queues milliseconds late, and a window that covers that keeps the link
+// full through it.
 double ExtendedWindowSizing::roundTripSeconds(const WindowLink& link) {
   const double interval = link.intervalMs > 0 ? link.intervalMs : kAssumedIntervalMs;
-  return 2 * interval / 1000 + 2e-3;
+  return 2 * interval / 1000 + kHostDelaySeconds;
 }
 
 ExtendedWindowSizing ExtendedWindowSizing::of(const WindowLink& link) {
