@@ -77,12 +77,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/Export.h"
+#include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/platform/Platform.h"
 
 namespace qlt {
@@ -197,6 +199,10 @@ class QLT_EXPORT UartLink {
   // "" while nothing went wrong.
   std::string lastError() const;
   Counters counters() const;
+  // The sliding window's counters on the connected link, with the format it negotiated
+  // (counters().format: extended, or classic with a device that did not take the offer);
+  // empty when not connected or over the chunker.
+  std::optional<SlideWindowCounters> windowCounters() const;
 
   // The facts of the current link (ATT MTU, the largest write; interval, PHY and data
   // length where the backend knows them: unknown ones are empty). Throws Error

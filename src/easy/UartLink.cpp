@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
-#include <iterator>
 #include <mutex>
 #include <vector>
 
@@ -25,13 +23,6 @@ using State = UartLink::State;
 thread_local bool insideSend = false;
 
 }  // namespace
-
-const char* toString(UartLink::State state) {
-  static constexpr const char* kNames[] = {"disconnected", "connecting", "connected",
-                                           "reconnecting", "lost"};
-  const auto i = static_cast<size_t>(state);
-  return i < std::size(kNames) ? kNames[i] : "invalid";
-}
 
 // The delegate of the manager and of the peripheral; every callback arrives on queue_.
 class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
@@ -182,6 +173,11 @@ class QLT_HIDDEN UartLink::Impl : public QLT_BLEManagerDidChangedState,
   Counters counters() const {
     std::lock_guard lock(mutex_);
     return counters_;
+  }
+
+  std::shared_ptr<BaseTransport> transport() const {
+    std::lock_guard lock(mutex_);
+    return transport_;
   }
 
   platform::LinkInfo linkInfo() const {
@@ -633,6 +629,10 @@ size_t UartLink::trySend(const Data& bytes) {
 bool UartLink::flush(std::chrono::milliseconds timeout) { return impl_->flush(timeout); }
 uint64_t UartLink::unacknowledged() const { return impl_->unacknowledged(); }
 UartLink::Counters UartLink::counters() const { return impl_->counters(); }
+std::optional<SlideWindowCounters> UartLink::windowCounters() const {
+  const auto transport = impl_->transport();
+  return transport ? transport->windowCounters() : std::nullopt;
+}
 platform::LinkInfo UartLink::linkInfo() const { return impl_->linkInfo(); }
 int UartLink::fd() const { return impl_->fd(); }
 Data UartLink::read(std::chrono::milliseconds timeout) { return impl_->read(timeout); }
