@@ -2,7 +2,8 @@
 # Builds the libFuzzer targets with clang in build/fuzz and runs each for N seconds
 # (default 60), starting from a copy of fuzz/corpus/<mode> (the seed corpus stays as it
 # is; new inputs collect under build/fuzz/corpus-<mode>). Crashes land in build/fuzz.
-# Modes: raw and structured (the sliding-window receive path), firmware (a firmware's UART
+# Modes: raw and structured (the sliding-window receive path), wide (a core with the wide
+# window on, either role), firmware (a firmware's UART
 # input: SLIP, then the device layer).
 #   fuzz/run.sh 30
 set -euo pipefail
@@ -14,10 +15,10 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithD
   -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link -DCMAKE_C_FLAGS=-fsanitize=fuzzer-no-link \
   -DQLT_BUILD_TESTS=OFF -DQLT_BUILD_BENCHMARKS=OFF -DQLT_BUILD_TOOLS=OFF -DQLT_WITH_BLUEZ=OFF >/dev/null
 cmake --build "$build" --target qlt_fuzz_slidewindow_raw qlt_fuzz_slidewindow_structured \
-  qlt_fuzz_firmware_input
+  qlt_fuzz_slidewindow_wide qlt_fuzz_firmware_input
 
 status=0
-for mode in raw structured firmware; do
+for mode in raw structured wide firmware; do
   target=qlt_fuzz_slidewindow_$mode
   [ "$mode" = firmware ] && target=qlt_fuzz_firmware_input
   work="$build/corpus-$mode"

@@ -146,6 +146,18 @@ int qlt_sw_init(qlt_sw* sw, const qlt_sw_config* cfg) {
 }
 
 void qlt_sw_reset_send(qlt_sw* sw) {
+  if (sw->ext.send_mode == 2) { /* the peer waits for what is on the wire: the rest goes */
+    uint32_t bytes = (uint32_t)sw->counters.bytes_queued - (sw->ext.sent_end - sw->ext.acked);
+    while (bytes > 0 && sw->queued > 0) {
+      uint8_t* s = slot(sw, sw->queued - 1u);
+      const uint32_t n = s[0] < bytes ? s[0] : bytes;
+      s[0] = (uint8_t)(s[0] - n);
+      sw->counters.bytes_queued -= n;
+      bytes -= n;
+      if (s[0] == 0) --sw->queued;
+    }
+    return;
+  }
   sw->head = sw->queued = sw->unsent = 0;
   sw->read_pos = 0;
   sw->ack_window = 0;
@@ -464,7 +476,9 @@ uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now) {
   return due;
 }
 
-void qlt_sw_release(qlt_sw* sw, uint32_t count, uint32_t now) { release(sw, count, now); }
+void qlt_sw_release(qlt_sw* sw, uint32_t count, uint32_t now) {
+  if (sw->ext.send_mode != 2) release(sw, count, now); /* extended: only an ACK releases */
+}
 
 const qlt_sw_counters* qlt_sw_get_counters(const qlt_sw* sw) { return &sw->counters; }
 uint8_t qlt_sw_in_flight(const qlt_sw* sw) { return in_flight(sw); }
@@ -484,6 +498,17 @@ void qlt_sw_set_owed(qlt_sw* sw, uint8_t bits, uint32_t now) {
 void qlt_sw_set_trace(qlt_sw* sw, qlt_sw_trace_fn fn, void* context) {
   sw->trace = fn;
   sw->trace_context = context;
+}
+
+void qlt_swi_classic_restart(qlt_sw* sw) {
+  const uint16_t head = sw->head, queued = sw->queued;
+  const uint64_t bytes = sw->counters.bytes_queued;
+  qlt_sw_reset_send(sw); /* sequences from 0, nothing owed; the queue is kept */
+  sw->head = head;
+  sw->queued = queued;
+  sw->counters.bytes_queued = bytes;
+  sw->remote_ack = 0;
+  sw->gap_open = 0;
 }
 
 uint32_t qlt_swi_left(uint32_t now, uint32_t since, uint32_t wait) {

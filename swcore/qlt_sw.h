@@ -169,37 +169,38 @@ typedef struct qlt_sw_ext {
   uint8_t hold_data;   /* no data on this link until the peer's first word on the session */
   uint8_t resume;      /* 1: the OFFER resumes the session held */
   uint8_t started;     /* the link's first round has run */
+  uint8_t echo;        /* the ANSWER owed answers a repeated OFFER */
+  uint8_t session;     /* 1: a session identity is held */
+  uint8_t token;       /* sender: of the last POLL */
+  uint8_t polled;      /* sender: a POLL is unanswered */
+  uint8_t timing;      /* sender: a first-sent segment is timed: timed_seq */
+  uint8_t ack_owed;    /* receiver: 1 owed, 2 due at once */
+  uint8_t answer_token, answer_owed;
   uint16_t value_limit;
   uint16_t own_segment;               /* the largest payload this end accepts on this link */
   uint16_t send_segment, send_window; /* what this end may send, once negotiated */
-  uint32_t nego_at;                   /* the first OFFER/ANSWER of the link was written */
-  qlt_sw_wide_terms mine, peer;       /* the terms written and the terms taken */
-  /* Sender: sequences una..next-1 in flight, records at seq % wide_send_slots. */
+  /* Sender: sequences una..next-1 in flight, their records from sslot on. */
   uint16_t una, next, edge;
   uint16_t lost;  /* records marked lost */
   uint16_t sslot; /* the record of una */
-  uint8_t token;  /* of the last POLL */
-  uint8_t polled; /* a POLL is unanswered */
-  uint8_t timing; /* a first-sent segment is timed: timed_seq */
   uint16_t timed_seq;
-  uint32_t stamps;     /* transmissions so far */
-  uint32_t seen;       /* latest stamp of a once-sent segment acknowledged */
-  uint32_t poll_stamp; /* stamps when the last POLL was written */
-  uint32_t sent_end;   /* stream offset of the first byte never sent extended */
   /* Receiver: expected seq, deliveries waiting to be taken, held out of order. */
   uint16_t rnext;
-  uint16_t rslot;   /* the receive slot of rnext */
-  uint16_t pending; /* accepted, not taken yet: seqs rnext - pending .. rnext - 1 */
-  uint16_t held;
-  uint16_t adv_edge; /* the edge last advertised */
-  uint8_t ack_owed;  /* 1 owed, 2 due at once */
-  uint8_t answer_token, answer_owed;
+  uint16_t rslot;               /* the receive slot of rnext */
+  uint16_t pending;             /* accepted, not taken yet: seqs rnext - pending .. rnext - 1 */
+  uint16_t held;                /* held out of order */
+  uint16_t adv_edge;            /* the edge last advertised */
+  uint32_t nego_at;             /* the first OFFER/ANSWER of the link was written */
+  qlt_sw_wide_terms mine, peer; /* the terms written and the terms taken */
+  uint32_t stamps;              /* transmissions so far */
+  uint32_t seen;                /* latest stamp of a once-sent segment acknowledged */
+  uint32_t poll_stamp;          /* stamps when the last POLL was written */
+  uint32_t sent_end;            /* stream offset of the first byte never sent extended */
   uint32_t ack_owed_at;
   uint32_t unread;   /* taken but not consumed (wide_manual_consume) */
   uint32_t last_now; /* the latest time the core was told */
-  /* Session. */
-  uint8_t session; /* 1: an identity is held */
-  uint32_t central_nonce, device_nonce, fresh_nonce;
+  /* Session: its identity; cfg.nonce is this end's half for the next new one. */
+  uint32_t central_nonce, device_nonce;
   uint32_t acked;    /* bytes of this end's stream acknowledged in the session */
   uint32_t received; /* bytes of the peer's stream accepted in the session */
   uint32_t in_doubt; /* bytes in doubt when the last session was lost */
@@ -254,7 +255,8 @@ typedef struct qlt_sw {
 int qlt_sw_init(qlt_sw* sw, const qlt_sw_config* cfg);
 
 /* Empties the send queue and resets the send sequence and what was owed to the peer; the
- * receive sequence and the round-trip estimate stay. */
+ * receive sequence and the round-trip estimate stay. Once the send direction is extended,
+ * it drops only the bytes not yet sent: the peer waits for the segments on the wire. */
 void qlt_sw_reset_send(qlt_sw* sw);
 
 /* Queues up to `len` bytes as segments of at most segment_size bytes, each call starting
@@ -308,7 +310,8 @@ size_t qlt_sw_poll_frame_of(qlt_sw* sw, uint32_t now, unsigned kinds, uint8_t* o
  * happens (0: now); QLT_SW_IDLE when nothing is due. */
 uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now);
 
-/* Releases `count` segments from the head of the queue, as an acknowledgement would. */
+/* Releases `count` segments from the head of the queue, as an acknowledgement would.
+ * Classic format only: once the send direction is extended, only the peer's ACK does. */
 void qlt_sw_release(qlt_sw* sw, uint32_t count, uint32_t now);
 
 /* Reading the state. */

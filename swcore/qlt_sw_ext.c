@@ -83,7 +83,7 @@ static void agree(qlt_sw* sw, const qlt_sw_wide_terms* peer) {
 static void begin_link(qlt_sw* sw) {
   qlt_sw_ext* e = &sw->ext;
   e->send_mode = e->recv_mode = 0;
-  e->repeats = 0;
+  e->repeats = e->echo = 0;
   e->owe_nego = 0;
   e->faults_seen = 0;
   e->nego_at = 0;
@@ -110,7 +110,6 @@ int qlt_swi_ext_init(qlt_sw* sw) {
       c->nonce == 0 || (c->value_limit && c->value_limit < 20))
     return -1;
   sw->ext.value_limit = c->value_limit ? c->value_limit : DEFAULT_VALUE_LIMIT;
-  sw->ext.fresh_nonce = c->nonce;
   memset(c->wide_storage, 0,
          QLT_SW_WIDE_STORAGE(c->wide_segment, c->wide_send_slots, c->wide_recv_slots) * 4u);
   begin_link(sw);
@@ -131,12 +130,18 @@ static void fix_terms(qlt_sw* sw) {
   t->window = sw->cfg.wide_recv_slots;
 }
 
+static int same_terms(const qlt_sw_wide_terms* a, const qlt_sw_wide_terms* b) {
+  return a->version == b->version && a->flags == b->flags && a->segment == b->segment &&
+         a->window == b->window && a->central_nonce == b->central_nonce &&
+         a->device_nonce == b->device_nonce && a->received == b->received;
+}
+
 /* The central: an ANSWER. */
 static void central_answer(qlt_sw* sw, const qlt_sw_wide_terms* a, uint32_t now) {
   qlt_sw_ext* e = &sw->ext;
   uint16_t seg, win;
   if (e->state == QLT_SW_STATE_EXTENDED) {
-    if (memcmp(a, &e->peer, sizeof *a) == 0) {
+    if (same_terms(a, &e->peer)) {
       e->owe_nego = QLT_SW_WIDE_CONFIRM; /* the first CONFIRM may have been lost */
     } else {
       qlt_swi_fault(sw, QLT_SW_FAULT_CONTRADICTORY);
@@ -157,12 +162,10 @@ static void central_answer(qlt_sw* sw, const qlt_sw_wide_terms* a, uint32_t now)
     set_state(sw, QLT_SW_STATE_CLASSIC);
     return;
   }
-  if (a->version > e->mine.version) {
-    qlt_swi_fault(sw, QLT_SW_FAULT_CONTRADICTORY);
-  } else if (qlt_sw_wide_fit(a, e->own_segment, sw->cfg.wide_send_slots, &seg, &win) ==
-             QLT_SW_WIDE_ABSURD) {
+  if (a->version <= e->mine.version && qlt_sw_wide_fit(a, e->own_segment, sw->cfg.wide_send_slots,
+                                                       &seg, &win) == QLT_SW_WIDE_ABSURD) {
     qlt_swi_fault(sw, QLT_SW_FAULT_ABSURD);
-  } else if (a->device_nonce == 0 ||
+  } else if (a->version > e->mine.version || a->device_nonce == 0 ||
              ((a->flags & QLT_SW_WIDE_FLAG_RESUME) &&
               (!e->resume || a->device_nonce != e->device_nonce || !resume_at(sw, a->received)))) {
     qlt_swi_fault(sw, QLT_SW_FAULT_CONTRADICTORY);
@@ -189,10 +192,11 @@ static void device_offer(qlt_sw* sw, const qlt_sw_wide_terms* o) {
   uint16_t seg, win;
   if (offer.version > QLT_SW_WIDE_VERSION) offer.version = QLT_SW_WIDE_VERSION;
   if (e->state != QLT_SW_STATE_WAITING) {
-    if (memcmp(&offer, &e->peer, sizeof offer) != 0) {
+    if (!same_terms(&offer, &e->peer)) {
       qlt_swi_fault(sw, QLT_SW_FAULT_CONTRADICTORY);
     } else if (e->state != QLT_SW_STATE_EXTENDED) {
       e->owe_nego = QLT_SW_WIDE_ANSWER; /* the same ANSWER again */
+      e->echo = 1;
     }
     return;
   }
@@ -218,7 +222,7 @@ static void device_offer(qlt_sw* sw, const qlt_sw_wide_terms* o) {
     if (e->session) lose_session(sw);
     e->session = 1;
     e->central_nonce = offer.central_nonce;
-    e->device_nonce = e->fresh_nonce;
+    e->device_nonce = sw->cfg.nonce;
   }
   e->mine.device_nonce = e->device_nonce;
   e->owe_nego = QLT_SW_WIDE_ANSWER;
@@ -322,7 +326,7 @@ size_t qlt_swi_ext_first(qlt_sw* sw, uint32_t now, uint8_t* out, size_t cap) {
       if (e->owe_nego == QLT_SW_WIDE_OFFER) {
         fix_terms(sw);
         e->mine.flags = e->resume ? QLT_SW_WIDE_FLAG_RESUME : 0;
-        e->mine.central_nonce = e->session ? e->central_nonce : e->fresh_nonce;
+        e->mine.central_nonce = e->session ? e->central_nonce : sw->cfg.nonce;
         e->mine.device_nonce = e->resume ? e->device_nonce : 0;
         e->mine.received = e->resume ? e->received : 0;
       }
@@ -330,7 +334,8 @@ size_t qlt_swi_ext_first(qlt_sw* sw, uint32_t now, uint8_t* out, size_t cap) {
     n = qlt_sw_wide_write_terms(e->owe_nego, &e->mine, out, cap);
     if (n == 0) return 0;
     if (e->repeats == 0 || e->owe_nego == QLT_SW_WIDE_ANSWER) e->nego_at = now;
-    if (e->repeats < 255) ++e->repeats;
+    if (!e->echo && e->repeats < 255) ++e->repeats; /* an echo is no repeat of its own */
+    e->echo = 0;
   } else if (e->owe_nego) {
     out[0] = e->owe_nego;
     n = 1;
@@ -401,26 +406,15 @@ void qlt_sw_link_lost(qlt_sw* sw) {
   qlt_sw_ext* e = &sw->ext;
   if (e->state == QLT_SW_STATE_LINK_DOWN) return;
   e->sent_end = e->acked + unacknowledged(sw);
-  /* The classic window starts again from sequence 0 on the next link, its queue kept. */
-  sw->read_pos = 0;
-  sw->ack_window = 0;
-  sw->remote_ack = 0;
-  sw->unsent = 0;
-  sw->owed = 0;
-  sw->gap_open = 0;
-  sw->poll_next = 0;
-  sw->poll_backoff = 0;
-  sw->rewound = 0x7FFFFFFF;
-  sw->timed = 0xFFFF;
-  qlt_swi_set_poll_wait(sw);
   e->send_mode = e->recv_mode = 0;
+  qlt_swi_classic_restart(sw);
   qlt_swi_win_reset(sw);
   set_state(sw, QLT_SW_STATE_LINK_DOWN);
 }
 
 void qlt_sw_link_up(qlt_sw* sw, uint32_t nonce) {
   if (sw->ext.state != QLT_SW_STATE_LINK_DOWN) qlt_sw_link_lost(sw);
-  if (nonce) sw->ext.fresh_nonce = nonce;
+  if (nonce) sw->cfg.nonce = nonce;
   /* Nothing to resume: what was sent on the old link is in doubt. */
   if (!sw->ext.session && sw->ext.sent_end != sw->ext.acked) lose_session(sw);
   if (!sw->cfg.wide_role) {

@@ -16,6 +16,9 @@ uint8_t* qlt_swi_slot(const qlt_sw* sw, uint32_t offset);
 /* Drops `bytes` from the head of the send queue (a partial slot keeps its tail). */
 void qlt_swi_drop_bytes(qlt_sw* sw, uint32_t bytes);
 
+/* A new link: the classic window starts again from sequence 0, its queue kept. */
+void qlt_swi_classic_restart(qlt_sw* sw);
+
 /* The wide window's hooks into the classic core. */
 int qlt_swi_ext_init(qlt_sw* sw);
 /* A received value the wide window takes (1: handled, *kind set), or leaves to the classic

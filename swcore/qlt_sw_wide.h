@@ -3,8 +3,8 @@
  * The central's OFFER and the device's ANSWER carry each end's terms: the version, the
  * largest segment and the receive slots it can take, and the session it names. This file
  * writes and reads them and decides what one end may use of its peer's terms (taken,
- * clamped to what this end can hold, or refused as absurd). It is the first piece of the
- * extension in the core: the window itself is not built yet, and qlt_sw does not call it.
+ * clamped to what this end can hold, or refused as absurd). The negotiation that uses them
+ * is qlt_sw_ext.c, run by qlt_sw when its configuration's wide_role is set.
  *
  * Same constraints as qlt_sw.h: C99, no I/O, no allocation, no float, no lock.
  */

@@ -9,6 +9,7 @@
 #include "QueltLibrary/Clock.h"
 #include "QueltLibrary/SWTransport.h"
 #include "QueltLibrary/SlideWindowFrame.h"
+#include "support/WideCore.h"
 #include "swcore/qlt_sw.h"
 #include "swcore/qlt_sw_wide.h"
 
@@ -181,6 +182,67 @@ int runStructured(const uint8_t* data, size_t size) {
     }
   }
   rig.round(1.0);
+  return 0;
+}
+
+// A core with the wide window on, in the role the first byte picks, brought to the
+// extended format by a well-formed peer (unless the second byte says otherwise), then fed
+// the rest as raw values with rounds between. Whatever arrives: frames stay within the
+// link's value limit, the window within its slots, and the stream in order.
+int runWide(const uint8_t* data, size_t size) {
+  Rig rig(data, size);
+  const bool central = !(rig.next() & 1);
+  test::WideCore w(
+      {.role = static_cast<uint8_t>(central ? QLT_SW_ROLE_CENTRAL : QLT_SW_ROLE_DEVICE),
+       .segment = 200,
+       .sendSlots = 16,
+       .recvSlots = 8,
+       .valueLimit = 100,
+       .nonce = 5});
+  QLT_FUZZ_CHECK(w.initialized);
+  qlt_sw& core = w.sw;
+  const qlt_sw_config& cfg = w.config;
+  uint32_t now = 0;
+  uint64_t got = 0, queued = 0;
+  uint8_t value[256] = {};
+  qlt_sw_wide_info info;
+  const auto in = [&](const uint8_t* v, size_t n) {
+    qlt_sw_delivery d;
+    const uint64_t before = qlt_sw_get_counters(&core)->bytes_queued;
+    if (qlt_sw_receive(&core, v, n, now, &d) == QLT_SW_TCP) got += d.len;
+    while (qlt_sw_take_delivery(&core, &d)) got += d.len;
+    qlt_sw_get_wide_info(&core, &info);
+    QLT_FUZZ_CHECK(info.stream_received == got && info.room <= cfg.wide_recv_slots);
+    QLT_FUZZ_CHECK(qlt_sw_get_counters(&core)->bytes_queued <= before);
+  };
+  const auto round = [&](uint32_t ms) {
+    uint8_t out[512];
+    size_t n, written = 0;
+    now += ms * 1000u;
+    queued += qlt_sw_send(&core, value, 150);
+    while ((n = qlt_sw_poll_frame(&core, now, out, sizeof out)) > 0) {
+      const bool extended = (out[0] & 1) && ((out[0] >> 1) & 7) >= 3;
+      QLT_FUZZ_CHECK(n <= qlt_sw_frame_max(&core) && (!extended || n <= cfg.value_limit));
+      QLT_FUZZ_CHECK(++written <= 40);
+    }
+    qlt_sw_get_wide_info(&core, &info);
+    QLT_FUZZ_CHECK(info.in_flight <= cfg.wide_send_slots);
+    QLT_FUZZ_CHECK(info.stream_acked + qlt_sw_get_counters(&core)->bytes_queued == queued);
+  };
+  round(0);
+  if (!(rig.next() & 1)) {  // a well-formed peer's side of the negotiation first
+    const qlt_sw_wide_terms t{1, 0, 60, 4, central ? 5u : 9u, central ? 9u : 0u, 0};
+    const uint8_t confirm = 0x27;
+    in(value, qlt_sw_wide_write_terms(central ? 0x17 : 0x07, &t, value, sizeof value));
+    round(0);
+    if (!central) in(&confirm, 1);
+  }
+  while (!rig.done()) {
+    const uint8_t len = rig.next();
+    in(value, rig.take(len & 0x7F, value));
+    if (len & 0x80) round(len & 0x7Fu);
+  }
+  round(1000);
   return 0;
 }
 

@@ -23,4 +23,7 @@ int runRaw(const uint8_t* data, size_t size);
 // polls, datagrams, rounds with time passing, and new messages to send.
 int runStructured(const uint8_t* data, size_t size);
 
+// The input into a core with the wide window on (either role): see SlideWindowFuzz.cpp.
+int runWide(const uint8_t* data, size_t size);
+
 }  // namespace qlt::fuzz

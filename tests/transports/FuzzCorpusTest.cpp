@@ -13,7 +13,9 @@
 TEST(TheFuzzCorpus, ReplaysCleanInBothModes) {
   qlt::test::LogCapture quiet;
   const std::pair<const char*, int (*)(const uint8_t*, size_t)> modes[] = {
-      {"raw", qlt::fuzz::runRaw}, {"structured", qlt::fuzz::runStructured}};
+      {"raw", qlt::fuzz::runRaw},
+      {"structured", qlt::fuzz::runStructured},
+      {"wide", qlt::fuzz::runWide}};
   for (auto [mode, entry] : modes) {
     size_t n = 0;
     for (const auto& file :
