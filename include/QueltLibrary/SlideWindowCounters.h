@@ -20,7 +20,7 @@ QLT_EXPORT const char* toString(WindowFormat format);
 
 struct QLT_EXPORT SlideWindowCounters {
   WindowFormat format = WindowFormat::Classic;  // the format now, not a count
-  uint64_t framesSent = 0;          // every frame handed to the sender delegate
+  uint64_t framesSent = 0;                      // every frame handed to the sender delegate
   uint64_t framesReceived = 0;      // every value fed to receive(), malformed ones included
   uint64_t segmentsSent = 0;        // "TCP" segment frames written, first sends and resends
   uint64_t segmentsResent = 0;      // of those, segments that had been on the wire before

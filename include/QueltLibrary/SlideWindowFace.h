@@ -21,10 +21,10 @@ class SlideWindowDriver;
 // What the extended window sizes itself by: the link's facts (0: not known; the window
 // then assumes the largest a BLE link may need: a 2M PHY, 251-byte PDUs, a 50 ms interval).
 struct QLT_EXPORT WindowLink {
-  size_t valueLimit = 0;   // the largest value one write or notification carries (ATT_MTU - 3)
-  double intervalMs = 0;   // the connection interval
-  double phyMbps = 0;      // 1 (LE 1M) or 2 (LE 2M)
-  size_t dataLength = 0;   // link-layer payload octets per PDU (27..251)
+  size_t valueLimit = 0;  // the largest value one write or notification carries (ATT_MTU - 3)
+  double intervalMs = 0;  // the connection interval
+  double phyMbps = 0;     // 1 (LE 1M) or 2 (LE 2M)
+  size_t dataLength = 0;  // link-layer payload octets per PDU (27..251)
 };
 
 class QLT_EXPORT SlideWindowFace {

@@ -28,9 +28,8 @@ constexpr size_t kDefaultValueLimit = 20;  // ATT_MTU 23 until exchanged (Vol 3,
 // 3.1; Part F, 3.4.7).
 static double linkRate(const WindowLink& link, size_t segment) {
   const double mbps = link.phyMbps > 0 ? link.phyMbps : kAssumedPhyMbps;
-  const double dataLength =
-      static_cast<double>(link.dataLength > 0 ? std::clamp<size_t>(link.dataLength, 27, 251)
-                                              : kAssumedDataLength);
+  const double dataLength = static_cast<double>(
+      link.dataLength > 0 ? std::clamp<size_t>(link.dataLength, 27, 251) : kAssumedDataLength);
   const double preamble = mbps >= 2 ? 2 : 1;
   const auto air = [&](double payload) { return (preamble + 9 + payload) * 8 / (mbps * 1e6); };
   const double pair = air(dataLength) + 150e-6 + air(0) + 150e-6;
@@ -54,8 +53,8 @@ double ExtendedWindowSizing::roundTripSeconds(const WindowLink& link) {
 ExtendedWindowSizing ExtendedWindowSizing::of(const WindowLink& link) {
   ExtendedWindowSizing s;
   const size_t limit = link.valueLimit > 0 ? link.valueLimit : kDefaultValueLimit;
-  s.segment = static_cast<uint16_t>(std::clamp<size_t>(limit > 3 ? limit - 3 : 0,
-                                                       QLT_SW_WIDE_MIN_SEGMENT, kMaxSegment));
+  s.segment = static_cast<uint16_t>(
+      std::clamp<size_t>(limit > 3 ? limit - 3 : 0, QLT_SW_WIDE_MIN_SEGMENT, kMaxSegment));
   const double window = std::max(2 * linkRate(link, s.segment) * roundTripSeconds(link),
                                  static_cast<double>(kMinInFlightBytes));
   const size_t most = kMaxWindowBytes / s.segment;
@@ -86,14 +85,14 @@ void SlideWindowDriver::configure(const ExtendedWindowSettings& settings) {
   wideStorage_.clear();
   if (settings.enabled) {
     const ExtendedWindowSizing size = ExtendedWindowSizing::of(settings.link);
-    cfg.wide_role =
-        settings.role == WindowRole::Central ? QLT_SW_ROLE_CENTRAL : QLT_SW_ROLE_DEVICE;
+    cfg.wide_role = settings.role == WindowRole::Central ? QLT_SW_ROLE_CENTRAL : QLT_SW_ROLE_DEVICE;
     cfg.wide_segment = size.segment;
     cfg.wide_send_slots = size.slots;
     cfg.wide_recv_slots = size.slots;
     // The send stream holds the whole send window in the classic slots' bytes.
     const size_t window = size_t{size.slots} * size.segment;
-    slotCount = std::max(slotCount, (window + parameters_.segmentSize - 1) / parameters_.segmentSize);
+    slotCount =
+        std::max(slotCount, (window + parameters_.segmentSize - 1) / parameters_.segmentSize);
     wideStorage_.assign(QLT_SW_WIDE_STORAGE(size.segment, size.slots, size.slots), 0);
     cfg.wide_storage = wideStorage_.data();
     cfg.value_limit = static_cast<uint16_t>(std::clamp<size_t>(
@@ -156,9 +155,10 @@ void SlideWindowDriver::coreEvent(void* context, qlt_sw_event event, uint32_t a,
              static_cast<int>(a), static_cast<int>(b));
       break;
     case QLT_SW_EV_SESSION_RESUMED:
-      QLTLog("Slide window: the session resumed (%d bytes of ours acknowledged, %d of the "
-             "peer's taken)",
-             static_cast<int>(a), static_cast<int>(b));
+      QLTLog(
+          "Slide window: the session resumed (%d bytes of ours acknowledged, %d of the "
+          "peer's taken)",
+          static_cast<int>(a), static_cast<int>(b));
       break;
     case QLT_SW_EV_SESSION_LOST:
       self->sessionLost(a);
@@ -210,8 +210,9 @@ void SlideWindowDriver::setExtended(const ExtendedWindowSettings& settings) {
                         core_.counters.frames_received > 0 || core_.counters.bytes_queued > 0 ||
                         backlogBytes_ > 0;
       if (used) {
-        QLTLog("Slide window: the extended window is chosen before the window starts; this "
-               "link keeps its format");
+        QLTLog(
+            "Slide window: the extended window is chosen before the window starts; this "
+            "link keeps its format");
         return;
       }
       extended_ = settings;
@@ -408,9 +409,10 @@ void SlideWindowDriver::setFrameTrace(FrameTrace trace) {
 }
 
 void SlideWindowDriver::sessionLost(uint32_t inDoubt) {
-  QLTLog("Slide window: a new session began; %d bytes sent on the last one were never "
-         "acknowledged and are dropped (they may or may not have arrived)",
-         static_cast<int>(inDoubt));
+  QLTLog(
+      "Slide window: a new session began; %d bytes sent on the last one were never "
+      "acknowledged and are dropped (they may or may not have arrived)",
+      static_cast<int>(inDoubt));
   std::shared_ptr<const std::function<void(uint64_t)>> handler;
   {
     std::lock_guard lock(mutex_);

@@ -175,8 +175,8 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   qlt_sw core_{};
   std::vector<uint8_t> slots_;
   std::vector<uint32_t> wideStorage_;  // the extended window's records and receive slots
-  std::deque<Data> backlog_;  // messages (or their tails) waiting for the core's queue
-  size_t backlogHead_ = 0;    // bytes of backlog_.front() already in the core
+  std::deque<Data> backlog_;           // messages (or their tails) waiting for the core's queue
+  size_t backlogHead_ = 0;             // bytes of backlog_.front() already in the core
   uint64_t backlogBytes_ = 0;
   bool armed_ = false;  // a timer task is pending for armedAt_
   uint32_t armedAt_ = 0;

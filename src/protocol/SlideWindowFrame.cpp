@@ -124,8 +124,8 @@ std::string describeFrame(std::span<const uint8_t> frame, bool outgoing) {
       break;
     case FrameKind::OtherControl: {
       const std::string extended = describeExtended(frame);
-      line += extended.empty() ? "ctl type=" + std::to_string(p.controlType) + " " + size
-                               : extended;
+      line +=
+          extended.empty() ? "ctl type=" + std::to_string(p.controlType) + " " + size : extended;
       break;
     }
     case FrameKind::Malformed:

@@ -59,9 +59,9 @@ TEST_F(TheExtendedWindow, FallsBackToTheClassicWindowWithADeviceThatIgnoresTheOf
     link.connect("Classic-Echo");
     const std::string payload = e2e::pattern(8 * 1024, 3);
     EXPECT_EQ(echoed(link, payload), payload) << extended;
-    ASSERT_TRUE(test::eventually([&] {
-      return link.windowCounters()->format == WindowFormat::Classic;
-    }, 3s)) << "the negotiation's wait is bounded";
+    ASSERT_TRUE(test::eventually(
+        [&] { return link.windowCounters()->format == WindowFormat::Classic; }, 3s))
+        << "the negotiation's wait is bounded";
     const auto c = *link.windowCounters();
     EXPECT_EQ(c.negotiationFramesSent, extended ? 3u : 0u);
     EXPECT_EQ(c.extendedSegment, 0u);
@@ -88,16 +88,16 @@ TEST_F(TheExtendedWindow, IsOffByDefaultOnAFaceAndChosenOnlyBeforeItStarts) {
 // What the driver sizes from a link's facts.
 TEST(ExtendedWindowSizing, FillsTheRoundTripWithSegmentsAsLargeAsAValue) {
   // The fastest link: 7.5 ms, LE 2M, 251-byte PDUs, MTU 247.
-  const auto fastest = ExtendedWindowSizing::of({.valueLimit = 244, .intervalMs = 7.5,
-                                                 .phyMbps = 2, .dataLength = 251});
+  const auto fastest = ExtendedWindowSizing::of(
+      {.valueLimit = 244, .intervalMs = 7.5, .phyMbps = 2, .dataLength = 251});
   EXPECT_EQ(fastest.segment, 241);
   EXPECT_GE(fastest.segment * fastest.slots, 2400u);
   // A long interval needs more in flight; the link's rate, not the interval, bounds it.
-  const auto slow = ExtendedWindowSizing::of({.valueLimit = 244, .intervalMs = 50,
-                                              .phyMbps = 2, .dataLength = 251});
+  const auto slow = ExtendedWindowSizing::of(
+      {.valueLimit = 244, .intervalMs = 50, .phyMbps = 2, .dataLength = 251});
   EXPECT_GT(slow.slots, fastest.slots);
-  const auto narrow = ExtendedWindowSizing::of({.valueLimit = 244, .intervalMs = 50,
-                                                .phyMbps = 1, .dataLength = 27});
+  const auto narrow = ExtendedWindowSizing::of(
+      {.valueLimit = 244, .intervalMs = 50, .phyMbps = 1, .dataLength = 27});
   EXPECT_LT(narrow.slots, slow.slots);
   // Nothing known: a 20-byte value limit, still 2.4 kB in flight; an MTU of 517 is clamped to
   // the 512 bytes an attribute value may have; never more than the driver's bound.

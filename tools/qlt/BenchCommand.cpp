@@ -269,10 +269,13 @@ int runBench(const BenchOptions& o) {
                 connection.deviceName() + "' over " + transportName(transport));
 
   const TransferCounters before = connection.counters();
-  const uint64_t lostBefore = session.segmentsLost(connection.deviceIdentifier());
+  // Segments lost one way: the host's writes in an echo, the device's notifications with -R.
+  const bool written = !o.reverse;
+  const uint64_t lostBefore = session.segmentsLost(connection.deviceIdentifier(), written);
   const StreamRun run = stream(connection, meter, o, streamBound);
   const TransferCounters after = connection.counters();
-  const uint64_t segmentsLost = session.segmentsLost(connection.deviceIdentifier()) - lostBefore;
+  const uint64_t segmentsLost =
+      session.segmentsLost(connection.deviceIdentifier(), written) - lostBefore;
   const bool extended = after.window == "extended";
   const bool verified = run.problem.empty();
   std::vector<double> latencies;
@@ -285,7 +288,7 @@ int runBench(const BenchOptions& o) {
   const double goodput = run.seconds > 0 && verified ? run.bytes / run.seconds : 0;
   const double bound = !onSim || run.bytes == 0 || extended ? 0
                        : sw ? windowBoundBps({}, timing, traffic, run.bytes)
-                                                : chunkerBoundBps(timing);
+                            : chunkerBoundBps(timing);
   const auto parameters = session.linkParameters(connection.deviceIdentifier());
   const sim::LinkParameters air = parameters.value_or(sim::LinkParameters{});
   // The most the link could carry of this traffic: the window's frames (the classic 1-byte
@@ -300,9 +303,13 @@ int runBench(const BenchOptions& o) {
   // 512 bytes), each with a 3-byte header; classic and extended runs are both measured
   // against it.
   const size_t value = std::min<size_t>(facts.maxWriteLength, 512);
-  const double linkLimit =
-      !parameters || value <= 3 ? 0 : sim::physicalLimitBps(air, value, value - 3, shape, run.bytes);
-  const uint64_t resent = after.retransmissions - before.retransmissions;
+  const double linkLimit = !parameters || value <= 3
+                               ? 0
+                               : sim::physicalLimitBps(air, value, value - 3, shape, run.bytes);
+  // Segments sent again: the host's own in an echo; with -R the device's, each one either a
+  // lost segment's repair or a copy that the host dropped.
+  const uint64_t resent = o.reverse ? segmentsLost + after.segmentsDropped - before.segmentsDropped
+                                    : after.retransmissions - before.retransmissions;
   const TransferCounters c{after.retransmissions - before.retransmissions,
                            after.pollsSent - before.pollsSent,
                            after.rejectionsSent - before.rejectionsSent,
@@ -321,8 +328,12 @@ int runBench(const BenchOptions& o) {
         {"physical_limit_Bps", r3(physical)},
         {"link_limit_Bps", r3(linkLimit)},
         {"window", sw ? after.window : "none"},
-        {"segment_bytes", extended ? after.extendedSegment : sw ? kTcpSegmentSize : 0},
-        {"window_segments", extended ? after.extendedWindow : sw ? 3 : 0},
+        {"segment_bytes", extended ? after.extendedSegment
+                          : sw     ? kTcpSegmentSize
+                                   : 0},
+        {"window_segments", extended ? after.extendedWindow
+                            : sw     ? 3
+                                     : 0},
         {"segments_sent", after.segmentsSent - before.segmentsSent},
         {"segments_lost", segmentsLost},
         {"resent_per_lost", segmentsLost > 0 ? r3(static_cast<double>(resent) / segmentsLost) : 0},

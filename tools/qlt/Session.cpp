@@ -363,10 +363,12 @@ double Session::airLoss() const {
   return std::max(faults.lostWritesWithoutResponse, faults.lostNotifications);
 }
 
-uint64_t Session::segmentsLost(const std::string& identifier) const {
+uint64_t Session::segmentsLost(const std::string& identifier, bool written) const {
   if (platform_ != "sim") return 0;
   const auto id = UUID::fromString(identifier);
-  return id ? sim::SimRadio::shared()->stats(*id).segmentsLost : 0;
+  if (!id) return 0;
+  const auto stats = sim::SimRadio::shared()->stats(*id);
+  return written ? stats.segmentWritesLost : stats.segmentNotificationsLost;
 }
 
 // ---- Connection ----
@@ -550,6 +552,7 @@ TransferCounters Connection::counters() const {
     c.rejectionsReceived = s->rejectionsReceived;
     c.bytesQueued = s->bytesQueued;
     c.segmentsSent = s->segmentsSent;
+    c.segmentsDropped = s->segmentsDropped;
     c.window = toString(s->format);
     c.extendedSegment = s->extendedSegment;
     c.extendedWindow = s->extendedWindow;

@@ -119,7 +119,7 @@ class SlidingWindow final : public DeviceBehaviour,
   }
 
   const bool echo_;
-  const bool sink_;  // neither echoes nor streams
+  const bool sink_;      // neither echoes nor streams
   const bool extended_;  // answers an offer of the extended window
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;

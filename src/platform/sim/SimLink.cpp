@@ -237,7 +237,7 @@ void SimLink::writeWithoutResponse(const UUID& characteristic, const Data& value
     }
   }
   counters_->writesLost.fetch_add(1, std::memory_order_relaxed);
-  if (isSegmentFrame(value.span())) counters_->segmentsLost.fetch_add(1, std::memory_order_relaxed);
+  if (isSegmentFrame(value.span())) counters_->segmentWritesLost.fetch_add(1);
   if (count == Count::CarryThenDrop) dropBehind(toDevice_);
 }
 
@@ -330,7 +330,7 @@ bool SimLink::notify(const Data& value) {
     }
   }
   counters_->notificationsLost.fetch_add(1, std::memory_order_relaxed);
-  if (isSegmentFrame(value.span())) counters_->segmentsLost.fetch_add(1, std::memory_order_relaxed);
+  if (isSegmentFrame(value.span())) counters_->segmentNotificationsLost.fetch_add(1);
   if (count == Count::CarryThenDrop) dropBehind(toCentral_);
   return true;
 }
