@@ -18,6 +18,10 @@ constexpr double kAssumedIntervalMs = 50;  // Linux centrals ask for 30-50 ms
 constexpr double kAssumedPhyMbps = 2;
 constexpr size_t kAssumedDataLength = 251;
 constexpr double kHostDelaySeconds = 10e-3;
+// Segments of one connection event arrive a PDU pair apart (about 1.4 ms on 2M): once the
+// peer's segments are extended, an acknowledgement waits up to an interval (at most this) to
+// cover a whole event's, rather than costing the link one frame per segment.
+constexpr double kMaxAckDelayMs = 15;
 constexpr size_t kDefaultValueLimit = 20;  // ATT_MTU 23 until exchanged (Vol 3, Part F, 3.2.8)
 }  // namespace
 
@@ -99,7 +103,13 @@ void SlideWindowDriver::configure(const ExtendedWindowSettings& settings) {
         settings.link.valueLimit > 0 ? settings.link.valueLimit : kDefaultValueLimit,
         kDefaultValueLimit, kFrameCapacity));
     cfg.nonce = randomNonce();
+    extendedAckDelayMicros_ = static_cast<uint32_t>(
+        std::clamp(2 * (settings.link.intervalMs > 0 ? settings.link.intervalMs : kAssumedIntervalMs),
+                   1.0, kMaxAckDelayMs) *
+        1000);
   }
+  wideOn_ = settings.enabled;
+  ackDelayWidened_ = false;
   slots_.assign(QLT_SW_STORAGE(parameters_.segmentSize, slotCount), 0);
   cfg.slots = slots_.data();
   cfg.slot_count = static_cast<uint16_t>(slotCount);
@@ -284,6 +294,7 @@ void SlideWindowDriver::receive(const Data& value) {
     qlt_sw_delivery d{};
     qlt_sw_receive(&core_, value.bytes(), value.length(), nowMicros(), &d);
     settle(queued);
+    answersWait();  // the acknowledgement delay follows the peer's format
     switch (d.kind) {
       case QLT_SW_TCP:
         if (outputs_.deliverTCP) outputs_.deliverTCP(Data(d.payload, d.len));
@@ -346,13 +357,35 @@ void SlideWindowDriver::pump() {
     if (!running_) return;
   }
   for (int pass = 0; pass < 4; ++pass) {
-    frames(QLT_SW_ALL);
+    if (answersWait()) {
+      // An acknowledgement owed waits for its delay even when data goes out: in an echo,
+      // every received segment makes a round, and answering in each would cost the link
+      // one frame per segment. Due ones (a gap, a poll, the delay over) still leave now.
+      frames(QLT_SW_SEGMENTS | QLT_SW_POLLS);
+      if (qlt_sw_next_due(&core_, nowMicros()) == 0) frames(QLT_SW_ANSWERS);
+    } else {
+      frames(QLT_SW_ALL);
+    }
     const uint32_t due = qlt_sw_next_due(&core_, nowMicros());
     if (due == 0) continue;  // a deadline passed while the frames went out
     if (due != QLT_SW_IDLE) arm(due);
     return;
   }
   arm(1);
+}
+
+bool SlideWindowDriver::answersWait() {
+  if (!wideOn_) return false;
+  qlt_sw_wide_info info{};
+  qlt_sw_get_wide_info(&core_, &info);
+  if (info.receive_extended == 0) return false;
+  if (!ackDelayWidened_) {
+    // The core reads its acknowledgement delay where it is used; the classic one stays for
+    // the classic window (a classic peer's timing is not changed).
+    core_.cfg.ack_delay_us = extendedAckDelayMicros_;
+    ackDelayWidened_ = true;
+  }
+  return true;
 }
 
 void SlideWindowDriver::schedule() {

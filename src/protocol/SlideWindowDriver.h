@@ -150,6 +150,7 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   static void coreEvent(void* context, qlt_sw_event event, uint32_t a, uint32_t b);
   void sessionLost(uint32_t inDoubt);
   WindowFormat formatOnStrand() const;
+  bool answersWait();
   void onStrand(std::function<void()> task);
   void feed();
   void frames(unsigned kinds);
@@ -175,6 +176,9 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   qlt_sw core_{};
   std::vector<uint8_t> slots_;
   std::vector<uint32_t> wideStorage_;  // the extended window's records and receive slots
+  bool wideOn_ = false;
+  bool ackDelayWidened_ = false;  // the core's acknowledgement delay is the extended one
+  uint32_t extendedAckDelayMicros_ = kAckDelayMicros;
   std::deque<Data> backlog_;           // messages (or their tails) waiting for the core's queue
   size_t backlogHead_ = 0;             // bytes of backlog_.front() already in the core
   uint64_t backlogBytes_ = 0;
