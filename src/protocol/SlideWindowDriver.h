@@ -10,6 +10,14 @@
 // segments arriving together draw one acknowledgement. Between rounds nothing runs: an idle link
 // costs no thread and no wake-up.
 //
+// The extended window (setExtended, before start): the driver configures the core in the
+// central's or the device's role, sized from the link's facts (ExtendedWindowSizing), takes
+// every delivery a received frame makes (the segments a filled gap releases follow it), logs
+// each kind of fault in what the peer wrote once per link, and reports the format negotiated
+// and the counters. Once the peer's segments are extended the ack delay grows to two
+// connection intervals (at most 15 ms), and rounds that send data leave owed acknowledgements
+// to it: one acknowledgement covers an event's segments instead of each.
+//
 // The core's send queue holds a fixed number of segments; bytes beyond it wait in the
 // driver, in the messages they came in (so each still starts a segment of its own), and
 // go into the core as acknowledgements free its slots: sendTCP has no bound.
