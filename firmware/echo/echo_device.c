@@ -8,7 +8,8 @@
 #define WIDE_SEND 8u
 #define WIDE_RECV 4u
 #define SEND_SLOTS QLT_NUS_WIDE_SEND_QUEUE(WIDE_SEGMENT, WIDE_SEND)
-#define ECHO_RING 1024u /* received bytes waiting to go back: room for WIDE_RECV segments */
+/* Received bytes waiting to go back: room for WIDE_RECV segments and the classic window. */
+#define ECHO_RING 1536u
 static uint32_t wide[QLT_SW_WIDE_STORAGE(WIDE_SEGMENT, WIDE_SEND, WIDE_RECV)];
 #else
 #define SEND_SLOTS 4u  /* the window's 3 segments and one more being filled */
@@ -26,7 +27,7 @@ static uint8_t ring[ECHO_RING];
 static uint32_t ring_start, ring_used;
 static uint32_t received;
 
-#if ECHO_RING < QLT_NUS_WIDE * 4u * (QLT_NUS_VALUE_MAX - 3u)
+#if QLT_NUS_WIDE && ECHO_RING < WIDE_RECV * WIDE_SEGMENT + 3u * QLT_NUS_SEGMENT
 #error "the echo ring must hold the receive slots offered"
 #endif
 

@@ -34,7 +34,7 @@ void qlt_nus_connected(qlt_nus* nus) {
     sw.wide_send_slots = nus->cfg.wide_send_slots;
     sw.wide_recv_slots = nus->cfg.wide_recv_slots;
     sw.wide_storage = nus->cfg.wide_storage;
-    sw.value_limit = nus->cfg.value_limit;
+    sw.value_limit = nus->cfg.value_limit != 0 ? nus->cfg.value_limit : QLT_NUS_VALUE_MAX;
     sw.nonce = nus->cfg.nonce;
   }
   (void)qlt_sw_init(&nus->sw, &sw); /* checked by qlt_nus_init */

@@ -19,7 +19,9 @@
  * gets the classic window, as before. The kit's examples turn it on unless built with
  * QLT_NUS_WIDE=0. With a room callback the layer offers the central only as many receive
  * slots as the application has room for (room() >= slots offered * wide_segment), so the
- * application is never handed more than it can take.
+ * application is never handed more than it can take; give it room for wide_recv_slots *
+ * wide_segment bytes and the classic window's 3 * 120 (what it may hold when the window
+ * switches).
  *
  * Portable C99: all memory is the caller's (a static qlt_nus and its slots, sized at compile
  * time); no allocation, no printf, no floating point. Not thread-safe: call everything from

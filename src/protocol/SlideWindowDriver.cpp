@@ -104,8 +104,9 @@ void SlideWindowDriver::configure(const ExtendedWindowSettings& settings) {
         kDefaultValueLimit, kFrameCapacity));
     cfg.nonce = randomNonce();
     extendedAckDelayMicros_ = static_cast<uint32_t>(
-        std::clamp(2 * (settings.link.intervalMs > 0 ? settings.link.intervalMs : kAssumedIntervalMs),
-                   1.0, kMaxAckDelayMs) *
+        std::clamp(
+            2 * (settings.link.intervalMs > 0 ? settings.link.intervalMs : kAssumedIntervalMs), 1.0,
+            kMaxAckDelayMs) *
         1000);
   }
   wideOn_ = settings.enabled;
@@ -153,8 +154,7 @@ const char* faultName(uint32_t fault) {
 
 // On the strand (the core calls it from the call that noticed). The core reports each kind
 // of fault once per link; every one is counted (counters().windowFaults).
-void SlideWindowDriver::coreEvent(void* context, qlt_sw_event event, uint32_t a, uint32_t b) {
-  auto* self = static_cast<SlideWindowDriver*>(context);
+void SlideWindowDriver::coreEvent(void* /*context*/, qlt_sw_event event, uint32_t a, uint32_t b) {
   switch (event) {
     case QLT_SW_EV_WIDE_FAULT:
       QLTLog("Slide window: the peer wrote %@; ignored (logged once per link)",
@@ -171,7 +171,10 @@ void SlideWindowDriver::coreEvent(void* context, qlt_sw_event event, uint32_t a,
           static_cast<int>(a), static_cast<int>(b));
       break;
     case QLT_SW_EV_SESSION_LOST:
-      self->sessionLost(a);
+      QLTLog(
+          "Slide window: a new session began; %d bytes sent on the last one were never "
+          "acknowledged and are dropped (they may or may not have arrived)",
+          static_cast<int>(a));
       break;
     default:
       break;
@@ -439,26 +442,6 @@ void SlideWindowDriver::setFrameTrace(FrameTrace trace) {
   if (trace) hook = std::make_shared<const FrameTrace>(std::move(trace));
   std::lock_guard lock(mutex_);
   trace_ = std::move(hook);
-}
-
-void SlideWindowDriver::sessionLost(uint32_t inDoubt) {
-  QLTLog(
-      "Slide window: a new session began; %d bytes sent on the last one were never "
-      "acknowledged and are dropped (they may or may not have arrived)",
-      static_cast<int>(inDoubt));
-  std::shared_ptr<const std::function<void(uint64_t)>> handler;
-  {
-    std::lock_guard lock(mutex_);
-    handler = sessionLost_;
-  }
-  if (handler && *handler) (*handler)(inDoubt);
-}
-
-void SlideWindowDriver::setSessionLostHandler(std::function<void(uint64_t inDoubt)> handler) {
-  std::shared_ptr<const std::function<void(uint64_t)>> h;
-  if (handler) h = std::make_shared<const std::function<void(uint64_t)>>(std::move(handler));
-  std::lock_guard lock(mutex_);
-  sessionLost_ = std::move(h);
 }
 
 void SlideWindowDriver::setAllAcknowledgedHandler(std::function<void()> handler) {

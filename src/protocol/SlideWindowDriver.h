@@ -140,10 +140,6 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // Called on the strand each time unacknowledged() falls to 0.
   void setAllAcknowledgedHandler(std::function<void()> handler);
   void setFrameTrace(FrameTrace trace);
-  // Called on the strand when a link began a new session where one was held (the device
-  // restarted, or is another one, or the session was forgotten): `inDoubt` bytes sent on the
-  // old one were never acknowledged and are dropped.
-  void setSessionLostHandler(std::function<void(uint64_t inDoubt)> handler);
 
   const std::shared_ptr<DispatchQueue>& strand() const { return strand_; }
   const SlideWindowParameters& parameters() const { return parameters_; }
@@ -156,7 +152,6 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   void configure(const ExtendedWindowSettings& settings);
   static uint32_t randomNonce();
   static void coreEvent(void* context, qlt_sw_event event, uint32_t a, uint32_t b);
-  void sessionLost(uint32_t inDoubt);
   WindowFormat formatOnStrand() const;
   bool answersWait();
   void onStrand(std::function<void()> task);
@@ -187,8 +182,8 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   bool wideOn_ = false;
   bool ackDelayWidened_ = false;  // the core's acknowledgement delay is the extended one
   uint32_t extendedAckDelayMicros_ = kAckDelayMicros;
-  std::deque<Data> backlog_;           // messages (or their tails) waiting for the core's queue
-  size_t backlogHead_ = 0;             // bytes of backlog_.front() already in the core
+  std::deque<Data> backlog_;  // messages (or their tails) waiting for the core's queue
+  size_t backlogHead_ = 0;    // bytes of backlog_.front() already in the core
   uint64_t backlogBytes_ = 0;
   bool armed_ = false;  // a timer task is pending for armedAt_
   uint32_t armedAt_ = 0;
@@ -200,7 +195,6 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   ExtendedWindowSettings extended_;                       // guarded by mutex_
   std::shared_ptr<const FrameTrace> trace_;               // guarded by mutex_
   std::shared_ptr<const std::function<void()>> drained_;  // guarded by mutex_
-  std::shared_ptr<const std::function<void(uint64_t)>> sessionLost_;  // guarded by mutex_
 };
 
 }  // namespace qlt
