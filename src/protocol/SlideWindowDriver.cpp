@@ -19,9 +19,11 @@ constexpr double kAssumedPhyMbps = 2;
 constexpr size_t kAssumedDataLength = 251;
 constexpr double kHostDelaySeconds = 10e-3;
 // Segments of one connection event arrive a PDU pair apart (about 1.4 ms on 2M): once the
-// peer's segments are extended, an acknowledgement waits up to an interval (at most this) to
-// cover a whole event's, rather than costing the link one frame per segment.
-constexpr double kMaxAckDelayMs = 15;
+// peer's segments are extended, an acknowledgement waits a few intervals (at most this) to
+// cover several events' segments, rather than costing the link one frame per segment (in an
+// echo every frame of a pair carries data, and each acknowledgement takes a data frame's place).
+constexpr double kAckIntervals = 3;
+constexpr double kMaxAckDelaySeconds = 20e-3;
 constexpr size_t kDefaultValueLimit = 20;  // ATT_MTU 23 until exchanged (Vol 3, Part F, 3.2.8)
 }  // namespace
 
@@ -51,7 +53,12 @@ double ExtendedWindowSizing::bytesPerSecond(const WindowLink& link) {
 // full through it.
 double ExtendedWindowSizing::roundTripSeconds(const WindowLink& link) {
   const double interval = link.intervalMs > 0 ? link.intervalMs : kAssumedIntervalMs;
-  return 2 * interval / 1000 + kHostDelaySeconds;
+  return 2 * interval / 1000 + ackDelaySeconds(link) + kHostDelaySeconds;
+}
+
+double ExtendedWindowSizing::ackDelaySeconds(const WindowLink& link) {
+  const double interval = link.intervalMs > 0 ? link.intervalMs : kAssumedIntervalMs;
+  return std::clamp(kAckIntervals * interval / 1000, 1e-3, kMaxAckDelaySeconds);
 }
 
 ExtendedWindowSizing ExtendedWindowSizing::of(const WindowLink& link) {
@@ -103,11 +110,8 @@ void SlideWindowDriver::configure(const ExtendedWindowSettings& settings) {
         settings.link.valueLimit > 0 ? settings.link.valueLimit : kDefaultValueLimit,
         kDefaultValueLimit, kFrameCapacity));
     cfg.nonce = randomNonce();
-    extendedAckDelayMicros_ = static_cast<uint32_t>(
-        std::clamp(
-            2 * (settings.link.intervalMs > 0 ? settings.link.intervalMs : kAssumedIntervalMs), 1.0,
-            kMaxAckDelayMs) *
-        1000);
+    extendedAckDelayMicros_ =
+        static_cast<uint32_t>(ExtendedWindowSizing::ackDelaySeconds(settings.link) * 1e6);
   }
   wideOn_ = settings.enabled;
   ackDelayWidened_ = false;

@@ -14,8 +14,8 @@
 // central's or the device's role, sized from the link's facts (ExtendedWindowSizing), takes
 // every delivery a received frame makes (the segments a filled gap releases follow it), logs
 // each kind of fault in what the peer wrote once per link, and reports the format negotiated
-// and the counters. Once the peer's segments are extended the ack delay grows to two
-// connection intervals (at most 15 ms), and rounds that send data leave owed acknowledgements
+// and the counters. Once the peer's segments are extended the ack delay grows to three
+// connection intervals (at most 20 ms), and rounds that send data leave owed acknowledgements
 // to it: one acknowledgement covers an event's segments instead of each.
 //
 // The core's send queue holds a fixed number of segments; bytes beyond it wait in the
@@ -75,6 +75,9 @@ struct ExtendedWindowSizing {
   // the sizing estimates them.
   static double bytesPerSecond(const WindowLink& link);
   static double roundTripSeconds(const WindowLink& link);
+  // How long an acknowledgement of extended segments may wait: three connection intervals,
+  // at most 20 ms (the round trip above includes it).
+  static double ackDelaySeconds(const WindowLink& link);
 };
 
 // Whether and how a driver runs the extended window (SlideWindowDriver::setExtended).
