@@ -264,7 +264,8 @@ static qlt_sw_kind receive_control(qlt_sw* sw, const uint8_t* frame, size_t len,
     }
     case 1: /* acknowledgement: every segment before x arrived */
       ++sw->counters.acks_received;
-      if (!in_window(a, x, b, 1)) return QLT_SW_NONE;
+      /* Once extended, the classic window is empty: the timer is the extended sender's. */
+      if (sw->ext.send_mode == 2 || !in_window(a, x, b, 1)) return QLT_SW_NONE;
       release(sw, (x < a ? x + 4 : x) - a, now);
       sw->poll_backoff = 0;
       set_poll_wait(sw);
@@ -311,7 +312,7 @@ static qlt_sw_kind receive_segment(qlt_sw* sw, uint8_t sequence, uint32_t now) {
     sw->gap_timed = 1;
     sw->gap_written = 0;
     owe_rejection(sw, sw->remote_ack, now);
-    sw->timer_at = now; /* the retransmission timer restarts, as it always has here */
+    if (sw->ext.send_mode != 2) sw->timer_at = now; /* restarts, as it always has here */
     trace(sw, QLT_SW_EV_GAP_OPENED, sw->remote_ack, 0);
     return QLT_SW_NONE;
   }
@@ -444,7 +445,8 @@ static size_t next_answer(qlt_sw* sw, uint32_t now, uint8_t* out) {
 size_t qlt_sw_poll_frame_of(qlt_sw* sw, uint32_t now, unsigned kinds, uint8_t* out, size_t cap) {
   size_t n = 0;
   if (!out || cap < (size_t)sw->cfg.segment_size + 1u) return 0;
-  if (sw->cfg.wide_role) n = qlt_swi_ext_first(sw, now, out, cap);
+  if (sw->cfg.wide_role && (kinds & (QLT_SW_SEGMENTS | QLT_SW_ANSWERS)))
+    n = qlt_swi_ext_first(sw, now, out, cap);
   if (n == 0 && (kinds & QLT_SW_SEGMENTS)) n = next_segment(sw, now, out);
   if (n == 0 && (kinds & QLT_SW_POLLS)) n = next_poll(sw, now, out);
   if (n == 0 && (kinds & QLT_SW_ANSWERS)) n = next_answer(sw, now, out);

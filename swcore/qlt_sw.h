@@ -3,7 +3,8 @@
  * Portable C99. It does no I/O, takes no lock, reads no clock, starts no thread, allocates
  * nothing and uses no floating point: the caller feeds it received frames, bytes to send
  * and the time, and asks it for the frames to write. One implementation for both ends:
- * the central and the device run the same rules, so there is no role to choose.
+ * the central and the device run the same rules, so there is no role to choose (only the
+ * wide window's negotiation, below, gives them one).
  *
  * Frames (one characteristic value each; no length field, no checksum):
  *
@@ -39,8 +40,9 @@
  * over (the one exception, a link silent for a multiple of 71.6 minutes to within a poll
  * time-out, costs at most one poll time-out). `now` must never go backwards.
  *
- * Memory: the qlt_sw struct (about 200 bytes) plus the caller's segment slots,
- * QLT_SW_STORAGE(segment_size, slot_count) bytes; 3 slots of 120 bytes are 363 bytes.
+ * Memory: the qlt_sw struct (448 bytes on a 32-bit target) plus the caller's segment slots,
+ * QLT_SW_STORAGE(segment_size, slot_count) bytes; 3 slots of 120 bytes are 363 bytes; and
+ * with the wide window on, its storage (QLT_SW_WIDE_STORAGE).
  * Threads: none. All calls on one qlt_sw must come from one thread (or one serial queue).
  */
 #ifndef QLT_SW_H
@@ -293,7 +295,9 @@ qlt_sw_kind qlt_sw_receive(qlt_sw* sw, const uint8_t* frame, size_t len, uint32_
 
 /* What qlt_sw_poll_frame_of may write; qlt_sw_poll_frame writes all of them, in this
  * order: segments the window lets go, the oldest segment again and a status poll when
- * its answer is late, then owed acknowledgements and rejections. */
+ * its answer is late, then owed acknowledgements and rejections. With the wide window on,
+ * a negotiation frame owed goes first whenever segments or answers may be written, and
+ * the extended window's segments, POLLs and ACKs follow the classic ones of their kind. */
 #define QLT_SW_SEGMENTS 1u /* queued segments, as far as the window allows */
 #define QLT_SW_POLLS 2u    /* a late answer: the oldest segment again, then a poll */
 #define QLT_SW_ANSWERS 4u  /* owed acknowledgements and rejections */
@@ -406,10 +410,14 @@ void qlt_sw_consume(qlt_sw* sw, uint32_t count, uint32_t now);
 /* The link is gone: every frame in flight is. Bytes not acknowledged stay queued. */
 void qlt_sw_link_lost(qlt_sw* sw);
 /* A new link is up: the negotiation starts again. `nonce` (nonzero) is this end's half of
- * the identity if a new session begins on it. */
+ * the identity if a new session begins on it (0 keeps the last one). Without a session to
+ * resume (a classic link, or wide_role 0) the bytes sent on the old link and never
+ * acknowledged are in doubt: reported as for a lost session, and dropped; the classic
+ * window starts again from sequence 0 with the rest of the queue. */
 void qlt_sw_link_up(qlt_sw* sw, uint32_t nonce);
 /* Forget the session held (its hold time passed): the next link begins a new one. Bytes
- * sent and unacknowledged are in doubt: reported as for a lost session, and dropped. */
+ * sent and unacknowledged are in doubt: reported as for a lost session, and dropped. Only
+ * between qlt_sw_link_lost and qlt_sw_link_up; on a live link, the negotiation settles it. */
 void qlt_sw_forget_session(qlt_sw* sw);
 
 #ifdef __cplusplus

@@ -425,6 +425,7 @@ void qlt_sw_link_up(qlt_sw* sw, uint32_t nonce) {
 }
 
 void qlt_sw_forget_session(qlt_sw* sw) {
+  if (sw->ext.state != QLT_SW_STATE_LINK_DOWN) return; /* a live link settles its session */
   if (sw->ext.session) lose_session(sw);
   sw->ext.resume = 0;
   sw->ext.hold_data = 0;
