@@ -180,6 +180,14 @@ void SimLink::start() {
 bool SimLink::close() {
   if (!up_.exchange(false, std::memory_order_acq_rel)) return false;
   radio_->release(config_.identifier, this);
+  // Values still on the air end with the link (pump() no longer runs); their tasks hold the
+  // link, so they go now rather than keep it alive. Destroyed outside the lock.
+  std::deque<std::pair<double, std::function<void()>>> gone[2];
+  {
+    std::lock_guard lock(mutex_);
+    gone[0].swap(inFlight_[0]);
+    gone[1].swap(inFlight_[1]);
+  }
   auto self = shared_from_this();
   deviceQueue_->async([self] {
     if (auto behaviour = std::move(self->behaviour_)) behaviour->disconnected();
