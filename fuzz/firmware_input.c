@@ -34,7 +34,7 @@ static void on_datagram(void* context, const uint8_t* bytes, size_t length) {
 }
 
 int qlt_fuzz_firmware_input(const uint8_t* data, size_t size) {
-  qlt_nus_config cfg = {notify, on_bytes, on_datagram, NULL, NULL, slots, 4};
+  qlt_nus_config cfg = {notify, on_bytes, on_datagram, NULL, NULL, slots, 4, NULL, 0, 0, 0, 0, 0};
   qlt_slip_decoder decoder;
   uint32_t framed = 0;
   size_t i = 1, k, n;

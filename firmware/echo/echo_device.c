@@ -2,19 +2,34 @@
 
 #include "qlt_slip.h"
 
-#define SEND_SLOTS 4u   /* the window's 3 segments and one more being filled */
-#define ECHO_RING 512u  /* received bytes waiting to go back */
+#if QLT_NUS_WIDE
+/* The wide window: segments as large as a 247-byte ATT MTU allows, 8 in flight, 4 held. */
+#define WIDE_SEGMENT (QLT_NUS_VALUE_MAX - 3u)
+#define WIDE_SEND 8u
+#define WIDE_RECV 4u
+#define SEND_SLOTS QLT_NUS_WIDE_SEND_QUEUE(WIDE_SEGMENT, WIDE_SEND)
+/* Received bytes waiting to go back: room for WIDE_RECV segments and the classic window. */
+#define ECHO_RING 1536u
+static uint32_t wide[QLT_SW_WIDE_STORAGE(WIDE_SEGMENT, WIDE_SEND, WIDE_RECV)];
+#else
+#define SEND_SLOTS 4u  /* the window's 3 segments and one more being filled */
+#define ECHO_RING 512u /* received bytes waiting to go back */
+#endif
 
 static echo_device_options options;
 static qlt_nus nus;
 static uint8_t slots[QLT_NUS_SLOTS_BYTES(SEND_SLOTS)];
 static qlt_slip_decoder decoder;
-static uint8_t frame_in[QLT_SW_FRAME_MAX];
-static uint8_t frame_out[QLT_SLIP_ENCODED_MAX(QLT_SW_FRAME_MAX)];
+static uint8_t frame_in[QLT_NUS_VALUE_MAX];
+static uint8_t frame_out[QLT_SLIP_ENCODED_MAX(QLT_NUS_VALUE_MAX)];
 
 static uint8_t ring[ECHO_RING];
 static uint32_t ring_start, ring_used;
 static uint32_t received;
+
+#if QLT_NUS_WIDE && ECHO_RING < WIDE_RECV * WIDE_SEGMENT + 3u * QLT_NUS_SEGMENT
+#error "the echo ring must hold the receive slots offered"
+#endif
 
 static uint8_t credits;
 static uint32_t credit_at; /* when the next buffer frees up */
@@ -88,6 +103,15 @@ void echo_device_init(const echo_device_options* opts, uint32_t now_ms) {
   cfg.context = 0;
   cfg.slots = slots;
   cfg.slot_count = SEND_SLOTS;
+  cfg.wide_storage = 0;
+#if QLT_NUS_WIDE
+  cfg.wide_storage = wide;
+  cfg.wide_segment = WIDE_SEGMENT;
+  cfg.wide_send_slots = WIDE_SEND;
+  cfg.wide_recv_slots = WIDE_RECV;
+  cfg.value_limit = QLT_NUS_VALUE_MAX;
+  cfg.nonce = options.nonce != 0 ? options.nonce : 1u;
+#endif
   (void)qlt_nus_init(&nus, &cfg);
   qlt_slip_decoder_init(&decoder, frame_in, sizeof frame_in);
 }

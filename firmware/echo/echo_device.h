@@ -26,6 +26,7 @@ typedef struct echo_device_options {
   uint8_t stack_buffers;   /* notifications the emulated stack holds (>= 1) */
   uint32_t buffer_free_ms; /* one of them frees up this often (0: at once) */
   uint32_t restart_after;  /* "TCP" bytes after which the device restarts (0: never) */
+  uint32_t nonce;          /* random, nonzero: the wide window's session identity */
 } echo_device_options;
 
 void echo_device_init(const echo_device_options* options, uint32_t now_ms);

@@ -53,7 +53,9 @@ static void report(void) {
 }
 
 int main(int argc, char** argv) {
-  echo_device_options options = {serial_write, 4, 1, 0};
+  /* A new nonce every run: a restarted device begins a new session. */
+  echo_device_options options = {serial_write, 4, 1, 0,
+                                 (uint32_t)getpid() * 2654435761u ^ now_ms() ^ 1u};
   unsigned long v;
   int i;
   for (i = 1; i < argc; ++i) {

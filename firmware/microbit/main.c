@@ -24,8 +24,10 @@ static uint32_t now_ms(void) {
 
 int main(void) {
   /* A small stack: 2 notification buffers, one freed every 2 ms, so a busy link sees it full. */
-  const echo_device_options options = {board_uart_write, 2, 2, QLT_FW_RESTART_AFTER};
+  echo_device_options options = {board_uart_write, 2, 2, QLT_FW_RESTART_AFTER, 0};
   board_init();
+  /* The session's nonce from the time since reset; a product takes it from the chip's RNG. */
+  options.nonce = board_now_us() * 2654435761u | 1u;
   echo_device_init(&options, now_ms());
   for (;;) {
     uint8_t byte;

@@ -6,6 +6,13 @@ static uint32_t micros(uint32_t now_ms) { return now_ms * 1000u; /* wraps with t
 
 int qlt_nus_init(qlt_nus* nus, const qlt_nus_config* cfg) {
   if (!cfg->notify || !cfg->on_bytes || !cfg->slots || cfg->slot_count == 0) return -1;
+  if (cfg->wide_storage &&
+      (cfg->value_limit > QLT_NUS_VALUE_MAX || cfg->wide_segment + 3u > QLT_NUS_VALUE_MAX ||
+       cfg->wide_segment < 16u || cfg->wide_send_slots == 0 || cfg->wide_recv_slots == 0 ||
+       cfg->nonce == 0 ||
+       (size_t)cfg->slot_count * QLT_NUS_SEGMENT <
+           (size_t)cfg->wide_segment * cfg->wide_send_slots))
+    return -1;
   memset(nus, 0, sizeof *nus);
   nus->cfg = *cfg;
   qlt_nus_connected(nus);
@@ -20,8 +27,31 @@ void qlt_nus_connected(qlt_nus* nus) {
   sw.ack_delay_us = QLT_NUS_ACK_DELAY_MS * 1000u;
   sw.slots = nus->cfg.slots;
   sw.slot_count = nus->cfg.slot_count;
+  if (nus->cfg.wide_storage) {
+    sw.wide_role = QLT_SW_ROLE_DEVICE;
+    sw.wide_manual_consume = nus->cfg.room ? 1u : 0u;
+    sw.wide_segment = nus->cfg.wide_segment;
+    sw.wide_send_slots = nus->cfg.wide_send_slots;
+    sw.wide_recv_slots = nus->cfg.wide_recv_slots;
+    sw.wide_storage = nus->cfg.wide_storage;
+    sw.value_limit = nus->cfg.value_limit != 0 ? nus->cfg.value_limit : QLT_NUS_VALUE_MAX;
+    sw.nonce = nus->cfg.nonce;
+  }
   (void)qlt_sw_init(&nus->sw, &sw); /* checked by qlt_nus_init */
   nus->held_length = 0;
+  nus->unconsumed = 0;
+}
+
+/* Gives the central back the receive slots of deliveries the application has room behind:
+ * the room must cover every slot offered, each a whole segment. */
+static void consume(qlt_nus* nus, uint32_t now_us) {
+  if (nus->unconsumed == 0 || !nus->cfg.room) return;
+  while (nus->unconsumed > 0 &&
+         nus->cfg.room(nus->cfg.context) >=
+             ((size_t)nus->cfg.wide_recv_slots - nus->unconsumed + 1u) * nus->cfg.wide_segment) {
+    qlt_sw_consume(&nus->sw, 1, now_us);
+    nus->unconsumed--;
+  }
 }
 
 /* Offers the held frame, then every frame due, to the stack until it refuses one. */
@@ -30,7 +60,7 @@ static void flush(qlt_nus* nus, uint32_t now_us) {
     if (nus->held_length == 0) {
       const size_t n = qlt_sw_poll_frame(&nus->sw, now_us, nus->held, sizeof nus->held);
       if (n == 0) return;
-      nus->held_length = (uint8_t)n;
+      nus->held_length = (uint16_t)n;
     }
     if (nus->cfg.notify(nus->cfg.context, nus->held, nus->held_length) != 0) {
       nus->counters.notify_refused++;
@@ -39,6 +69,14 @@ static void flush(qlt_nus* nus, uint32_t now_us) {
     nus->counters.notifications++;
     nus->held_length = 0;
   }
+}
+
+static void deliver(qlt_nus* nus, const qlt_sw_delivery* d) {
+  qlt_sw_wide_info info;
+  qlt_sw_get_wide_info(&nus->sw, &info);
+  if (info.receive_extended && nus->cfg.room) nus->unconsumed++;
+  nus->counters.bytes_received += (uint32_t)d->len;
+  nus->cfg.on_bytes(nus->cfg.context, d->payload, d->len);
 }
 
 void qlt_nus_written(qlt_nus* nus, const uint8_t* value, size_t length, uint32_t now_ms) {
@@ -53,8 +91,7 @@ void qlt_nus_written(qlt_nus* nus, const uint8_t* value, size_t length, uint32_t
   }
   switch (qlt_sw_receive(&nus->sw, value, length, now, &d)) {
     case QLT_SW_TCP:
-      nus->counters.bytes_received += (uint32_t)d.len;
-      nus->cfg.on_bytes(nus->cfg.context, d.payload, d.len);
+      deliver(nus, &d);
       break;
     case QLT_SW_UDP:
       if (nus->cfg.on_datagram) {
@@ -66,12 +103,15 @@ void qlt_nus_written(qlt_nus* nus, const uint8_t* value, size_t length, uint32_t
     case QLT_SW_IGNORED:
       break;
   }
+  while (qlt_sw_take_delivery(&nus->sw, &d)) deliver(nus, &d); /* behind a filled gap */
+  consume(nus, now);
   flush(nus, now);
 }
 
 uint32_t qlt_nus_tick(qlt_nus* nus, uint32_t now_ms) {
   const uint32_t now = micros(now_ms);
   uint32_t due;
+  consume(nus, now);
   flush(nus, now);
   if (nus->held_length != 0) return QLT_NUS_RETRY_MS;
   due = qlt_sw_next_due(&nus->sw, now);
@@ -93,7 +133,7 @@ int qlt_nus_send_datagram(qlt_nus* nus, const uint8_t* bytes, size_t length, uin
   flush(nus, now);
   if (nus->held_length != 0) return -1;
   nus->held_length =
-      (uint8_t)qlt_sw_datagram(&nus->sw, bytes, length, nus->held, sizeof nus->held);
+      (uint16_t)qlt_sw_datagram(&nus->sw, bytes, length, nus->held, sizeof nus->held);
   if (nus->held_length == 0) return -1;
   nus->counters.datagrams_sent++;
   flush(nus, now);

@@ -12,6 +12,17 @@
  * The application gets a byte stream: qlt_nus_write() (accepted up to the space left, count
  * returned), its bytes in order through the on_bytes callback, datagrams both ways, counters.
  *
+ * The extended ("wide") window (docs/wide-window.md): with wide_storage set in the config,
+ * the device answers a central that offers it, and then sends and receives segments as large
+ * as the link's values (up to wide_segment) with a window of wide_send_slots /
+ * wide_recv_slots segments and selective acknowledgement; a central that does not offer it
+ * gets the classic window, as before. The kit's examples turn it on unless built with
+ * QLT_NUS_WIDE=0. With a room callback the layer offers the central only as many receive
+ * slots as the application has room for (room() >= slots offered * wide_segment), so the
+ * application is never handed more than it can take; give it room for wide_recv_slots *
+ * wide_segment bytes and the classic window's 3 * 120 (what it may hold when the window
+ * switches).
+ *
  * Portable C99: all memory is the caller's (a static qlt_nus and its slots, sized at compile
  * time); no allocation, no printf, no floating point. Not thread-safe: call everything from
  * one context (the main loop, or one work queue), never from two interrupt levels at once.
@@ -36,6 +47,16 @@ extern "C" {
 #define QLT_NUS_IDLE 0xFFFFFFFFu     /* qlt_nus_tick: nothing to do until something arrives */
 /* Bytes of slot storage for a send queue of `count` segments (3 fill the window). */
 #define QLT_NUS_SLOTS_BYTES(count) QLT_SW_STORAGE(QLT_NUS_SEGMENT, count)
+/* The longest value the layer writes or holds: ATT_MTU 247 less 3 (one 251-byte PDU). */
+#define QLT_NUS_VALUE_MAX 244u
+/* The kit's examples run the wide window unless built with -DQLT_NUS_WIDE=0. */
+#ifndef QLT_NUS_WIDE
+#define QLT_NUS_WIDE 1
+#endif
+/* Send-queue slots that hold a wide send window of `send_slots` segments of `segment` bytes
+ * (the queue is the send stream then: QLT_NUS_SLOTS_BYTES of this count). */
+#define QLT_NUS_WIDE_SEND_QUEUE(segment, send_slots) \
+  (((size_t)(segment) * (size_t)(send_slots) + QLT_NUS_SEGMENT - 1u) / QLT_NUS_SEGMENT)
 
 /* Sends `value` as one notification. Returns 0 when the stack took it, anything else when
  * it cannot now (its buffers are full: the layer offers the same value again later). */
@@ -55,6 +76,13 @@ typedef struct qlt_nus_config {
   void* context;                /* passed to each callback */
   uint8_t* slots;               /* QLT_NUS_SLOTS_BYTES(slot_count) bytes */
   uint16_t slot_count;          /* segments the send queue holds, >= 1 */
+  /* The wide window; wide_storage 0: the classic window only. */
+  uint32_t* wide_storage;   /* QLT_SW_WIDE_STORAGE(wide_segment, send, recv) words */
+  uint16_t wide_segment;    /* the largest extended payload, 16..QLT_NUS_VALUE_MAX - 3 */
+  uint16_t wide_send_slots; /* slot_count must hold them: QLT_NUS_WIDE_SEND_QUEUE */
+  uint16_t wide_recv_slots;
+  uint16_t value_limit; /* the link's ATT_MTU - 3 (0: QLT_NUS_VALUE_MAX; at most that) */
+  uint32_t nonce;       /* random, nonzero: this device's half of a session's identity */
 } qlt_nus_config;
 
 typedef struct qlt_nus_counters {
@@ -72,8 +100,9 @@ typedef struct qlt_nus {
   qlt_sw sw;
   qlt_nus_config cfg;
   qlt_nus_counters counters;
-  uint8_t held[QLT_SW_FRAME_MAX]; /* a frame the stack refused, offered again first */
-  uint8_t held_length;            /* 0: none */
+  uint8_t held[QLT_NUS_VALUE_MAX]; /* a frame the stack refused, offered again first */
+  uint16_t held_length;            /* 0: none */
+  uint16_t unconsumed;             /* wide deliveries handed over, their slots not offered yet */
 } qlt_nus;
 
 /* Sets the layer up; returns 0, or -1 for an unusable configuration. */

@@ -39,10 +39,14 @@ class QLT_EXPORT NUSService : public BLEService {
   void setCharacteristics(std::vector<std::shared_ptr<BLECharacteristic>> characteristics) override;
   void write(const Data& data);
   void write(const Data& data, platform::Peripheral& peripheral);
+  // One transport frame as one value, whole, whatever its length (the extended window's
+  // frames are as long as the link's largest write): no chunks, no pause.
+  void writeFrame(const Data& frame, platform::Peripheral& peripheral);
   std::optional<Data> read() const;
 
  private:
   explicit NUSService(std::shared_ptr<platform::Service> service);
+  void writeChunks(const Data& data, platform::Peripheral& peripheral, size_t chunk);
 
   mutable std::mutex nusMutex_;
   std::shared_ptr<BLECharacteristic> rx_;  // guarded by nusMutex_

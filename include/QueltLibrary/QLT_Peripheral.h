@@ -148,6 +148,11 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   // 0: the chunking transport; anything else: the sliding window. Read at startTransport.
   int32_t transportType() const { return transportType_.load(std::memory_order_relaxed); }
   void setTransportType(int32_t type) { transportType_.store(type, std::memory_order_relaxed); }
+  // Whether the sliding window offers the extended window (SlideWindowFace::setExtendedWindow),
+  // sized from the link's facts (linkInfo()). Off by default; UartLink turns it on. Read at
+  // startTransport, so it applies from the next link up.
+  bool extendedWindow() const { return extendedWindow_.load(std::memory_order_relaxed); }
+  void setExtendedWindow(bool on) { extendedWindow_.store(on, std::memory_order_relaxed); }
   platform::AdvertisementData advertisementData() const;
   void setAdvertisementData(platform::AdvertisementData advertisementData);
   // The wrapped services of the last discovery (a copy of the list).
@@ -288,6 +293,7 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   std::atomic<int32_t> state_;
   std::atomic<int32_t> rssi_{0};
   std::atomic<int32_t> transportType_{0};
+  std::atomic<bool> extendedWindow_{false};
 
   mutable std::mutex mutex_;
   int32_t latestState_;  // guarded by mutex_

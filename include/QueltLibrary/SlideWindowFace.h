@@ -18,8 +18,29 @@ namespace qlt {
 
 class SlideWindowDriver;
 
+// What the extended window sizes itself by: the link's facts (0: not known; the window
+// then assumes the largest a BLE link may need: a 2M PHY, 251-byte PDUs, a 50 ms interval).
+struct QLT_EXPORT WindowLink {
+  size_t valueLimit = 0;  // the largest value one write or notification carries (ATT_MTU - 3)
+  double intervalMs = 0;  // the connection interval
+  double phyMbps = 0;     // 1 (LE 1M) or 2 (LE 2M)
+  size_t dataLength = 0;  // link-layer payload octets per PDU (27..251)
+};
+
 class QLT_EXPORT SlideWindowFace {
  public:
+  // The extended ("wide") window, off by default: a face keeps the classic window unless the
+  // application asks for the extension here, before start(). With it on, the face offers the
+  // extension when it starts (it is the central's end of the link) and switches to it only
+  // when the device answers; a device that does not answer within the poll time-out is
+  // spoken to in the classic format, as before (docs/wide-window.md). `link` sizes the
+  // segments (as large as a value may be) and the slots (enough to fill the link's round
+  // trip). Called after start(), it changes nothing and logs so.
+  void setExtendedWindow(bool enabled, WindowLink link = {});
+  bool extendedWindow() const;
+  // The format the link's window speaks now (counters().format).
+  WindowFormat windowFormat() const;
+
   // Empties the send queue and resets the send sequence (the receive sequence stays).
   void initState();
   // Releases `count` segments from the head of the queue.

@@ -97,8 +97,13 @@ inline constexpr uint8_t sequenceDistance(uint8_t from, uint8_t to) {
   return static_cast<uint8_t>((to + 4 - from) & 3);
 }
 
+// Whether `frame` carries stream bytes: a classic segment or an extended SEGMENT.
+QLT_EXPORT bool isSegmentFrame(std::span<const uint8_t> frame);
+
 // One decoded line for traces, e.g. "→ seg seq=1 120 B", "→ dgram 12 B", "← ack R=2",
-// "← rej R=1", "→ poll 0..3", "← ctl type=5 1 B", "← malformed 1 B". The arrow is → for
+// "← rej R=1", "→ poll 0..3", "← ctl type=7 1 B", "← malformed 1 B"; the extended window's
+// "→ offer v1 seg=241 win=25", "→ xseg seq=7 241 B", "← xack next=8 win=24 +2 held",
+// "→ xpoll 3 next=9". The arrow is → for
 // a frame written and ← for a value received.
 QLT_EXPORT std::string describeFrame(std::span<const uint8_t> frame, bool outgoing);
 

@@ -77,12 +77,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/Export.h"
+#include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/platform/Platform.h"
 
 namespace qlt {
@@ -121,6 +123,12 @@ class QLT_EXPORT UartLink {
     // The sliding window (ordered, acknowledged); false: the plain 20-byte chunker that
     // stock UART firmware speaks.
     bool slidingWindow = true;
+    // The sliding window's extended ("wide") format: offered to the device at every connect
+    // and used when the device takes it (segments as large as the link's MTU allows, a window
+    // that fills the link's round trip, selective acknowledgement); a device that does not
+    // answer is spoken to in the classic format after at most 0.3 s of waiting, while its
+    // classic window already runs. false: the classic window only (nothing new on the air).
+    bool extendedWindow = true;
     // The manager to use; null: QLT_BLEManager::sharedInstance().
     std::shared_ptr<QLT_BLEManager> manager;
     // Off by default: a dropped link is lost.
@@ -191,6 +199,10 @@ class QLT_EXPORT UartLink {
   // "" while nothing went wrong.
   std::string lastError() const;
   Counters counters() const;
+  // The sliding window's counters on the connected link, with the format it negotiated
+  // (counters().format: extended, or classic with a device that did not take the offer);
+  // empty when not connected or over the chunker.
+  std::optional<SlideWindowCounters> windowCounters() const;
 
   // The facts of the current link (ATT MTU, the largest write; interval, PHY and data
   // length where the backend knows them: unknown ones are empty). Throws Error

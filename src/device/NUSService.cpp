@@ -62,6 +62,14 @@ void NUSService::write(const Data& data) {
 }
 
 void NUSService::write(const Data& data, platform::Peripheral& peripheral) {
+  writeChunks(data, peripheral, kMaxChunk);
+}
+
+void NUSService::writeFrame(const Data& frame, platform::Peripheral& peripheral) {
+  writeChunks(frame, peripheral, std::max<size_t>(frame.length(), 1));
+}
+
+void NUSService::writeChunks(const Data& data, platform::Peripheral& peripheral, size_t chunk) {
   auto tx = this->tx();
   if (!tx) {
     QLTLog("No tx characteristic found in NUS");
@@ -76,7 +84,7 @@ void NUSService::write(const Data& data, platform::Peripheral& peripheral) {
   size_t offset = 0;
   const size_t length = data.length();
   while (offset < length) {
-    const size_t n = std::min(length - offset, kMaxChunk);
+    const size_t n = std::min(length - offset, chunk);
     peripheral.writeValue(data.subdata(offset, n), characteristic, *type);
     offset += n;
     if (offset < length) usleep(kChunkPauseMicroseconds);

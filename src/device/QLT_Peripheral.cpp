@@ -1,5 +1,6 @@
 #include "QueltLibrary/QLT_Peripheral.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <typeinfo>
@@ -466,7 +467,17 @@ void QLT_Peripheral::peripheral_didWriteValueForDescriptor_error(
 
 std::shared_ptr<BaseTransport> QLT_Peripheral::createTransport() {
   if (transportType() == 0) return NUSTransport::create();
-  return SWTransport::create();
+  auto transport = SWTransport::create();
+  if (extendedWindow()) {
+    const platform::LinkInfo info = linkInfo();
+    WindowLink link;
+    link.valueLimit = info.maxWriteLength;
+    link.intervalMs = info.connectionIntervalMs.value_or(0);
+    if (info.phy) link.phyMbps = *info.phy == "2M" ? 2 : *info.phy == "1M" ? 1 : 0;
+    link.dataLength = static_cast<size_t>(std::max(info.dataLength.value_or(0), 0));
+    transport->setExtendedWindow(true, link);
+  }
+  return transport;
 }
 
 void QLT_Peripheral::startTransport() {
@@ -511,7 +522,7 @@ void QLT_Peripheral::transport_requestWriteData(const std::shared_ptr<BaseTransp
                                                 const Data& data) {
   auto current = connection();
   if (transport != current->transport) return;  // a stopped or replaced transport
-  if (current->nus && basePeripheral_) current->nus->write(data, *basePeripheral_);
+  if (current->nus && basePeripheral_) current->nus->writeFrame(data, *basePeripheral_);
 }
 
 void QLT_Peripheral::peripheral_didUpdateValueForCharacteristic_error(

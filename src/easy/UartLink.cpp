@@ -169,6 +169,10 @@ size_t UartLink::trySend(const Data& bytes) {
 bool UartLink::flush(std::chrono::milliseconds timeout) { return impl_->flush(timeout); }
 uint64_t UartLink::unacknowledged() const { return impl_->unacknowledged(); }
 UartLink::Counters UartLink::counters() const { return impl_->counters(); }
+std::optional<SlideWindowCounters> UartLink::windowCounters() const {
+  const auto transport = impl_->transport();
+  return transport ? transport->windowCounters() : std::nullopt;
+}
 platform::LinkInfo UartLink::linkInfo() const { return impl_->linkInfo(); }
 int UartLink::fd() const { return impl_->fd(); }
 Data UartLink::read(std::chrono::milliseconds timeout) { return impl_->read(timeout); }

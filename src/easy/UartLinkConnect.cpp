@@ -114,6 +114,7 @@ void UartLink::Impl::found(uint64_t attempt, const std::shared_ptr<QLT_Periphera
     peripheral_ = p;
   }
   p->setTransportType(options_.slidingWindow ? 1 : 0);
+  p->setExtendedWindow(options_.extendedWindow);
   p->addDelegate(shared_from_this(), queue_);
   p->moduleQueue()->sync([] {});  // every state from here on reaches us
 }

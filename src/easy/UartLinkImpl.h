@@ -51,6 +51,10 @@ class QLT_HIDDEN UartLink::Impl : public QLT_PeripheralDidChangeState,
 
   // UartLink.cpp
   Counters counters() const;
+  std::shared_ptr<BaseTransport> transport() const {
+    std::lock_guard lock(mutex_);
+    return transport_;
+  }
   platform::LinkInfo linkInfo() const;
   int fd() const { return fd_.fd(); }
   Data read(std::chrono::milliseconds timeout);

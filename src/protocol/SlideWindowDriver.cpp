@@ -1,14 +1,79 @@
 #include "protocol/SlideWindowDriver.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <limits>
+#include <random>
 
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/SlideWindowFrame.h"
 
 namespace qlt {
+
+namespace {
+// A link's facts when the backend does not know them: the largest a BLE link may need
+// (the window is then larger than the link uses, never smaller).
+constexpr double kAssumedIntervalMs = 50;  // Linux centrals ask for 30-50 ms
+constexpr double kAssumedPhyMbps = 2;
+constexpr size_t kAssumedDataLength = 251;
+constexpr double kHostDelaySeconds = 10e-3;
+// Segments of one connection event arrive a PDU pair apart (about 1.4 ms on 2M): once the
+// peer's segments are extended, an acknowledgement waits a few intervals (at most this) to
+// cover several events' segments, rather than costing the link one frame per segment (in an
+// echo every frame of a pair carries data, and each acknowledgement takes a data frame's place).
+constexpr double kAckIntervals = 3;
+constexpr double kMaxAckDelaySeconds = 20e-3;
+constexpr size_t kDefaultValueLimit = 20;  // ATT_MTU 23 until exchanged (Vol 3, Part F, 3.2.8)
+}  // namespace
+
+// One PDU pair of a connection event carries dataLength link-layer bytes one way: the PDU
+// (preamble 1 octet on 1M, 2 on 2M, access address 4, header 2, payload, CRC 3), T_IFS
+// 150 us, the peer's empty PDU, T_IFS (Bluetooth Core v5.3, Vol 6, Part B, 2.1 and 4.1.1).
+// Each value costs 7 bytes of ATT and L2CAP headers and 3 of the segment's (Vol 3, Part A,
+// 3.1; Part F, 3.4.7).
+static double linkRate(const WindowLink& link, size_t segment) {
+  const double mbps = link.phyMbps > 0 ? link.phyMbps : kAssumedPhyMbps;
+  const double dataLength = static_cast<double>(
+      link.dataLength > 0 ? std::clamp<size_t>(link.dataLength, 27, 251) : kAssumedDataLength);
+  const double preamble = mbps >= 2 ? 2 : 1;
+  const auto air = [&](double payload) { return (preamble + 9 + payload) * 8 / (mbps * 1e6); };
+  const double pair = air(dataLength) + 150e-6 + air(0) + 150e-6;
+  const double value = static_cast<double>(segment) + 10;
+  return dataLength / pair * (value - 10) / value;
+}
+
+double ExtendedWindowSizing::bytesPerSecond(const WindowLink& link) {
+  return linkRate(link, of(link).segment);
+}
+
+// Two connection intervals (a segment waits for the next event, its acknowledgement for
+// the one after) plus the receiver's acknowledgement delay and what the hosts add: a busy
+// host wakes its queues milliseconds late, and a window that covers that keeps the link
+// full through it.
+double ExtendedWindowSizing::roundTripSeconds(const WindowLink& link) {
+  const double interval = link.intervalMs > 0 ? link.intervalMs : kAssumedIntervalMs;
+  return 2 * interval / 1000 + ackDelaySeconds(link) + kHostDelaySeconds;
+}
+
+double ExtendedWindowSizing::ackDelaySeconds(const WindowLink& link) {
+  const double interval = link.intervalMs > 0 ? link.intervalMs : kAssumedIntervalMs;
+  return std::clamp(kAckIntervals * interval / 1000, 1e-3, kMaxAckDelaySeconds);
+}
+
+ExtendedWindowSizing ExtendedWindowSizing::of(const WindowLink& link) {
+  ExtendedWindowSizing s;
+  const size_t limit = link.valueLimit > 0 ? link.valueLimit : kDefaultValueLimit;
+  s.segment = static_cast<uint16_t>(
+      std::clamp<size_t>(limit > 3 ? limit - 3 : 0, QLT_SW_WIDE_MIN_SEGMENT, kMaxSegment));
+  const double window = std::max(2 * linkRate(link, s.segment) * roundTripSeconds(link),
+                                 static_cast<double>(kMinInFlightBytes));
+  const size_t most = kMaxWindowBytes / s.segment;
+  s.slots = static_cast<uint16_t>(
+      std::clamp<size_t>(static_cast<size_t>(std::ceil(window / s.segment)), 8, most));
+  return s;
+}
 
 SlideWindowDriver::SlideWindowDriver(SlideWindowParameters parameters, std::shared_ptr<Clock> clock,
                                      std::shared_ptr<DispatchQueue> strand, Outputs outputs)
@@ -16,16 +81,109 @@ SlideWindowDriver::SlideWindowDriver(SlideWindowParameters parameters, std::shar
                   parameters.pollTimeout},
       clock_(clock != nullptr ? std::move(clock) : std::shared_ptr<Clock>(Clock::monotonic())),
       strand_(std::move(strand)),
-      outputs_(std::move(outputs)),
-      slots_(QLT_SW_STORAGE(parameters_.segmentSize, kQueueSegments)) {
+      outputs_(std::move(outputs)) {
+  configure(ExtendedWindowSettings{});
+}
+
+// (Re)builds the core: the classic window alone, or with the extension in `settings`' role.
+// Every buffer the core will use is allocated here, once: nothing on the byte path.
+void SlideWindowDriver::configure(const ExtendedWindowSettings& settings) {
   qlt_sw_config cfg{};
   cfg.segment_size = static_cast<uint8_t>(parameters_.segmentSize);
   cfg.poll_timeout_us =
       static_cast<uint32_t>(std::clamp(parameters_.pollTimeout * 1e6, 1.0, 600e6));
   cfg.ack_delay_us = kAckDelayMicros;
+  size_t slotCount = kQueueSegments;
+  wideStorage_.clear();
+  if (settings.enabled) {
+    const ExtendedWindowSizing size = ExtendedWindowSizing::of(settings.link);
+    cfg.wide_role = settings.role == WindowRole::Central ? QLT_SW_ROLE_CENTRAL : QLT_SW_ROLE_DEVICE;
+    cfg.wide_segment = size.segment;
+    cfg.wide_send_slots = size.slots;
+    cfg.wide_recv_slots = size.slots;
+    // The send stream holds the whole send window in the classic slots' bytes.
+    const size_t window = size_t{size.slots} * size.segment;
+    slotCount =
+        std::max(slotCount, (window + parameters_.segmentSize - 1) / parameters_.segmentSize);
+    wideStorage_.assign(QLT_SW_WIDE_STORAGE(size.segment, size.slots, size.slots), 0);
+    cfg.wide_storage = wideStorage_.data();
+    cfg.value_limit = static_cast<uint16_t>(std::clamp<size_t>(
+        settings.link.valueLimit > 0 ? settings.link.valueLimit : kDefaultValueLimit,
+        kDefaultValueLimit, kFrameCapacity));
+    cfg.nonce = randomNonce();
+    extendedAckDelayMicros_ =
+        static_cast<uint32_t>(ExtendedWindowSizing::ackDelaySeconds(settings.link) * 1e6);
+  }
+  wideOn_ = settings.enabled;
+  ackDelayWidened_ = false;
+  slots_.assign(QLT_SW_STORAGE(parameters_.segmentSize, slotCount), 0);
   cfg.slots = slots_.data();
-  cfg.slot_count = kQueueSegments;
+  cfg.slot_count = static_cast<uint16_t>(slotCount);
   qlt_sw_init(&core_, &cfg);
+  qlt_sw_set_trace(&core_, &SlideWindowDriver::coreEvent, this);
+}
+
+uint32_t SlideWindowDriver::randomNonce() {
+  static std::mutex mutex;
+  static std::mt19937 generator{std::random_device{}()};
+  std::lock_guard lock(mutex);
+  uint32_t nonce = 0;
+  while (nonce == 0) nonce = static_cast<uint32_t>(generator());
+  return nonce;
+}
+
+namespace {
+const char* faultName(uint32_t fault) {
+  switch (fault) {
+    case QLT_SW_FAULT_MALFORMED:
+      return "a malformed frame of the extended window";
+    case QLT_SW_FAULT_ABSURD:
+      return "absurd sizes in the peer's terms (refused)";
+    case QLT_SW_FAULT_CLAMPED:
+      return "sizes beyond this end's in the peer's terms (clamped)";
+    case QLT_SW_FAULT_CONTRADICTORY:
+      return "terms that contradict those taken";
+    case QLT_SW_FAULT_UNSOLICITED:
+      return "a negotiation frame nobody asked for";
+    case QLT_SW_FAULT_UNEXPECTED:
+      return "an extended frame before the extension was agreed";
+    case QLT_SW_FAULT_BAD_ACK:
+      return "an acknowledgement outside the window";
+    case QLT_SW_FAULT_BAD_SEGMENT:
+      return "a segment outside the window offered, empty or too long";
+    default:
+      return "an unknown fault";
+  }
+}
+}  // namespace
+
+// On the strand (the core calls it from the call that noticed). The core reports each kind
+// of fault once per link; every one is counted (counters().windowFaults).
+void SlideWindowDriver::coreEvent(void* /*context*/, qlt_sw_event event, uint32_t a, uint32_t b) {
+  switch (event) {
+    case QLT_SW_EV_WIDE_FAULT:
+      QLTLog("Slide window: the peer wrote %@; ignored (logged once per link)",
+             std::string(faultName(a)));
+      break;
+    case QLT_SW_EV_SEND_EXTENDED:
+      QLTLog("Slide window: sending in the extended format, segments of %d B, %d in flight",
+             static_cast<int>(a), static_cast<int>(b));
+      break;
+    case QLT_SW_EV_SESSION_RESUMED:
+      QLTLog(
+          "Slide window: the session resumed (%d bytes of ours acknowledged, %d of the "
+          "peer's taken)",
+          static_cast<int>(a), static_cast<int>(b));
+      break;
+    case QLT_SW_EV_SESSION_LOST:
+      QLTLog(
+          "Slide window: a new session began; %d bytes sent on the last one were never "
+          "acknowledged and are dropped (they may or may not have arrived)",
+          static_cast<int>(a));
+      break;
+    default:
+      break;
+  }
 }
 
 SlideWindowDriver::~SlideWindowDriver() = default;
@@ -66,8 +224,52 @@ void SlideWindowDriver::start() {
     std::lock_guard lock(mutex_);
     if (running_) return;
     running_ = true;
+    started_ = true;
   }
   strand_->async([self = shared_from_this()] { self->pump(); });
+}
+
+void SlideWindowDriver::setExtended(const ExtendedWindowSettings& settings) {
+  strand_->sync([&] {
+    {
+      std::lock_guard lock(mutex_);
+      const bool used = started_ || core_.counters.frames_sent > 0 ||
+                        core_.counters.frames_received > 0 || core_.counters.bytes_queued > 0 ||
+                        backlogBytes_ > 0;
+      if (used) {
+        QLTLog(
+            "Slide window: the extended window is chosen before the window starts; this "
+            "link keeps its format");
+        return;
+      }
+      extended_ = settings;
+    }
+    configure(settings);
+  });
+}
+
+ExtendedWindowSettings SlideWindowDriver::extended() const {
+  std::lock_guard lock(mutex_);
+  return extended_;
+}
+
+WindowFormat SlideWindowDriver::format() const {
+  return onStrandSync([this] { return formatOnStrand(); });
+}
+
+WindowFormat SlideWindowDriver::formatOnStrand() const {
+  qlt_sw_wide_info info{};
+  qlt_sw_get_wide_info(&core_, &info);
+  switch (info.state) {
+    case QLT_SW_STATE_OFFERING:
+    case QLT_SW_STATE_WAITING:
+    case QLT_SW_STATE_ANSWERED:
+      return WindowFormat::Negotiating;
+    case QLT_SW_STATE_EXTENDED:
+      return WindowFormat::Extended;
+    default:
+      return WindowFormat::Classic;
+  }
 }
 
 void SlideWindowDriver::stop() {
@@ -109,6 +311,7 @@ void SlideWindowDriver::receive(const Data& value) {
     qlt_sw_delivery d{};
     qlt_sw_receive(&core_, value.bytes(), value.length(), nowMicros(), &d);
     settle(queued);
+    answersWait();  // the acknowledgement delay follows the peer's format
     switch (d.kind) {
       case QLT_SW_TCP:
         if (outputs_.deliverTCP) outputs_.deliverTCP(Data(d.payload, d.len));
@@ -122,6 +325,9 @@ void SlideWindowDriver::receive(const Data& value) {
       case QLT_SW_NONE:
         break;
     }
+    // Segments held behind a gap that this frame filled follow, in order.
+    while (qlt_sw_take_delivery(&core_, &d) != 0)
+      if (outputs_.deliverTCP) outputs_.deliverTCP(Data(d.payload, d.len));
     schedule();
   });
 }
@@ -156,10 +362,10 @@ void SlideWindowDriver::settle(uint64_t queuedBefore) {
 }
 
 void SlideWindowDriver::frames(unsigned kinds) {
-  uint8_t frame[QLT_SW_FRAME_MAX];
+  std::array<uint8_t, kFrameCapacity> frame;  // NOLINT(cppcoreguidelines-pro-type-member-init)
   size_t n;
-  while ((n = qlt_sw_poll_frame_of(&core_, nowMicros(), kinds, frame, sizeof frame)) > 0)
-    write(frame, n);
+  while ((n = qlt_sw_poll_frame_of(&core_, nowMicros(), kinds, frame.data(), frame.size())) > 0)
+    write(frame.data(), n);
 }
 
 void SlideWindowDriver::pump() {
@@ -168,13 +374,35 @@ void SlideWindowDriver::pump() {
     if (!running_) return;
   }
   for (int pass = 0; pass < 4; ++pass) {
-    frames(QLT_SW_ALL);
+    if (answersWait()) {
+      // An acknowledgement owed waits for its delay even when data goes out: in an echo,
+      // every received segment makes a round, and answering in each would cost the link
+      // one frame per segment. Due ones (a gap, a poll, the delay over) still leave now.
+      frames(QLT_SW_SEGMENTS | QLT_SW_POLLS);
+      if (qlt_sw_next_due(&core_, nowMicros()) == 0) frames(QLT_SW_ANSWERS);
+    } else {
+      frames(QLT_SW_ALL);
+    }
     const uint32_t due = qlt_sw_next_due(&core_, nowMicros());
     if (due == 0) continue;  // a deadline passed while the frames went out
     if (due != QLT_SW_IDLE) arm(due);
     return;
   }
   arm(1);
+}
+
+bool SlideWindowDriver::answersWait() {
+  if (!wideOn_) return false;
+  qlt_sw_wide_info info{};
+  qlt_sw_get_wide_info(&core_, &info);
+  if (info.receive_extended == 0) return false;
+  if (!ackDelayWidened_) {
+    // The core reads its acknowledgement delay where it is used; the classic one stays for
+    // the classic window (a classic peer's timing is not changed).
+    core_.cfg.ack_delay_us = extendedAckDelayMicros_;
+    ackDelayWidened_ = true;
+  }
+  return true;
 }
 
 void SlideWindowDriver::schedule() {
@@ -280,6 +508,21 @@ SlideWindowCounters SlideWindowDriver::counters() const {
     c.tcpDelivered = k.tcp_delivered;
     c.udpDelivered = k.udp_delivered;
     c.bytesQueued = k.bytes_queued + backlogBytes_;
+    c.negotiationFramesSent = k.negotiation_frames_sent;
+    c.windowFaults = k.wide_faults;
+    c.segmentsLost = k.segments_lost;
+    c.segmentsHeld = k.segments_held;
+    c.segmentsDropped = k.segments_dropped;
+    c.sessionsResumed = k.sessions_resumed;
+    c.sessionsLost = k.sessions_lost;
+    c.bytesInDoubt = k.bytes_in_doubt;
+    c.format = formatOnStrand();
+    qlt_sw_wide_info info{};
+    qlt_sw_get_wide_info(&core_, &info);
+    if (info.send_extended == 2) {
+      c.extendedSegment = info.send_segment;
+      c.extendedWindow = info.send_window;
+    }
     return c;
   });
 }

@@ -10,6 +10,14 @@
 // delay (1 ms), so segments arriving together draw one acknowledgement. Between rounds
 // nothing runs: an idle link costs no thread and no wake-up.
 //
+// The extended window (setExtended, before start): the driver configures the core in the
+// central's or the device's role, sized from the link's facts (ExtendedWindowSizing), takes
+// every delivery a received frame makes (the segments a filled gap releases follow it), logs
+// each kind of fault in what the peer wrote once per link, and reports the format negotiated
+// and the counters. Once the peer's segments are extended the ack delay grows to three
+// connection intervals (at most 20 ms), and rounds that send data leave owed acknowledgements
+// to it: one acknowledgement covers an event's segments instead of each.
+//
 // The core's send queue holds a fixed number of segments; bytes beyond it wait in the
 // driver, in the messages they came in (so each still starts a segment of its own), and
 // go into the core as acknowledgements free its slots: sendTCP has no bound.
@@ -34,7 +42,9 @@
 #include "QueltLibrary/Data.h"
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/SlideWindowCounters.h"
+#include "QueltLibrary/SlideWindowFace.h"
 #include "swcore/qlt_sw.h"
+#include "swcore/qlt_sw_wide.h"
 #include "worker/RoundPacer.h"
 
 namespace qlt {
@@ -45,6 +55,37 @@ using FrameTrace = std::function<void(bool outgoing, const Data& frame)>;
 struct SlideWindowParameters {
   size_t segmentSize;  // payload bytes per segment (1..160); datagrams must be shorter
   double pollTimeout;  // the longest wait without an answer before a status poll, seconds
+};
+
+// Which end of the negotiation a driver is: the central offers the extended window, the
+// device answers.
+enum class WindowRole { Central, Device };
+
+// The extended window of one link, as the driver sizes it from the link's facts: segments
+// as large as one value carries (value limit - 3 header bytes), and slots (each way) for
+// twice the bandwidth-delay product, so that the sender still has room while a lost
+// segment's repair is in flight; at least 2.4 kB, at most kMaxWindowBytes.
+struct ExtendedWindowSizing {
+  uint16_t segment = 0;
+  uint16_t slots = 0;
+  static constexpr size_t kMinInFlightBytes = 2400;
+  static constexpr size_t kMaxWindowBytes = size_t{96} * 1024;
+  static constexpr size_t kMaxSegment = 509;  // a 512-byte value: the ATT value's limit
+  static ExtendedWindowSizing of(const WindowLink& link);
+  // What the link carries at most (one way, bytes a second) and its round trip (seconds), as
+  // the sizing estimates them.
+  static double bytesPerSecond(const WindowLink& link);
+  static double roundTripSeconds(const WindowLink& link);
+  // How long an acknowledgement of extended segments may wait: three connection intervals,
+  // at most 20 ms (the round trip above includes it).
+  static double ackDelaySeconds(const WindowLink& link);
+};
+
+// Whether and how a driver runs the extended window (SlideWindowDriver::setExtended).
+struct ExtendedWindowSettings {
+  bool enabled = false;
+  WindowRole role = WindowRole::Central;
+  WindowLink link;  // sizes the segments and the slots (ExtendedWindowSizing)
 };
 
 class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver> {
@@ -58,6 +99,9 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // round without a trip through the driver's backlog.
   static constexpr uint16_t kQueueSegments = 32;
   static constexpr uint32_t kAckDelayMicros = 1000;
+  // The longest frame the driver writes: a value of 512 bytes, the most an attribute value
+  // may hold (Bluetooth Core v5.3, Vol 3, Part F, 3.2.9).
+  static constexpr size_t kFrameCapacity = 512;
 
   static std::shared_ptr<SlideWindowDriver> create(SlideWindowParameters parameters,
                                                    std::shared_ptr<Clock> clock,
@@ -69,6 +113,10 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // caller drives by hand (transfer, checkControl, doPendingWork) and sendUDP.
   void start();
   void stop();
+  // The extended window, before the first start(); later calls log and change nothing.
+  void setExtended(const ExtendedWindowSettings& settings);
+  ExtendedWindowSettings extended() const;
+  WindowFormat format() const;
 
   void sendTCP(const uint8_t* bytes, uint64_t length);
   // At once, on the caller's thread: false (and a log line) when length >= segment size.
@@ -105,6 +153,11 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
                     std::shared_ptr<DispatchQueue> strand, Outputs outputs);
   // Strand only, all of them.
   uint32_t nowMicros() const;
+  void configure(const ExtendedWindowSettings& settings);
+  static uint32_t randomNonce();
+  static void coreEvent(void* context, qlt_sw_event event, uint32_t a, uint32_t b);
+  WindowFormat formatOnStrand() const;
+  bool answersWait();
   void onStrand(std::function<void()> task);
   void feed();
   void frames(unsigned kinds);
@@ -129,6 +182,10 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // Strand only.
   qlt_sw core_{};
   std::vector<uint8_t> slots_;
+  std::vector<uint32_t> wideStorage_;  // the extended window's records and receive slots
+  bool wideOn_ = false;
+  bool ackDelayWidened_ = false;  // the core's acknowledgement delay is the extended one
+  uint32_t extendedAckDelayMicros_ = kAckDelayMicros;
   std::deque<Data> backlog_;  // messages (or their tails) waiting for the core's queue
   size_t backlogHead_ = 0;    // bytes of backlog_.front() already in the core
   uint64_t backlogBytes_ = 0;
@@ -137,6 +194,8 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   std::atomic<uint64_t> unacknowledged_{0};
   mutable std::mutex mutex_;
   bool running_ = false;                                  // guarded by mutex_
+  bool started_ = false;                                  // guarded by mutex_: ever started
+  ExtendedWindowSettings extended_;                       // guarded by mutex_
   std::shared_ptr<const FrameTrace> trace_;               // guarded by mutex_
   std::shared_ptr<const std::function<void()>> drained_;  // guarded by mutex_
 };

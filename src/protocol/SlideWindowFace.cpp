@@ -4,10 +4,28 @@
 
 namespace qlt {
 
+const char* toString(WindowFormat format) {
+  switch (format) {
+    case WindowFormat::Negotiating:
+      return "negotiating";
+    case WindowFormat::Extended:
+      return "extended";
+    case WindowFormat::Classic:
+      break;
+  }
+  return "classic";
+}
+
 SlideWindowFace::SlideWindowFace() = default;
 SlideWindowFace::~SlideWindowFace() {
   if (driver_) driver_->stop();
 }
+
+void SlideWindowFace::setExtendedWindow(bool enabled, WindowLink link) {
+  driver_->setExtended({.enabled = enabled, .role = WindowRole::Central, .link = link});
+}
+bool SlideWindowFace::extendedWindow() const { return driver_->extended().enabled; }
+WindowFormat SlideWindowFace::windowFormat() const { return driver_->format(); }
 
 void SlideWindowFace::initState() { driver_->initState(); }
 void SlideWindowFace::ackReceived(uint64_t count) { driver_->ackReceived(count); }

@@ -24,7 +24,13 @@ struct Link {
                              [](void* c) { return static_cast<Link*>(c)->room; },
                              this,
                              slots,
-                             4};
+                             4,
+                             nullptr,
+                             0,
+                             0,
+                             0,
+                             0,
+                             0};
     EXPECT_EQ(qlt_nus_init(&nus, &cfg), 0);
     qlt_sw_config pc{};
     pc.segment_size = 120;
@@ -47,7 +53,7 @@ struct Link {
   void step() {
     const uint32_t now = ++nowMs * 1000;
     qlt_nus_tick(&nus, nowMs);
-    uint8_t out[QLT_SW_FRAME_MAX];
+    uint8_t out[QLT_NUS_VALUE_MAX];
     while (size_t n = qlt_sw_poll_frame(&peer, now, out, sizeof out)) {
       qlt_nus_written(&nus, out, n, nowMs);
     }
@@ -109,6 +115,74 @@ TEST(TheDeviceLayer, SendsDatagramsShorterThanASegmentAndNotPastAHeldFrame) {
   EXPECT_EQ(qlt_nus_tick(&link.nus, link.nowMs), QLT_NUS_IDLE);
   ASSERT_EQ(link.toPeer.size(), 1u);
   EXPECT_EQ(link.toPeer.front().size(), 120u);
+}
+
+// The wide window: the layer offers the central only the receive slots the application has
+// room behind, so an application with a small buffer that drains slowly is never handed more
+// than it can take, and nothing is lost or repeated.
+TEST(TheDeviceLayer, OffersTheWideWindowOnlyAsFarAsTheApplicationHasRoom) {
+  constexpr uint16_t kSegment = QLT_NUS_VALUE_MAX - 3, kSlots = 4;
+  static uint32_t wide[QLT_SW_WIDE_STORAGE(kSegment, kSlots, kSlots)];
+  static uint32_t peerWide[QLT_SW_WIDE_STORAGE(kSegment, 8, 8)];
+  static uint8_t sendQueue[QLT_NUS_SLOTS_BYTES(QLT_NUS_WIDE_SEND_QUEUE(kSegment, kSlots))];
+  static uint8_t peerQueue[QLT_SW_STORAGE(120, 20)];
+  struct App {
+    std::string got;
+    // Room for the slots offered and for the classic window's 3 × 120 bytes before the switch.
+    size_t held = 0, capacity = kSlots * kSegment + 360, overflows = 0;
+  } app;
+  Link link;
+  qlt_nus_config cfg{};
+  cfg.notify = [](void* c, const uint8_t* v, size_t n) {
+    return static_cast<Link*>(static_cast<void**>(c)[0])->notify({v, v + n});
+  };
+  cfg.on_bytes = [](void* c, const uint8_t* b, size_t n) {
+    App& a = *static_cast<App*>(static_cast<void**>(c)[1]);
+    if (n > a.capacity - a.held) ++a.overflows;
+    a.held += n;
+    a.got.append(reinterpret_cast<const char*>(b), n);
+  };
+  cfg.room = [](void* c) {
+    const App& a = *static_cast<App*>(static_cast<void**>(c)[1]);
+    return a.capacity - std::min(a.held, a.capacity);
+  };
+  void* context[] = {&link, &app};
+  cfg.context = context;
+  cfg.slots = sendQueue;
+  cfg.slot_count = QLT_NUS_WIDE_SEND_QUEUE(kSegment, kSlots);
+  cfg.wide_storage = wide;
+  cfg.wide_segment = kSegment;
+  cfg.wide_send_slots = cfg.wide_recv_slots = kSlots;
+  cfg.nonce = 7;
+  ASSERT_EQ(qlt_nus_init(&link.nus, &cfg), 0);
+  qlt_sw_config pc{};
+  pc.segment_size = 120;
+  pc.poll_timeout_us = 300000;
+  pc.ack_delay_us = 1000;
+  pc.slots = peerQueue;
+  pc.slot_count = 20;
+  pc.wide_role = QLT_SW_ROLE_CENTRAL;
+  pc.wide_segment = kSegment;
+  pc.wide_send_slots = pc.wide_recv_slots = 8;
+  pc.wide_storage = peerWide;
+  pc.value_limit = QLT_NUS_VALUE_MAX;
+  pc.nonce = 9;
+  ASSERT_EQ(qlt_sw_init(&link.peer, &pc), 0);
+
+  std::string up(30000, 'u');
+  for (size_t i = 0; i < up.size(); ++i) up[i] = static_cast<char>(i * 13 + i / 241);
+  size_t sent = 0;
+  for (int i = 0; i < 200000 && app.got.size() < up.size(); ++i) {
+    sent += qlt_sw_send(&link.peer, bytes(up) + sent, std::min<size_t>(up.size() - sent, 1000));
+    app.held -= std::min<size_t>(app.held, 40);  // the application drains 40 bytes a ms
+    link.step();
+  }
+  EXPECT_TRUE(app.got == up) << app.got.size() << " of " << up.size();
+  EXPECT_EQ(app.overflows, 0u);
+  qlt_sw_wide_info info{};
+  qlt_sw_get_wide_info(&link.peer, &info);
+  EXPECT_EQ(info.state, QLT_SW_STATE_EXTENDED);
+  EXPECT_EQ(info.send_segment, kSegment);
 }
 
 }  // namespace

@@ -56,7 +56,8 @@ sim::SimDeviceConfig device(const std::vector<std::string>& command) {
 
 struct TheFirmware : testing::TestWithParam<Firmware> {
   // What came back of `message` until all did, the link ended or nothing came for 10 s.
-  static std::string echo(e2e::Sim& sim, const std::string& message, std::string* error = nullptr) {
+  static std::string echo(e2e::Sim& sim, const std::string& message, std::string* error = nullptr,
+                          WindowFormat* format = nullptr) {
     UartLink link(test::linkOptions(5s, QLT_BLEManager::create(sim.backend())));
     link.connect("QLT-FW");
     link.send(message);
@@ -67,6 +68,7 @@ struct TheFirmware : testing::TestWithParam<Firmware> {
         if (d.empty()) break;
         got += d.toString();
       }
+      if (const auto c = link.windowCounters(); c && format) *format = c->format;
     } catch (const UartLink::Error& e) {
       if (error) *error = link.lastError();
       EXPECT_EQ(e.reason(), UartLink::Error::Reason::LinkLost) << e.what();
@@ -83,7 +85,9 @@ TEST_P(TheFirmware, EchoesSixtyFourKilobytesExactlyOnceInOrderWithFivePercentLos
   faults.lostWritesWithoutResponse = faults.lostNotifications = 0.05;
   sim.radio->addDevice(config);
   const std::string message = e2e::pattern(64 * 1024);
-  EXPECT_TRUE(echo(sim, message) == message);
+  WindowFormat format = WindowFormat::Classic;
+  EXPECT_TRUE(echo(sim, message, nullptr, &format) == message);
+  EXPECT_EQ(format, WindowFormat::Extended) << "the kit's example answers the library's offer";
   EXPECT_GT(sim.radio->stats(config.identifier).notificationsLost, 0u);
 }
 

@@ -269,8 +269,14 @@ int runBench(const BenchOptions& o) {
                 connection.deviceName() + "' over " + transportName(transport));
 
   const TransferCounters before = connection.counters();
+  // Segments lost one way: the host's writes in an echo, the device's notifications with -R.
+  const bool written = !o.reverse;
+  const uint64_t lostBefore = session.segmentsLost(connection.deviceIdentifier(), written);
   const StreamRun run = stream(connection, meter, o, streamBound);
   const TransferCounters after = connection.counters();
+  const uint64_t segmentsLost =
+      session.segmentsLost(connection.deviceIdentifier(), written) - lostBefore;
+  const bool extended = after.window == "extended";
   const bool verified = run.problem.empty();
   std::vector<double> latencies;
   if (verified && !o.reverse && o.pings > 0) {
@@ -280,18 +286,30 @@ int runBench(const BenchOptions& o) {
   if (!connection.dropped()) connection.close(5.0);
 
   const double goodput = run.seconds > 0 && verified ? run.bytes / run.seconds : 0;
-  const double bound = !onSim || run.bytes == 0 ? 0
-                       : sw                     ? windowBoundBps({}, timing, traffic, run.bytes)
-                                                : chunkerBoundBps(timing);
+  const double bound = !onSim || run.bytes == 0 || extended ? 0
+                       : sw ? windowBoundBps({}, timing, traffic, run.bytes)
+                            : chunkerBoundBps(timing);
   const auto parameters = session.linkParameters(connection.deviceIdentifier());
   const sim::LinkParameters air = parameters.value_or(sim::LinkParameters{});
-  // The most the link could carry of this traffic: the window's frames (a 1-byte header and
-  // 120 bytes), or the chunker's 20-byte values.
+  // The most the link could carry of this traffic: the window's frames (the classic 1-byte
+  // header and 120 bytes; the extended 3-byte header and the negotiated segment), or the
+  // chunker's 20-byte values.
+  const size_t payload = !sw ? 20 : extended ? after.extendedSegment : kTcpSegmentSize;
+  const size_t header = !sw ? 0 : extended ? 3 : 1;
+  const sim::LinkTraffic shape = o.reverse ? sim::LinkTraffic::OneWay : sim::LinkTraffic::Echo;
   const double physical =
-      !parameters ? 0
-                  : sim::physicalLimitBps(
-                        air, sw ? kTcpSegmentSize + 1 : 20, sw ? kTcpSegmentSize : 20,
-                        o.reverse ? sim::LinkTraffic::OneWay : sim::LinkTraffic::Echo, run.bytes);
+      !parameters ? 0 : sim::physicalLimitBps(air, payload + header, payload, shape, run.bytes);
+  // The link's own limit, whatever the transport: values as large as a write may be (at most
+  // 512 bytes), each with a 3-byte header; classic and extended runs are both measured
+  // against it.
+  const size_t value = std::min<size_t>(facts.maxWriteLength, 512);
+  const double linkLimit = !parameters || value <= 3
+                               ? 0
+                               : sim::physicalLimitBps(air, value, value - 3, shape, run.bytes);
+  // Segments sent again: the host's own in an echo; with -R the device's, each one either a
+  // lost segment's repair or a copy that the host dropped.
+  const uint64_t resent = o.reverse ? segmentsLost + after.segmentsDropped - before.segmentsDropped
+                                    : after.retransmissions - before.retransmissions;
   const TransferCounters c{after.retransmissions - before.retransmissions,
                            after.pollsSent - before.pollsSent,
                            after.rejectionsSent - before.rejectionsSent,
@@ -308,6 +326,17 @@ int runBench(const BenchOptions& o) {
         {"goodput_Bps", r3(goodput)},
         {"bound_Bps", r3(bound)},
         {"physical_limit_Bps", r3(physical)},
+        {"link_limit_Bps", r3(linkLimit)},
+        {"window", sw ? after.window : "none"},
+        {"segment_bytes", extended ? after.extendedSegment
+                          : sw     ? kTcpSegmentSize
+                                   : 0},
+        {"window_segments", extended ? after.extendedWindow
+                            : sw     ? 3
+                                     : 0},
+        {"segments_sent", after.segmentsSent - before.segmentsSent},
+        {"segments_lost", segmentsLost},
+        {"resent_per_lost", segmentsLost > 0 ? r3(static_cast<double>(resent) / segmentsLost) : 0},
         {"link", parameters ? air.description() : "unknown (real hardware)"},
         {"verified", verified},
         {"latency_p50_ms", r3(percentile(latencies, 50))},
@@ -362,7 +391,7 @@ int runBench(const BenchOptions& o) {
       printLine("  bound            " + formatRate(bound) + " (3 × 120 B per round trip of " +
                 formatSeconds(windowRoundTripS({}, timing, traffic)) + ", for " +
                 std::to_string(run.bytes) + " bytes)");
-    if (onSim && bound == 0 && sw && run.bytes > 0)
+    if (onSim && bound == 0 && sw && !extended && run.bytes > 0)
       printLine(
           "  bound            none (no delay on the link, and the echo acknowledges at once)");
     if (bound > 0 && !sw)
@@ -371,7 +400,13 @@ int runBench(const BenchOptions& o) {
       printLine("  echo latency     p50 " + formatSeconds(percentile(latencies, 50) / 1000) +
                 ", p99 " + formatSeconds(percentile(latencies, 99) / 1000) + " (" +
                 std::to_string(latencies.size()) + " round trips of 16 B)");
-    printLine("  retransmissions  " + std::to_string(c.retransmissions));
+    if (sw && o.common.verbose)
+      printLine("  window           " + after.window +
+                (extended ? ": segments of " + std::to_string(after.extendedSegment) + " B, " +
+                                std::to_string(after.extendedWindow) + " in flight"
+                          : ": 3 segments of 120 B"));
+    printLine("  retransmissions  " + std::to_string(c.retransmissions) +
+              (segmentsLost > 0 ? " (" + std::to_string(segmentsLost) + " segments lost)" : ""));
     printLine("  polls            " + std::to_string(c.pollsSent) + " sent");
     printLine("  rejections       " + std::to_string(c.rejectionsSent) + " sent, " +
               std::to_string(c.rejectionsReceived) + " received");

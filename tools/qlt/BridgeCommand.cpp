@@ -215,6 +215,11 @@ class Link {
     if (transport_) transport_->setAllAcknowledgedHandler([fd = wakeFd_] { wake(fd); });
   }
   bool up() const { return connection_ && !connection_->dropped(); }
+  // The window the link negotiated ("extended", "classic"), "" once the link is down.
+  std::string window() const {
+    const TransferCounters c = up() ? connection_->counters() : TransferCounters{};
+    return c.present ? c.window : "";
+  }
   std::string name() const { return connection_ ? connection_->deviceName() : "the device"; }
 
   void send(const uint8_t* bytes, size_t size) {
@@ -373,6 +378,8 @@ int runBridge(const BridgeOptions& o) {
   }
 
   const uint64_t owedAtEnd = link.up() ? link.owed() : 0;
+  if (o.common.verbose && kind == TransportKind::SlidingWindow && !link.window().empty())
+    printError("qlt bridge: the " + link.window() + " window");
   link.close();
   // What the device sent before the end still goes out, within a few seconds.
   for (const auto until = Clock::now() + std::chrono::seconds(3);

@@ -13,13 +13,14 @@ namespace qlt::cli {
 
 // Options that every command takes.
 struct CommonOptions {
-  std::string command;    // "scan", "known add": for messages ("qlt known add: ...")
-  std::string platform;   // --platform sim|bluez; empty: see resolvePlatform
-  std::string simConfig;  // --sim-config FILE: simulated devices and air faults
-  bool verbose = false;   // --verbose: the library's log lines on stderr
-  std::string logFile;    // --log FILE: the library's log lines appended to FILE
-  bool trace = false;     // --trace: one decoded line per frame (data-moving commands)
-  std::string adapter;    // --adapter NAME|ADDRESS (BlueZ); empty: $QLT_ADAPTER, else default
+  std::string command;         // "scan", "known add": for messages ("qlt known add: ...")
+  std::string platform;        // --platform sim|bluez; empty: see resolvePlatform
+  std::string simConfig;       // --sim-config FILE: simulated devices and air faults
+  bool verbose = false;        // --verbose: the library's log lines on stderr
+  std::string logFile;         // --log FILE: the library's log lines appended to FILE
+  bool trace = false;          // --trace: one decoded line per frame (data-moving commands)
+  bool classicWindow = false;  // --classic-window: the sliding window never offers the extension
+  std::string adapter;         // --adapter NAME|ADDRESS (BlueZ); empty: $QLT_ADAPTER, else default
 };
 
 // The platform named by --platform, else by $QLT_PLATFORM; "" when neither names one.

@@ -62,6 +62,11 @@ void addCommonOptions(CLI::App& command, CommonOptions& o, bool movesData) {
                   "Print one decoded line per frame on the air (on stderr), e.g. "
                   "'→ seg seq=1 120 B', '← ack R=2', '← rej R=1', '→ poll 0..3'")
         ->group("Common options");
+    command
+        .add_flag("--classic-window", o.classicWindow,
+                  "Keep the sliding window classic (3 segments of 120 B): do not offer the "
+                  "extended window to the device")
+        ->group("Common options");
   }
 }
 

@@ -22,7 +22,7 @@ struct DemoOptions {
   double scanS = 1.5;
 };
 
-void printSummary(const EchoRun& run, const TransferCounters& c) {
+void printSummary(const EchoRun& run, const TransferCounters& c, bool verbose) {
   printLine("summary");
   printLine("  bytes            " + std::to_string(run.bytes) + " sent, " +
             std::to_string(run.echoed) + " echoed back, " +
@@ -30,6 +30,11 @@ void printSummary(const EchoRun& run, const TransferCounters& c) {
   printLine("  time             " + formatSeconds(run.seconds));
   printLine("  goodput          " + formatRate(run.seconds > 0 ? run.bytes / run.seconds : 0) +
             " (measured: bytes echoed back / time)");
+  if (verbose)
+    printLine("  window           " + c.window +
+              (c.extendedSegment ? ": segments of " + std::to_string(c.extendedSegment) + " B, " +
+                                       std::to_string(c.extendedWindow) + " in flight"
+                                 : ""));
   printLine("  retransmissions  " + std::to_string(c.retransmissions));
   printLine("  polls            " + std::to_string(c.pollsSent) + " sent");
   printLine("  rejections       " + std::to_string(c.rejectionsSent) + " sent, " +
@@ -90,7 +95,7 @@ int runDemo(DemoOptions o) {
             " bytes through the sliding window and checking the echo byte for byte");
   const auto payload = makePattern(o.bytes);
   const EchoRun run = echoTransfer(connection, sink, payload, 15.0, true, "echo");
-  printSummary(run, connection.counters());
+  printSummary(run, connection.counters(), o.common.verbose);
 
   printLine("disconnecting");
   connection.close(5.0);

@@ -378,6 +378,14 @@ double Session::airLoss() const {
   return std::max(faults.lostWritesWithoutResponse, faults.lostNotifications);
 }
 
+uint64_t Session::segmentsLost(const std::string& identifier, bool written) const {
+  if (platform_ != "sim") return 0;
+  const auto id = UUID::fromString(identifier);
+  if (!id) return 0;
+  const auto stats = sim::SimRadio::shared()->stats(*id);
+  return written ? stats.segmentWritesLost : stats.segmentNotificationsLost;
+}
+
 // ---- Connection ----
 
 TransportKind parseTransport(const std::string& text) {
@@ -426,6 +434,7 @@ Connection::Connection(Session& session, std::shared_ptr<QLT_Peripheral> periphe
       delegate_(std::make_shared<Delegate>()) {
   delegate_->events = std::move(events);
   peripheral_->setTransportType(transport == TransportKind::NUS ? 0 : 1);
+  peripheral_->setExtendedWindow(!session.options().classicWindow);
   if (session.options().trace) {
     const bool sw = transport == TransportKind::SlidingWindow;
     peripheral_->setFrameTrace([sw](bool outgoing, const Data& frame) {
@@ -550,6 +559,11 @@ TransferCounters Connection::counters() const {
     c.rejectionsSent = s->rejectionsSent;
     c.rejectionsReceived = s->rejectionsReceived;
     c.bytesQueued = s->bytesQueued;
+    c.segmentsSent = s->segmentsSent;
+    c.segmentsDropped = s->segmentsDropped;
+    c.window = toString(s->format);
+    c.extendedSegment = s->extendedSegment;
+    c.extendedWindow = s->extendedWindow;
     c.present = true;
   }
   return c;

@@ -96,7 +96,11 @@ struct TransferCounters {
   uint64_t rejectionsSent = 0;
   uint64_t rejectionsReceived = 0;
   uint64_t bytesQueued = 0;  // payload bytes in the send queue (sent but unacknowledged, or unsent)
-  bool present = false;      // false once the transport is gone (the figures are then 0)
+  uint64_t segmentsSent = 0;
+  uint64_t segmentsDropped = 0;    // received twice (or outside the window) and dropped
+  std::string window = "classic";  // the window negotiated: classic, negotiating, extended
+  uint32_t extendedSegment = 0, extendedWindow = 0;  // this end's, once extended
+  bool present = false;  // false once the transport is gone (the figures are then 0)
 };
 
 class Session {
@@ -142,6 +146,9 @@ class Session {
   std::optional<sim::LinkParameters> linkParameters(const std::string& identifier) const;
   // The air loss the simulated radio applies (0 on real hardware).
   double airLoss() const;
+  // Sliding-window segments the simulated radio lost on the device's links so far: written
+  // by the central, or notified by the device (0 on real hardware).
+  uint64_t segmentsLost(const std::string& identifier, bool written) const;
 
   // The serial queue on which the tool receives the library's callbacks.
   const std::shared_ptr<DispatchQueue>& queue() const { return queue_; }

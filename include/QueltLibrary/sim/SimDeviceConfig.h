@@ -81,7 +81,11 @@ struct QLT_EXPORT SimDeviceConfig {
   size_t mtu = 185;
   std::vector<SimServiceConfig> services{SimServiceConfig::nus()};
   SimBehaviour behaviour = SimBehaviour::ChunkEcho;
-  uint64_t sourceBytes = 0;          // for SimBehaviour::Source: 0 streams without end
+  uint64_t sourceBytes = 0;  // for SimBehaviour::Source: 0 streams without end
+  // The sliding-window behaviours (sw-echo, source, sw-sink) answer a central's offer of the
+  // extended window; true (JSON "window": "classic"): they speak only the classic format (the
+  // offer is ignored).
+  bool classicWindow = false;
   std::vector<std::string> command;  // for SimBehaviour::External: program and arguments
   // Faults for this device's links; empty: the radio's.
   std::optional<AirFaults> faults;

@@ -38,10 +38,12 @@ struct QLT_EXPORT SimDeviceStats {
   uint64_t writesLost = 0;         // writes without response lost on the air
   uint64_t notificationsSent = 0;  // notifications put on the air
   uint64_t bytesNotified = 0;
-  uint64_t notificationsLost = 0;     // of those, dropped above the link layer (a fault)
-  uint64_t notificationsDropped = 0;  // refused: the device's notification buffers were full
-  uint64_t payloadBytesReceived = 0;  // sliding-window payload bytes delivered to the device
-  uint64_t payloadBytesSent = 0;      // sliding-window payload bytes the device queued
+  uint64_t notificationsLost = 0;         // of those, dropped above the link layer (a fault)
+  uint64_t notificationsDropped = 0;      // refused: the device's notification buffers were full
+  uint64_t segmentWritesLost = 0;         // of the writes lost, sliding-window segments
+  uint64_t segmentNotificationsLost = 0;  // of the notifications lost, sliding-window segments
+  uint64_t payloadBytesReceived = 0;      // sliding-window payload bytes delivered to the device
+  uint64_t payloadBytesSent = 0;          // sliding-window payload bytes the device queued
 };
 
 class QLT_EXPORT SimRadio : public std::enable_shared_from_this<SimRadio> {

@@ -39,9 +39,10 @@ class SlidingWindow final : public DeviceBehaviour,
                             public std::enable_shared_from_this<SlidingWindow> {
  public:
   SlidingWindow(bool echo, uint64_t sourceBytes, std::weak_ptr<SimLink> link,
-                std::shared_ptr<DispatchQueue> deviceQueue, bool sink = false)
+                std::shared_ptr<DispatchQueue> deviceQueue, bool extended, bool sink = false)
       : echo_(echo),
         sink_(sink),
+        extended_(extended),
         sourceBytes_(sourceBytes),
         link_(std::move(link)),
         deviceQueue_(std::move(deviceQueue)) {}
@@ -59,6 +60,16 @@ class SlidingWindow final : public DeviceBehaviour,
              },
          .deliverTCP = [weak](const Data& payload) { post(weak, payload, true); },
          .deliverUDP = [weak](const Data& payload) { post(weak, payload, false); }});
+    if (auto link = link_.lock(); link && extended_) {
+      // The device's end: it answers the central's offer, sized by the same link.
+      const LinkParameters& air = link->parameters();
+      WindowLink facts;
+      facts.valueLimit = link->maxValueLength();
+      facts.intervalMs = air.intervalMs;
+      facts.phyMbps = air.phy == Phy::LE2M ? 2 : 1;
+      facts.dataLength = air.dataLength;
+      driver_->setExtended({.enabled = true, .role = WindowRole::Device, .link = facts});
+    }
     driver_->start();
   }
   // The source streams while notifications are on: byte i of the link's stream is i mod 251,
@@ -110,7 +121,8 @@ class SlidingWindow final : public DeviceBehaviour,
   }
 
   const bool echo_;
-  const bool sink_;  // neither echoes nor streams
+  const bool sink_;      // neither echoes nor streams
+  const bool extended_;  // answers an offer of the extended window
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
@@ -124,17 +136,19 @@ class SlidingWindow final : public DeviceBehaviour,
 std::shared_ptr<DeviceBehaviour> DeviceBehaviour::make(
     const SimDeviceConfig& config, const std::shared_ptr<SimLink>& link,
     const std::shared_ptr<DispatchQueue>& deviceQueue) {
+  const bool extended = !config.classicWindow;
   switch (config.behaviour) {
     case SimBehaviour::ChunkEcho:
       return std::make_shared<ChunkEcho>(link);
     case SimBehaviour::SwEcho:
-      return std::make_shared<SlidingWindow>(true, 0, link, deviceQueue);
+      return std::make_shared<SlidingWindow>(true, 0, link, deviceQueue, extended);
     case SimBehaviour::Source:
-      return std::make_shared<SlidingWindow>(false, config.sourceBytes, link, deviceQueue);
+      return std::make_shared<SlidingWindow>(false, config.sourceBytes, link, deviceQueue,
+                                             extended);
     case SimBehaviour::External:
       return makeExternalDevice(config, link);
     case SimBehaviour::SwSink:
-      return std::make_shared<SlidingWindow>(false, 0, link, deviceQueue, true);
+      return std::make_shared<SlidingWindow>(false, 0, link, deviceQueue, extended, true);
     case SimBehaviour::Sink:
     case SimBehaviour::None:
       break;

@@ -263,11 +263,14 @@ SimServiceConfig service(const json& j, const std::string& path) {
 }
 
 SimDeviceConfig device(const json& j, const std::string& path, const LinkParameters& radioLink) {
+  // (clang-format would put one key a line from 20 keys on.)
+  // clang-format off
   requireObject(
       j, path,
       {"identifier", "name", "address", "manufacturerData", "serviceData", "txPower", "connectable",
        "rssi", "rssiVariation", "advertisingIntervalMs", "advertisedServices", "connectDelayMs",
-       "mtu", "services", "behaviour", "sourceBytes", "command", "faults", "link"});
+       "mtu", "services", "behaviour", "sourceBytes", "command", "faults", "link", "window"});
+  // clang-format on
   if (!j.contains("identifier")) fail(path, "missing \"identifier\"");
   SimDeviceConfig d;
   d.identifier = uuid(j["identifier"], join(path, "identifier"));
@@ -341,6 +344,12 @@ SimDeviceConfig device(const json& j, const std::string& path, const LinkParamet
   }
   if (j.contains("sourceBytes")) {
     d.sourceBytes = unsignedInteger(j["sourceBytes"], join(path, "sourceBytes"), 0, 1ULL << 40);
+  }
+  if (j.contains("window")) {
+    const std::string window = text(j["window"], join(path, "window"));
+    if (window != "classic" && window != "extended")
+      fail(join(path, "window"), "unknown window \"" + window + "\" (classic or extended)");
+    d.classicWindow = window == "classic";
   }
   if (j.contains("command")) {
     const auto& list = j["command"];

@@ -5,6 +5,7 @@
 #include "DeviceBehaviour.h"
 #include "QueltLibrary/Log.h"
 #include "QueltLibrary/QLT_UUID.h"
+#include "QueltLibrary/SlideWindowFrame.h"
 
 namespace qlt::sim {
 
@@ -172,6 +173,14 @@ void SimLink::start() {
 bool SimLink::close() {
   if (!up_.exchange(false, std::memory_order_acq_rel)) return false;
   radio_->release(config_.identifier, this);
+  // Values still on the air end with the link (pump() no longer runs); their tasks hold the
+  // link, so they go now rather than keep it alive. Destroyed outside the lock.
+  std::deque<std::pair<double, std::function<void()>>> gone[2];
+  {
+    std::lock_guard lock(mutex_);
+    gone[0].swap(inFlight_[0]);
+    gone[1].swap(inFlight_[1]);
+  }
   auto self = shared_from_this();
   deviceQueue_->async([self] {
     if (auto behaviour = std::move(self->behaviour_)) behaviour->disconnected();
@@ -228,6 +237,7 @@ void SimLink::writeWithoutResponse(const UUID& characteristic, const Data& value
     }
   }
   counters_->writesLost.fetch_add(1, std::memory_order_relaxed);
+  if (isSegmentFrame(value.span())) counters_->segmentWritesLost.fetch_add(1);
   if (count == Count::CarryThenDrop) dropBehind(toDevice_);
 }
 
@@ -320,6 +330,7 @@ bool SimLink::notify(const Data& value) {
     }
   }
   counters_->notificationsLost.fetch_add(1, std::memory_order_relaxed);
+  if (isSegmentFrame(value.span())) counters_->segmentNotificationsLost.fetch_add(1);
   if (count == Count::CarryThenDrop) dropBehind(toCentral_);
   return true;
 }

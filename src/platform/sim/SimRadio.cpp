@@ -24,6 +24,8 @@ SimDeviceStats DeviceCounters::snapshot() const {
   s.notificationsSent = notificationsSent.load();
   s.bytesNotified = bytesNotified.load();
   s.notificationsLost = notificationsLost.load();
+  s.segmentWritesLost = segmentWritesLost.load();
+  s.segmentNotificationsLost = segmentNotificationsLost.load();
   s.notificationsDropped = notificationsDropped.load();
   s.payloadBytesReceived = payloadBytesReceived.load();
   s.payloadBytesSent = payloadBytesSent.load();

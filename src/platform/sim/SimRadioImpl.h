@@ -31,6 +31,8 @@ struct DeviceCounters {
   std::atomic<uint64_t> bytesNotified{0};
   std::atomic<uint64_t> notificationsLost{0};
   std::atomic<uint64_t> notificationsDropped{0};
+  std::atomic<uint64_t> segmentWritesLost{0};
+  std::atomic<uint64_t> segmentNotificationsLost{0};
   std::atomic<uint64_t> payloadBytesReceived{0};
   std::atomic<uint64_t> payloadBytesSent{0};
 

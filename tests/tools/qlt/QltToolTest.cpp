@@ -141,10 +141,10 @@ TEST_F(TheQltTool, RunsTheDemoToAVerifiedSummary) {
 }
 
 // With host drops on the phone's link at 10 ms: every key, a verified echo, something
-// recovered, and goodput below the window's bound and the link's physical limit.
+// recovered, and goodput below the classic window's bound and the link's physical limit.
 TEST_F(TheQltTool, BenchReportsAVerifiedEchoBelowTheBoundOnALossySlowLink) {
   const auto run = qlt({"bench", "--json", "--bytes", "12000", "--pings", "5", "--loss", "0.05",
-                        "--interval-ms", "10"});
+                        "--interval-ms", "10", "--classic-window"});
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   const auto j = nlohmann::json::parse(run.out);
   for (const char* key :
@@ -154,6 +154,7 @@ TEST_F(TheQltTool, BenchReportsAVerifiedEchoBelowTheBoundOnALossySlowLink) {
     EXPECT_TRUE(j.contains(key)) << key << " missing in " << run.out;
   }
   EXPECT_EQ(j["transport"], "sw");
+  EXPECT_EQ(j["window"], "classic");
   EXPECT_EQ(j["bytes"], 12000);
   EXPECT_EQ(j["verified"], true);
   EXPECT_DOUBLE_EQ(j["loss"].get<double>(), 0.05);
