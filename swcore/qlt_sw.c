@@ -142,7 +142,11 @@ int qlt_sw_init(qlt_sw* sw, const qlt_sw_config* cfg) {
   sw->cfg = *cfg;
   sw->rto = cfg->poll_timeout_us;
   qlt_sw_reset_send(sw);
+#if QLT_SW_WIDE
   return qlt_swi_ext_init(sw);
+#else
+  return cfg->wide_role ? -1 : 0; /* built without the wide window */
+#endif
 }
 
 void qlt_sw_reset_send(qlt_sw* sw) {
@@ -338,7 +342,7 @@ qlt_sw_kind qlt_sw_receive(qlt_sw* sw, const uint8_t* frame, size_t len, uint32_
   d.len = 0;
   ++sw->counters.frames_received;
   if (!frame) len = 0;
-  if (sw->cfg.wide_role && qlt_swi_ext_receive(sw, frame, len, now, &d)) {
+  if (WIDE_ON(sw) && qlt_swi_ext_receive(sw, frame, len, now, &d)) {
     /* the wide window took it */
   } else if (len > 0 && (frame[0] & 1u)) {
     d.kind = receive_control(sw, frame, len, now);
@@ -370,7 +374,7 @@ static size_t build_segment(qlt_sw* sw, uint32_t offset, uint8_t sequence, uint8
  * classic and free to send, one sent before (after a rejection) until the switch. */
 static int classic_due(const qlt_sw* sw, uint8_t flight) {
   if (flight >= QLT_SW_WINDOW || flight >= sw->queued) return 0;
-  return flight < sw->unsent || qlt_swi_classic_may_send(sw);
+  return flight < sw->unsent || !QLT_SW_WIDE || qlt_swi_classic_may_send(sw);
 }
 
 static size_t next_segment(qlt_sw* sw, uint32_t now, uint8_t* out) {
@@ -445,12 +449,12 @@ static size_t next_answer(qlt_sw* sw, uint32_t now, uint8_t* out) {
 size_t qlt_sw_poll_frame_of(qlt_sw* sw, uint32_t now, unsigned kinds, uint8_t* out, size_t cap) {
   size_t n = 0;
   if (!out || cap < (size_t)sw->cfg.segment_size + 1u) return 0;
-  if (sw->cfg.wide_role && (kinds & (QLT_SW_SEGMENTS | QLT_SW_ANSWERS)))
+  if (WIDE_ON(sw) && (kinds & (QLT_SW_SEGMENTS | QLT_SW_ANSWERS)))
     n = qlt_swi_ext_first(sw, now, out, cap);
   if (n == 0 && (kinds & QLT_SW_SEGMENTS)) n = next_segment(sw, now, out);
   if (n == 0 && (kinds & QLT_SW_POLLS)) n = next_poll(sw, now, out);
   if (n == 0 && (kinds & QLT_SW_ANSWERS)) n = next_answer(sw, now, out);
-  if (n == 0 && sw->cfg.wide_role) n = qlt_swi_ext_last(sw, now, kinds, out, cap);
+  if (n == 0 && WIDE_ON(sw)) n = qlt_swi_ext_last(sw, now, kinds, out, cap);
   if (n > 0) ++sw->counters.frames_sent;
   return n;
 }
@@ -461,7 +465,7 @@ size_t qlt_sw_poll_frame(qlt_sw* sw, uint32_t now, uint8_t* out, size_t cap) {
 
 uint32_t qlt_sw_next_due(const qlt_sw* sw, uint32_t now) {
   const uint8_t flight = in_flight(sw);
-  uint32_t due = sw->cfg.wide_role ? qlt_swi_ext_due(sw, now) : QLT_SW_IDLE, d;
+  uint32_t due = WIDE_ON(sw) ? qlt_swi_ext_due(sw, now) : QLT_SW_IDLE, d;
   if (sw->poll_next || classic_due(sw, flight)) return 0;
   if (sw->owed) {
     d = left(now, sw->owed_at, sw->cfg.ack_delay_us);

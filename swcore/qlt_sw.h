@@ -57,6 +57,19 @@
 extern "C" {
 #endif
 
+/* Build options. QLT_SW_WIDE 0 leaves the wide window's code out (a classic-only firmware
+ * links neither qlt_sw_ext.c nor qlt_sw_window.c, and qlt_sw_init refuses a wide_role); its
+ * state stays in the struct, at zero. QLT_SW_COUNTER_BITS 32 makes the counters 32-bit, as
+ * a small chip counts (they wrap after 4 G events: days at a link's full rate). */
+#ifndef QLT_SW_WIDE
+#define QLT_SW_WIDE 1
+#endif
+#if defined(QLT_SW_COUNTER_BITS) && QLT_SW_COUNTER_BITS == 32
+typedef uint32_t qlt_sw_count;
+#else
+typedef uint64_t qlt_sw_count;
+#endif
+
 #define QLT_SW_MODULUS 4u                          /* sequence numbers 0..3 */
 #define QLT_SW_WINDOW 3u                           /* segments in flight at most */
 #define QLT_SW_MAX_SEGMENT 160u                    /* the largest segment size */
@@ -105,30 +118,30 @@ typedef struct qlt_sw_config {
 /* What the core has done so far. They only grow (bytes_queued aside) and never change
  * what goes on the wire. */
 typedef struct qlt_sw_counters {
-  uint64_t frames_sent;         /* every frame handed out (poll_frame, datagram) */
-  uint64_t frames_received;     /* every value fed to qlt_sw_receive, malformed included */
-  uint64_t segments_sent;       /* segment frames, first sends and resends */
-  uint64_t segments_resent;     /* of those, segments that had been on the wire before */
-  uint64_t polls_sent;          /* status polls */
-  uint64_t acks_sent;           /* acknowledgements (owed ones and poll answers) */
-  uint64_t rejections_sent;     /* rejections (of unexpected segments, poll answers) */
-  uint64_t rejections_received; /* rejections read */
-  uint64_t rejections_honoured; /* of those, rejections that made the sender go back */
-  uint64_t acks_received;       /* acknowledgements read */
-  uint64_t malformed_ignored;   /* empty, short or unknown control frames */
-  uint64_t tcp_delivered;       /* "TCP" payloads delivered */
-  uint64_t udp_delivered;       /* "UDP" payloads delivered */
-  uint64_t bytes_queued;        /* payload bytes in the send queue now (sent or not) */
+  qlt_sw_count frames_sent;         /* every frame handed out (poll_frame, datagram) */
+  qlt_sw_count frames_received;     /* every value fed to qlt_sw_receive, malformed included */
+  qlt_sw_count segments_sent;       /* segment frames, first sends and resends */
+  qlt_sw_count segments_resent;     /* of those, segments that had been on the wire before */
+  qlt_sw_count polls_sent;          /* status polls */
+  qlt_sw_count acks_sent;           /* acknowledgements (owed ones and poll answers) */
+  qlt_sw_count rejections_sent;     /* rejections (of unexpected segments, poll answers) */
+  qlt_sw_count rejections_received; /* rejections read */
+  qlt_sw_count rejections_honoured; /* of those, rejections that made the sender go back */
+  qlt_sw_count acks_received;       /* acknowledgements read */
+  qlt_sw_count malformed_ignored;   /* empty, short or unknown control frames */
+  qlt_sw_count tcp_delivered;       /* "TCP" payloads delivered */
+  qlt_sw_count udp_delivered;       /* "UDP" payloads delivered */
+  qlt_sw_count bytes_queued;        /* payload bytes in the send queue now (sent or not) */
   /* The wide window. segments_sent/segments_resent, acks_* and polls_sent count its frames
    * too. */
-  uint64_t negotiation_frames_sent; /* OFFER, ANSWER, CONFIRM, DECLINE written */
-  uint64_t wide_faults;             /* frames refused or clamped by the checks (every one) */
-  uint64_t segments_lost;           /* extended segments found lost (by evidence) */
-  uint64_t segments_held;           /* extended segments received out of order and held */
-  uint64_t segments_dropped;        /* extended segments dropped: copies, outside the window */
-  uint64_t sessions_resumed;        /* links that went on with the session */
-  uint64_t sessions_lost;           /* sessions that ended with a new one (qlt_sw_wide_info) */
-  uint64_t bytes_in_doubt;          /* sent in lost sessions and never acknowledged, in all */
+  qlt_sw_count negotiation_frames_sent; /* OFFER, ANSWER, CONFIRM, DECLINE written */
+  qlt_sw_count wide_faults;             /* frames refused or clamped by the checks (every one) */
+  qlt_sw_count segments_lost;           /* extended segments found lost (by evidence) */
+  qlt_sw_count segments_held;           /* extended segments received out of order and held */
+  qlt_sw_count segments_dropped;        /* extended segments dropped: copies, outside the window */
+  qlt_sw_count sessions_resumed;        /* links that went on with the session */
+  qlt_sw_count sessions_lost;           /* sessions that ended with a new one (qlt_sw_wide_info) */
+  qlt_sw_count bytes_in_doubt;          /* sent in lost sessions and never acknowledged, in all */
 } qlt_sw_counters;
 
 /* Things worth a trace line that no frame shows. */

@@ -19,7 +19,8 @@ void qlt_swi_drop_bytes(qlt_sw* sw, uint32_t bytes);
 /* A new link: the classic window starts again from sequence 0, its queue kept. */
 void qlt_swi_classic_restart(qlt_sw* sw);
 
-/* The wide window's hooks into the classic core. */
+/* The wide window's hooks into the classic core: only when it is built and configured. */
+#define WIDE_ON(sw) (QLT_SW_WIDE && (sw)->cfg.wide_role)
 int qlt_swi_ext_init(qlt_sw* sw);
 /* A received value the wide window takes (1: handled, *kind set), or leaves to the classic
  * rules (0). */

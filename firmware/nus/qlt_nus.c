@@ -7,7 +7,7 @@ static uint32_t micros(uint32_t now_ms) { return now_ms * 1000u; /* wraps with t
 int qlt_nus_init(qlt_nus* nus, const qlt_nus_config* cfg) {
   if (!cfg->notify || !cfg->on_bytes || !cfg->slots || cfg->slot_count == 0) return -1;
   if (cfg->wide_storage &&
-      (cfg->value_limit > QLT_NUS_VALUE_MAX || cfg->wide_segment + 3u > QLT_NUS_VALUE_MAX ||
+      (!QLT_NUS_WIDE || cfg->value_limit > QLT_NUS_VALUE_MAX || cfg->wide_segment + 3u > QLT_NUS_VALUE_MAX ||
        cfg->wide_segment < 16u || cfg->wide_send_slots == 0 || cfg->wide_recv_slots == 0 ||
        cfg->nonce == 0 ||
        (size_t)cfg->slot_count * QLT_NUS_SEGMENT <
@@ -27,6 +27,7 @@ void qlt_nus_connected(qlt_nus* nus) {
   sw.ack_delay_us = QLT_NUS_ACK_DELAY_MS * 1000u;
   sw.slots = nus->cfg.slots;
   sw.slot_count = nus->cfg.slot_count;
+#if QLT_NUS_WIDE
   if (nus->cfg.wide_storage) {
     sw.wide_role = QLT_SW_ROLE_DEVICE;
     sw.wide_manual_consume = nus->cfg.room ? 1u : 0u;
@@ -37,6 +38,7 @@ void qlt_nus_connected(qlt_nus* nus) {
     sw.value_limit = nus->cfg.value_limit != 0 ? nus->cfg.value_limit : QLT_NUS_VALUE_MAX;
     sw.nonce = nus->cfg.nonce;
   }
+#endif
   (void)qlt_sw_init(&nus->sw, &sw); /* checked by qlt_nus_init */
   nus->held_length = 0;
   nus->unconsumed = 0;
@@ -45,6 +47,7 @@ void qlt_nus_connected(qlt_nus* nus) {
 /* Gives the central back the receive slots of deliveries the application has room behind:
  * the room must cover every slot offered, each a whole segment. */
 static void consume(qlt_nus* nus, uint32_t now_us) {
+#if QLT_NUS_WIDE
   if (nus->unconsumed == 0 || !nus->cfg.room) return;
   while (nus->unconsumed > 0 &&
          nus->cfg.room(nus->cfg.context) >=
@@ -52,6 +55,10 @@ static void consume(qlt_nus* nus, uint32_t now_us) {
     qlt_sw_consume(&nus->sw, 1, now_us);
     nus->unconsumed--;
   }
+#else
+  (void)nus;
+  (void)now_us;
+#endif
 }
 
 /* Offers the held frame, then every frame due, to the stack until it refuses one. */
@@ -72,9 +79,11 @@ static void flush(qlt_nus* nus, uint32_t now_us) {
 }
 
 static void deliver(qlt_nus* nus, const qlt_sw_delivery* d) {
+#if QLT_NUS_WIDE
   qlt_sw_wide_info info;
   qlt_sw_get_wide_info(&nus->sw, &info);
   if (info.receive_extended && nus->cfg.room) nus->unconsumed++;
+#endif
   nus->counters.bytes_received += (uint32_t)d->len;
   nus->cfg.on_bytes(nus->cfg.context, d->payload, d->len);
 }
@@ -103,7 +112,9 @@ void qlt_nus_written(qlt_nus* nus, const uint8_t* value, size_t length, uint32_t
     case QLT_SW_IGNORED:
       break;
   }
+#if QLT_NUS_WIDE
   while (qlt_sw_take_delivery(&nus->sw, &d)) deliver(nus, &d); /* behind a filled gap */
+#endif
   consume(nus, now);
   flush(nus, now);
 }

@@ -49,9 +49,20 @@ extern "C" {
 #define QLT_NUS_SLOTS_BYTES(count) QLT_SW_STORAGE(QLT_NUS_SEGMENT, count)
 /* The longest value the layer writes or holds: ATT_MTU 247 less 3 (one 251-byte PDU). */
 #define QLT_NUS_VALUE_MAX 244u
-/* The kit's examples run the wide window unless built with -DQLT_NUS_WIDE=0. */
+/* The layer and the kit's examples run the wide window unless built with -DQLT_NUS_WIDE=0
+ * (or a core built with QLT_SW_WIDE=0): then the layer leaves its code out, holds frames of
+ * the classic size and refuses a config with wide_storage. */
 #ifndef QLT_NUS_WIDE
-#define QLT_NUS_WIDE 1
+#define QLT_NUS_WIDE QLT_SW_WIDE
+#endif
+#if QLT_NUS_WIDE && !QLT_SW_WIDE
+#error "QLT_NUS_WIDE needs a core built with the wide window (QLT_SW_WIDE)"
+#endif
+/* The longest frame the layer holds for a refusing stack. */
+#if QLT_NUS_WIDE
+#define QLT_NUS_HELD_MAX QLT_NUS_VALUE_MAX
+#else
+#define QLT_NUS_HELD_MAX QLT_SW_FRAME_MAX
 #endif
 /* Send-queue slots that hold a wide send window of `send_slots` segments of `segment` bytes
  * (the queue is the send stream then: QLT_NUS_SLOTS_BYTES of this count). */
@@ -100,9 +111,9 @@ typedef struct qlt_nus {
   qlt_sw sw;
   qlt_nus_config cfg;
   qlt_nus_counters counters;
-  uint8_t held[QLT_NUS_VALUE_MAX]; /* a frame the stack refused, offered again first */
-  uint16_t held_length;            /* 0: none */
-  uint16_t unconsumed;             /* wide deliveries handed over, their slots not offered yet */
+  uint8_t held[QLT_NUS_HELD_MAX]; /* a frame the stack refused, offered again first */
+  uint16_t held_length;           /* 0: none */
+  uint16_t unconsumed;            /* wide deliveries handed over, their slots not offered yet */
 } qlt_nus;
 
 /* Sets the layer up; returns 0, or -1 for an unusable configuration. */

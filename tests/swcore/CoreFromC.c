@@ -32,6 +32,11 @@ int main(void) {
     cfg.ack_delay_us = 1000;
     cfg.slots = slots[i];
     cfg.slot_count = SLOTS;
+#if !QLT_SW_WIDE
+    cfg.wide_role = QLT_SW_ROLE_DEVICE;
+    if (qlt_sw_init(&ends[i], &cfg) == 0) return fail("a core built classic took a wide role");
+    cfg.wide_role = QLT_SW_ROLE_OFF;
+#endif
     if (qlt_sw_init(&ends[i], &cfg) != 0) return fail("init refused a good configuration");
     for (k = 0; k < TOTAL; ++k) sent[i][k] = (uint8_t)(k * 7 + (size_t)i);
   }
