@@ -98,9 +98,15 @@ class QLT_HIDDEN LinkOpener::Impl : public QLT_BLEManagerDidChangedState,
       if (state == QLT_PeripheralStateDisconnected && lastState_ < 0) return;
       lastState_ = state;
       switch (state) {
-        case QLT_PeripheralStateReady:
-          result.outcome = p->linkProblem().empty() ? Outcome::Ready : Outcome::Unusable;
+        case QLT_PeripheralStateReady: {
+          // The problem is read now, not when Ready was reported: a link that dropped since
+          // was ready, and its Disconnected follows to tell the caller it was lost.
+          const QLT_LinkProblem kind = p->linkProblemKind();
+          const bool unusable =
+              kind == QLT_LinkProblem::ServiceTable || kind == QLT_LinkProblem::MtuTooSmall;
+          result.outcome = unusable ? Outcome::Unusable : Outcome::Ready;
           break;
+        }
         case QLT_PeripheralStateDfuInProgress:
           result.outcome = Outcome::NoUartService;
           break;

@@ -55,6 +55,31 @@ TEST_F(ALinkOpener, ReportsReadyAfterTheDelegateAddedWhenFoundHasHeardEveryState
   manager->disconnect(result.peripheral);
 }
 
+// A link that drops just after it became ready was ready: the opener says so (the drop
+// follows as Disconnected), and never calls the link unusable for the drop's sake.
+TEST_F(ALinkOpener, ReportsALinkThatDroppedJustAfterReadyAsReady) {
+  struct DropWhenReady : QLT_PeripheralDidChangeState {
+    std::function<void()> drop;
+    void QLT_Peripheral_didChangeState(const std::shared_ptr<QLT_Peripheral>&,
+                                       int32_t state) override {
+      if (state == QLT_PeripheralStateReady) drop();
+    }
+  };
+  auto dropper = std::make_shared<DropWhenReady>();
+  auto r = request("QLT-Echo");
+  r.onFound = [&](const std::shared_ptr<QLT_Peripheral>& p) {
+    // Heard on the opener's queue before the opener hears Ready: the link is gone by then.
+    dropper->drop = [this, p] {
+      sim.drop("QLT-Echo");
+      ASSERT_TRUE(test::eventually([&] { return !p->linkProblem().empty(); }));
+    };
+    p->addDelegate(dropper, queue);
+    p->moduleQueue()->sync([] {});
+  };
+  const auto result = open(std::move(r));
+  EXPECT_EQ(result.outcome, Outcome::Ready) << result.problem;
+}
+
 TEST_F(ALinkOpener, SaysWhyItFailedAndLeavesNoScanAndNoLinkBehind) {
   auto onlyFind = request("QLT-Echo");
   onlyFind.connect = false;
