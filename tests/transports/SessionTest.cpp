@@ -156,8 +156,8 @@ TEST(ASession, WithARestartedDeviceEndsWithTheBytesInDoubtReportedAndNothingTwic
   ASSERT_LE(got.size(), a.size());
   const size_t missing = a.size() - got.size();
   EXPECT_LE(missing, lost.bytesInDoubt);
-  const size_t prefix = static_cast<size_t>(
-      std::mismatch(got.begin(), got.end(), a.begin()).first - got.begin());
+  const size_t prefix =
+      static_cast<size_t>(std::mismatch(got.begin(), got.end(), a.begin()).first - got.begin());
   EXPECT_TRUE(std::equal(got.begin() + static_cast<long>(prefix), got.end(),
                          a.begin() + static_cast<long>(prefix + missing)))
       << "after the old session's bytes, the new session's follow in order";
