@@ -121,7 +121,8 @@ class SlidingWindow final : public DeviceBehaviour,
                  if (auto l = up->link_.lock()) l->notify(Data(bytes, length));
              },
          .deliverTCP = [weak](const Data& payload) { post(current(weak), payload, true); },
-         .deliverUDP = [weak](const Data& payload) { post(current(weak), payload, false); }});
+         .deliverUDP = [weak](const Data& payload) { post(current(weak), payload, false); },
+         .session = nullptr});
     if (extended_) {
       // The device's end: it answers the central's offer, sized by the same link.
       const LinkParameters& air = owner.parameters();
