@@ -4,22 +4,8 @@
 
 static uint32_t micros(uint32_t now_ms) { return now_ms * 1000u; /* wraps with the core */ }
 
-int qlt_nus_init(qlt_nus* nus, const qlt_nus_config* cfg) {
-  if (!cfg->notify || !cfg->on_bytes || !cfg->slots || cfg->slot_count == 0) return -1;
-  if (cfg->wide_storage &&
-      (!QLT_NUS_WIDE || cfg->value_limit > QLT_NUS_VALUE_MAX || cfg->wide_segment + 3u > QLT_NUS_VALUE_MAX ||
-       cfg->wide_segment < 16u || cfg->wide_send_slots == 0 || cfg->wide_recv_slots == 0 ||
-       cfg->nonce == 0 ||
-       (size_t)cfg->slot_count * QLT_NUS_SEGMENT <
-           (size_t)cfg->wide_segment * cfg->wide_send_slots))
-    return -1;
-  memset(nus, 0, sizeof *nus);
-  nus->cfg = *cfg;
-  qlt_nus_connected(nus);
-  return 0;
-}
-
-void qlt_nus_connected(qlt_nus* nus) {
+/* The core from the config: a new stream. */
+static void start(qlt_nus* nus) {
   qlt_sw_config sw;
   memset(&sw, 0, sizeof sw); /* fields not set here keep the core's defaults */
   sw.segment_size = QLT_NUS_SEGMENT;
@@ -42,6 +28,48 @@ void qlt_nus_connected(qlt_nus* nus) {
   (void)qlt_sw_init(&nus->sw, &sw); /* checked by qlt_nus_init */
   nus->held_length = 0;
   nus->unconsumed = 0;
+}
+
+int qlt_nus_init(qlt_nus* nus, const qlt_nus_config* cfg) {
+  if (!cfg->notify || !cfg->on_bytes || !cfg->slots || cfg->slot_count == 0) return -1;
+  if (cfg->wide_storage &&
+      (!QLT_NUS_WIDE || cfg->value_limit > QLT_NUS_VALUE_MAX || cfg->wide_segment + 3u > QLT_NUS_VALUE_MAX ||
+       cfg->wide_segment < 16u || cfg->wide_send_slots == 0 || cfg->wide_recv_slots == 0 ||
+       cfg->nonce == 0 ||
+       (size_t)cfg->slot_count * QLT_NUS_SEGMENT <
+           (size_t)cfg->wide_segment * cfg->wide_send_slots))
+    return -1;
+  memset(nus, 0, sizeof *nus);
+  nus->cfg = *cfg;
+  start(nus);
+  return 0;
+}
+
+void qlt_nus_connected(qlt_nus* nus) {
+#if QLT_NUS_WIDE
+  if (nus->cfg.wide_storage) {
+    /* The session goes on if the central resumes it; otherwise a new one begins. */
+    qlt_sw_link_up(&nus->sw, 0);
+    nus->held_length = 0; /* deliveries not yet consumed stay with the application */
+    return;
+  }
+#endif
+  start(nus);
+}
+
+void qlt_nus_disconnected(qlt_nus* nus) {
+#if QLT_NUS_WIDE
+  if (nus->cfg.wide_storage) qlt_sw_link_lost(&nus->sw);
+#endif
+  nus->held_length = 0; /* the core sends it again on the next link if it is still owed */
+}
+
+void qlt_nus_forget_session(qlt_nus* nus) {
+#if QLT_NUS_WIDE
+  if (nus->cfg.wide_storage) qlt_sw_forget_session(&nus->sw);
+#else
+  (void)nus;
+#endif
 }
 
 /* Gives the central back the receive slots of deliveries the application has room behind:

@@ -118,9 +118,24 @@ typedef struct qlt_nus {
 
 /* Sets the layer up; returns 0, or -1 for an unusable configuration. */
 int qlt_nus_init(qlt_nus* nus, const qlt_nus_config* cfg);
-/* A new connection (or notifications switched on again): the protocol starts afresh, as
- * the central's does; whatever was queued for the last connection is dropped. */
+/* A new connection (or notifications switched on again). With the wide window the layer
+ * keeps a session across connections: a central that held it resumes the stream where each
+ * end had it (nothing lost, nothing twice); a central that does not begins a new session,
+ * in which the bytes sent on the last connection and never acknowledged are dropped (in
+ * doubt: counted in qlt_nus_protocol_counters' bytes_in_doubt and sessions_lost) and the
+ * bytes queued and never sent go out first. With the classic window alone the protocol
+ * starts afresh, as the central's does, and whatever was queued is dropped. */
 void qlt_nus_connected(qlt_nus* nus);
+/* The connection ended (call it from the stack's disconnect event): the session is held,
+ * nothing is sent until qlt_nus_connected (which does the same for a firmware that does
+ * not call this). */
+void qlt_nus_disconnected(qlt_nus* nus);
+/* Forgets the session held while disconnected, so the next connection begins a new one;
+ * the bytes sent and never acknowledged are then in doubt and dropped, as above. How long
+ * to hold a session is the firmware's choice: call this once that long has passed after
+ * qlt_nus_disconnected (the library's hosts hold theirs 30 s), or when the bytes queued
+ * for the last central must not go to another. No effect while connected. */
+void qlt_nus_forget_session(qlt_nus* nus);
 
 /* The central wrote `value` to the RX characteristic. */
 void qlt_nus_written(qlt_nus* nus, const uint8_t* value, size_t length, uint32_t now_ms);

@@ -305,31 +305,106 @@ bool SlideWindowDriver::sendUDP(const uint8_t* bytes, uint64_t length) {
 void SlideWindowDriver::receive(const Data& value) {
   // Run on the strand in a sync(): on the caller's thread when the strand is free (most of
   // the time), without a hop through the pool, and in order with everything posted before.
-  strand_->sync([this, &value] {
-    trace(false, value.bytes(), value.length());
-    const uint64_t queued = core_.counters.bytes_queued;
-    qlt_sw_delivery d{};
-    qlt_sw_receive(&core_, value.bytes(), value.length(), nowMicros(), &d);
-    settle(queued);
-    answersWait();  // the acknowledgement delay follows the peer's format
-    switch (d.kind) {
-      case QLT_SW_TCP:
-        if (outputs_.deliverTCP) outputs_.deliverTCP(Data(d.payload, d.len));
-        break;
-      case QLT_SW_UDP:
-        if (outputs_.deliverUDP) outputs_.deliverUDP(Data(d.payload, d.len));
-        break;
-      case QLT_SW_IGNORED:
-        QLTLog("Slide window ignored a frame: %s", describeFrame(value.span(), false));
-        break;
-      case QLT_SW_NONE:
-        break;
-    }
-    // Segments held behind a gap that this frame filled follow, in order.
-    while (qlt_sw_take_delivery(&core_, &d) != 0)
-      if (outputs_.deliverTCP) outputs_.deliverTCP(Data(d.payload, d.len));
-    schedule();
+  strand_->sync([this, &value] { receiveOnStrand(value); });
+}
+
+void SlideWindowDriver::receive(const Data& value, uint64_t link) {
+  strand_->sync([this, &value, link] {
+    if (link == link_) receiveOnStrand(value);
   });
+}
+
+void SlideWindowDriver::receiveOnStrand(const Data& value) {
+  if (down_) return;  // the link it came on is gone
+  trace(false, value.bytes(), value.length());
+  const Snapshot before = snapshot();
+  qlt_sw_delivery d{};
+  qlt_sw_receive(&core_, value.bytes(), value.length(), nowMicros(), &d);
+  settle(before);
+  answersWait();  // the acknowledgement delay follows the peer's format
+  switch (d.kind) {
+    case QLT_SW_TCP:
+      if (outputs_.deliverTCP) outputs_.deliverTCP(Data(d.payload, d.len));
+      break;
+    case QLT_SW_UDP:
+      if (outputs_.deliverUDP) outputs_.deliverUDP(Data(d.payload, d.len));
+      break;
+    case QLT_SW_IGNORED:
+      QLTLog("Slide window ignored a frame: %s", describeFrame(value.span(), false));
+      break;
+    case QLT_SW_NONE:
+      break;
+  }
+  // Segments held behind a gap that this frame filled follow, in order.
+  while (qlt_sw_take_delivery(&core_, &d) != 0)
+    if (outputs_.deliverTCP) outputs_.deliverTCP(Data(d.payload, d.len));
+  schedule();
+}
+
+void SlideWindowDriver::linkLost() {
+  onStrand([this] {
+    if (down_) return;
+    down_ = true;
+    qlt_sw_link_lost(&core_);
+    double hold;
+    {
+      std::lock_guard lock(mutex_);
+      hold = holdSeconds_;
+    }
+    lostAt_ = clock_->now();
+    const auto delay = std::chrono::duration_cast<std::chrono::nanoseconds>(
+        std::chrono::duration<double>(std::max(hold, 0.0)));
+    strand_->asyncAfter(
+        delay,
+        [weak = weak_from_this(), link = link_] {
+          auto self = weak.lock();
+          if (self && self->down_ && self->link_ == link) self->forgetOnStrand();
+        },
+        *clock_);
+  });
+}
+
+uint64_t SlideWindowDriver::linkUp() {
+  return onStrandSync([this] {
+    if (!down_) qlt_sw_link_lost(&core_);
+    // A late timer (a busy host) does not stretch the hold time.
+    if (clock_->now() - lostAt_ >= holdTime()) forgetOnStrand();
+    const Snapshot before = snapshot();
+    qlt_sw_link_up(&core_, randomNonce());
+    down_ = false;
+    ++link_;
+    ackDelayWidened_ = false;
+    core_.cfg.ack_delay_us = kAckDelayMicros;
+    settle(before);
+    schedule();
+    return link_;
+  });
+}
+
+uint64_t SlideWindowDriver::link() const {
+  return onStrandSync([this] { return link_; });
+}
+
+void SlideWindowDriver::forgetSession() {
+  strand_->sync([this] {
+    if (down_) forgetOnStrand();
+  });
+}
+
+void SlideWindowDriver::forgetOnStrand() {
+  const Snapshot before = snapshot();
+  qlt_sw_forget_session(&core_);
+  settle(before);
+}
+
+void SlideWindowDriver::setHoldTime(double seconds) {
+  std::lock_guard lock(mutex_);
+  holdSeconds_ = std::max(seconds, 0.0);
+}
+
+double SlideWindowDriver::holdTime() const {
+  std::lock_guard lock(mutex_);
+  return holdSeconds_;
 }
 
 void SlideWindowDriver::feed() {
@@ -345,14 +420,26 @@ void SlideWindowDriver::feed() {
   }
 }
 
-// What the core released since it held `queuedBefore` bytes: the backlog moves up, and the
-// handler hears when nothing is left unacknowledged.
-void SlideWindowDriver::settle(uint64_t queuedBefore) {
-  const uint64_t queued = core_.counters.bytes_queued;
-  if (queued >= queuedBefore) return;
-  const uint64_t released = queuedBefore - queued;
+SlideWindowDriver::Snapshot SlideWindowDriver::snapshot() const {
+  const qlt_sw_counters& k = core_.counters;
+  return {k.bytes_queued, k.bytes_in_doubt, k.sessions_resumed, k.sessions_lost};
+}
+
+// What the core released since `before`: the backlog moves up, the session output hears of
+// a session resumed or lost, and the handler hears when nothing is left unacknowledged. Bytes
+// dropped in doubt leave the count too, but are not acknowledged: they call no handler.
+void SlideWindowDriver::settle(const Snapshot& before) {
+  const Snapshot now = snapshot();
+  const uint64_t doubt = now.inDoubt - before.inDoubt;
+  if (outputs_.session) {
+    if (now.lost != before.lost) outputs_.session(SessionChange{false, doubt});
+    if (now.resumed != before.resumed) outputs_.session(SessionChange{true, 0});
+  }
+  if (now.queued >= before.queued) return;
+  const uint64_t released = before.queued - now.queued;
   feed();
-  if (unacknowledged_.fetch_sub(released, std::memory_order_acq_rel) != released) return;
+  if (unacknowledged_.fetch_sub(released, std::memory_order_acq_rel) != released || doubt > 0)
+    return;
   std::shared_ptr<const std::function<void()>> handler;
   {
     std::lock_guard lock(mutex_);
@@ -364,8 +451,10 @@ void SlideWindowDriver::settle(uint64_t queuedBefore) {
 void SlideWindowDriver::frames(unsigned kinds) {
   std::array<uint8_t, kFrameCapacity> frame;  // NOLINT(cppcoreguidelines-pro-type-member-init)
   size_t n;
+  const Snapshot before = snapshot();  // a negotiation that times out may end the session
   while ((n = qlt_sw_poll_frame_of(&core_, nowMicros(), kinds, frame.data(), frame.size())) > 0)
     write(frame.data(), n);
+  settle(before);
 }
 
 void SlideWindowDriver::pump() {
@@ -463,10 +552,10 @@ void SlideWindowDriver::round() {
 
 void SlideWindowDriver::ackReceived(uint64_t count) {
   strand_->sync([this, count] {
-    const uint64_t queued = core_.counters.bytes_queued;
+    const Snapshot before = snapshot();
     qlt_sw_release(&core_, static_cast<uint32_t>(std::min<uint64_t>(count, UINT32_MAX)),
                    nowMicros());
-    settle(queued);
+    settle(before);
   });
 }
 
@@ -477,9 +566,9 @@ void SlideWindowDriver::initState() {
     backlogHead_ = 0;
     backlogBytes_ = 0;
     unacknowledged_.fetch_sub(backlog, std::memory_order_acq_rel);
-    const uint64_t queued = core_.counters.bytes_queued;
+    const Snapshot before = snapshot();
     qlt_sw_reset_send(&core_);
-    settle(queued);
+    settle(before);
   });
 }
 

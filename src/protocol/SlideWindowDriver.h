@@ -22,6 +22,15 @@
 // driver, in the messages they came in (so each still starts a segment of its own), and
 // go into the core as acknowledgements free its slots: sendTCP has no bound.
 //
+// A dropped link (linkLost, then linkUp for the next one): the core keeps its session, and
+// with the extended window the next link resumes the stream where the peer has it. Between
+// the two nothing is written or taken; a frame received on an earlier link (receive with its
+// link number) never reaches the core once the next one is up: neither format tells a stale
+// frame from a fresh one. After the hold time without a link the session is forgotten: the
+// bytes sent and never acknowledged are then in doubt (they may or may not have arrived).
+// The session output hears whether each new link resumed or began a new session, with the
+// bytes in doubt; those bytes leave unacknowledged() without counting as acknowledged.
+//
 // Outputs run on the strand: frames to write (a datagram on sendUDP's caller's thread, in a
 // sync() on the strand), payloads delivered, and the all-acknowledged handler. The driver holds
 // no lock while it calls them; they may call back into the driver.
@@ -88,13 +97,22 @@ struct ExtendedWindowSettings {
   WindowLink link;  // sizes the segments and the slots (ExtendedWindowSizing)
 };
 
+// What a new link made of the session (SlideWindowDriver::Outputs::session).
+struct SessionChange {
+  bool resumed = false;       // the stream went on where the peer had it
+  uint64_t bytesInDoubt = 0;  // a new session: sent on the old one, never acknowledged, dropped
+};
+
 class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver> {
  public:
   struct Outputs {
     std::function<void(const uint8_t* bytes, size_t length)> write;
     std::function<void(const Data& payload)> deliverTCP;
     std::function<void(const Data& payload)> deliverUDP;
+    std::function<void(const SessionChange& change)> session;
   };
+  // How long a session is held without a link before it is forgotten, seconds.
+  static constexpr double kDefaultHoldSeconds = 30;
   // Segments the core's queue holds; the window needs 3, more lets a burst go out in one
   // round without a trip through the driver's backlog.
   static constexpr uint16_t kQueueSegments = 32;
@@ -122,6 +140,20 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // At once, on the caller's thread: false (and a log line) when length >= segment size.
   bool sendUDP(const uint8_t* bytes, uint64_t length);
   void receive(const Data& value);
+  // A frame received on link number `link` (linkUp's): ignored unless that link is the
+  // current one and up.
+  void receive(const Data& value, uint64_t link);
+
+  // The link is gone: nothing more is written or taken until linkUp. The session is held
+  // for holdTime() seconds, then forgotten.
+  void linkLost();
+  // The next link is up (a new nonce for a session that begins on it); returns its number.
+  uint64_t linkUp();
+  uint64_t link() const;
+  // Forgets the session held now, as when the hold time passes (only while the link is down).
+  void forgetSession();
+  void setHoldTime(double seconds);
+  double holdTime() const;
 
   // One round by hand, or its three steps (what they write goes to the outputs).
   void transfer();
@@ -164,7 +196,13 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   void pump();
   void schedule();
   void arm(uint32_t dueMicros);
-  void settle(uint64_t queuedBefore);
+  struct Snapshot {
+    uint64_t queued, inDoubt, resumed, lost;
+  };
+  Snapshot snapshot() const;
+  void settle(const Snapshot& before);
+  void receiveOnStrand(const Data& value);
+  void forgetOnStrand();
   void write(const uint8_t* bytes, size_t length);
   void trace(bool outgoing, const uint8_t* bytes, size_t length);
   template <class F>
@@ -190,11 +228,15 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   size_t backlogHead_ = 0;    // bytes of backlog_.front() already in the core
   uint64_t backlogBytes_ = 0;
   std::shared_ptr<RoundPacer> pacer_;  // rounds at the core's deadlines, on the strand
+  bool down_ = false;                  // between linkLost and linkUp
+  uint64_t link_ = 0;                  // the current link's number
+  double lostAt_ = 0;                  // when the link went down (clock_)
 
   std::atomic<uint64_t> unacknowledged_{0};
   mutable std::mutex mutex_;
   bool running_ = false;                                  // guarded by mutex_
   bool started_ = false;                                  // guarded by mutex_: ever started
+  double holdSeconds_ = kDefaultHoldSeconds;              // guarded by mutex_
   ExtendedWindowSettings extended_;                       // guarded by mutex_
   std::shared_ptr<const FrameTrace> trace_;               // guarded by mutex_
   std::shared_ptr<const std::function<void()>> drained_;  // guarded by mutex_

@@ -23,7 +23,8 @@ std::shared_ptr<BLESlideWindow> BLESlideWindow::create(std::shared_ptr<Clock> cl
              if (auto self = weak.lock()) self->writeRequest(bytes, length);
            },
        .deliverTCP = deliver(&BLESlideWindowDelegate::slideWindow_tcpDataReceived),
-       .deliverUDP = deliver(&BLESlideWindowDelegate::slideWindow_udpDataReceived)});
+       .deliverUDP = deliver(&BLESlideWindowDelegate::slideWindow_udpDataReceived),
+       .session = nullptr});
   return window;
 }
 

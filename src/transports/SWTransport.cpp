@@ -24,7 +24,8 @@ std::shared_ptr<SWTransport> SWTransport::create(std::shared_ptr<Clock> clock) {
              if (auto self = weak.lock()) self->writeRequest(bytes, length);
            },
        .deliverTCP = deliver(&TransportDelegate::transport_tcpDataReceived),
-       .deliverUDP = deliver(&TransportDelegate::transport_udpDataReceived)});
+       .deliverUDP = deliver(&TransportDelegate::transport_udpDataReceived),
+       .session = nullptr});
   transport->driver_->setAllAcknowledgedHandler([weak] {
     if (auto self = weak.lock()) self->notifyAllAcknowledged();
   });

@@ -1,6 +1,7 @@
 // The firmware's device layer against the core in the central's place, on a virtual clock.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -183,6 +184,27 @@ TEST(TheDeviceLayer, OffersTheWideWindowOnlyAsFarAsTheApplicationHasRoom) {
   qlt_sw_get_wide_info(&link.peer, &info);
   EXPECT_EQ(info.state, QLT_SW_STATE_EXTENDED);
   EXPECT_EQ(info.send_segment, kSegment);
+
+  // The session goes on across connections dropped mid-stream: nothing lost or twice. Once
+  // the device forgets it, the next connection begins a new one.
+  const auto reconnect = [&](uint32_t nonce, bool forget) {
+    for (int i = 0; i < 3000 && app.got.size() < up.size(); ++i, link.step()) {
+      sent += qlt_sw_send(&link.peer, bytes(up) + sent, up.size() - sent);
+      app.held = 0;  // the application keeps up
+      if (i == 5 && nonce < 23) break;
+    }
+    qlt_nus_disconnected(&link.nus);
+    qlt_sw_link_lost(&link.peer);
+    if (forget) qlt_nus_forget_session(&link.nus);
+    qlt_nus_connected(&link.nus);
+    qlt_sw_link_up(&link.peer, nonce);
+  };
+  up += up + up;
+  for (uint32_t nonce = 20; nonce < 24; ++nonce) reconnect(nonce, nonce == 23);
+  for (int i = 0; i < 50; ++i) link.step();
+  EXPECT_TRUE(app.got == up) << app.got.size() << " of " << up.size();
+  EXPECT_EQ(qlt_nus_protocol_counters(&link.nus)->sessions_resumed, 3u);
+  EXPECT_EQ(qlt_sw_get_counters(&link.peer)->sessions_lost, 1u);
 }
 
 }  // namespace

@@ -23,7 +23,8 @@ class DriverEndpoint final : public LinkEndpoint {
                    if (output) output(Data(bytes, length));
                  },
              .deliverTCP = [this](const Data& payload) { deliver(payload); },
-             .deliverUDP = nullptr})) {}
+             .deliverUDP = nullptr,
+             .session = nullptr})) {}
   void sendTCP(std::span<const uint8_t> bytes) override {
     inline_([&] { driver_->sendTCP(bytes.data(), bytes.size()); });
   }

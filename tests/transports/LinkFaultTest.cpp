@@ -96,7 +96,8 @@ struct ByHand {
              wire.push_back(describeFrame({bytes, n}, true).substr(4));  // without the arrow
            },
        .deliverTCP = nullptr,
-       .deliverUDP = nullptr});
+       .deliverUDP = nullptr,
+       .session = nullptr});
   void in(std::vector<uint8_t> frame) { driver->receive(Data(frame)); }
   std::vector<std::string> round(double after = 0) {
     clock->advance(after);

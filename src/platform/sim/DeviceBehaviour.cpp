@@ -28,13 +28,27 @@ class ChunkEcho final : public DeviceBehaviour {
   std::weak_ptr<SimLink> link_;
 };
 
+class SlidingWindow;
+
+// A device's window: its driver on its strand, the behaviour of the link it is on, and how
+// far the source has got. With the extended window it is kept across the device's links (the
+// radio holds it until the device is removed), so the session survives a dropped link; the
+// classic window gets one per link, on the link's device queue.
+struct WindowState {
+  explicit WindowState(std::shared_ptr<DispatchQueue> q) : strand(std::move(q)) {}
+  const std::shared_ptr<DispatchQueue> strand;
+  std::shared_ptr<SlideWindowDriver> driver;  // strand only
+  std::weak_ptr<SlidingWindow> current;       // strand only: the link that is up
+  uint64_t produced = 0;                      // strand only: source bytes queued so far
+};
+
 // Runs the sliding-window core in the device's role, through the same driver as the
-// library's transports, with the device queue as its strand: frames written by the central
-// go to its receive(); the frames it writes go out as notifications. Echoes every payload
-// back (sw-echo), streams a pattern while notifications are on (source), or only
-// acknowledges (sw-sink). The rounds run at the core's deadlines, so a simulated link costs
-// no thread and an idle one no wake-up. Payloads are handled in tasks of their own, after the
-// receive that delivered them.
+// library's transports: frames written by the central go to its receive() (with the number
+// of the link they came on); the frames it writes go out as notifications on the link that is
+// up. Echoes every payload back (sw-echo), streams a pattern while notifications are on
+// (source), or only acknowledges (sw-sink). The rounds run at the core's deadlines, so a
+// simulated link costs no thread and an idle one no wake-up. Payloads are handled in tasks of
+// their own on the window's strand, after the receive that delivered them.
 class SlidingWindow final : public DeviceBehaviour,
                             public std::enable_shared_from_this<SlidingWindow> {
  public:
@@ -48,87 +62,126 @@ class SlidingWindow final : public DeviceBehaviour,
         deviceQueue_(std::move(deviceQueue)) {}
 
   void connected() override {
-    if (driver_) driver_->stop();
-    std::weak_ptr<SlidingWindow> weak = weak_from_this();
     auto owner = link_.lock();
     if (!owner) return;
-    driver_ = SlideWindowDriver::create(
-        {kTcpSegmentSize, kTcpPollTimeout}, owner->clock(), deviceQueue_,
-        {.write =
-             [link = link_](const uint8_t* bytes, size_t length) {
-               if (auto l = link.lock()) l->notify(Data(bytes, length));
-             },
-         .deliverTCP = [weak](const Data& payload) { post(weak, payload, true); },
-         .deliverUDP = [weak](const Data& payload) { post(weak, payload, false); }});
-    if (auto link = link_.lock(); link && extended_) {
-      // The device's end: it answers the central's offer, sized by the same link.
-      const LinkParameters& air = link->parameters();
-      WindowLink facts;
-      facts.valueLimit = link->maxValueLength();
-      facts.intervalMs = air.intervalMs;
-      facts.phyMbps = air.phy == Phy::LE2M ? 2 : 1;
-      facts.dataLength = air.dataLength;
-      driver_->setExtended({.enabled = true, .role = WindowRole::Device, .link = facts});
+    if (extended_) {
+      state_ = std::static_pointer_cast<WindowState>(owner->deviceState([&] {
+        return std::make_shared<WindowState>(DispatchQueue::create(
+            "qlt.sim.window." + owner->config().localName.value_or("unnamed")));
+      }));
+    } else {
+      state_ = std::make_shared<WindowState>(deviceQueue_);
     }
-    driver_->start();
+    state_->strand->sync([&] {
+      state_->current = weak_from_this();
+      if (state_->driver) {
+        linkNumber_ = state_->driver->linkUp();  // the session goes on, or a new one begins
+        return;
+      }
+      state_->driver = makeDriver(*owner);
+      state_->driver->start();
+    });
   }
-  // The source streams while notifications are on: byte i of the link's stream is i mod 251,
-  // sourceBytes in all (0: without end). It keeps kSourceQueued bytes queued in its driver,
-  // topped up as the central's acknowledgements (written frames) release them.
+  // The source streams while notifications are on: byte i of the device's stream is i mod
+  // 251, sourceBytes in all (0: without end). It keeps kSourceQueued bytes queued in its
+  // driver, topped up as the central's acknowledgements (written frames) release them.
   void notificationsChanged(bool enabled) override {
-    streaming_ = enabled;
-    refill();
+    if (!state_) return;
+    state_->strand->async([self = shared_from_this(), enabled] {
+      self->streaming_ = enabled;
+      self->refill();
+    });
   }
   void written(const Data& value) override {
-    if (!driver_) return;
-    driver_->receive(value);  // on the device queue, the driver's strand: at once
-    refill();
-  }
-  void refill() {
-    static constexpr uint64_t kSourceQueued = uint64_t{16} * 1024;
-    if (echo_ || sink_ || !streaming_ || !driver_) return;
-    while (driver_->unacknowledged() < kSourceQueued &&
-           (sourceBytes_ == 0 || produced_ < sourceBytes_)) {
-      const uint64_t n =
-          sourceBytes_ == 0 ? kSourceQueued : std::min(kSourceQueued, sourceBytes_ - produced_);
-      std::vector<uint8_t> pattern(n);
-      for (uint64_t i = 0; i < n; ++i) pattern[i] = static_cast<uint8_t>((produced_ + i) % 251);
-      if (auto link = link_.lock()) link->counters().payloadBytesSent.fetch_add(n);
-      driver_->sendTCP(pattern.data(), pattern.size());
-      produced_ += n;
-    }
+    if (!state_) return;
+    state_->driver->receive(value, linkNumber_);
+    state_->strand->async([self = shared_from_this()] { self->refill(); });
   }
   void disconnected() override {
-    if (driver_) driver_->stop();
-    driver_.reset();
+    if (!state_) return;
+    state_->strand->sync([&] {
+      if (state_->current.lock().get() == this) state_->current.reset();
+      if (extended_) {
+        state_->driver->linkLost();  // held for the next link
+      } else {
+        state_->driver->stop();
+        state_->driver.reset();
+      }
+    });
   }
 
  private:
-  static void post(const std::weak_ptr<SlidingWindow>& weak, const Data& payload, bool tcp) {
-    auto self = weak.lock();
+  std::shared_ptr<SlideWindowDriver> makeDriver(SimLink& owner) {
+    std::weak_ptr<WindowState> weak = state_;
+    auto driver = SlideWindowDriver::create(
+        {kTcpSegmentSize, kTcpPollTimeout}, owner.clock(), state_->strand,
+        {.write =
+             [weak](const uint8_t* bytes, size_t length) {
+               if (auto up = current(weak))
+                 if (auto l = up->link_.lock()) l->notify(Data(bytes, length));
+             },
+         .deliverTCP = [weak](const Data& payload) { post(current(weak), payload, true); },
+         .deliverUDP = [weak](const Data& payload) { post(current(weak), payload, false); },
+         .session = nullptr});
+    if (extended_) {
+      // The device's end: it answers the central's offer, sized by the same link.
+      const LinkParameters& air = owner.parameters();
+      WindowLink facts;
+      facts.valueLimit = owner.maxValueLength();
+      facts.intervalMs = air.intervalMs;
+      facts.phyMbps = air.phy == Phy::LE2M ? 2 : 1;
+      facts.dataLength = air.dataLength;
+      driver->setExtended({.enabled = true, .role = WindowRole::Device, .link = facts});
+    }
+    return driver;
+  }
+  // On the strand: the behaviour of the link that is up.
+  static std::shared_ptr<SlidingWindow> current(const std::weak_ptr<WindowState>& weak) {
+    auto state = weak.lock();
+    return state ? state->current.lock() : nullptr;
+  }
+  // On the strand.
+  void refill() {
+    static constexpr uint64_t kSourceQueued = uint64_t{16} * 1024;
+    auto& driver = state_->driver;
+    if (echo_ || sink_ || !streaming_ || !driver) return;
+    uint64_t& produced = state_->produced;
+    while (driver->unacknowledged() < kSourceQueued &&
+           (sourceBytes_ == 0 || produced < sourceBytes_)) {
+      const uint64_t n =
+          sourceBytes_ == 0 ? kSourceQueued : std::min(kSourceQueued, sourceBytes_ - produced);
+      std::vector<uint8_t> pattern(n);
+      for (uint64_t i = 0; i < n; ++i) pattern[i] = static_cast<uint8_t>((produced + i) % 251);
+      if (auto link = link_.lock()) link->counters().payloadBytesSent.fetch_add(n);
+      driver->sendTCP(pattern.data(), pattern.size());
+      produced += n;
+    }
+  }
+  static void post(const std::shared_ptr<SlidingWindow>& self, const Data& payload, bool tcp) {
     if (!self) return;
-    self->deviceQueue_->async([self, payload, tcp] {
+    self->state_->strand->async([self, payload, tcp] {
       auto link = self->link_.lock();
       if (tcp && link) link->counters().payloadBytesReceived.fetch_add(payload.length());
-      if (!self->echo_ || !self->driver_) return;
+      auto& driver = self->state_->driver;
+      if (!self->echo_ || !driver) return;
       if (!tcp) {
-        self->driver_->sendUDP(payload.bytes(), payload.length());
+        driver->sendUDP(payload.bytes(), payload.length());
         return;
       }
       if (link) link->counters().payloadBytesSent.fetch_add(payload.length());
-      self->driver_->sendTCP(payload.bytes(), payload.length());
+      driver->sendTCP(payload.bytes(), payload.length());
     });
   }
 
   const bool echo_;
   const bool sink_;      // neither echoes nor streams
-  const bool extended_;  // answers an offer of the extended window
+  const bool extended_;  // answers an offer of the extended window, keeps its session
   const uint64_t sourceBytes_;
   const std::weak_ptr<SimLink> link_;
   const std::shared_ptr<DispatchQueue> deviceQueue_;
-  std::shared_ptr<SlideWindowDriver> driver_;  // device queue only; null once disconnected
-  bool streaming_ = false;                     // device queue only: notifications are on
-  uint64_t produced_ = 0;                      // device queue only: source bytes queued so far
+  std::shared_ptr<WindowState> state_;  // set by connected(), on the device queue
+  uint64_t linkNumber_ = 0;             // the driver's number for this link
+  bool streaming_ = false;              // strand only: notifications are on
 };
 
 }  // namespace

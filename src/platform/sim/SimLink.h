@@ -105,6 +105,10 @@ class SimLink : public std::enable_shared_from_this<SimLink> {
   // The largest value one write or notification carries (ATT MTU - 3).
   size_t maxValueLength() const;
   DeviceCounters& counters() { return *counters_; }
+  // What the device's behaviour keeps across its links (SimRadio::Impl::deviceState).
+  std::shared_ptr<void> deviceState(const std::function<std::shared_ptr<void>()>& make) const {
+    return radio_->deviceState(config_.identifier, make);
+  }
 
  private:
   SimLink(std::shared_ptr<SimRadio::Impl> radio, const DeviceView& device, uint64_t connectionIndex,

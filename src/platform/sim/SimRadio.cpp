@@ -81,6 +81,21 @@ void SimRadio::Impl::release(const UUID& identifier, const SimLink* link) {
   if (it != devices.end() && it->second.link.lock().get() == link) it->second.link.reset();
 }
 
+std::shared_ptr<void> SimRadio::Impl::deviceState(
+    const UUID& identifier, const std::function<std::shared_ptr<void>()>& make) {
+  {
+    std::lock_guard lock(mutex);
+    auto it = devices.find(identifier);
+    if (it != devices.end() && it->second.state) return it->second.state;
+  }
+  auto state = make();  // outside the lock: it may start queues
+  std::lock_guard lock(mutex);
+  auto it = devices.find(identifier);
+  if (it == devices.end()) return state;
+  if (!it->second.state) it->second.state = std::move(state);
+  return it->second.state;
+}
+
 void SimRadio::Impl::addCentral(const std::shared_ptr<SimCentral>& central) {
   std::lock_guard lock(mutex);
   std::erase_if(centrals, [](const auto& weak) { return weak.expired(); });
@@ -217,9 +232,15 @@ bool SimRadio::addDevice(const SimDeviceConfig& device) {
 bool SimRadio::removeDevice(const UUID& identifier) {
   auto links = impl_->liveLinks(identifier);
   bool removed = false;
+  std::shared_ptr<void> state;  // released outside the lock
   {
     std::lock_guard lock(impl_->mutex);
-    removed = impl_->devices.erase(identifier) > 0;
+    auto it = impl_->devices.find(identifier);
+    if (it != impl_->devices.end()) {
+      state = std::move(it->second.state);
+      impl_->devices.erase(it);
+      removed = true;
+    }
   }
   for (const auto& link : links) link->lose("the device went away");
   return removed;
@@ -227,9 +248,10 @@ bool SimRadio::removeDevice(const UUID& identifier) {
 
 void SimRadio::removeAllDevices() {
   auto links = impl_->liveLinks();
+  std::map<UUID, Impl::DeviceRecord> gone;  // released outside the lock
   {
     std::lock_guard lock(impl_->mutex);
-    impl_->devices.clear();
+    gone.swap(impl_->devices);
   }
   for (const auto& link : links) link->lose("the device went away");
 }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -54,6 +55,7 @@ struct QLT_HIDDEN SimRadio::Impl {
     SimDeviceConfig config;
     std::shared_ptr<DeviceCounters> counters = std::make_shared<DeviceCounters>();
     std::weak_ptr<SimLink> link;
+    std::shared_ptr<void> state;  // what its behaviour keeps from one link to the next
   };
 
   // The time of everything on this radio: scans, connection delays, the air, the devices.
@@ -78,6 +80,11 @@ struct QLT_HIDDEN SimRadio::Impl {
   // Makes `link` the device's link unless it has a live one; false when busy or gone.
   bool claim(const UUID& identifier, const std::shared_ptr<SimLink>& link);
   void release(const UUID& identifier, const SimLink* link);
+  // What the device's behaviour keeps across its links (its window's session): `make`'s on
+  // the first call, then the same until the device is removed (a device added again starts
+  // afresh). A device no longer present gets a fresh one, kept nowhere.
+  std::shared_ptr<void> deviceState(const UUID& identifier,
+                                    const std::function<std::shared_ptr<void>()>& make);
   void addCentral(const std::shared_ptr<SimCentral>& central);
   std::vector<std::shared_ptr<SimCentral>> liveCentrals();
   // The live links (of all devices, or of one).
