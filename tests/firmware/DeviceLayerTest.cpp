@@ -10,6 +10,17 @@
 
 namespace {
 
+// The central's end: a classic core of 120-byte segments over `count` slots of `slots`.
+qlt_sw_config centralConfig(uint8_t* slots, uint16_t count) {
+  qlt_sw_config c{};
+  c.segment_size = 120;
+  c.poll_timeout_us = 300000;
+  c.ack_delay_us = 1000;
+  c.slots = slots;
+  c.slot_count = count;
+  return c;
+}
+
 using Bytes = std::vector<uint8_t>;
 
 struct Link {
@@ -33,12 +44,7 @@ struct Link {
                              0,
                              0};
     EXPECT_EQ(qlt_nus_init(&nus, &cfg), 0);
-    qlt_sw_config pc{};
-    pc.segment_size = 120;
-    pc.poll_timeout_us = 300000;
-    pc.ack_delay_us = 1000;
-    pc.slots = peerSlots;
-    pc.slot_count = 4;
+    qlt_sw_config pc = centralConfig(peerSlots, 4);
     EXPECT_EQ(qlt_sw_init(&peer, &pc), 0);
   }
   // The stack: refuses when told to; a value offered after a refusal must be the one refused.
@@ -156,12 +162,7 @@ TEST(TheDeviceLayer, OffersTheWideWindowOnlyAsFarAsTheApplicationHasRoom) {
   cfg.wide_send_slots = cfg.wide_recv_slots = kSlots;
   cfg.nonce = 7;
   ASSERT_EQ(qlt_nus_init(&link.nus, &cfg), 0);
-  qlt_sw_config pc{};
-  pc.segment_size = 120;
-  pc.poll_timeout_us = 300000;
-  pc.ack_delay_us = 1000;
-  pc.slots = peerQueue;
-  pc.slot_count = 20;
+  qlt_sw_config pc = centralConfig(peerQueue, 20);
   pc.wide_role = QLT_SW_ROLE_CENTRAL;
   pc.wide_segment = kSegment;
   pc.wide_send_slots = pc.wide_recv_slots = 8;
