@@ -496,7 +496,7 @@ end_idle:
             fi
         :: (k == XSEG || k == XPOLL || k == XACK) && !CAN_TAKE_EXT(e) ->
             /* only to an end that agreed */
-            assert(old)
+            assert(old || CAN_TAKE_EXT(e))
         :: k == XSEG && CAN_TAKE_EXT(e) ->
             /* the device takes it as the confirmation */
             if
@@ -526,7 +526,7 @@ end_idle:
             ackOwed[e] = 1; tokOwed[e] = a
         :: k == XACK && CAN_TAKE_EXT(e) && smode[e] != SEXT ->
             /* only an end whose send direction is extended is answered so */
-            assert(old)
+            assert(old || smode[e] == SEXT)
         :: k == XACK && CAN_TAKE_EXT(e) && smode[e] == SEXT ->
             n = (a + XMOD - SEQ(e, xUna[e])) % XMOD;   /* segments released by `next` */
             m = xUna[e] + n;                            /* their end, as an index */
