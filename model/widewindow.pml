@@ -84,7 +84,11 @@
  * twice the window), -DANNOUNCE (the device writes its ANSWER unasked),
  * -DRESUME_OWN_VIEW (the device resumes from its own acknowledged offset, not
  * the central's received one), -DNO_LINK_FILTER with -DSTALE (a driver hands
- * the core frames of an earlier link).
+ * the core frames of an earlier link).  The core's rules before three fixes
+ * (each must fail too): -DSENT_END_RESET (a drop recomputes sent_end from the
+ * current link alone), -DOFFSETS_FROM_SESSION (a new session's offsets count
+ * from where each end lost its last one), -DANSWER_REPEATS_BOUNDED (a resumed
+ * device that holds its data writes its ANSWER three times at most).
  */
 
 #ifndef NSEG0
