@@ -14,10 +14,19 @@
 #
 # Then the wide window, negotiated (widewindow.pml):
 #   8. safety and progress of the negotiation with data both ways, a classic device,
-#      a classic central, a declining device, a device that restarts (also as a
-#      classic one), the extended window alone with two losses and a slow reader
+#      a classic central, a declining device, the extended window alone with two losses and
+#      a slow reader
 #   9. mutants: a two-way handshake, no drain before switching, a sequence space
 #      smaller than twice the window, a device that answers unasked
+#
+# And the session across dropped links (widewindow.pml with DROPS):
+#  10. safety across two drops (a segment each way, a loss), two drops with a hold time
+#      passing while down, a device that forgets and comes back classic, frames of the old
+#      link refused on the next; progress
+#  11. mutants: a device that resumes from its own offset, a driver that hands the core
+#      frames of an earlier link; and the core's rules before three fixes the model found
+#      (sent_end recomputed at every drop, offsets counted from the session's start, a
+#      resumed device that stops asking after three ANSWERs)
 #
 # Exit status 0 means every check reached its expected verdict.
 # Set KEEP_TMP=1 to keep the work directory (pan sources and trails).
@@ -46,13 +55,15 @@ failures=0
 # run_check NAME EXPECT MODE MODEL_DEFINES...
 #   EXPECT: pass (no error allowed) or a pattern the error report must match
 #   MODE:   safety or progress
+#   opt=-O0 before it: compile pan unoptimised (seconds less for a search of a few
+#   hundred thousand states or fewer)
 run_check() {
     local name=$1 expect=$2 mode=$3
     shift 3
     local dir="check$((++count))"
     mkdir "$dir"
     cp "$model" "$dir/"
-    local cflags=(-O2 "-DMEMLIM=$memlim" ${extra_cflags:-}) runflags=(-m2000000)
+    local cflags=("${opt:--O2}" "-DMEMLIM=$memlim" ${extra_cflags:-}) runflags=(-m2000000)
     if [[ $mode == safety ]]; then
         cflags+=(-DSAFETY)
     else
@@ -144,10 +155,6 @@ run_check "wide: a classic central" \
     pass safety -DNSEG0=0 -DNSEG1=2 -DCLASSIC_CENTRAL
 run_check "wide: a device that declines" \
     pass safety -DNSEG0=1 -DNSEG1=1 -DDEV_DECLINES -DSPURIOUS=0
-run_check "wide: the device restarts" \
-    pass safety -DNSEG0=1 -DNSEG1=1 -DRESTARTS=1 -DSPURIOUS=0 -DDUPS=0
-run_check "wide: the device restarts as a classic one" \
-    pass safety -DNSEG0=1 -DNSEG1=1 -DRESTARTS=1 -DRESTART_CLASSIC -DSPURIOUS=0 -DDUPS=0
 run_check "wide: extended window, 4 segments, 2 losses, 1 duplicate, 1 spurious resend" \
     pass safety -DSTART_EXTENDED -DNSEG0=4 -DLOSS=2
 run_check "wide: extended window, a slow reader (flow control)" \
@@ -162,6 +169,35 @@ run_check "wide mutant: sequence space 3 for a window of 2" \
     'assertion violated .*heldK' safety -DSTART_EXTENDED -DNSEG0=4 -DXMOD=3
 run_check "wide mutant: a device that answers unasked, to a classic central" \
     'assertion violated .*k==5' safety -DNSEG0=0 -DNSEG1=1 -DCLASSIC_CENTRAL -DANNOUNCE
+
+# The session across dropped links: the application takes each delivery at once and the
+# negotiation repeats less (the extended window's flow control and repeats are checked
+# above), so that two drops fit.
+session=(-DEAGER_READER -DSPURIOUS=0 -DOFFERS=2 -DREPEATS=1 -DDUPS=0)
+delivered_once='assertion violated .*(heldK|delivered|sentEnd)'
+run_check "session: resumed across two drops, a segment each way (1 loss)" \
+    pass safety "${session[@]}" -DNSEG0=1 -DNSEG1=1 -DLOSS=1 -DDROPS=2
+run_check "session: two drops, a hold time passes at either end while down" \
+    pass safety "${session[@]}" -DNSEG0=1 -DNSEG1=1 -DLOSS=0 -DDROPS=2 -DFORGETS=1
+opt=-O0 run_check "session: the device forgets and comes back classic (1 loss)" \
+    pass safety "${session[@]}" -DNSEG0=1 -DNSEG1=1 -DLOSS=1 -DDROPS=1 -DFORGETS=1 -DRESTART_CLASSIC
+opt=-O0 run_check "session: frames of the old link arrive on the next and are refused" \
+    pass safety "${session[@]}" -DNSEG0=1 -DNSEG1=1 -DLOSS=0 -DDROPS=1 -DSTALE
+run_check "session: progress across a drop (1 loss)" \
+    pass progress "${session[@]}" -DNSEG0=1 -DNSEG1=1 -DLOSS=1 -DDROPS=1
+opt=-O0 run_check "session mutant: the device resumes from its own acknowledged offset" \
+    "$delivered_once" safety "${session[@]}" -DNSEG0=0 -DNSEG1=2 -DLOSS=0 -DDROPS=1 -DRESUME_OWN_VIEW
+opt=-O0 run_check "session mutant: the driver hands the core a frame of an earlier link" \
+    'assertion violated .*xUna\[e\]<=delivered' safety "${session[@]}" -DNSEG0=2 -DLOSS=0 -DDROPS=1 \
+    -DSTALE -DNO_LINK_FILTER
+opt=-O0 run_check "session, the core's old rule: sent_end recomputed at every drop" \
+    "$delivered_once" safety "${session[@]}" -DNSEG0=0 -DNSEG1=2 -DLOSS=0 -DDROPS=2 -DSENT_END_RESET
+opt=-O0 run_check "session, the core's old rule: offsets counted from the session's start" \
+    'assertion violated' safety "${session[@]}" -DNSEG0=0 -DNSEG1=2 -DLOSS=0 -DDROPS=2 -DFORGETS=1 \
+    -DOFFSETS_FROM_SESSION
+opt=-O0 run_check "session, the core's old rule: a resumed device stops asking after its repeats" \
+    'assertion violated .*nseg\[0\]' safety "${session[@]}" -DNSEG0=0 -DNSEG1=1 -DLOSS=2 -DDROPS=1 \
+    -DANSWER_REPEATS_BOUNDED
 
 if ((failures > 0)); then
     echo "check.sh: $failures check(s) did not reach the expected verdict"

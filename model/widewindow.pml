@@ -1,5 +1,6 @@
 /*
- * The wide window, negotiated: a Promela model of docs/wide-window.md.
+ * The wide window, negotiated, and its session across dropped links: a Promela
+ * model of docs/wide-window.md.
  *
  * Two ends, a central (end 0) and a device (end 1), joined by two FIFO links
  * that may lose frames (budget LOSS) and hand the frame at their head over
@@ -27,8 +28,9 @@
  *   are acknowledged, then extended from the next segment on.
  *
  *   Classic window (simplified: the full rules are slidewindow.pml's): window
- *   3, sequences modulo 4, cumulative acknowledgements of every segment,
- *   the oldest unacknowledged segment sent again when the timer expires.
+ *   3, sequences modulo 4 from 0 on every link, cumulative acknowledgements of
+ *   every segment, the oldest unacknowledged segment sent again when the
+ *   timer expires.
  *
  *   Extended window: sequences modulo XMOD, at most XWIN segments in flight,
  *   a receiver with RSLOTS slots that advertises room (RSLOTS minus what the
@@ -37,30 +39,56 @@
  *   an answer to a poll that leaves out a segment sent before it), POLLs when
  *   quiet, a window edge that never moves back; the application reads at any
  *   moment (-DSLOW_READER: only while the sender is stopped by a closed
- *   window).  SPURIOUS extra retransmissions of any
+ *   window; -DEAGER_READER: at once).  SPURIOUS extra retransmissions of any
  *   segment in flight stand for a retransmission rule that errs: safety must
  *   not depend on the rule being exact.
  *
- *   A restart (budget RESTARTS): the device restarts, the link drops, and a
- *   new one starts: both links are emptied, both ends start afresh
- *   (negotiation and streams); -DRESTART_CLASSIC makes the device come back
- *   classic.  Frames of an old link never reach the new one (the driver's
- *   duty, see docs/wide-window.md).
+ *   The session.  Each end keeps, across links, its stream (segments queued
+ *   and not acknowledged), the session's identity (the two nonces) and the
+ *   core's offsets: `acked` (this end's stream acknowledged in the session),
+ *   `sent_end`, `received` (the peer's stream accepted in the session).  The
+ *   link drops at any moment (budget DROPS, chosen at the start: a run may use
+ *   fewer): both ends end the link (qlt_sw_link_lost), a held session may be
+ *   forgotten (qlt_sw_forget_session, the hold time passed, budget FORGETS;
+ *   -DRESTART_CLASSIC: the device that forgot comes back without the
+ *   extension), and both start the next link (qlt_sw_link_up).  Frames in
+ *   transit are lost with the hosts' queues, or (-DSTALE) handed over on the
+ *   next link, where the driver refuses them by their link number.  On the
+ *   next link the central offers RESUME with its received offset and holds its
+ *   data until the answer or W; the device holding a session holds its data
+ *   until the central's first frame or W, resumes only when the nonces match
+ *   and the offset lies in its acked .. sent_end, answers RESUMED with its own
+ *   received offset and holds its data until confirmed; the central takes
+ *   RESUMED when its offset fits likewise.  Otherwise a new session: the bytes
+ *   sent and not acknowledged are in doubt and dropped, the rest goes on.
  *
  * Timing is abstracted as in slidewindow.pml: a timer (classic resend, POLL)
  * expires only when both links are empty and the peer owes nothing, which
- * keeps polls from piling up.
+ * keeps polls from piling up; the waits W (the central's for an answer, the
+ * device's for the central's first frame) end at any moment.
  *
- * Properties: the delivery assertions; no end receives a frame it did not
- * agree to (an extended frame at a classic end or before agreement, a
- * CONFIRM/DECLINE/ANSWER out of role); nothing released that was not
- * delivered; at the end (global timeout), everything delivered and released;
- * progress (with -DNP): no cycle without a delivery or a release.
+ * Properties: each delivery is the next segment, or the first segment after
+ * a range its sender dropped as in doubt when the delivered one lies in it
+ * (nothing twice, nothing out of order, nothing skipped that was not reported);
+ * a session is lost only with what the peer has between the acknowledged
+ * offset and sent_end (the bytes in doubt are exactly the ones it may or may
+ * not have); no end receives a frame it did not agree to (an extended frame at
+ * a classic end or before agreement, a CONFIRM/DECLINE/ANSWER out of role);
+ * nothing released that was not delivered; at the end (global timeout),
+ * everything released and delivered (up to a range in doubt at the end of a
+ * stream); progress (with -DNP): no cycle without a delivery or a release.
  *
  * Mutants (each must fail): -DTWO_WAY (the device switches on answering,
  * without waiting for CONFIRM), -DNO_DRAIN (extended segments start while
  * classic ones are in flight), -DXMOD=2*XWIN-1 (a sequence space smaller than
- * twice the window), -DANNOUNCE (the device writes its ANSWER unasked).
+ * twice the window), -DANNOUNCE (the device writes its ANSWER unasked),
+ * -DRESUME_OWN_VIEW (the device resumes from its own acknowledged offset, not
+ * the central's received one), -DNO_LINK_FILTER with -DSTALE (a driver hands
+ * the core frames of an earlier link).  The core's rules before three fixes
+ * (each must fail too): -DSENT_END_RESET (a drop recomputes sent_end from the
+ * current link alone), -DOFFSETS_FROM_SESSION (a new session's offsets count
+ * from where each end lost its last one), -DANSWER_REPEATS_BOUNDED (a resumed
+ * device that holds its data writes its ANSWER three times at most).
  */
 
 #ifndef NSEG0
@@ -87,8 +115,11 @@
 #ifndef SPURIOUS
 #define SPURIOUS 1
 #endif
-#ifndef RESTARTS
-#define RESTARTS 0
+#ifndef DROPS
+#define DROPS 0         /* links that drop, at most */
+#endif
+#ifndef FORGETS
+#define FORGETS 0       /* sessions forgotten while the link is down, at most */
 #endif
 #ifndef CAP
 #define CAP 3
@@ -122,32 +153,50 @@
 mtype = { OFFER, ANSWER, CONFIRM, DECLINE, CSEG, CACK, XSEG, XACK, XPOLL };
 
 /* link[0]: central -> device; link[1]: device -> central.  Fields: kind and
- * up to four small numbers (XACK: next, room, map, token; ANSWER: ok). */
+ * up to four small numbers (XACK: next, room, map, token; OFFER: resume,
+ * central nonce, device nonce, received; ANSWER: ok + 2 * resumed, central
+ * nonce, device nonce, received). */
 chan link[2] = [CAP] of { mtype, byte, byte, byte, byte };
+byte stale[2];                   /* frames at the head of link[i] written on an earlier link */
 
 byte losses = LOSS;
 byte dups = DUPS;
 byte spurious = SPURIOUS;
-byte restarts = RESTARTS;
+byte drops, forgets = FORGETS;
+byte linkNo = 1;                 /* the link's number: also the fresh nonce of both ends */
 
 bit  capable[2];
 byte neg[2];
 byte offers, answerRepeats;
 bit  answerOwed, confirmOwed, declineOwed;
+byte offRes, offCn, offDn, offRcv;   /* the central's OFFER on this link */
+byte tookCn, tookRcv, ansA, ansRcv;  /* the device's: the OFFER taken, its ANSWER */
 
-/* sender, per end */
+/* sender, per end; indices into the end's whole stream */
 byte nseg[2];
 byte smode[2];
-byte cUna[2], cNext[2];          /* classic: segment indices */
-byte base[2];                    /* the first extended segment's index */
-byte xUna[2], xNext[2], edge[2]; /* extended: indices */
+byte cUna[2], cNext[2];          /* classic (cUna is the queue's head until extended) */
+byte base[2];                    /* the first segment of this link's sequence 0 */
+byte xUna[2], xNext[2], edge[2]; /* extended */
 byte acked[2];                   /* bit k: segment k acknowledged */
 byte twice[2];                   /* bit k: segment k sent more than once */
 byte stamp[16];                  /* [end * 8 + k]: last transmission's stamp */
 byte ctr[2], seen[2], pollStamp[2];
 
+/* the session, per end */
+bit  sess[2];                    /* an identity is held */
+bit  hold[2];                    /* no data on this link yet */
+bit  resumeOff;                  /* the central's OFFER resumes */
+byte cn[2], dn[2];               /* the identity */
+byte sOrg[2];                    /* segment index where this end's session offsets count from */
+byte sentEnd[2];                 /* sent_end, as an index */
+byte rcv[2];                     /* received: the peer's segments accepted in the session */
+byte rcv0[2];                    /* received when this link began */
+/* ghosts: the last range dropped as in doubt, the most ever sent */
+byte doubtLo[2], doubtHi[2], maxSent[2];
+
 /* receiver, per end (of the peer's stream) */
-byte delivered[2];
+byte delivered[2];               /* the index the application expects next */
 byte cR[2];
 bit  xStarted[2];
 byte rNext[2];                   /* sequence expected */
@@ -158,14 +207,15 @@ bit  ackOwed[2], cackOwed[2];
 byte tokOwed[2];
 
 #define PEER(e) (1 - (e))
+#define HEAD(e) (smode[e] == SEXT -> xUna[e] : cUna[e])
 #define ROOM(e) (RSLOTS - unread[e])
 #define QUIET(e) (len(link[0]) == 0 && len(link[1]) == 0 && !ackOwed[PEER(e)] && \
                   !cackOwed[PEER(e)] && !answerOwed && !confirmOwed && !declineOwed)
 #define CAN_TAKE_EXT(e) ((e == DEV && (neg[DEV] == ANSWERED || neg[DEV] == CONFIRMED)) || \
                          (e == CEN && neg[CEN] == EXTENDED))
 /* A round has something to send (the timers expire only when it has not). */
-#define CAN_SEND_CLASSIC(e) (smode[e] == SCLASSIC && cNext[e] < nseg[e] && cNext[e] - cUna[e] < CWIN && \
-                             (e == DEV || !capable[CEN] || offers > 0))
+#define CAN_SEND_CLASSIC(e) (smode[e] == SCLASSIC && !hold[e] && cNext[e] < nseg[e] && \
+                             cNext[e] - cUna[e] < CWIN && (e == DEV || !capable[CEN] || offers > 0))
 #define CAN_SEND_NEW(e) (smode[e] == SEXT && xNext[e] < nseg[e] && xNext[e] < edge[e] && \
                          xNext[e] - xUna[e] < XWIN)
 #define SEQ(e, k) (((k) - base[e]) % XMOD)
@@ -173,6 +223,8 @@ byte tokOwed[2];
                       stamp[(e) * 8 + (k)] < seen[e])
 #define LOSTANY(e) (ISLOST(e, 0) || ISLOST(e, 1) || ISLOST(e, 2) || ISLOST(e, 3) || \
                     ISLOST(e, 4) || ISLOST(e, 5) || ISLOST(e, 6) || ISLOST(e, 7))
+/* a received offset `r` (of this end's stream) lies in acked .. sent_end */
+#define FITS(e, r) (sOrg[e] + (r) >= cUna[e] && sOrg[e] + (r) <= sentEnd[e])
 
 inline put(e, k, a, b, c, d) {
     if
@@ -189,13 +241,73 @@ inline take(e, k, a, b, c, d) {
     fi
 }
 
-/* Start an end's connection afresh. */
-inline fresh(e) {
-    neg[e] = 0; smode[e] = SCLASSIC; cUna[e] = 0; cNext[e] = 0; base[e] = 0;
-    xUna[e] = 0; xNext[e] = 0; edge[e] = 0; acked[e] = 0; twice[e] = 0;
+/* The application gets segment k: the next one, or the first after a range its
+ * sender dropped as in doubt, when the next one lies in that range. */
+inline deliver(e, k) {
+    assert(k == delivered[e] ||
+           (k > delivered[e] && doubtLo[PEER(e)] <= delivered[e] && k == doubtHi[PEER(e)]));
+    delivered[e] = k + 1;
+    rcv[e]++;
+    got = 1
+}
+
+/* A new segment leaves: the ghost of the most ever sent follows. */
+inline sentNew(e, k) {
+    if :: k + 1 > maxSent[e] -> maxSent[e] = k + 1 :: else -> skip fi
+}
+
+/* The queue's head moves to segment h (nothing of the stream is on the link). */
+inline headAt(e, h) {
+    cUna[e] = h; cNext[e] = h; base[e] = h; xUna[e] = h; xNext[e] = h
+}
+
+/* The session ends: what was sent and not acknowledged is in doubt, and
+ * dropped; what was never sent goes on.  The peer's application has every
+ * segment before the acknowledged offset (or before an earlier range in doubt
+ * that ends there) and none at or after sent_end. */
+inline loseSession(e) {
+    assert(smode[e] == SCLASSIC && cNext[e] == cUna[e] && cUna[e] <= sentEnd[e]);
+    if
+    :: delivered[PEER(e)] < cUna[e] ->
+        /* the peer is still in the last range in doubt, which ends where this one begins */
+        assert(doubtLo[e] <= delivered[PEER(e)] && doubtHi[e] == cUna[e])
+    :: else -> doubtLo[e] = cUna[e]
+    fi;
+    assert(delivered[PEER(e)] <= sentEnd[e] && sentEnd[e] <= maxSent[e]);
+    doubtHi[e] = sentEnd[e];
+    headAt(e, sentEnd[e]);
+    sOrg[e] = sentEnd[e]; rcv[e] = 0; rcv0[e] = 0;
+    sess[e] = 0; hold[e] = 0;
+    if :: e == CEN -> resumeOff = 0 :: else -> skip fi
+}
+
+/* The session goes on: the peer has `r` of this end's stream. */
+inline resumeAt(e, r) {
+#ifdef RESUME_OWN_VIEW
+    if :: e == DEV -> sentEnd[e] = cUna[e] :: else -> sentEnd[e] = sOrg[e] + r fi;
+#else
+    sentEnd[e] = sOrg[e] + r;
+#endif
+    headAt(e, sentEnd[e])
+}
+
+/* The link is gone (qlt_sw_link_lost): sent_end is what was sent; the
+ * classic window and the extended one start again, with the queue kept;
+ * held out-of-order segments go, accepted ones stay. */
+inline linkDown(e) {
+    n = (smode[e] == SEXT -> xNext[e] : cNext[e]);
+#ifdef SENT_END_RESET
+    sentEnd[e] = n;
+#else
+    /* what an earlier link sent stays sent (the link may drop before resuming) */
+    if :: n > sentEnd[e] -> sentEnd[e] = n :: else -> skip fi;
+#endif
+    m = HEAD(e); headAt(e, m); m = 0;
+    n = 0;
+    neg[e] = 0; smode[e] = SCLASSIC; edge[e] = 0; acked[e] = 0; twice[e] = 0;
     ctr[e] = 0; seen[e] = 0; pollStamp[e] = 0;
-    delivered[e] = 0; cR[e] = 0; xStarted[e] = 0; rNext[e] = 0; held[e] = 0;
-    unread[e] = 0; lastEdge[e] = RSLOTS; ackOwed[e] = 0; cackOwed[e] = 0; tokOwed[e] = 0;
+    cR[e] = 0; xStarted[e] = 0; rNext[e] = 0; held[e] = 0;
+    lastEdge[e] = delivered[e] + ROOM(e); ackOwed[e] = 0; cackOwed[e] = 0; tokOwed[e] = 0;
     i = 0;
     do
     :: i < 8 -> stamp[e * 8 + i] = 0; heldK[e * 8 + i] = 0; i++
@@ -204,7 +316,36 @@ inline fresh(e) {
     i = 0
 }
 
+/* The next link is up (qlt_sw_link_up): without a session, what was sent on
+ * the old link and not acknowledged is in doubt. */
+inline linkUp(e) {
+    if :: !sess[e] && sentEnd[e] != cUna[e] -> loseSession(e) :: else -> skip fi;
+#ifndef OFFSETS_FROM_SESSION
+    /* a session that begins on this link counts its offsets from the link's start */
+    if :: !sess[e] -> sOrg[e] = cUna[e]; rcv[e] = 0 :: else -> skip fi;
+    rcv0[e] = rcv[e];
+#endif
+    hold[e] = sess[e];
+    if :: e == CEN -> resumeOff = sess[CEN] :: else -> skip fi
+}
+
+inline forget(e) {
+    if :: sess[e] -> loseSession(e) :: else -> skip fi
+}
+
+/* A new session begins on this link: what this end accepted of the peer's
+ * stream on it is the peer's new stream (the peer counts it too). */
+inline newSession(e) {
+#ifdef OFFSETS_FROM_SESSION
+    forget(e);
+#else
+    n = rcv[e] - rcv0[e]; forget(e); rcv[e] = n; rcv0[e] = 0; n = 0;
+#endif
+    sess[e] = 1
+}
+
 inline startSwitch(e) {
+    hold[e] = 0;
 #ifdef NO_DRAIN
     smode[e] = SEXT; base[e] = cNext[e]; xUna[e] = base[e]; xNext[e] = base[e];
     edge[e] = base[e] + RSLOTS
@@ -220,24 +361,30 @@ inline resend(e, k) {
     i = 0
 }
 
-/* Deliver the held run from rNext on. */
+/* Accept the held run from rNext on. */
 inline deliverRun(e) {
     do
     :: (held[e] >> rNext[e]) & 1 ->
-        assert(heldK[e * 8 + rNext[e]] == delivered[e]);
-        delivered[e]++;
+        deliver(e, heldK[e * 8 + rNext[e]]);
+#ifndef EAGER_READER
         unread[e]++;
+#endif
         held[e] = held[e] & ~(1 << rNext[e]);
-        rNext[e] = (rNext[e] + 1) % XMOD;
-        got = 1
+        rNext[e] = (rNext[e] + 1) % XMOD
     :: else -> break
     od
+}
+
+/* The central takes the device's ANSWER on this link. */
+inline takeAnswer() {
+    sess[CEN] = 1; cn[CEN] = offCn; dn[CEN] = c;
+    neg[CEN] = EXTENDED; confirmOwed = 1; startSwitch(CEN)
 }
 
 proctype End(byte e) {
     mtype k;
     byte a, b, c, d, d2, i, m, n;
-    bit got, rel;
+    bit got, rel, old;
     byte p = PEER(e);
 
 end_idle:
@@ -245,75 +392,117 @@ end_idle:
     /* ---------- a frame from the peer ---------- */
     :: atomic {
         nempty(link[p]) ->
-        take(p, k, a, b, c, d);
         if
-        :: !capable[e] ->
+        :: stale[p] > 0 ->
+            /* written on an earlier link: the driver refuses it by its number */
+            stale[p]--; link[p]?k, a, b, c, d; old = 1;
+#ifndef NO_LINK_FILTER
+            k = 0
+#endif
+        :: else -> take(p, k, a, b, c, d)
+        fi;
+        if
+        :: k != 0 && !capable[e] && !old ->
             /* a classic end: only classic frames, and OFFERs at a device */
             assert(k == CSEG || k == CACK || (k == OFFER && e == DEV))
         :: else -> skip
         fi;
         if
+        :: k != 0 && e == DEV && neg[DEV] == WAITING && hold[DEV] && k != OFFER ->
+            forget(DEV)          /* a central that is not resuming: a new stream */
+        :: else -> skip
+        fi;
+        if
         :: k == OFFER && capable[e] ->
-            assert(e == DEV);
+            assert(e == DEV || old);
             if
-            :: neg[DEV] == WAITING ->
+            :: e == CEN -> skip  /* unsolicited */
+            :: e == DEV && neg[DEV] == WAITING ->
 #ifdef DEV_DECLINES
-                neg[DEV] = DECLINED;
+                forget(DEV); neg[DEV] = DECLINED; ansA = 0;
 #else
+                tookCn = b; tookRcv = d;
+                if
+                :: a && sess[DEV] && b == cn[DEV] && c == dn[DEV] && FITS(DEV, d) ->
+                    resumeAt(DEV, d); ansA = 3; ansRcv = rcv[DEV]; hold[DEV] = 1
+                :: else ->
+                    newSession(DEV); cn[DEV] = b; dn[DEV] = linkNo;
+                    ansA = 1; ansRcv = 0
+                fi;
                 neg[DEV] = ANSWERED;
 #ifdef TWO_WAY
                 startSwitch(DEV);
 #endif
 #endif
                 answerOwed = 1
-            :: neg[DEV] != WAITING -> answerOwed = 1
-            fi
-        :: k == ANSWER ->
-            assert(e == CEN && capable[CEN] && offers > 0);
-            if
-            :: neg[CEN] == OFFERING && a -> neg[CEN] = EXTENDED; confirmOwed = 1; startSwitch(CEN)
-            :: neg[CEN] == OFFERING && !a -> neg[CEN] = CLASSIC
-            :: neg[CEN] == EXTENDED && a -> confirmOwed = 1
-            :: neg[CEN] == CLASSIC && a -> declineOwed = 1
+            :: e == DEV && neg[DEV] != WAITING && neg[DEV] != CONFIRMED && b == tookCn &&
+               d == tookRcv ->
+                answerOwed = 1   /* the same OFFER: the same ANSWER */
             :: else -> skip
             fi
-        :: k == CONFIRM ->
-            assert(e == DEV && capable[DEV]);
+        :: k == ANSWER ->
+            assert(old || (e == CEN && capable[CEN] && offers > 0));
             if
-            :: neg[DEV] == ANSWERED -> neg[DEV] = CONFIRMED;
+            :: e == CEN && capable[CEN] && offers > 0 ->
+                if
+                :: neg[CEN] == OFFERING && b == offCn && (a & 1) == 0 ->
+                    forget(CEN); neg[CEN] = CLASSIC
+                :: neg[CEN] == OFFERING && b == offCn && (a & 1) && (a & 2) == 0 ->
+                    newSession(CEN); takeAnswer()
+                :: neg[CEN] == OFFERING && b == offCn && (a & 1) && (a & 2) &&
+                   resumeOff && c == dn[CEN] && FITS(CEN, d) ->
+                    resumeAt(CEN, d); takeAnswer()
+                :: neg[CEN] == OFFERING && b == offCn && (a & 1) && (a & 2) &&
+                   !(resumeOff && c == dn[CEN] && FITS(CEN, d)) ->
+                    /* contradictory: both treat the session as lost */
+                    forget(CEN); neg[CEN] = CLASSIC; declineOwed = 1
+                :: neg[CEN] == OFFERING && b != offCn -> skip
+                :: neg[CEN] == EXTENDED && b == offCn && c == dn[CEN] -> confirmOwed = 1
+                :: neg[CEN] == EXTENDED && !(b == offCn && c == dn[CEN]) -> skip
+                :: neg[CEN] == CLASSIC -> declineOwed = 1
+                fi
+            :: else -> skip   /* unsolicited */
+            fi
+        :: k == CONFIRM ->
+            assert(old || (e == DEV && capable[DEV]));
+            if
+            :: e == DEV && neg[DEV] == ANSWERED -> neg[DEV] = CONFIRMED;
 #ifndef TWO_WAY
                 startSwitch(DEV)
 #endif
             :: else -> skip
             fi
         :: k == DECLINE ->
-            assert(e == DEV && capable[DEV]);
-            assert(neg[DEV] != CONFIRMED);
+            assert(old || (e == DEV && capable[DEV] && neg[DEV] != CONFIRMED));
             if
-            :: neg[DEV] == ANSWERED -> neg[DEV] = DECLINED
+            :: e == DEV && neg[DEV] == ANSWERED ->
+                hold[DEV] = 0;
+                if :: ansA & 2 -> forget(DEV) :: else -> skip fi;
+                neg[DEV] = DECLINED
             :: else -> skip
             fi
         :: k == CSEG ->
             if
             :: xStarted[e] -> skip     /* classic copies after the switch */
             :: !xStarted[e] && a == cR[e] ->
-                assert(b == delivered[e]);
-                delivered[e]++; got = 1;
+                deliver(e, b);
                 cR[e] = (cR[e] + 1) % CMOD; cackOwed[e] = 1
             :: !xStarted[e] && a != cR[e] -> cackOwed[e] = 1
             fi
         :: k == CACK ->
             /* in the window: from cUna up to cNext */
-            n = (a + CMOD - cUna[e] % CMOD) % CMOD;
+            n = (a + CMOD - (cUna[e] - base[e]) % CMOD) % CMOD;
             if
-            :: n > 0 && n <= cNext[e] - cUna[e] ->
+            :: smode[e] != SEXT && n > 0 && n <= cNext[e] - cUna[e] ->
                 cUna[e] = cUna[e] + n; rel = 1;
                 assert(cUna[e] <= delivered[p])
             :: else -> skip
             fi
-        :: k == XSEG ->
-            /* only to an end that agreed; the device takes it as the confirmation */
-            assert(CAN_TAKE_EXT(e));
+        :: (k == XSEG || k == XPOLL || k == XACK) && !CAN_TAKE_EXT(e) ->
+            /* only to an end that agreed */
+            assert(old || CAN_TAKE_EXT(e))
+        :: k == XSEG && CAN_TAKE_EXT(e) ->
+            /* the device takes it as the confirmation */
             if
             :: e == DEV && neg[DEV] == ANSWERED -> neg[DEV] = CONFIRMED;
 #ifndef TWO_WAY
@@ -330,8 +519,7 @@ end_idle:
                 deliverRun(e)
             fi;
             ackOwed[e] = 1
-        :: k == XPOLL ->
-            assert(CAN_TAKE_EXT(e));
+        :: k == XPOLL && CAN_TAKE_EXT(e) ->
             if
             :: e == DEV && neg[DEV] == ANSWERED -> neg[DEV] = CONFIRMED;
 #ifndef TWO_WAY
@@ -340,9 +528,10 @@ end_idle:
             :: else -> skip
             fi;
             ackOwed[e] = 1; tokOwed[e] = a
-        :: k == XACK ->
+        :: k == XACK && CAN_TAKE_EXT(e) && smode[e] != SEXT ->
             /* only an end whose send direction is extended is answered so */
-            assert(smode[e] == SEXT);
+            assert(old || smode[e] == SEXT)
+        :: k == XACK && CAN_TAKE_EXT(e) && smode[e] == SEXT ->
             n = (a + XMOD - SEQ(e, xUna[e])) % XMOD;   /* segments released by `next` */
             m = xUna[e] + n;                            /* their end, as an index */
             /* map bits for segments never sent make the ACK contradictory */
@@ -383,9 +572,9 @@ end_idle:
                 fi
             :: else -> skip   /* outside the window, or contradictory */
             fi
-        :: else -> skip       /* a classic end ignores control types 3-7 */
+        :: else -> skip       /* refused, or a classic end ignores control types 3-7 */
         fi;
-        k = 0; a = 0; b = 0; c = 0; d = 0; d2 = 0; n = 0; m = 0
+        k = 0; a = 0; b = 0; c = 0; d = 0; d2 = 0; n = 0; m = 0; old = 0
        }
         if
         :: got -> got = 0;
@@ -400,28 +589,58 @@ progress_release:
     /* ---------- negotiation writes ---------- */
     :: atomic {
         e == CEN && capable[CEN] && neg[CEN] == OFFERING && offers < OFFERS ->
-        offers++; put(CEN, OFFER, 0, 0, 0, 0)
+        if
+        :: offers == 0 ->   /* the terms are fixed by the first */
+            offRes = resumeOff; offCn = (sess[CEN] -> cn[CEN] : linkNo);
+            offDn = (resumeOff -> dn[CEN] : 0); offRcv = (resumeOff -> rcv[CEN] : 0)
+        :: else -> skip
+        fi;
+        offers++; put(CEN, OFFER, offRes, offCn, offDn, offRcv)
        }
-    :: atomic { e == CEN && capable[CEN] && neg[CEN] == OFFERING && offers > 0 -> neg[CEN] = CLASSIC }
+    :: atomic {
+        /* the wait W is over: a classic device, or none that answered */
+        e == CEN && capable[CEN] && neg[CEN] == OFFERING && offers > 0 ->
+        forget(CEN); neg[CEN] = CLASSIC
+       }
     :: atomic { e == CEN && confirmOwed -> confirmOwed = 0; put(CEN, CONFIRM, 0, 0, 0, 0) }
     :: atomic { e == CEN && declineOwed -> declineOwed = 0; put(CEN, DECLINE, 0, 0, 0, 0) }
     :: atomic {
         e == DEV && answerOwed ->
-        answerOwed = 0; put(DEV, ANSWER, neg[DEV] != DECLINED, 0, 0, 0)
+        answerOwed = 0; put(DEV, ANSWER, ansA, tookCn, dn[DEV], ansRcv)
        }
-    :: atomic { e == DEV && neg[DEV] == ANSWERED && answerRepeats < REPEATS -> answerRepeats++; answerOwed = 1 }
+    :: atomic {
+        /* the ANSWER again, some time after the last one was written */
+        e == DEV && neg[DEV] == ANSWERED && !answerOwed && answerRepeats < REPEATS ->
+        answerRepeats++; answerOwed = 1
+       }
+#ifndef ANSWER_REPEATS_BOUNDED
+    :: atomic {
+        /* a resumed device holds its data for the answer: it asks again, on a quiet
+         * link, for as long as it takes */
+        e == DEV && neg[DEV] == ANSWERED && hold[DEV] && answerRepeats >= REPEATS && QUIET(e) ->
+        answerOwed = 1
+       }
+#endif
+    :: atomic {
+        /* the device's wait W for the central's first frame is over: a new stream */
+        e == DEV && neg[DEV] == WAITING && hold[DEV] -> forget(DEV)
+       }
 #ifdef ANNOUNCE
-    :: atomic { e == DEV && capable[DEV] && neg[DEV] == WAITING -> neg[DEV] = ANSWERED; answerOwed = 1 }
+    :: atomic {
+        e == DEV && capable[DEV] && neg[DEV] == WAITING ->
+        neg[DEV] = ANSWERED; ansA = 1; answerOwed = 1
+       }
 #endif
 
     /* ---------- the classic send direction ---------- */
     :: atomic {
         CAN_SEND_CLASSIC(e) ->
-        put(e, CSEG, cNext[e] % CMOD, cNext[e], 0, 0); cNext[e]++
+        put(e, CSEG, (cNext[e] - base[e]) % CMOD, cNext[e], 0, 0); cNext[e]++;
+        sentNew(e, cNext[e] - 1)
        }
     :: atomic {
         smode[e] != SEXT && cNext[e] > cUna[e] && QUIET(e) && !CAN_SEND_CLASSIC(e) ->
-        put(e, CSEG, cUna[e] % CMOD, cUna[e], 0, 0)
+        put(e, CSEG, (cUna[e] - base[e]) % CMOD, cUna[e], 0, 0)
        }
     :: atomic {
         smode[e] == SDRAIN && cUna[e] == cNext[e] ->
@@ -457,7 +676,8 @@ progress_release:
         CAN_SEND_NEW(e) ->
         ctr[e]++; stamp[e * 8 + xNext[e]] = ctr[e];
         put(e, XSEG, SEQ(e, xNext[e]), xNext[e], 0, 0);
-        xNext[e]++
+        xNext[e]++;
+        sentNew(e, xNext[e] - 1)
        }
     :: atomic {
         /* the poll: something in flight (it takes a stamp: what was sent before it
@@ -505,21 +725,35 @@ progress_release:
         fi
        }
 
-    /* ---------- the device restarts; a new link ---------- */
+    /* ---------- the link drops; the next one ---------- */
     :: atomic {
-        e == DEV && restarts > 0 ->
-        restarts--;
-        do
+        e == DEV && drops > 0 ->
+        drops--;
+        linkDown(CEN); linkDown(DEV);
+#ifdef STALE
+        stale[0] = len(link[0]); stale[1] = len(link[1]);
+#else
+        do   /* the hosts' queues go with the link */
         :: nempty(link[0]) -> link[0]?k, a, b, c, d
         :: nempty(link[1]) -> link[1]?k, a, b, c, d
         :: empty(link[0]) && empty(link[1]) -> break
         od;
         k = 0; a = 0; b = 0; c = 0; d = 0;
-        fresh(CEN); fresh(DEV);
-        offers = 0; answerRepeats = 0; answerOwed = 0; confirmOwed = 0; declineOwed = 0;
-#ifdef RESTART_CLASSIC
-        capable[DEV] = 0
 #endif
+        /* while it is down, a hold time may pass */
+        if
+        :: forgets > 0 -> forgets--; forget(DEV);
+#ifdef RESTART_CLASSIC
+            capable[DEV] = 0;
+#endif
+            skip
+        :: forgets > 0 -> forgets--; forget(CEN)
+        :: true -> skip
+        fi;
+        linkUp(CEN); linkUp(DEV);
+        linkNo++;
+        offers = 0; answerRepeats = 0; answerOwed = 0; confirmOwed = 0; declineOwed = 0;
+        offRes = 0; offCn = 0; offDn = 0; offRcv = 0; tookCn = 0; tookRcv = 0; ansA = 0; ansRcv = 0
        }
     od
 }
@@ -540,13 +774,23 @@ init {
         neg[CEN] = EXTENDED; neg[DEV] = CONFIRMED; offers = 1;
         smode[CEN] = SEXT; smode[DEV] = SEXT;
         edge[CEN] = RSLOTS; edge[DEV] = RSLOTS;
+        sess[CEN] = 1; sess[DEV] = 1; cn[CEN] = 1; cn[DEV] = 1; dn[CEN] = 1; dn[DEV] = 1;
+        offCn = 1; tookCn = 1; ansA = 1;
 #endif
+        /* how many times the link drops in this run (a stuck run is one that used them) */
+        do
+        :: drops < DROPS -> drops++
+        :: break
+        od;
         run End(CEN);
         run End(DEV)
     };
     timeout ->
-    /* nothing can move any more: every segment delivered and released */
-    assert(delivered[DEV] == nseg[CEN] && delivered[CEN] == nseg[DEV]);
-    assert(cUna[CEN] + xUna[CEN] - base[CEN] == nseg[CEN]);
-    assert(cUna[DEV] + xUna[DEV] - base[DEV] == nseg[DEV])
+    /* nothing can move any more: every segment released, and delivered unless it
+     * was in doubt at the end of the stream */
+    assert(HEAD(CEN) == nseg[CEN] && HEAD(DEV) == nseg[DEV]);
+    assert(delivered[DEV] == nseg[CEN] ||
+           (doubtHi[CEN] == nseg[CEN] && delivered[DEV] >= doubtLo[CEN]));
+    assert(delivered[CEN] == nseg[DEV] ||
+           (doubtHi[DEV] == nseg[DEV] && delivered[CEN] >= doubtLo[DEV]))
 }

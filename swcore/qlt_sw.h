@@ -216,9 +216,10 @@ typedef struct qlt_sw_ext {
   uint32_t last_now; /* the latest time the core was told */
   /* Session: its identity; cfg.nonce is this end's half for the next new one. */
   uint32_t central_nonce, device_nonce;
-  uint32_t acked;    /* bytes of this end's stream acknowledged in the session */
-  uint32_t received; /* bytes of the peer's stream accepted in the session */
-  uint32_t in_doubt; /* bytes in doubt when the last session was lost */
+  uint32_t acked;         /* bytes of this end's stream acknowledged in the session */
+  uint32_t received;      /* bytes of the peer's stream accepted in the session */
+  uint32_t in_doubt;      /* bytes in doubt when the last session was lost */
+  uint32_t link_received; /* `received` when this link began (0 after a session was lost) */
 } qlt_sw_ext;
 
 /* The state. Defined here so that a firmware can allocate it statically; its fields are

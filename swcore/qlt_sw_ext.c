@@ -52,10 +52,20 @@ static void lose_session(qlt_sw* sw) {
   sw->counters.bytes_in_doubt += doubt;
   ++sw->counters.sessions_lost;
   sw->ext.session = 0;
-  sw->ext.acked = sw->ext.sent_end = sw->ext.received = 0;
+  sw->ext.acked = sw->ext.sent_end = sw->ext.received = sw->ext.link_received = 0;
   sw->ext.hold_data = 0;
   sw->ext.resume = 0;
   qlt_swi_trace(sw, QLT_SW_EV_SESSION_LOST, doubt, 0);
+}
+
+/* A new session begins on this link. Its offsets count from the link's start at both ends:
+ * what this end accepted of the peer's stream on it (a device that forgot its session
+ * writes before its ANSWER arrives) is already the peer's new stream. */
+static void begin_session(qlt_sw* sw) {
+  const uint32_t got = sw->ext.received - sw->ext.link_received;
+  if (sw->ext.session) lose_session(sw);
+  sw->ext.received = got;
+  sw->ext.session = 1;
 }
 
 /* A session that resumes: the peer has `peer_received` of our stream. Returns 0 when that
@@ -92,6 +102,7 @@ static void begin_link(qlt_sw* sw) {
   memset(&e->peer, 0, sizeof e->peer);
   qlt_swi_win_reset(sw);
   e->hold_data = e->session;
+  e->link_received = e->received;
   if (is_central(sw)) {
     e->resume = e->session;
     e->owe_nego = QLT_SW_WIDE_OFFER;
@@ -170,8 +181,7 @@ static void central_answer(qlt_sw* sw, const qlt_sw_wide_terms* a, uint32_t now)
               (!e->resume || a->device_nonce != e->device_nonce || !resume_at(sw, a->received)))) {
     qlt_swi_fault(sw, QLT_SW_FAULT_CONTRADICTORY);
   } else {
-    if (!(a->flags & QLT_SW_WIDE_FLAG_RESUME) && e->session) lose_session(sw);
-    e->session = 1;
+    if (!(a->flags & QLT_SW_WIDE_FLAG_RESUME)) begin_session(sw);
     e->central_nonce = e->mine.central_nonce;
     e->device_nonce = a->device_nonce;
     agree(sw, a);
@@ -219,8 +229,7 @@ static void device_offer(qlt_sw* sw, const qlt_sw_wide_terms* o) {
     e->mine.received = e->received;
     e->hold_data = 1; /* until CONFIRM: the stream goes on extended */
   } else {
-    if (e->session) lose_session(sw);
-    e->session = 1;
+    begin_session(sw);
     e->central_nonce = offer.central_nonce;
     e->device_nonce = sw->cfg.nonce;
   }
@@ -314,8 +323,9 @@ size_t qlt_swi_ext_first(qlt_sw* sw, uint32_t now, uint8_t* out, size_t cap) {
     } else if (e->repeats > 0 && e->repeats < OFFERS && since >= w / OFFERS * e->repeats) {
       e->owe_nego = QLT_SW_WIDE_OFFER;
     }
-  } else if (e->state == QLT_SW_STATE_ANSWERED && e->repeats < ANSWERS &&
+  } else if (e->state == QLT_SW_STATE_ANSWERED && (e->repeats < ANSWERS || e->hold_data) &&
              qlt_swi_left(now, e->nego_at, sw->rto) == 0) {
+    /* A resumed device holds its data until the answer: it asks until one comes. */
     e->owe_nego = QLT_SW_WIDE_ANSWER;
   } else if (e->state == QLT_SW_STATE_WAITING && e->hold_data &&
              qlt_swi_left(now, e->nego_at, w) == 0) {
@@ -364,7 +374,7 @@ uint32_t qlt_swi_ext_due(const qlt_sw* sw, uint32_t now) {
   if (e->state == QLT_SW_STATE_OFFERING) {
     const unsigned k = e->repeats < OFFERS ? e->repeats : OFFERS;
     d = qlt_swi_left(now, e->nego_at, k < OFFERS ? w / OFFERS * k : w);
-  } else if (e->state == QLT_SW_STATE_ANSWERED && e->repeats < ANSWERS) {
+  } else if (e->state == QLT_SW_STATE_ANSWERED && (e->repeats < ANSWERS || e->hold_data)) {
     d = qlt_swi_left(now, e->nego_at, sw->rto);
   } else if (e->state == QLT_SW_STATE_WAITING && e->hold_data) {
     d = qlt_swi_left(now, e->nego_at, w);
@@ -404,8 +414,11 @@ size_t qlt_sw_frame_max(const qlt_sw* sw) {
 
 void qlt_sw_link_lost(qlt_sw* sw) {
   qlt_sw_ext* e = &sw->ext;
+  uint32_t end;
   if (e->state == QLT_SW_STATE_LINK_DOWN) return;
-  e->sent_end = e->acked + unacknowledged(sw);
+  end = e->acked + unacknowledged(sw);
+  /* What an earlier link sent stays sent (in doubt) if this one dropped before resuming. */
+  if (end - e->sent_end < 0x80000000u) e->sent_end = end;
   e->send_mode = e->recv_mode = 0;
   qlt_swi_classic_restart(sw);
   qlt_swi_win_reset(sw);
@@ -417,6 +430,8 @@ void qlt_sw_link_up(qlt_sw* sw, uint32_t nonce) {
   if (nonce) sw->cfg.nonce = nonce;
   /* Nothing to resume: what was sent on the old link is in doubt. */
   if (!sw->ext.session && sw->ext.sent_end != sw->ext.acked) lose_session(sw);
+  /* A session that begins on the new link counts its offsets from its start. */
+  if (!sw->ext.session) sw->ext.acked = sw->ext.sent_end = sw->ext.received = 0;
   if (!sw->cfg.wide_role) {
     sw->ext.state = QLT_SW_STATE_OFF;
     return;
