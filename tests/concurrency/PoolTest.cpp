@@ -13,6 +13,7 @@
 
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/HANDLE.h"
+#include "concurrency/ThreadPool.h"
 #include "support/TestSupport.h"
 
 using namespace qlt;
@@ -158,4 +159,29 @@ TEST(APool, RunsManyQueuesOfShortTasksOnAFewWorkers) {
   ASSERT_TRUE(test::eventually([&] { return chains == 0; }));
   EXPECT_GT(hops.load(), 10 * kQueues);
   EXPECT_LE(most, 2 * DispatchQueue::poolLimits().running);
+}
+
+// The worker woken for a caller is one that slept on the caller's CPU (where the kernel
+// starts it without waking an idle CPU), the latest such, so that the rest of the stack
+// stays asleep and retires; without one, or with the CPU unknown, the top of the stack.
+TEST(APool, WakesTheLatestWorkerThatSleptOnTheCallersCpu) {
+  struct Idle {
+    detail::SleptOn slept;
+  };
+  const auto stack = [](std::vector<detail::SleptOn> slept) {
+    std::vector<std::shared_ptr<Idle>> idle;
+    for (auto s : slept) idle.push_back(std::make_shared<Idle>(Idle{s}));
+    return idle;
+  };
+  const auto woken = [](std::vector<std::shared_ptr<Idle>>& idle, int cpu) {
+    return detail::idleToWake(idle, cpu) - idle.begin();
+  };
+  // Bottom first: never slept, twice on 0, once on 0 (on 1 before), twice on 1, once on 2.
+  auto idle = stack({{-1, -1}, {0, 0}, {0, 1}, {0, 1}, {1, 1}, {2, 0}});
+  EXPECT_EQ(woken(idle, 0), 1);   // twice on the CPU goes before the latest once
+  EXPECT_EQ(woken(idle, 1), 4);   // the latest on it; not those that slept there only before
+  EXPECT_EQ(woken(idle, 5), 5);   // no worker slept there: the top
+  EXPECT_EQ(woken(idle, -1), 5);  // unknown is no CPU, not the never-slept worker's
+  idle = stack({{1, 0}, {1, 0}, {0, 1}});
+  EXPECT_EQ(woken(idle, 1), 1);  // of those once on the CPU, the latest
 }
