@@ -95,6 +95,23 @@ class PlainQueueThread {
   std::thread thread_;
 };
 
+// The same burst as asyncThroughput's on the plain queue thread, the figure to beat.
+void BM_PlainThreadThroughput(benchmark::State& state) {
+  constexpr int kTasks = 20000;
+  PlainQueueThread plain;
+  for (auto _ : state) {
+    std::atomic<int> left{kTasks};
+    std::promise<void> done;
+    for (int i = 0; i < kTasks; ++i) {
+      plain.async([&] {
+        if (left.fetch_sub(1) == 1) done.set_value();
+      });
+    }
+    done.get_future().wait();
+  }
+  state.SetItemsProcessed(state.iterations() * kTasks);
+}
+
 // One start: microseconds from `submit` (which hands a task over) to the task starting,
 // whether it started on the CPU the submitter was on, and the thread it ran on.
 struct Start {
@@ -314,6 +331,7 @@ void BM_IdleWorkerCost(benchmark::State& state) {
 
 }  // namespace
 
+BENCHMARK(BM_PlainThreadThroughput)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_AsyncThroughputOneQueue)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_AsyncThroughputEightQueues)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_AsyncLatency)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();

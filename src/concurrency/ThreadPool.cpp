@@ -116,7 +116,7 @@ std::shared_ptr<ThreadPool::Worker> ThreadPool::wakeLocked(int cpu) {
   const auto it = spinner_ != nullptr
                       ? std::find_if(idle_.begin(), idle_.end(),
                                      [&](const auto& w) { return w.get() == spinner_; })
-                      : idleToWake(idle_, cpu);
+                      : idleToWake(idle_, cpu, kCpuDepth);
   spinner_ = nullptr;
   std::shared_ptr<Worker> worker = std::move(*it);
   idle_.erase(it);

@@ -38,8 +38,9 @@ struct SleptOn {
 };
 
 // Of a stack of idle workers (each with a `slept`; the last went idle last), the one to
-// wake for a thread on `cpu` (-1: unknown): the latest that slept on `cpu` the last two
-// times, else the last time, else the top one. Returns an iterator into `idle`, not empty.
+// wake for a thread on `cpu` (-1: unknown): of the top `depth`, the latest that slept on
+// `cpu` the last two times, else the last time; else the top one. Returns an iterator into
+// `idle`, not empty. Only the top few: the workers further down stay asleep and retire.
 //
 // Why the CPU: Linux wakes a thread on the CPU it slept on when that CPU is idle, else on
 // the one it used before that when that one is idle, else near the waker
@@ -50,11 +51,13 @@ struct SleptOn {
 // the CPU the submitter was not on. When no idle worker slept on the caller's CPU (a burst
 // that kept that CPU busy can leave them all on another), the top one still starts there.
 template <class Stack>
-auto idleToWake(Stack& idle, int cpu) {
+auto idleToWake(Stack& idle, int cpu, size_t depth) {
   const auto latest = [&](auto matches) {
-    const auto found = std::find_if(idle.rbegin(), idle.rend(),
-                                    [&](const auto& worker) { return matches(worker->slept); });
-    return found == idle.rend() ? idle.end() : std::prev(found.base());
+    const auto from = idle.rbegin();
+    const auto to = idle.size() > depth ? from + static_cast<ptrdiff_t>(depth) : idle.rend();
+    const auto found =
+        std::find_if(from, to, [&](const auto& worker) { return matches(worker->slept); });
+    return found == to ? idle.end() : std::prev(found.base());
   };
   auto it = idle.end();
   if (cpu >= 0) {
@@ -72,6 +75,8 @@ class ThreadPool {
   static constexpr auto kStallAfter = std::chrono::milliseconds(10);
   // How long the top idle worker spins for the next task before it sleeps.
   static constexpr auto kSpin = std::chrono::microseconds(50);
+  // How far down the idle stack a worker that slept on the caller's CPU is looked for.
+  static constexpr size_t kCpuDepth = 4;
 
   static ThreadPool& shared();
 
