@@ -1,5 +1,6 @@
 // Foundation benchmarks: serial-queue throughput and latency (beside a plain mutex and
-// condition-variable queue thread in the same run), the bytes of an idle queue and of a
+// condition-variable queue thread in the same run; the latency also counts the starts on
+// the submitter's CPU and the threads that ran them), the bytes of an idle queue and of a
 // timer, how soon a fresh task starts beside CPU-bound, event-waiting and blocked tasks
 // (beside an idle pool), and the cost of an idle transport worker beside a bare thread that
 // only sleeps 1 ms per round.
