@@ -42,14 +42,16 @@ struct SleptOn {
 // `cpu` the last two times, else the last time; else the top one. Returns an iterator into
 // `idle`, not empty. Only the top few: the workers further down stay asleep and retire.
 //
-// Why the CPU: Linux wakes a thread on the CPU it slept on when that CPU is idle, else on
-// the one it used before that when that one is idle, else near the waker
-// (kernel/sched/fair.c: wake_affine_idle(), select_idle_sibling()). A worker that slept
-// on the caller's CPU twice starts there once the caller waits, rather than on an idle
-// CPU that has to wake up first (15-20 µs of a 20 µs start on a 2-CPU virtual machine).
-// By the stack alone the worker stayed where a burst of work had left it, typically on
-// the CPU the submitter was not on. When no idle worker slept on the caller's CPU (a burst
-// that kept that CPU busy can leave them all on another), the top one still starts there.
+// Why the CPU: Linux wakes a thread on the CPU it slept on when that CPU is idle; when it
+// is busy, on the thread's recently used CPU if that one is idle, else near the waker
+// (kernel/sched/fair.c: wake_affine_idle(), select_idle_sibling() and its
+// recent_used_cpu). A worker that slept on the caller's CPU starts there as soon as the
+// caller waits, rather than on an idle CPU that has to wake up first (15-20 µs of a
+// 20 µs start on a 2-CPU virtual machine); one that slept there twice in a row is the
+// likelier to have it as its recent CPU too. By the stack alone the worker stayed where
+// a burst of work had left it, typically on the CPU the submitter was not on. When no
+// idle worker near the top slept on the caller's CPU (a burst that kept that CPU busy can
+// leave them all on another), the top one still starts where it slept.
 template <class Stack>
 auto idleToWake(Stack& idle, int cpu, size_t depth) {
   const auto latest = [&](auto matches) {
