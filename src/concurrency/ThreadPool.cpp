@@ -79,7 +79,10 @@ size_t ThreadPool::threads() {
 }
 
 void ThreadPool::schedule(std::shared_ptr<QueueImpl> queue) {
-  const int cpu = currentCpu();
+  // A worker that slept on the caller's CPU, for a caller outside the pool: such a thread
+  // typically waits for what it queued, leaving its CPU to the worker, where a pool worker
+  // goes on with its own queue and the worker woken would wait behind it.
+  const int cpu = tWorker == nullptr ? currentCpu() : -1;
   std::vector<std::thread> finished;
   std::shared_ptr<Worker> woken;  // keeps the worker alive until it is notified
   {

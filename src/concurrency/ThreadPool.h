@@ -2,13 +2,13 @@
 // (limits, what counts as blocked) is stated in DispatchQueue.h.
 //
 // Idle workers wait on a stack, each on a wake-up of its own. A queue that gets work goes
-// to the ready list and takes a worker off the stack, the one that went idle last on the
-// caller's CPU, else the top one (its stack and caches still warm), and wakes it;
-// whichever worker comes first takes the queue, and a woken worker that finds nothing goes
-// back on top. A wake-up is never lost or counted twice, and the workers at the bottom of
-// the stack stay asleep and retire, so the pool shrinks to what the work needs. The worker
-// on top spins briefly before it sleeps (one at a time), so a task that comes right after
-// another skips the kernel's wake-up.
+// to the ready list and takes a worker off the stack, for a caller outside the pool the
+// one that went idle last on its CPU, else the top one (its stack and caches still warm),
+// and wakes it; whichever worker comes first takes the queue, and a woken worker that
+// finds nothing goes back on top. A wake-up is never lost or counted twice, and the
+// workers at the bottom of the stack stay asleep and retire, so the pool shrinks to what
+// the work needs. The worker on top spins briefly before it sleeps (one at a time), so a
+// task that comes right after another skips the kernel's wake-up.
 #pragma once
 
 #include <sys/types.h>
