@@ -38,8 +38,8 @@ bool threadIsAsleep(pid_t tid) {
 
 pid_t currentTid() { return static_cast<pid_t>(::syscall(SYS_gettid)); }
 
-// The CPU the calling thread runs on now, -1 if unknown. With glibc this reads the kernel's
-// rseq area, no system call.
+// The CPU the calling thread runs on now, -1 if unknown. With glibc 2.35 or later this
+// reads the kernel's rseq area, no system call.
 int currentCpu() {
 #ifdef __linux__
   return sched_getcpu();
