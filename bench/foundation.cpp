@@ -1,5 +1,6 @@
 // Foundation benchmarks: serial-queue throughput and latency (beside a plain mutex and
-// condition-variable queue thread in the same run), the bytes of an idle queue and of a
+// condition-variable queue thread in the same run; the latency also counts the starts on
+// the submitter's CPU and the threads that ran them), the bytes of an idle queue and of a
 // timer, how soon a fresh task starts beside CPU-bound, event-waiting and blocked tasks
 // (beside an idle pool), and the cost of an idle transport worker beside a bare thread that
 // only sleeps 1 ms per round.
@@ -7,6 +8,7 @@
 //   build/default/bench/qlt_foundation
 #include <benchmark/benchmark.h>
 #include <pthread.h>
+#include <sched.h>
 #include <time.h>
 
 #include <algorithm>
@@ -16,6 +18,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -41,21 +44,27 @@ double threadCpuSeconds(pthread_t t) {
   return ts.tv_sec + ts.tv_nsec / 1e9;
 }
 
-void asyncThroughput(benchmark::State& state, int queues) {
-  std::vector<std::shared_ptr<DispatchQueue>> qs;
-  for (int i = 0; i < queues; ++i) qs.push_back(DispatchQueue::create("bench"));
+// Bursts of 20,000 empty tasks handed over by `submit(i, task)`, each burst waited for.
+template <class Submit>
+void burst(benchmark::State& state, Submit submit) {
   constexpr int kTasks = 20000;
   for (auto _ : state) {
     std::atomic<int> left{kTasks};
     std::promise<void> done;
     for (int i = 0; i < kTasks; ++i) {
-      qs[i % queues]->async([&] {
+      submit(i, [&] {
         if (left.fetch_sub(1) == 1) done.set_value();
       });
     }
     done.get_future().wait();
   }
   state.SetItemsProcessed(state.iterations() * kTasks);
+}
+
+void asyncThroughput(benchmark::State& state, int queues) {
+  std::vector<std::shared_ptr<DispatchQueue>> qs;
+  for (int i = 0; i < queues; ++i) qs.push_back(DispatchQueue::create("bench"));
+  burst(state, [&](int i, auto task) { qs[i % queues]->async(task); });
 }
 
 void BM_AsyncThroughputOneQueue(benchmark::State& state) { asyncThroughput(state, 1); }
@@ -93,21 +102,63 @@ class PlainQueueThread {
   std::thread thread_;
 };
 
-// Microseconds from `submit` (which hands a task over) to the task starting.
+// The same bursts on the plain queue thread, the figure to beat.
+void BM_PlainThreadThroughput(benchmark::State& state) {
+  PlainQueueThread plain;
+  burst(state, [&](int, auto task) { plain.async(task); });
+}
+
+// One start: microseconds from `submit` (which hands a task over) to the task starting,
+// whether it started on the CPU the submitter was on, and the thread it ran on.
+struct Start {
+  double us;
+  bool sameCpu;
+  std::thread::id thread;
+};
+
 template <class Submit>
-double startLatencyUs(Submit submit) {
-  std::promise<std::chrono::steady_clock::time_point> started;
+Start startLatency(Submit submit) {
+  struct Seen {
+    std::chrono::steady_clock::time_point at;
+    int cpu;
+    std::thread::id thread;
+  };
+  std::promise<Seen> started;
+  const int cpu = sched_getcpu();
   const auto t0 = std::chrono::steady_clock::now();
-  submit([&] { started.set_value(std::chrono::steady_clock::now()); });
-  const double us =
-      std::chrono::duration<double, std::micro>(started.get_future().get() - t0).count();
+  submit([&] {
+    started.set_value(
+        {std::chrono::steady_clock::now(), sched_getcpu(), std::this_thread::get_id()});
+  });
+  const Seen seen = started.get_future().get();
   std::this_thread::sleep_for(20us);  // the queue goes idle again
-  return us;
+  return {std::chrono::duration<double, std::micro>(seen.at - t0).count(), seen.cpu == cpu,
+          seen.thread};
 }
 
 std::pair<double, double> p50p99(std::vector<double> us) {
   std::sort(us.begin(), us.end());
   return {us[us.size() / 2], us[us.size() * 99 / 100]};
+}
+
+// p50 and p99 of the starts, the share that started on the submitter's CPU (where no idle
+// CPU has to wake up), and how many threads ran them.
+void report(benchmark::State& state, const std::string& prefix, const std::vector<Start>& starts) {
+  std::vector<double> us;
+  std::vector<std::thread::id> threads;
+  size_t sameCpu = 0;
+  for (const Start& s : starts) {
+    us.push_back(s.us);
+    sameCpu += s.sameCpu ? 1 : 0;
+    if (std::find(threads.begin(), threads.end(), s.thread) == threads.end()) {
+      threads.push_back(s.thread);
+    }
+  }
+  const auto [p50, p99] = p50p99(us);
+  state.counters[prefix + "p50_us"] = p50;
+  state.counters[prefix + "p99_us"] = p99;
+  state.counters[prefix + "same_cpu"] = double(sameCpu) / double(starts.size());
+  state.counters[prefix + "threads"] = double(threads.size());
 }
 
 // From async() on an idle queue to the task starting, beside the plain queue thread, their
@@ -117,17 +168,13 @@ void BM_AsyncLatency(benchmark::State& state) {
   auto q = DispatchQueue::create("latency");
   PlainQueueThread plain;
   for (auto _ : state) {
-    std::vector<double> queue, baseline;
+    std::vector<Start> queue, baseline;
     for (int i = 0; i < 5000; ++i) {
-      queue.push_back(startLatencyUs([&](auto task) { q->async(task); }));
-      baseline.push_back(startLatencyUs([&](auto task) { plain.async(task); }));
+      queue.push_back(startLatency([&](auto task) { q->async(task); }));
+      baseline.push_back(startLatency([&](auto task) { plain.async(task); }));
     }
-    const auto [p50, p99] = p50p99(queue);
-    const auto [b50, b99] = p50p99(baseline);
-    state.counters["p50_us"] = p50;
-    state.counters["p99_us"] = p99;
-    state.counters["plain_p50_us"] = b50;
-    state.counters["plain_p99_us"] = b99;
+    report(state, "", queue);
+    report(state, "plain_", baseline);
     state.counters["pool_threads"] = double(DispatchQueue::poolThreads());
   }
 }
@@ -280,6 +327,7 @@ void BM_IdleWorkerCost(benchmark::State& state) {
 
 }  // namespace
 
+BENCHMARK(BM_PlainThreadThroughput)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_AsyncThroughputOneQueue)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_AsyncThroughputEightQueues)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_AsyncLatency)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -1,5 +1,6 @@
 #include "ThreadPool.h"
 
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -37,6 +38,16 @@ bool threadIsAsleep(pid_t tid) {
 
 pid_t currentTid() { return static_cast<pid_t>(::syscall(SYS_gettid)); }
 
+// The CPU the calling thread runs on now, -1 if unknown. With glibc 2.35 or later this
+// reads the kernel's rseq area, no system call.
+int currentCpu() {
+#ifdef __linux__
+  return sched_getcpu();
+#else
+  return -1;
+#endif
+}
+
 // One step of a spin-wait: tells the CPU (and a hyperthread sibling) that we only wait.
 inline void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -68,6 +79,10 @@ size_t ThreadPool::threads() {
 }
 
 void ThreadPool::schedule(std::shared_ptr<QueueImpl> queue) {
+  // A worker that slept on the caller's CPU, for a caller outside the pool: such a thread
+  // typically waits for what it queued, leaving its CPU to the worker, where a pool worker
+  // goes on with its own queue and the worker woken would wait behind it.
+  const int cpu = tWorker == nullptr ? currentCpu() : -1;
   std::vector<std::thread> finished;
   std::shared_ptr<Worker> woken;  // keeps the worker alive until it is notified
   {
@@ -76,7 +91,7 @@ void ThreadPool::schedule(std::shared_ptr<QueueImpl> queue) {
     if (ready_.size() <= waking_) {
       // Workers woken before will take it: each takes the front of the list.
     } else if (!idle_.empty() && threads_ - idle_.size() - blocked_ < 2 * onDemand_) {
-      woken = wakeLocked();
+      woken = wakeLocked(cpu);
     } else if (idle_.empty() && threads_ - blocked_ < onDemand_ && threads_ < kMaxThreads) {
       spawnLocked();
     } else {
@@ -97,14 +112,15 @@ void ThreadPool::requeue(std::shared_ptr<QueueImpl> queue) {
   ready_.push_back(std::move(queue));
 }
 
-std::shared_ptr<ThreadPool::Worker> ThreadPool::wakeLocked() {
-  // The spinning worker if there is one (no kernel wake-up), else the one that went idle
-  // last. It takes the front of the ready list, or, when a worker that finished first took
-  // that, goes back to the top of the stack.
-  Worker* chosen = spinner_ != nullptr ? spinner_ : idle_.back().get();
+std::shared_ptr<ThreadPool::Worker> ThreadPool::wakeLocked(int cpu) {
+  // The spinning worker if there is one (no kernel wake-up), else the idle one for `cpu`.
+  // It takes the front of the ready list, or, when a worker that finished first took that,
+  // goes back to the top of the stack.
+  const auto it = spinner_ != nullptr
+                      ? std::find_if(idle_.begin(), idle_.end(),
+                                     [&](const auto& w) { return w.get() == spinner_; })
+                      : idleToWake(idle_, cpu, kCpuDepth);
   spinner_ = nullptr;
-  const auto it =
-      std::find_if(idle_.begin(), idle_.end(), [&](const auto& w) { return w.get() == chosen; });
   std::shared_ptr<Worker> worker = std::move(*it);
   idle_.erase(it);
   worker->idle = false;
@@ -194,7 +210,7 @@ void ThreadPool::monitor() {
     size_t add = runnable == 0 ? ready_.size() : asleep + (runnable < 2 * onDemand_ ? 1 : 0);
     for (; add > 0 && !ready_.empty(); --add) {
       if (!idle_.empty()) {
-        if (auto worker = wakeLocked()) worker->wake.notify_one();
+        if (auto worker = wakeLocked(-1)) worker->wake.notify_one();
       } else if (threads_ < kMaxThreads) {
         spawnLocked();
       } else {
@@ -264,6 +280,7 @@ bool ThreadPool::waitForWork(const std::shared_ptr<Worker>& worker,
     lock.lock();
     if (spinner_ == &self) spinner_ = nullptr;  // else schedule() took us and cleared it
   }
+  self.slept = {currentCpu(), self.slept.last};
   while (!self.woken) {
     self.sleeping = true;
     const bool woken =

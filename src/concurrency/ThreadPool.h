@@ -2,21 +2,24 @@
 // (limits, what counts as blocked) is stated in DispatchQueue.h.
 //
 // Idle workers wait on a stack, each on a wake-up of its own. A queue that gets work goes
-// to the ready list and takes the worker that went idle last off the stack (its stack and
-// caches still warm) and wakes it; whichever worker comes first takes the queue, and a
-// woken worker that finds nothing goes back on top. A wake-up is never lost or counted
-// twice, and the workers at the bottom of the stack stay asleep and retire, so the pool
-// shrinks to what the work needs. The worker on top spins briefly before it sleeps (one
-// at a time), so a task that comes right after another skips the kernel's wake-up.
+// to the ready list and takes a worker off the stack, for a caller outside the pool the
+// one that went idle last on its CPU, else the top one (its stack and caches still warm),
+// and wakes it; whichever worker comes first takes the queue, and a woken worker that
+// finds nothing goes back on top. A wake-up is never lost or counted twice, and the
+// workers at the bottom of the stack stay asleep and retire, so the pool shrinks to what
+// the work needs. The worker on top spins briefly before it sleeps (one at a time), so a
+// task that comes right after another skips the kernel's wake-up.
 #pragma once
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -28,6 +31,44 @@ namespace qlt::detail {
 
 class QueueImpl;
 
+// The CPUs an idle worker went to sleep on, the last time and the time before; -1 unknown.
+struct SleptOn {
+  int last = -1;
+  int before = -1;
+};
+
+// Of a stack of idle workers (each with a `slept`; the last went idle last), the one to
+// wake for a thread on `cpu` (-1: unknown): of the top `depth`, the latest that slept on
+// `cpu` the last two times, else the last time; else the top one. Returns an iterator into
+// `idle`, not empty. Only the top few: the workers further down stay asleep and retire.
+//
+// Why the CPU: Linux wakes a thread on the CPU it slept on when that CPU is idle; when it
+// is busy, on the thread's recently used CPU if that one is idle, else near the waker
+// (kernel/sched/fair.c: wake_affine_idle(), select_idle_sibling() and its
+// recent_used_cpu). A worker that slept on the caller's CPU starts there as soon as the
+// caller waits, rather than on an idle CPU that has to wake up first (15-20 µs of a
+// 20 µs start on a 2-CPU virtual machine); one that slept there twice in a row is the
+// likelier to have it as its recent CPU too. By the stack alone the worker stayed where
+// a burst of work had left it, typically on the CPU the submitter was not on. When no
+// idle worker near the top slept on the caller's CPU (a burst that kept that CPU busy can
+// leave them all on another), the top one still starts where it slept.
+template <class Stack>
+auto idleToWake(Stack& idle, int cpu, size_t depth) {
+  const auto latest = [&](auto matches) {
+    const auto from = idle.rbegin();
+    const auto to = idle.size() > depth ? from + static_cast<ptrdiff_t>(depth) : idle.rend();
+    const auto found =
+        std::find_if(from, to, [&](const auto& worker) { return matches(worker->slept); });
+    return found == to ? idle.end() : std::prev(found.base());
+  };
+  auto it = idle.end();
+  if (cpu >= 0) {
+    it = latest([&](SleptOn s) { return s.last == cpu && s.before == cpu; });
+    if (it == idle.end()) it = latest([&](SleptOn s) { return s.last == cpu; });
+  }
+  return it != idle.end() ? it : std::prev(idle.end());
+}
+
 class ThreadPool {
  public:
   static constexpr size_t kMaxThreads = 1024;
@@ -36,6 +77,8 @@ class ThreadPool {
   static constexpr auto kStallAfter = std::chrono::milliseconds(10);
   // How long the top idle worker spins for the next task before it sleeps.
   static constexpr auto kSpin = std::chrono::microseconds(50);
+  // How far down the idle stack a worker that slept on the caller's CPU is looked for.
+  static constexpr size_t kCpuDepth = 4;
 
   static ThreadPool& shared();
 
@@ -65,6 +108,7 @@ class ThreadPool {
     bool blocked = false;              // inside a library wait; guarded by mutex_
     int blockDepth = 0;                // touched by the worker's own thread only
     bool woken = false;                // taken off the idle stack to run; guarded by mutex_
+    SleptOn slept;                     // guarded by mutex_
     std::atomic<bool> hasWork{false};  // `woken` is set: what a spinning worker watches
     std::condition_variable wake;
     // steady_clock ticks when its current task began; 0 between tasks (see taskBegins).
@@ -76,7 +120,7 @@ class ThreadPool {
   void spawnLocked();
   // Takes a worker off the idle stack to look at the ready list; returns it when it sleeps
   // (the caller notifies it, best outside the lock).
-  std::shared_ptr<Worker> wakeLocked();
+  std::shared_ptr<Worker> wakeLocked(int cpu);
   void monitor();
   void work(const std::shared_ptr<Worker>& worker);
   // Puts `self` on the idle stack and returns once it was woken (true) or should retire

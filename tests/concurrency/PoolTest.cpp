@@ -13,6 +13,7 @@
 
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/HANDLE.h"
+#include "concurrency/ThreadPool.h"
 #include "support/TestSupport.h"
 
 using namespace qlt;
@@ -158,4 +159,32 @@ TEST(APool, RunsManyQueuesOfShortTasksOnAFewWorkers) {
   ASSERT_TRUE(test::eventually([&] { return chains == 0; }));
   EXPECT_GT(hops.load(), 10 * kQueues);
   EXPECT_LE(most, 2 * DispatchQueue::poolLimits().running);
+}
+
+// The worker woken for a caller is one near the top of the idle stack that slept on the
+// caller's CPU (where the kernel starts it without waking an idle CPU), the latest such;
+// the workers further down stay asleep and retire. Without one, or with the CPU unknown,
+// the top of the stack.
+TEST(APool, WakesTheLatestWorkerThatSleptOnTheCallersCpu) {
+  struct Idle {
+    detail::SleptOn slept;
+  };
+  const auto stack = [](std::vector<detail::SleptOn> slept) {
+    std::vector<std::shared_ptr<Idle>> idle;
+    for (auto s : slept) idle.push_back(std::make_shared<Idle>(Idle{s}));
+    return idle;
+  };
+  const auto woken = [](std::vector<std::shared_ptr<Idle>>& idle, int cpu, size_t depth) {
+    return detail::idleToWake(idle, cpu, depth) - idle.begin();
+  };
+  // Bottom first: never slept, twice on 0, once on 0 (on 1 before), twice on 1, once on 2.
+  auto idle = stack({{-1, -1}, {0, 0}, {0, 1}, {0, 1}, {1, 1}, {2, 0}});
+  EXPECT_EQ(woken(idle, 0, 6), 1);   // twice on the CPU goes before the latest once
+  EXPECT_EQ(woken(idle, 0, 4), 3);   // ... within the depth looked at
+  EXPECT_EQ(woken(idle, 0, 2), 5);   // none there: the top
+  EXPECT_EQ(woken(idle, 1, 6), 4);   // the latest on it; not those that slept there only before
+  EXPECT_EQ(woken(idle, 5, 6), 5);   // no worker slept there: the top
+  EXPECT_EQ(woken(idle, -1, 6), 5);  // unknown is no CPU, not the never-slept worker's
+  idle = stack({{1, 0}, {1, 0}, {0, 1}});
+  EXPECT_EQ(woken(idle, 1, 3), 1);  // of those once on the CPU, the latest
 }
