@@ -21,10 +21,12 @@
 //   the pool grow past `running`.
 // - There are never more than `total` (1024) workers; beyond that, work waits for a
 //   worker to finish.
-// - Idle workers wait on a stack: new work goes to the one that went idle last (the one
-//   on top spins for up to 50 µs before it sleeps, so work that follows work starts
-//   without a kernel wake-up), and those at the bottom, idle for two seconds, retire down
-//   to a reserve of two.
+// - Idle workers wait on a stack: new work goes to one of the few that went idle last
+//   (for work submitted from outside the pool, the one of them that last slept on the
+//   submitter's CPU, so it wakes without a cross-CPU wake-up; the one on top spins for up
+//   to 50 µs before it sleeps, so work that follows work starts without a kernel
+//   wake-up), and those at the bottom, idle for two seconds, retire down to a reserve of
+//   two.
 //
 // The bound that follows: workers are only started while none is idle, so under any mix
 // of short tasks (however many queues, links or timers) the pool holds at most `running`
