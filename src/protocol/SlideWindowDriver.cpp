@@ -280,26 +280,29 @@ void SlideWindowDriver::receiveOnStrand(const Data& value) {
 }
 
 void SlideWindowDriver::linkLost() {
-  onStrand([this] {
-    if (down_) return;
-    down_ = true;
-    qlt_sw_link_lost(&core_);
-    double hold;
-    {
-      std::lock_guard lock(mutex_);
-      hold = holdSeconds_;
-    }
-    lostAt_ = clock_->now();
-    const auto delay = std::chrono::duration_cast<std::chrono::nanoseconds>(
-        std::chrono::duration<double>(std::max(hold, 0.0)));
-    strand_->asyncAfter(
-        delay,
-        [weak = weak_from_this(), link = link_] {
-          auto self = weak.lock();
-          if (self && self->down_ && self->link_ == link) self->forgetOnStrand();
-        },
-        *clock_);
+  onStrand([this] { loseOnStrand(); });
+}
+
+void SlideWindowDriver::linkLost(uint64_t link) {
+  onStrand([this, link] {
+    if (link == link_) loseOnStrand();
   });
+}
+
+void SlideWindowDriver::loseOnStrand() {
+  if (down_) return;
+  down_ = true;
+  qlt_sw_link_lost(&core_);
+  lostAt_ = clock_->now();
+  const auto delay = std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::duration<double>(std::max(holdTime(), 0.0)));
+  strand_->asyncAfter(
+      delay,
+      [weak = weak_from_this(), link = link_] {
+        auto self = weak.lock();
+        if (self && self->down_ && self->link_ == link) self->forgetOnStrand();
+      },
+      *clock_);
 }
 
 uint64_t SlideWindowDriver::linkUp() {
@@ -375,6 +378,8 @@ void SlideWindowDriver::settle(const Snapshot& before) {
   }
   if (now.queued >= before.queued) return;
   const uint64_t released = before.queued - now.queued;
+  // Counted before they leave unacknowledged(): whoever sees them go sees why.
+  if (doubt > 0) inDoubt_.fetch_add(doubt, std::memory_order_acq_rel);
   feed();
   if (unacknowledged_.fetch_sub(released, std::memory_order_acq_rel) != released || doubt > 0)
     return;

@@ -78,12 +78,6 @@ struct ExtendedWindowSettings {
   WindowLink link;  // sizes the segments and the slots (ExtendedWindowSizing)
 };
 
-// What a new link made of the session (SlideWindowDriver::Outputs::session).
-struct SessionChange {
-  bool resumed = false;       // the stream went on where the peer had it
-  uint64_t bytesInDoubt = 0;  // a new session: sent on the old one, never acknowledged, dropped
-};
-
 class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver> {
  public:
   struct Outputs {
@@ -126,8 +120,10 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   void receive(const Data& value, uint64_t link);
 
   // The link is gone: nothing more is written or taken until linkUp. The session is held
-  // for holdTime() seconds, then forgotten.
+  // for holdTime() seconds, then forgotten. With a number: only if link `link` is still the
+  // current one (a late report of an older link's end changes nothing).
   void linkLost();
+  void linkLost(uint64_t link);
   // The next link is up (a new nonce for a session that begins on it); returns its number.
   uint64_t linkUp();
   uint64_t link() const;
@@ -154,6 +150,9 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   uint8_t inFlight() const;
   // Bytes accepted by sendTCP and not yet acknowledged by the peer (lock-free).
   uint64_t unacknowledged() const { return unacknowledged_.load(std::memory_order_acquire); }
+  // Of the bytes that left unacknowledged(), those that were never acknowledged: in doubt
+  // when a session was lost (lock-free; counted before they leave unacknowledged()).
+  uint64_t bytesInDoubt() const { return inDoubt_.load(std::memory_order_acquire); }
   // Called on the strand each time unacknowledged() falls to 0.
   void setAllAcknowledgedHandler(std::function<void()> handler);
   void setFrameTrace(FrameTrace trace);
@@ -183,6 +182,7 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   Snapshot snapshot() const;
   void settle(const Snapshot& before);
   void receiveOnStrand(const Data& value);
+  void loseOnStrand();
   void forgetOnStrand();
   void write(const uint8_t* bytes, size_t length);
   void trace(bool outgoing, const uint8_t* bytes, size_t length);
@@ -214,6 +214,7 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   double lostAt_ = 0;                  // when the link went down (clock_)
 
   std::atomic<uint64_t> unacknowledged_{0};
+  std::atomic<uint64_t> inDoubt_{0};
   mutable std::mutex mutex_;
   bool running_ = false;                                  // guarded by mutex_
   bool started_ = false;                                  // guarded by mutex_: ever started
