@@ -77,6 +77,7 @@ TEST_F(AUartLinkSession, ReportsTheBytesInDoubtWhenTheDeviceRestarted) {
   sim::AirFaults faults;
   faults.connectionInterval = 0.02;  // segments are still in the air at the drop
   sim.radio->setFaults(faults);
+  options.reconnect.firstDelay = 300ms;  // the flush below is waiting long before the loss
   UartLink link(options);
   std::promise<std::string> told;
   link.connect("QLT-Echo");
