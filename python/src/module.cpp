@@ -330,6 +330,9 @@ class Link {
     out["drops"] = counters.drops;
     out["reconnects"] = counters.reconnects;
     out["bytes_discarded"] = counters.bytesDiscarded;
+    out["sessions_resumed"] = counters.sessionsResumed;
+    out["sessions_lost"] = counters.sessionsLost;
+    out["bytes_in_doubt"] = counters.bytesInDoubt;
     if (link_->state() == qlt::UartLink::State::Connected) {
       try {
         const auto facts = link_->linkInfo();
