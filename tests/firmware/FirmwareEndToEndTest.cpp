@@ -1,7 +1,10 @@
 // The kit's example device behind the simulated radio, through the whole library: the host
-// build (SLIP on stdin/stdout) and the micro:bit image under QEMU (SLIP on its UART).
+// build (SLIP on stdin/stdout) and the micro:bit image under QEMU (SLIP on its UART), each
+// started for every link or kept running across links (link events on its serial line).
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,6 +12,7 @@
 #include <sstream>
 
 #include "QueltLibrary/UartLink.h"
+#include "qlt_slip.h"
 #include "support/SimWorld.h"
 
 namespace qlt {
@@ -20,6 +24,7 @@ struct Firmware {
   std::string name;
   std::vector<std::string> command;         // the echo device
   std::vector<std::string> restartCommand;  // one that restarts after 20,000 bytes received
+  bool keepRunning = false;                 // one run across links, link events on the line
 };
 
 void PrintTo(const Firmware& firmware, std::ostream* os) { *os << firmware.name; }
@@ -37,20 +42,28 @@ std::vector<std::string> qemu(const std::string& image) {
 #endif
 
 std::vector<Firmware> firmwares() {
+  const char* events = "--link-events";
   std::vector<Firmware> list{
-      {"Host", {QLT_FW_HOST_ECHO}, {QLT_FW_HOST_ECHO, "--restart-after", "20000"}}};
+      {"Host", {QLT_FW_HOST_ECHO}, {QLT_FW_HOST_ECHO, "--restart-after", "20000"}},
+      {"HostKeptRunning",
+       {QLT_FW_HOST_ECHO, events},
+       {QLT_FW_HOST_ECHO, events, "--restart-after", "20000"},
+       true}};
 #ifdef QLT_FW_MICROBIT
   list.push_back({"Chip", qemu(QLT_FW_MICROBIT), qemu(QLT_FW_MICROBIT_RESTART)});
+  list.push_back({"ChipKeptRunning", qemu(QLT_FW_MICROBIT_EVENTS),
+                  qemu(QLT_FW_MICROBIT_EVENTS_RESTART), true});
 #endif
   return list;
 }
 
-sim::SimDeviceConfig device(const std::vector<std::string>& command) {
+sim::SimDeviceConfig device(const std::vector<std::string>& command, bool keepRunning = false) {
   sim::SimDeviceConfig d;
   d.identifier = *UUID::fromString("51D0E001-0000-4000-8000-0000000000F1");
   d.localName = "QLT-FW";
   d.behaviour = sim::SimBehaviour::External;
   d.command = command;
+  d.keepRunning = keepRunning;
   return d;
 }
 
@@ -79,7 +92,7 @@ struct TheFirmware : testing::TestWithParam<Firmware> {
 
 TEST_P(TheFirmware, EchoesSixtyFourKilobytesExactlyOnceInOrderWithFivePercentLostEachWay) {
   e2e::Sim sim(false);
-  auto config = device(GetParam().command);
+  auto config = device(GetParam().command, GetParam().keepRunning);
   sim::AirFaults& faults = config.faults.emplace();
   faults.seed = 21;
   faults.lostWritesWithoutResponse = faults.lostNotifications = 0.05;
@@ -93,7 +106,7 @@ TEST_P(TheFirmware, EchoesSixtyFourKilobytesExactlyOnceInOrderWithFivePercentLos
 
 TEST_P(TheFirmware, EchoesADatagramAsADatagram) {
   e2e::SimWorld world;
-  auto p = world.find(device(GetParam().command));
+  auto p = world.find(device(GetParam().command, GetParam().keepRunning));
   ASSERT_TRUE(p);
   world.follow(p);
   p->setTransportType(1);
@@ -105,7 +118,7 @@ TEST_P(TheFirmware, EchoesADatagramAsADatagram) {
 
 TEST_P(TheFirmware, RestartingMidTransferIsALostLinkNotData) {
   e2e::Sim sim(false);
-  sim.radio->addDevice(device(GetParam().restartCommand));
+  sim.radio->addDevice(device(GetParam().restartCommand, GetParam().keepRunning));
   const std::string message = e2e::pattern(64 * 1024);
   std::string error;
   const std::string got = echo(sim, message, &error);
@@ -140,6 +153,101 @@ TEST(TheHostFirmware, LosesNoSegmentWhenTheStackRefusesNotifications) {
       << report;
   EXPECT_GT(refused, 100u) << report;
   EXPECT_LT(resent, 10u) << report << ": the air loses nothing, so a resend is a frame let go";
+}
+
+// A program that keeps running across links, made of the shell: it notes each start, records
+// every frame it hears and writes what the test puts in a FIFO.
+struct KeptProgram {
+  KeptProgram() {
+    ::mkfifo(fifo.c_str(), 0600);
+    toProgram = ::open(fifo.c_str(), O_RDWR | O_CLOEXEC);  // never blocks, keeps cat reading
+  }
+  ~KeptProgram() {
+    ::close(toProgram);  // cat's end of input
+    for (const auto& path : {fifo, heard, starts}) std::remove(path.c_str());
+    ::rmdir(dir.c_str());
+  }
+  KeptProgram(const KeptProgram&) = delete;
+  KeptProgram& operator=(const KeptProgram&) = delete;
+
+  sim::SimDeviceConfig config() const {
+    return device({"sh", "-c", R"(echo $$ >> "$1"; cat "$2" & exec tee -a "$3" >/dev/null)", "sh",
+                   starts, fifo, heard},
+                  true);
+  }
+  void say(const std::string& frame) const {
+    std::vector<uint8_t> out(QLT_SLIP_ENCODED_MAX(frame.size()));
+    const size_t n = qlt_slip_encode(reinterpret_cast<const uint8_t*>(frame.data()), frame.size(),
+                                     out.data(), out.size());
+    ASSERT_EQ(::write(toProgram, out.data(), n), static_cast<ssize_t>(n));
+  }
+  // The frames the program heard so far, each as text.
+  std::vector<std::string> frames() const {
+    std::ifstream in(heard, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    std::vector<uint8_t> buffer(600);
+    qlt_slip_decoder decoder;
+    qlt_slip_decoder_init(&decoder, buffer.data(), buffer.size());
+    std::vector<std::string> frames;
+    for (char c : bytes) {
+      if (size_t n = qlt_slip_decode_byte(&decoder, static_cast<uint8_t>(c)))
+        frames.emplace_back(reinterpret_cast<const char*>(buffer.data()), n);
+    }
+    return frames;
+  }
+  size_t startCount() const {
+    std::ifstream in(starts);
+    size_t lines = 0;
+    for (std::string line; std::getline(in, line);) ++lines;
+    return lines;
+  }
+
+  std::string dir = [] {
+    char name[] = "/tmp/qlt-kept-XXXXXX";
+    return std::string(::mkdtemp(name));
+  }();
+  std::string fifo = dir + "/out", heard = dir + "/heard", starts = dir + "/starts";
+  int toProgram = -1;
+};
+
+const std::string kUp("\x01", 1), kDown("\x02", 1), kValue("\x00", 1);
+
+TEST(AnExternalDeviceKeptRunning, HearsEachLinkBeginAndEndInOrderAndNotifiesOnlyWhileOneIsUp) {
+  KeptProgram program;
+  e2e::Sim sim(false);
+  const auto config = program.config();
+  sim.radio->addDevice(config);
+  auto options = test::linkOptions(5s, QLT_BLEManager::create(sim.backend()), false);
+  auto heardUpTo = [&](size_t n) {
+    return test::eventually([&] { return program.frames().size() >= n; });
+  };
+  {
+    UartLink link(options);
+    link.connect("QLT-FW");
+    link.send("one");
+    ASSERT_TRUE(heardUpTo(2));
+    program.say(kValue + "back");
+    EXPECT_EQ(link.read(5s).toString(), "back");
+    sim.radio->dropLink(config.identifier);
+    ASSERT_TRUE(heardUpTo(3));
+  }
+  program.say(kValue + "while no link is up");
+  ASSERT_TRUE(test::eventually(
+      [&] { return sim.radio->stats(config.identifier).notificationsUnlinked == 1; }));
+  program.say(std::string(1, '\x07') + "not a value");
+  {
+    UartLink link(options);
+    link.connect("QLT-FW");
+    link.send("two");
+    program.say(kValue + "again");
+    EXPECT_EQ(link.read(5s).toString(), "again") << "nothing held from before, no other type";
+    link.disconnect();
+  }
+  ASSERT_TRUE(heardUpTo(6));
+  EXPECT_EQ(program.frames(),
+            (std::vector<std::string>{kUp, kValue + "one", kDown, kUp, kValue + "two", kDown}));
+  EXPECT_EQ(program.startCount(), 1u) << "one run for both links";
+  EXPECT_EQ(sim.radio->stats(config.identifier).notificationsUnlinked, 1u);
 }
 
 }  // namespace

@@ -14,7 +14,9 @@ if(TARGET qlt_tests_firmware)
     target_compile_definitions(qlt_tests_firmware PRIVATE
       QLT_QEMU_SYSTEM_ARM="${QLT_QEMU_SYSTEM_ARM}"
       QLT_FW_MICROBIT="${QLT_FIRMWARE_MICROBIT}"
-      QLT_FW_MICROBIT_RESTART="${QLT_FIRMWARE_MICROBIT_RESTART}")
+      QLT_FW_MICROBIT_RESTART="${QLT_FIRMWARE_MICROBIT_RESTART}"
+      QLT_FW_MICROBIT_EVENTS="${QLT_FIRMWARE_MICROBIT_EVENTS}"
+      QLT_FW_MICROBIT_EVENTS_RESTART="${QLT_FIRMWARE_MICROBIT_EVENTS_RESTART}")
     add_dependencies(qlt_tests_firmware qlt_firmware_m0)
   else()
     message(STATUS "qemu-system-arm or the Cortex-M0 build missing: no emulated-chip tests")
