@@ -9,8 +9,8 @@
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 
+#include "FirmwareUnderTest.h"
 #include "QueltLibrary/UartLink.h"
 #include "qlt_slip.h"
 #include "support/SimWorld.h"
@@ -19,53 +19,9 @@ namespace qlt {
 namespace {
 
 using namespace std::chrono_literals;
-
-struct Firmware {
-  std::string name;
-  std::vector<std::string> command;         // the echo device
-  std::vector<std::string> restartCommand;  // one that restarts after 20,000 bytes received
-  bool keepRunning = false;                 // one run across links, link events on the line
-};
-
-void PrintTo(const Firmware& firmware, std::ostream* os) { *os << firmware.name; }
-
-#ifdef QLT_FW_MICROBIT
-std::vector<std::string> qemu(const std::string& image) {
-  std::istringstream words(
-      "-M microbit -nodefaults -display none -monitor none -no-reboot "
-      "-chardev stdio,id=uart,signal=off -serial chardev:uart -kernel");
-  std::vector<std::string> command{QLT_QEMU_SYSTEM_ARM};
-  for (std::string w; words >> w;) command.push_back(w);
-  command.push_back(image);
-  return command;
-}
-#endif
-
-std::vector<Firmware> firmwares() {
-  const char* events = "--link-events";
-  std::vector<Firmware> list{
-      {"Host", {QLT_FW_HOST_ECHO}, {QLT_FW_HOST_ECHO, "--restart-after", "20000"}},
-      {"HostKeptRunning",
-       {QLT_FW_HOST_ECHO, events},
-       {QLT_FW_HOST_ECHO, events, "--restart-after", "20000"},
-       true}};
-#ifdef QLT_FW_MICROBIT
-  list.push_back({"Chip", qemu(QLT_FW_MICROBIT), qemu(QLT_FW_MICROBIT_RESTART)});
-  list.push_back({"ChipKeptRunning", qemu(QLT_FW_MICROBIT_EVENTS),
-                  qemu(QLT_FW_MICROBIT_EVENTS_RESTART), true});
-#endif
-  return list;
-}
-
-sim::SimDeviceConfig device(const std::vector<std::string>& command, bool keepRunning = false) {
-  sim::SimDeviceConfig d;
-  d.identifier = *UUID::fromString("51D0E001-0000-4000-8000-0000000000F1");
-  d.localName = "QLT-FW";
-  d.behaviour = sim::SimBehaviour::External;
-  d.command = command;
-  d.keepRunning = keepRunning;
-  return d;
-}
+using firmware::device;
+using firmware::Firmware;
+using firmware::firmwares;
 
 struct TheFirmware : testing::TestWithParam<Firmware> {
   // What came back of `message` until all did, the link ended or nothing came for 10 s.
