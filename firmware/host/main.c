@@ -48,11 +48,13 @@ static void report(void) {
   const qlt_sw_counters* p = qlt_nus_protocol_counters(echo_device_layer());
   fprintf(stderr,
           "qlt-fw-echo: %lu values written, %lu notifications, %lu refused by the stack, "
-          "%lu bytes received, %lu left unread, %lu segments resent, %lu bad SLIP frames\n",
+          "%lu bytes received, %lu left unread, %lu segments resent, %lu bad SLIP frames, "
+          "%lu sessions resumed, %lu sessions lost\n",
           (unsigned long)c->values_written, (unsigned long)c->notifications,
           (unsigned long)c->notify_refused, (unsigned long)c->bytes_received,
           (unsigned long)c->values_left_unread, (unsigned long)p->segments_resent,
-          (unsigned long)echo_device_bad_frames());
+          (unsigned long)echo_device_bad_frames(), (unsigned long)p->sessions_resumed,
+          (unsigned long)p->sessions_lost);
 }
 
 int main(int argc, char** argv) {
