@@ -501,6 +501,8 @@ void qlt_sw_set_owed(qlt_sw* sw, uint8_t bits, uint32_t now) {
   sw->owed_at = now;
 }
 
+void qlt_sw_set_ack_delay(qlt_sw* sw, uint32_t delay_us) { sw->cfg.ack_delay_us = delay_us; }
+
 void qlt_sw_set_trace(qlt_sw* sw, qlt_sw_trace_fn fn, void* context) {
   sw->trace = fn;
   sw->trace_context = context;

@@ -344,6 +344,8 @@ uint8_t qlt_sw_receive_seq(const qlt_sw* sw); /* seq of the next segment expecte
  * in bits 4-5. Setting it (tests, tools) owes exactly that from `now`. */
 uint8_t qlt_sw_owed(const qlt_sw* sw);
 void qlt_sw_set_owed(qlt_sw* sw, uint8_t bits, uint32_t now);
+/* How long an owed answer may wait from now on (the configuration's ack_delay_us). */
+void qlt_sw_set_ack_delay(qlt_sw* sw, uint32_t delay_us);
 void qlt_sw_set_trace(qlt_sw* sw, qlt_sw_trace_fn fn, void* context);
 
 /* ---- The wide window (docs/wide-window.md) --------------------------------------------

@@ -54,6 +54,14 @@ class QLT_EXPORT BLESlideWindowDelegate : public virtual Delegate {
                                            const Data& data) = 0;
 };
 
+// Who hears what each new link made of the window's session (SlideWindowFace::linkUp), on
+// its own queue, in order with the payloads.
+class QLT_EXPORT BLESlideWindowSessionDelegate : public virtual Delegate {
+ public:
+  virtual void slideWindow_sessionChanged(const std::shared_ptr<BLESlideWindow>& slideWindow,
+                                          const SessionChange& change) = 0;
+};
+
 class QLT_EXPORT BLESlideWindow : public QLT_Object,
                                   public ThreadBaseDelegate,
                                   public SlideWindowFace {
@@ -74,6 +82,9 @@ class QLT_EXPORT BLESlideWindow : public QLT_Object,
   void threadStopped(const std::shared_ptr<ThreadBase>& thread) override;
 
   void receive(const Data& value);
+  // A value that came on link `link` (SlideWindowFace::linkUp's number; the first is 0):
+  // ignored unless that link is the current one.
+  void receive(const Data& value, uint64_t link);
   void sendTCP(const uint8_t* bytes, uint64_t length);
   // Writes at once when length < 160; otherwise logs "UDP data length is too large than
   // 160" and sends nothing.

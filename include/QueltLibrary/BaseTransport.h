@@ -105,6 +105,11 @@ class QLT_EXPORT BaseTransport : public QLT_Object, public Transport, public Thr
   // Bytes accepted by sendTCP and not yet acknowledged by the peer (a transport without
   // acknowledgements: not yet written). Any thread.
   virtual uint64_t unacknowledged() const { return 0; }
+  // Of the bytes that left unacknowledged(), those never acknowledged: sent in a session
+  // that was lost across a dropped link (they may or may not have arrived). Counted before
+  // they leave unacknowledged(), so a caller that sees the count fall and reads this after
+  // knows whether everything was acknowledged. Any thread.
+  virtual uint64_t bytesInDoubt() const { return 0; }
   // `handler` (empty: none) is called each time unacknowledged() falls to 0, on the
   // transport's own queue (for the window, possibly inside the receive() that brought the
   // last acknowledgement, which runs there in a sync()), with no lock held; it may call

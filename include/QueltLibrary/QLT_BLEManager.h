@@ -116,7 +116,8 @@ class QLT_EXPORT QLT_BLEManager : public QLT_Object, public platform::CentralDel
   // ready (8, when its platform peripheral lists services) or connected (2) instead.
   void connect(const std::shared_ptr<QLT_Peripheral>& peripheral);
   // Disconnecting (3) and a cancel request; disconnected stays (and is re-announced)
-  // disconnected; disconnecting does nothing; null does nothing.
+  // disconnected; disconnecting does nothing; null does nothing. Ends the sliding window's
+  // session held across links (QLT_Peripheral::endSession) in every case.
   void disconnect(const std::shared_ptr<QLT_Peripheral>& peripheral);
 
   // Stores, logs and announces a state (repeats included); ready continues to idle.

@@ -22,6 +22,17 @@
 // service and the transport (after the delegates have been told), and destroying the
 // QLT_Peripheral stops its transport.
 //
+// A session across links. With the sliding window and extendedWindow() on, the transport
+// outlives its link: when the link drops it is told so (SlideWindowFace::linkLost) and
+// kept, with every byte queued or unacknowledged, and the next link to this peripheral
+// that becomes ready takes it up again (linkUp; each notified value is handed over with
+// its link's number). The stream then resumes where the device has it, or, when the device
+// cannot resume (it restarted, the session was held past its hold time, 30 s), a new
+// session begins and the bytes sent and never acknowledged are in doubt: delegates hear
+// either through QLT_Peripheral_didChangeSession (transportCounters() counts them too).
+// endSession() ends the session (QLT_BLEManager::disconnect calls it): the transport then
+// goes with its link. Without the extension every link builds a fresh transport.
+//
 // Threads and queues:
 // - Platform callbacks (discovery, notifications) arrive on the "QLT_BLEManager" queue.
 // - setState() may be called from any thread; the state is stored and announced on the
@@ -55,6 +66,7 @@
 #include "QueltLibrary/Export.h"
 #include "QueltLibrary/NUSService.h"
 #include "QueltLibrary/QLT_Object.h"
+#include "QueltLibrary/SWTransport.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/platform/Platform.h"
 
@@ -105,10 +117,19 @@ class QLT_EXPORT QLT_PeripheralDidReceivedUDPData : public virtual Delegate {
                                                  const Data& data) = 0;
 };
 
+// What each new link made of the sliding window's session (extendedWindow() on: see
+// "A session across links" below); on the delegate's queue, in order with the payloads.
+class QLT_EXPORT QLT_PeripheralDidChangeSession : public virtual Delegate {
+ public:
+  virtual void QLT_Peripheral_didChangeSession(const std::shared_ptr<QLT_Peripheral>& peripheral,
+                                               const SessionChange& change) = 0;
+};
+
 class QLT_EXPORT QLT_Peripheral : public QLT_Object,
                                   public platform::PeripheralDelegate,
                                   public TransportSenderDelegate,
-                                  public TransportDelegate {
+                                  public TransportDelegate,
+                                  public TransportSessionDelegate {
  public:
   using FrameTrace = BaseTransport::FrameTrace;
 
@@ -187,14 +208,20 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   // its unacknowledged() and its everything-acknowledged handler. Any thread.
   std::shared_ptr<BaseTransport> transport() const;
 
-  // Data path. Without a transport (not ready), the data is dropped silently.
+  // Data path. Without a transport (not ready), the data is dropped silently; between two
+  // links of a session (see above) "TCP" data waits in the held transport for the next.
   void writeTCPData(const Data& data);
   void writeUDPData(const Data& data);
 
   // A new transport of the kind transportType() selects (not stored, not started).
   std::shared_ptr<BaseTransport> createTransport();
+  // Takes up the transport held across links (a session), else builds and starts one.
   void startTransport();
+  // Stops the transport and ends its session.
   void stopTransport();
+  // Ends the session held across links (see above): a transport held while the link is down
+  // is stopped now; the current link's transport goes with its link. Any thread.
+  void endSession();
 
   // Discovery (normally driven by QLT_BLEManager and the platform callbacks).
   void discoverServices();
@@ -256,6 +283,9 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
                                  const Data& data) override;
   void transport_udpDataReceived(const std::shared_ptr<BaseTransport>& transport,
                                  const Data& data) override;
+  // TransportSessionDelegate
+  void transport_sessionChanged(const std::shared_ptr<BaseTransport>& transport,
+                                const SessionChange& change) override;
 
  private:
   friend class QLT_BLEManager;
@@ -271,6 +301,7 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
     std::vector<std::shared_ptr<BLEService>> services;
     std::shared_ptr<NUSService> nus;
     std::shared_ptr<BaseTransport> transport;
+    uint64_t windowLink = 0;  // the transport's number for this link (SlideWindowFace::linkUp)
   };
 
   // The state most recently handed to setState() (the state the main queue will reach).
@@ -283,6 +314,12 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   void changeConnection(const std::function<void(Connection&)>& change);
   // Stops and unhooks a transport that is no longer current; null is fine.
   void retireTransport(const std::shared_ptr<BaseTransport>& transport);
+  // The end of an older connection's link for its transport: the session's is told the link
+  // is lost and kept for the next link (unless a newer link has taken it up); any other is
+  // retired.
+  void endTransport(const std::shared_ptr<const Connection>& ended);
+  // Hands a received value to the connection's transport (with its link's number).
+  static void receiveOn(const Connection& connection, const Data& value);
   void applyState(int32_t state, uint64_t generation);
   void tearDown(uint64_t generation);
   // The readiness check behind linkProblem(): "" when the link can carry the transport.
@@ -300,14 +337,17 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   // Each time the link comes up (state 2 after anything else) the generation advances;
   // the Connection built during a link carries it, and a teardown ends the Connection
   // only if it is no newer than the disconnection that asked for it.
-  uint64_t linkGeneration_ = 0;                              // guarded by mutex_
-  bool linkUp_ = false;                                      // guarded by mutex_
-  std::shared_ptr<const Connection> connection_;             // guarded by mutex_; never null
-  std::optional<std::string> name_;                          // guarded by mutex_
-  platform::AdvertisementData advertisementData_;            // guarded by mutex_
-  std::shared_ptr<platform::Characteristic> rx_;             // guarded by mutex_
-  std::shared_ptr<platform::Characteristic> tx_;             // guarded by mutex_
-  FrameTrace frameTrace_;                                    // guarded by mutex_
+  uint64_t linkGeneration_ = 0;                    // guarded by mutex_
+  bool linkUp_ = false;                            // guarded by mutex_
+  std::shared_ptr<const Connection> connection_;   // guarded by mutex_; never null
+  std::optional<std::string> name_;                // guarded by mutex_
+  platform::AdvertisementData advertisementData_;  // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> rx_;   // guarded by mutex_
+  std::shared_ptr<platform::Characteristic> tx_;   // guarded by mutex_
+  FrameTrace frameTrace_;                          // guarded by mutex_
+  // The sliding window that keeps its session across links (current, or held while the
+  // link is down); null without the extension or after endSession().
+  std::shared_ptr<SWTransport> session_;                     // guarded by mutex_
   std::string linkProblem_;                                  // guarded by mutex_
   QLT_LinkProblem linkProblemKind_ = QLT_LinkProblem::None;  // guarded by mutex_
 };

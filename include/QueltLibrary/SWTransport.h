@@ -36,6 +36,14 @@
 
 namespace qlt {
 
+// Who hears what each new link made of the window's session (SlideWindowFace::linkUp),
+// through the transport's multicast delegate, on its own queue, in order with the payloads.
+class QLT_EXPORT TransportSessionDelegate : public virtual Delegate {
+ public:
+  virtual void transport_sessionChanged(const std::shared_ptr<BaseTransport>& transport,
+                                        const SessionChange& change) = 0;
+};
+
 class QLT_EXPORT SWTransport : public BaseTransport, public SlideWindowFace {
  public:
   static constexpr size_t kSegmentSize = kTcpSegmentSize;  // 120
@@ -52,11 +60,15 @@ class QLT_EXPORT SWTransport : public BaseTransport, public SlideWindowFace {
   // 120" and sends nothing.
   void sendUDP(const uint8_t* bytes, uint64_t length) override;
   void receive(const Data& value) override;
+  // A value that came on link `link` (SlideWindowFace::linkUp's number; the first link is
+  // 0): ignored unless that link is the current one.
+  void receive(const Data& value, uint64_t link);
   // Rounds of transfer, checkControl and doPendingWork until `thread` is closing.
   void run(const std::shared_ptr<ThreadBase>& thread) override;
 
   std::optional<SlideWindowCounters> windowCounters() const override { return counters(); }
   uint64_t unacknowledged() const override;
+  uint64_t bytesInDoubt() const override;
   // Called for every frame written and every value received, on the thread doing it.
   // Must be quick and must not call back into this transport. Empty function: off.
   void setFrameTrace(FrameTrace trace) override;

@@ -18,6 +18,17 @@ enum class WindowFormat : uint8_t { Classic, Negotiating, Extended };
 // "classic", "negotiating", "extended".
 QLT_EXPORT const char* toString(WindowFormat format);
 
+// What a new link made of the extended window's session (a window that keeps its session
+// across links: SlideWindowFace::linkUp). Resumed: the stream went on where the peer had it,
+// nothing lost, nothing twice. Not resumed: a new session began (the device restarted, or is
+// another device, or the session was held too long); the bytes sent on the old one and never
+// acknowledged are in doubt (they may or may not have arrived) and are dropped; bytes queued
+// and never sent go on in the new session.
+struct QLT_EXPORT SessionChange {
+  bool resumed = false;
+  uint64_t bytesInDoubt = 0;
+};
+
 struct QLT_EXPORT SlideWindowCounters {
   WindowFormat format = WindowFormat::Classic;  // the format now, not a count
   uint64_t framesSent = 0;                      // every frame handed to the sender delegate

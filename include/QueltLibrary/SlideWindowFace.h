@@ -41,6 +41,24 @@ class QLT_EXPORT SlideWindowFace {
   // The format the link's window speaks now (counters().format).
   WindowFormat windowFormat() const;
 
+  // A session across links. With the extended window the face may outlive its link: the
+  // owner calls linkLost(link()) when the link drops (nothing more is written or taken; what
+  // is queued or unacknowledged stays) and linkUp() when the next link to the same device
+  // is ready, and feeds every value with the number of the link it came on (receive(value,
+  // link): a value of an earlier link is ignored). The next link resumes the stream where
+  // the device has it, or begins a new session: the face's session delegate hears which,
+  // with the bytes in doubt (SessionChange). A session held longer than its hold time (30 s
+  // by default) without a link is forgotten, as is one forgetSession() ends while the link
+  // is down; its bytes in doubt are reported then. Without the extension a link that comes
+  // up reports what the last one had in flight the same way. Any thread; linkLost with the
+  // number of a link that is no longer the current one changes nothing.
+  void linkLost(uint64_t link);
+  uint64_t linkUp();
+  uint64_t link() const;
+  void forgetSession();
+  void setSessionHoldTime(double seconds);
+  double sessionHoldTime() const;
+
   // Empties the send queue and resets the send sequence (the receive sequence stays).
   void initState();
   // Releases `count` segments from the head of the queue.

@@ -28,22 +28,42 @@
 // unacknowledged() says how much is still out. A process that streams any amount through
 // send() holds the buffer plus a small constant, not the stream.
 //
-// A dropped link. Bytes the transport still held when the link dropped (unacknowledged()
-// at that moment) are discarded, never sent again on a new link: the receiving side has
-// an unknown part of them. They are counted (counters().bytesDiscarded), named in
-// lastError() ("the link to QLT-Echo was lost with 480 bytes unacknowledged; they were
-// discarded"), and a send() or flush() waiting at that moment throws Error(LinkLost). Calls
-// made after the drop see the new state: while reconnecting, send() and flush() wait for
-// the link to come back, trySend() takes nothing; once lost, they throw.
+// A dropped link, with the extended window and reconnection (both on: the session). The
+// window keeps a session with the device: the bytes the transport still held when the link
+// dropped (unacknowledged() at that moment) are kept, not discarded, and the next link to
+// the same device resumes the stream where the device has it: nothing lost, nothing twice,
+// across any number of drops (counters().sessionsResumed). A send() or flush() waiting at
+// the drop waits on through reconnecting; calls made while reconnecting wait for the link
+// to come back (trySend() takes nothing); unacknowledged() still counts the bytes held.
+// When the device cannot resume (it restarted, another device answered to the name, or the
+// link stayed down past the session's hold time, 30 s), a new session begins: the bytes
+// sent and never acknowledged are in doubt (they may or may not have arrived) and dropped,
+// the ones never sent go on. That is never silent: counters().sessionsLost and
+// bytesInDoubt count it, lastError() names it ("a new session began with QLT-Echo (...):
+// 480 bytes sent were never acknowledged and may or may not have arrived") until the next
+// drop, onStateChange hears it (connected, or reconnecting, with that text), and a send() or
+// flush() waiting at that moment throws Error(LinkLost). Giving up reconnecting drops what
+// the session held (counted in bytesInDoubt).
+//
+// A dropped link otherwise (the classic window only, the chunker, or no reconnection). Bytes
+// the transport still held when the link dropped are discarded, never sent again on a new
+// link: the receiving side has an unknown part of them. They are counted
+// (counters().bytesDiscarded), named in lastError() ("the link to QLT-Echo was lost with
+// 480 bytes unacknowledged; they were discarded"), and a send() or flush() waiting at that
+// moment throws Error(LinkLost). Calls made after the drop see the new state: while
+// reconnecting, send() and flush() wait for the link to come back, trySend() takes nothing;
+// once lost, they throw. (With the extended window offered to a device that answered in
+// the classic format, the bytes in flight at a drop come back as bytes in doubt, the ones
+// never sent go on.)
 //
 // Reconnection (Options::reconnect, off by default). When a connected link drops, the link
 // goes to reconnecting and, after reconnect.firstDelay, looks for the device again (a
-// scan), connects, discovers the UART service, enables notifications and starts a fresh
-// transport, each try within Options::timeout; onStateChange sees reconnecting, then
-// connected. A try that fails doubles the delay before the next, up to reconnect.maxDelay;
-// after reconnect.maxTries failed tries in a row (0: no limit) the link is lost with
-// lastError() "gave up reconnecting to D after N tries: <why the last one failed>".
-// disconnect() ends reconnecting too. While reconnecting, lastError() holds the drop's
+// scan), connects, discovers the UART service, enables notifications and takes up the
+// session's transport again (or starts a fresh one), each try within Options::timeout;
+// onStateChange sees reconnecting, then connected. A try that fails doubles the delay before the
+// next, up to reconnect.maxDelay; after reconnect.maxTries failed tries in a row (0: no limit) the
+// link is lost with lastError() "gave up reconnecting to D after N tries: <why the last one
+// failed>". disconnect() ends reconnecting too. While reconnecting, lastError() holds the drop's
 // reason; every drop is counted (counters().drops) and every success too (reconnects).
 //
 // Event loops. fd() is a file descriptor (an eventfd) that is readable while something
@@ -143,7 +163,11 @@ class QLT_EXPORT UartLink {
   struct Counters {
     uint64_t drops = 0;           // connected links that dropped
     uint64_t reconnects = 0;      // links brought back by reconnection
-    uint64_t bytesDiscarded = 0;  // unacknowledged at a drop, never sent again
+    uint64_t bytesDiscarded = 0;  // unacknowledged at a drop, never sent again (no session)
+    // The extended window's session across drops (see "A dropped link").
+    uint64_t sessionsResumed = 0;  // links that went on with the stream where it stood
+    uint64_t sessionsLost = 0;     // links that began a new session instead
+    uint64_t bytesInDoubt = 0;     // sent in a lost session and never acknowledged
   };
 
   UartLink();
@@ -167,7 +191,7 @@ class QLT_EXPORT UartLink {
   // Hands every byte to the transport, waiting while the send buffer is full. Throws Error
   // (NotConnected or LinkLost) unless connected or reconnecting; while reconnecting it waits
   // for the link first. A drop while it waits throws LinkLost; the part handed over before
-  // is then among the bytes discarded.
+  // is then among the bytes discarded (with the session kept: only a lost session throws).
   void send(const Data& bytes);
   void send(std::string_view text) { send(Data::fromString(text)); }
   // The same, waiting at most `timeout` in all: returns how many bytes (a leading part)
@@ -178,10 +202,12 @@ class QLT_EXPORT UartLink {
   size_t trySend(const Data& bytes);
   // Waits until every byte handed over has been acknowledged by the device (over the
   // chunker: written), at most `timeout`: true when done, false when the time ran out.
-  // Throws LinkLost when the link drops with bytes unacknowledged, and as send() does.
+  // Throws LinkLost when the link drops with bytes unacknowledged (with the session kept:
+  // when a session is lost with bytes in doubt), and as send() does.
   bool flush(std::chrono::milliseconds timeout);
   // The bytes the transport still holds: queued or sent and not yet acknowledged (over the
-  // chunker: not yet written). 0 when not connected.
+  // chunker: not yet written). 0 when not connected, except while reconnecting with the
+  // session kept: then the bytes it holds for the next link.
   uint64_t unacknowledged() const;
 
   // Waits up to `timeout` for received bytes and returns all that have arrived (at least

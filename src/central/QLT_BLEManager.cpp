@@ -175,6 +175,7 @@ void QLT_BLEManager::connect(const std::shared_ptr<QLT_Peripheral>& peripheral) 
 
 void QLT_BLEManager::disconnect(const std::shared_ptr<QLT_Peripheral>& peripheral) {
   if (!peripheral) return;
+  peripheral->endSession();
   onCentralQueue([&] {
     const int32_t state = peripheral->latestState();
     if (state == QLT_PeripheralStateDisconnected) {

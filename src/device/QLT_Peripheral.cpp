@@ -58,6 +58,8 @@ QLT_Peripheral::~QLT_Peripheral() {
   // A started transport is kept alive by its own worker thread; without this it would run
   // on after its peripheral is gone.
   if (auto transport = connection()->transport) transport->stop();
+  std::lock_guard lock(mutex_);
+  if (session_) session_->stop();
 }
 
 int32_t QLT_Peripheral::convertState(int64_t platformState) {
@@ -118,7 +120,35 @@ void QLT_Peripheral::changeConnection(const std::function<void(Connection&)>& ch
   }
   // An older connection's transport would otherwise run on until that connection's late
   // teardown; its services are released here, outside the lock.
-  if (ended) retireTransport(ended->transport);
+  if (ended) endTransport(ended);
+}
+
+void QLT_Peripheral::endTransport(const std::shared_ptr<const Connection>& ended) {
+  const auto& transport = ended->transport;
+  if (!transport) return;
+  bool held = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (connection_->transport == transport) return;  // a newer link has taken it up
+    held = transport == session_;
+  }
+  // The session's transport stops writing and keeps its bytes for the next link; a late
+  // report of this link's end, once a newer one is up, changes nothing (the link's number).
+  if (held) {
+    std::static_pointer_cast<SWTransport>(transport)->linkLost(ended->windowLink);
+  } else {
+    retireTransport(transport);
+  }
+}
+
+void QLT_Peripheral::endSession() {
+  std::shared_ptr<SWTransport> held;
+  {
+    std::lock_guard lock(mutex_);
+    held = std::exchange(session_, nullptr);
+    if (held && connection_->transport == held) return;  // it goes with its link
+  }
+  retireTransport(held);
 }
 
 void QLT_Peripheral::retireTransport(const std::shared_ptr<BaseTransport>& transport) {
@@ -177,7 +207,7 @@ void QLT_Peripheral::tearDown(uint64_t generation) {
     fresh->generation = linkGeneration_;
     connection_ = std::move(fresh);
   }
-  retireTransport(ended->transport);
+  endTransport(ended);
   // Its services and NUS service are released here, outside the lock.
 }
 
@@ -481,24 +511,45 @@ std::shared_ptr<BaseTransport> QLT_Peripheral::createTransport() {
 }
 
 void QLT_Peripheral::startTransport() {
-  auto transport = createTransport();
-  FrameTrace trace;
+  const bool keepsSession = transportType() != 0 && extendedWindow();
+  if (!keepsSession) endSession();
+  std::shared_ptr<SWTransport> held;
   {
     std::lock_guard lock(mutex_);
-    trace = frameTrace_;
+    held = session_;
+    // Already taken up by this link.
+    if (held && connection_->transport == held && connection_->generation == linkGeneration_)
+      return;
   }
-  if (trace) transport->setFrameTrace(std::move(trace));
-  transport->setSenderDelegate(self());
-  // Registered directly with the multicast delegate (bound to the main queue) so that the
-  // peripheral is listening before the first frame can arrive.
-  transport->multicastDelegate()->addDelegate(self(), DispatchQueue::main());
+  std::shared_ptr<BaseTransport> transport = held;
+  uint64_t windowLink = 0;
+  if (held) {
+    windowLink = held->linkUp();  // the session resumes on this link, or a new one begins
+  } else {
+    transport = createTransport();
+    FrameTrace trace;
+    {
+      std::lock_guard lock(mutex_);
+      trace = frameTrace_;
+    }
+    if (trace) transport->setFrameTrace(std::move(trace));
+    transport->setSenderDelegate(self());
+    // Registered directly with the multicast delegate (bound to the main queue) so that the
+    // peripheral is listening before the first frame can arrive.
+    transport->multicastDelegate()->addDelegate(self(), DispatchQueue::main());
+  }
   std::shared_ptr<BaseTransport> previous;
-  changeConnection([&](Connection& c) { previous = std::exchange(c.transport, transport); });
-  retireTransport(previous);
-  transport->start();
+  changeConnection([&](Connection& c) {
+    previous = std::exchange(c.transport, transport);
+    c.windowLink = windowLink;
+    if (keepsSession) session_ = std::static_pointer_cast<SWTransport>(transport);
+  });
+  if (previous != transport) retireTransport(previous);
+  if (!held) transport->start();
 }
 
 void QLT_Peripheral::stopTransport() {
+  endSession();
   std::shared_ptr<BaseTransport> transport;
   {
     std::lock_guard lock(mutex_);
@@ -511,7 +562,13 @@ void QLT_Peripheral::stopTransport() {
 }
 
 void QLT_Peripheral::writeTCPData(const Data& data) {
-  if (auto transport = connection()->transport) transport->sendTCP(data.bytes(), data.length());
+  std::shared_ptr<BaseTransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    transport = connection_->transport;
+    if (!transport) transport = session_;  // between links: queued for the next
+  }
+  if (transport) transport->sendTCP(data.bytes(), data.length());
 }
 
 void QLT_Peripheral::writeUDPData(const Data& data) {
@@ -534,7 +591,7 @@ void QLT_Peripheral::peripheral_didUpdateValueForCharacteristic_error(
   auto current = connection();
   if (!wrapper || wrapper != current->nus) return;
   auto value = current->nus->read();
-  if (value && current->transport) current->transport->receive(*value);
+  if (value && current->transport) receiveOn(*current, *value);
 }
 
 // A notification carries its value: the current connection's rx hands it to the transport
@@ -545,7 +602,17 @@ void QLT_Peripheral::peripheral_didReceiveValue(
   auto current = connection();
   if (!characteristic || !current->nus || !current->transport) return;
   auto rx = current->nus->rx();
-  if (rx && rx->baseCharacteristic() == characteristic) current->transport->receive(value);
+  if (rx && rx->baseCharacteristic() == characteristic) receiveOn(*current, value);
+}
+
+// A transport that keeps its session takes each value with the number of the link it came
+// on, so that a value of a link that has since dropped never reaches its window.
+void QLT_Peripheral::receiveOn(const Connection& connection, const Data& value) {
+  if (auto sw = std::dynamic_pointer_cast<SWTransport>(connection.transport)) {
+    sw->receive(value, connection.windowLink);
+  } else {
+    connection.transport->receive(value);
+  }
 }
 
 void QLT_Peripheral::peripheral_didWriteValueForCharacteristic_error(
@@ -560,6 +627,12 @@ void QLT_Peripheral::transport_tcpDataReceived(const std::shared_ptr<BaseTranspo
   QLTLog("---> t-rcv : l=%d, %@", data.length(), data);
   multicastDelegate()->invoke(&QLT_PeripheralDidReceivedTCPData::QLT_Peripheral_didReceivedTCPData,
                               self(), data);
+}
+
+void QLT_Peripheral::transport_sessionChanged(const std::shared_ptr<BaseTransport>& /*transport*/,
+                                              const SessionChange& change) {
+  multicastDelegate()->invoke(&QLT_PeripheralDidChangeSession::QLT_Peripheral_didChangeSession,
+                              self(), change);
 }
 
 void QLT_Peripheral::transport_udpDataReceived(const std::shared_ptr<BaseTransport>& transport,

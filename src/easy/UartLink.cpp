@@ -81,12 +81,14 @@ void UartLink::Impl::disconnect() {
     ++attempt_;
     peripheral = peripheral_;
     opener = std::move(opener_);
+    sessionHeld_ = false;
     if (inAttempt() || state_ == State::Connected) {
       detachTransportLocked();
       change(State::Disconnected, Reason::NotConnected, "");
     }
   }
   if (opener) opener->cancel();  // stops its scan, disconnects what it connected
+  if (peripheral) peripheral->endSession();
   if (peripheral && !isDown(*peripheral)) manager_->disconnect(peripheral);
 }
 

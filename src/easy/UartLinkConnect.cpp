@@ -111,6 +111,8 @@ void UartLink::Impl::found(uint64_t attempt, const std::shared_ptr<QLT_Periphera
   {
     std::lock_guard lock(mutex_);
     if (attempt != attempt_ || !inAttempt()) return;
+    if (p == peripheral_) return;  // the one that holds our session: still our delegate
+    if (peripheral_) previous_.push_back(peripheral_);  // its session ends with it
     peripheral_ = p;
   }
   p->setTransportType(options_.slidingWindow ? 1 : 0);
@@ -138,9 +140,20 @@ void UartLink::Impl::fail(Reason reason, const std::string& message) {
   ++tries_;
   const auto& policy = options_.reconnect;
   if (policy.maxTries > 0 && tries_ >= policy.maxTries) {
-    change(State::Lost, Reason::LinkLost,
-           "gave up reconnecting to " + device_ + " after " + std::to_string(tries_) +
-               (tries_ == 1 ? " try: " : " tries: ") + message);
+    const std::string gaveUp = "gave up reconnecting to " + device_ + " after " +
+                               std::to_string(tries_) + (tries_ == 1 ? " try: " : " tries: ") +
+                               message;
+    if (std::exchange(sessionHeld_, false)) {
+      // What the held session had, queued or in flight, goes with it.
+      const uint64_t held = unacknowledgedLocked();
+      counters_.bytesInDoubt += held;
+      lost(held,
+           gaveUp + (held > 0 ? "; " + std::to_string(held) + " bytes unacknowledged were discarded"
+                              : ""));
+      detachTransportLocked();
+    }
+    endSessionLater(peripheral_);
+    change(State::Lost, Reason::LinkLost, gaveUp);
     return;
   }
   change(
@@ -151,31 +164,93 @@ void UartLink::Impl::fail(Reason reason, const std::string& message) {
   scheduleTry();
 }
 
-// Under mutex_: the attempt (or try) reached a ready peripheral.
+// Under mutex_: the attempt (or try) reached a ready peripheral. A session held since the
+// drop goes on in the same transport; another transport (another peripheral answered to
+// the name) means what the held one had is lost.
 void UartLink::Impl::connected(const std::shared_ptr<QLT_Peripheral>& p) {
-  if (state_ == State::Reconnecting) ++counters_.reconnects;
-  attachTransportLocked(p->transport());
-  change(State::Connected, Reason::NotConnected, "");
+  const bool back = state_ == State::Reconnecting;
+  if (back) ++counters_.reconnects;
+  const auto transport = p->transport();
+  if (sessionHeld_ && transport_ && transport != transport_) sessionLost(unacknowledgedLocked());
+  sessionHeld_ = false;
+  if (transport != transport_) attachTransportLocked(transport);
+  // A session lost on the way back stays in lastError() until the next drop.
+  const bool lostSince = back && !sessionLossText_.empty();
+  change(State::Connected, lostSince ? Reason::LinkLost : Reason::NotConnected,
+         lostSince ? sessionLossText_ : "");
 }
 
-// Under mutex_: the connected link went down. What the transport still held is counted
-// and named, never sent again.
+// Under mutex_.
+void UartLink::Impl::lost(uint64_t bytes, std::string why) {
+  ++losses_;
+  lostAtLast_ = bytes;
+  lossText_ = std::move(why);
+}
+
+std::string UartLink::Impl::sessionLossText(uint64_t bytes) const {
+  return "a new session began with " + device_ +
+         " (the device restarted, or another one answered, or the session was held too " +
+         "long): " + std::to_string(bytes) +
+         " bytes sent were never acknowledged and may or may not have arrived";
+}
+
+// Under mutex_: a new session began where ours was held; `bytes` of ours are in doubt.
+void UartLink::Impl::sessionLost(uint64_t bytes) {
+  ++counters_.sessionsLost;
+  if (bytes == 0) return;  // nothing was in flight: nothing is lost
+  counters_.bytesInDoubt += bytes;
+  sessionLossText_ = sessionLossText(bytes);
+  lost(bytes, sessionLossText_);
+  if (state_ == State::Connected) {
+    change(State::Connected, Reason::LinkLost, sessionLossText_);
+  } else if (state_ == State::Reconnecting) {
+    change(State::Reconnecting, Reason::LinkLost, dropReason_ + "; " + sessionLossText_);
+  }
+}
+
+void UartLink::Impl::endSessionLater(const std::shared_ptr<QLT_Peripheral>& p) {
+  if (p) queue_->async([p] { p->endSession(); });
+}
+
+// QLT_Peripheral delegate: what the link that came up made of the session (on queue_).
+void UartLink::Impl::QLT_Peripheral_didChangeSession(const std::shared_ptr<QLT_Peripheral>& p,
+                                                     const SessionChange& change) {
+  std::lock_guard lock(mutex_);
+  if (p != peripheral_) return;
+  if (change.resumed) {
+    ++counters_.sessionsResumed;
+  } else {
+    sessionLost(change.bytesInDoubt);
+  }
+}
+
+// Under mutex_: the connected link went down. With a session kept, what the transport
+// still holds waits in it for the next link; otherwise it is counted and named, never sent
+// again.
 void UartLink::Impl::dropped(const std::shared_ptr<QLT_Peripheral>& p) {
-  const uint64_t discarded = unacknowledgedLocked();
-  detachTransportLocked();
-  ++links_;
+  const uint64_t held = unacknowledgedLocked();
   ++counters_.drops;
-  counters_.bytesDiscarded += discarded;
-  discardedAtLastDrop_ = discarded;
+  sessionLossText_.clear();
   std::string why;  // "the link dropped: <the platform's reason>"
   if (p->linkProblemKind() == QLT_LinkProblem::LinkLost) {
     why = p->linkProblem();
     why.erase(0, why.find(": ") == std::string::npos ? 0 : why.find(": ") + 2);
   }
   dropReason_ = "the link to " + device_ + " was lost" + (why.empty() ? "" : ": " + why);
-  if (discarded > 0) {
-    dropReason_ +=
-        " with " + std::to_string(discarded) + " bytes unacknowledged; they were discarded";
+  sessionHeld_ = keepsSession();
+  if (sessionHeld_) {
+    if (held > 0) {
+      dropReason_ += " with " + std::to_string(held) +
+                     " bytes unacknowledged; they are kept for the next link";
+    }
+  } else {
+    detachTransportLocked();
+    counters_.bytesDiscarded += held;
+    if (held > 0) {
+      dropReason_ += " with " + std::to_string(held) + " bytes unacknowledged; they were discarded";
+    }
+    lost(held, dropReason_);  // a send() or flush() waiting ends with the link
+    endSessionLater(p);
   }
   if (!options_.reconnect.enabled) {
     change(State::Lost, Reason::LinkLost, dropReason_);
@@ -209,7 +284,8 @@ void UartLink::Impl::tryAgain(uint64_t attempt) {
 uint64_t UartLink::Impl::beginAttempt() {
   const uint64_t attempt = ++attempt_;
   deadline_ = SteadyClock::now() + options_.timeout;
-  if (peripheral_) previous_.push_back(std::exchange(peripheral_, nullptr));
+  // The peripheral that holds our session stays ours (and we its delegate) for the try.
+  if (peripheral_ && !sessionHeld_) previous_.push_back(std::exchange(peripheral_, nullptr));
   return attempt;
 }
 

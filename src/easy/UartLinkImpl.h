@@ -30,6 +30,7 @@ namespace qlt {
 // The delegate of the peripheral; every callback arrives on queue_.
 class QLT_HIDDEN UartLink::Impl : public QLT_PeripheralDidChangeState,
                                   public QLT_PeripheralDidReceivedTCPData,
+                                  public QLT_PeripheralDidChangeSession,
                                   public std::enable_shared_from_this<Impl> {
  public:
   using Reason = UartLink::Error::Reason;
@@ -69,6 +70,8 @@ class QLT_HIDDEN UartLink::Impl : public QLT_PeripheralDidChangeState,
                                      int32_t state) override;
   void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>& p,
                                          const Data& data) override;
+  void QLT_Peripheral_didChangeSession(const std::shared_ptr<QLT_Peripheral>& p,
+                                       const SessionChange& change) override;
 
  private:
   using StateCallback = std::function<void(State, const std::string&)>;
@@ -85,6 +88,18 @@ class QLT_HIDDEN UartLink::Impl : public QLT_PeripheralDidChangeState,
   void fail(Reason reason, const std::string& message);
   void connected(const std::shared_ptr<QLT_Peripheral>& p);
   void dropped(const std::shared_ptr<QLT_Peripheral>& p);
+  // Whether the peripheral keeps the window's session across a drop for us (the extended
+  // window, reconnecting).
+  bool keepsSession() const {
+    return options_.slidingWindow && options_.extendedWindow && options_.reconnect.enabled;
+  }
+  // Under mutex_: `bytes` handed over are lost (discarded, or in doubt), for reason `why`.
+  void lost(uint64_t bytes, std::string why);
+  // Under mutex_: a new session began instead of ours; counts, names and announces it.
+  void sessionLost(uint64_t bytes);
+  std::string sessionLossText(uint64_t bytes) const;
+  // Ends the peripheral's session on queue_ (not under mutex_).
+  void endSessionLater(const std::shared_ptr<QLT_Peripheral>& p);
   void scheduleTry();
   void tryAgain(uint64_t attempt);
   uint64_t beginAttempt();
@@ -112,6 +127,10 @@ class QLT_HIDDEN UartLink::Impl : public QLT_PeripheralDidChangeState,
   // The one place the state changes; tells waiters and the callback.
   void change(State state, Reason reason, std::string error);
   void throwUnlessConnected() const;
+  // Connected, or reconnecting with the session (and the bytes handed over) kept.
+  bool carriesOn() const {
+    return state_ == State::Connected || (state_ == State::Reconnecting && sessionHeld_);
+  }
   void throwUnlessConnectedOrBack() const {
     if (state_ != State::Reconnecting) throwUnlessConnected();
   }
@@ -135,11 +154,16 @@ class QLT_HIDDEN UartLink::Impl : public QLT_PeripheralDidChangeState,
   std::shared_ptr<const StateCallback> onState_;           // guarded by mutex_
   std::vector<std::shared_ptr<QLT_Peripheral>> previous_;  // guarded; to let go of
   std::shared_ptr<BaseTransport> transport_;  // guarded by mutex_; the connected link's
-  uint64_t links_ = 0;                        // guarded by mutex_; advances at every drop
-  Counters counters_;                         // guarded by mutex_
-  uint64_t discardedAtLastDrop_ = 0;          // guarded by mutex_
-  std::string dropReason_;                    // guarded by mutex_
-  int tries_ = 0;                       // guarded by mutex_; failed tries to reconnect in a row
+  // Advances each time bytes handed over are lost: discarded at a drop, or in doubt when a
+  // session is lost; a send() or flush() waiting then throws.
+  uint64_t losses_ = 0;          // guarded by mutex_
+  Counters counters_;            // guarded by mutex_
+  uint64_t lostAtLast_ = 0;      // guarded by mutex_; bytes lost at the last loss
+  std::string lossText_;         // guarded by mutex_; why, for the waits that end with it
+  std::string sessionLossText_;  // guarded by mutex_; a session lost since the last drop
+  bool sessionHeld_ = false;     // guarded by mutex_; dropped, the session kept for the next link
+  std::string dropReason_;       // guarded by mutex_
+  int tries_ = 0;                // guarded by mutex_; failed tries to reconnect in a row
   std::chrono::milliseconds delay_{0};  // guarded by mutex_; before the next try
   mutable bool stateUnseen_ = false;    // guarded by mutex_; a change state() has not returned
   mutable bool roomWanted_ = false;     // guarded by mutex_; a trySend found the buffer full

@@ -33,16 +33,18 @@ size_t UartLink::Impl::send(const Data& bytes, SteadyClock::time_point deadline,
     wantRoomLocked();
     return 0;
   }
-  const uint64_t link = links_;
+  // A drop with the session kept is waited through: the bytes go on on the next link.
+  const uint64_t losses = losses_;
   while (done < bytes.size()) {
     const auto settled = [&] {
-      return links_ != link || state_ != State::Connected || roomLocked() > 0;
+      return losses_ != losses || !carriesOn() || (state_ == State::Connected && roomLocked() > 0);
     };
     if (wait) waitUntil(changed_, lock, deadline, settled);
-    if (links_ != link || state_ != State::Connected) {
+    if (losses_ != losses || !carriesOn()) {
       throw Error(Reason::LinkLost, error_.empty() ? "the link ended while sending" : error_);
     }
-    const size_t n = std::min<size_t>(roomLocked(), bytes.size() - done);
+    const size_t n =
+        state_ == State::Connected ? std::min<size_t>(roomLocked(), bytes.size() - done) : 0;
     if (n == 0) {
       wantRoomLocked();
       break;  // out of time, or trySend's buffer is full
@@ -63,12 +65,21 @@ bool UartLink::Impl::flush(std::chrono::milliseconds timeout) {
   waitUntil(changed_, lock, deadline, [&] { return state_ != State::Reconnecting; });
   throwUnlessConnectedOrBack();
   if (state_ != State::Connected) return false;  // still reconnecting at the deadline
-  const uint64_t link = links_;
+  const uint64_t losses = losses_;
+  // A lost session drops its bytes in doubt from the count at once; its report follows.
+  const auto transport = transport_;
+  const uint64_t doubt = transport ? transport->bytesInDoubt() : 0;
   waitUntil(changed_, lock, deadline, [&] {
-    return links_ != link || state_ != State::Connected || unacknowledgedLocked() == 0;
+    return losses_ != losses || !carriesOn() ||
+           (state_ == State::Connected && unacknowledgedLocked() == 0);
   });
-  if (links_ != link && discardedAtLastDrop_ > 0) throw Error(Reason::LinkLost, dropReason_);
-  if (links_ != link) return true;  // it dropped with everything acknowledged
+  if (losses_ != losses && lostAtLast_ > 0) throw Error(Reason::LinkLost, lossText_);
+  if (losses_ == losses && transport && transport == transport_ &&
+      transport->bytesInDoubt() != doubt) {
+    throw Error(Reason::LinkLost, sessionLossText(transport->bytesInDoubt() - doubt));
+  }
+  if (losses_ != losses) return true;               // it dropped with everything acknowledged
+  if (state_ == State::Reconnecting) return false;  // the session waits for the next link
   throwUnlessConnected();
   return unacknowledgedLocked() == 0;
 }

@@ -52,6 +52,7 @@
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/SlideWindowCounters.h"
 #include "QueltLibrary/SlideWindowFace.h"
+#include "protocol/WindowSizing.h"
 #include "swcore/qlt_sw.h"
 #include "swcore/qlt_sw_wide.h"
 #include "worker/RoundPacer.h"
@@ -70,37 +71,11 @@ struct SlideWindowParameters {
 // device answers.
 enum class WindowRole { Central, Device };
 
-// The extended window of one link, as the driver sizes it from the link's facts: segments
-// as large as one value carries (value limit - 3 header bytes), and slots (each way) for
-// twice the bandwidth-delay product, so that the sender still has room while a lost
-// segment's repair is in flight; at least 2.4 kB, at most kMaxWindowBytes.
-struct ExtendedWindowSizing {
-  uint16_t segment = 0;
-  uint16_t slots = 0;
-  static constexpr size_t kMinInFlightBytes = 2400;
-  static constexpr size_t kMaxWindowBytes = size_t{96} * 1024;
-  static constexpr size_t kMaxSegment = 509;  // a 512-byte value: the ATT value's limit
-  static ExtendedWindowSizing of(const WindowLink& link);
-  // What the link carries at most (one way, bytes a second) and its round trip (seconds), as
-  // the sizing estimates them.
-  static double bytesPerSecond(const WindowLink& link);
-  static double roundTripSeconds(const WindowLink& link);
-  // How long an acknowledgement of extended segments may wait: three connection intervals,
-  // at most 20 ms (the round trip above includes it).
-  static double ackDelaySeconds(const WindowLink& link);
-};
-
 // Whether and how a driver runs the extended window (SlideWindowDriver::setExtended).
 struct ExtendedWindowSettings {
   bool enabled = false;
   WindowRole role = WindowRole::Central;
   WindowLink link;  // sizes the segments and the slots (ExtendedWindowSizing)
-};
-
-// What a new link made of the session (SlideWindowDriver::Outputs::session).
-struct SessionChange {
-  bool resumed = false;       // the stream went on where the peer had it
-  uint64_t bytesInDoubt = 0;  // a new session: sent on the old one, never acknowledged, dropped
 };
 
 class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver> {
@@ -145,8 +120,10 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   void receive(const Data& value, uint64_t link);
 
   // The link is gone: nothing more is written or taken until linkUp. The session is held
-  // for holdTime() seconds, then forgotten.
+  // for holdTime() seconds, then forgotten. With a number: only if link `link` is still the
+  // current one (a late report of an older link's end changes nothing).
   void linkLost();
+  void linkLost(uint64_t link);
   // The next link is up (a new nonce for a session that begins on it); returns its number.
   uint64_t linkUp();
   uint64_t link() const;
@@ -173,6 +150,9 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   uint8_t inFlight() const;
   // Bytes accepted by sendTCP and not yet acknowledged by the peer (lock-free).
   uint64_t unacknowledged() const { return unacknowledged_.load(std::memory_order_acquire); }
+  // Of the bytes that left unacknowledged(), those that were never acknowledged: in doubt
+  // when a session was lost (lock-free; counted before they leave unacknowledged()).
+  uint64_t bytesInDoubt() const { return inDoubt_.load(std::memory_order_acquire); }
   // Called on the strand each time unacknowledged() falls to 0.
   void setAllAcknowledgedHandler(std::function<void()> handler);
   void setFrameTrace(FrameTrace trace);
@@ -202,6 +182,7 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   Snapshot snapshot() const;
   void settle(const Snapshot& before);
   void receiveOnStrand(const Data& value);
+  void loseOnStrand();
   void forgetOnStrand();
   void write(const uint8_t* bytes, size_t length);
   void trace(bool outgoing, const uint8_t* bytes, size_t length);
@@ -233,6 +214,7 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   double lostAt_ = 0;                  // when the link went down (clock_)
 
   std::atomic<uint64_t> unacknowledged_{0};
+  std::atomic<uint64_t> inDoubt_{0};
   mutable std::mutex mutex_;
   bool running_ = false;                                  // guarded by mutex_
   bool started_ = false;                                  // guarded by mutex_: ever started

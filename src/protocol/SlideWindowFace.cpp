@@ -27,6 +27,13 @@ void SlideWindowFace::setExtendedWindow(bool enabled, WindowLink link) {
 bool SlideWindowFace::extendedWindow() const { return driver_->extended().enabled; }
 WindowFormat SlideWindowFace::windowFormat() const { return driver_->format(); }
 
+void SlideWindowFace::linkLost(uint64_t link) { driver_->linkLost(link); }
+uint64_t SlideWindowFace::linkUp() { return driver_->linkUp(); }
+uint64_t SlideWindowFace::link() const { return driver_->link(); }
+void SlideWindowFace::forgetSession() { driver_->forgetSession(); }
+void SlideWindowFace::setSessionHoldTime(double seconds) { driver_->setHoldTime(seconds); }
+double SlideWindowFace::sessionHoldTime() const { return driver_->holdTime(); }
+
 void SlideWindowFace::initState() { driver_->initState(); }
 void SlideWindowFace::ackReceived(uint64_t count) { driver_->ackReceived(count); }
 void SlideWindowFace::transfer() { driver_->transfer(); }

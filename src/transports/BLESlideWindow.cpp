@@ -24,7 +24,12 @@ std::shared_ptr<BLESlideWindow> BLESlideWindow::create(std::shared_ptr<Clock> cl
            },
        .deliverTCP = deliver(&BLESlideWindowDelegate::slideWindow_tcpDataReceived),
        .deliverUDP = deliver(&BLESlideWindowDelegate::slideWindow_udpDataReceived),
-       .session = nullptr});
+       .session =
+           [weak](const SessionChange& change) {
+             if (auto self = weak.lock())
+               self->multicastDelegate()->invoke(
+                   &BLESlideWindowSessionDelegate::slideWindow_sessionChanged, self, change);
+           }});
   return window;
 }
 
@@ -77,6 +82,7 @@ void BLESlideWindow::setSenderDelegate(
 }
 
 void BLESlideWindow::receive(const Data& value) { driver_->receive(value); }
+void BLESlideWindow::receive(const Data& value, uint64_t link) { driver_->receive(value, link); }
 void BLESlideWindow::sendTCP(const uint8_t* bytes, uint64_t length) {
   driver_->sendTCP(bytes, length);
 }

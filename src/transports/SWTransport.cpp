@@ -25,7 +25,13 @@ std::shared_ptr<SWTransport> SWTransport::create(std::shared_ptr<Clock> clock) {
            },
        .deliverTCP = deliver(&TransportDelegate::transport_tcpDataReceived),
        .deliverUDP = deliver(&TransportDelegate::transport_udpDataReceived),
-       .session = nullptr});
+       .session =
+           [weak](const SessionChange& change) {
+             if (auto self = weak.lock())
+               self->multicastDelegate()->invoke(
+                   &TransportSessionDelegate::transport_sessionChanged, self->sharedTransport(),
+                   change);
+           }});
   transport->driver_->setAllAcknowledgedHandler([weak] {
     if (auto self = weak.lock()) self->notifyAllAcknowledged();
   });
@@ -41,7 +47,9 @@ void SWTransport::sendUDP(const uint8_t* bytes, uint64_t length) {
   driver_->sendUDP(bytes, length);
 }
 void SWTransport::receive(const Data& value) { driver_->receive(value); }
+void SWTransport::receive(const Data& value, uint64_t link) { driver_->receive(value, link); }
 uint64_t SWTransport::unacknowledged() const { return driver_->unacknowledged(); }
+uint64_t SWTransport::bytesInDoubt() const { return driver_->bytesInDoubt(); }
 void SWTransport::setFrameTrace(FrameTrace trace) { driver_->setFrameTrace(std::move(trace)); }
 
 void SWTransport::run(const std::shared_ptr<ThreadBase>& thread) {

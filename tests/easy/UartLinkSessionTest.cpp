@@ -1,0 +1,115 @@
+// UartLink with reconnection and the extended window: the session goes on across dropped
+// links (nothing lost, nothing twice), and a device that restarted is reported, never silent.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <string>
+
+#include "QueltLibrary/UartLink.h"
+#include "QueltLibrary/sim/LinkParameters.h"
+#include "support/SimWorld.h"
+
+namespace qlt {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct AUartLinkSession : testing::Test {
+  AUartLinkSession() {
+    options.reconnect.enabled = true;
+    options.reconnect.firstDelay = 20ms;
+  }
+  // Sends `payload` and reads its echo on another thread until it is complete, the link
+  // fails, or `limit` passes; returns what came back.
+  static std::string echo(UartLink& link, const std::string& payload, std::chrono::seconds limit) {
+    std::atomic<bool> failed{false};
+    auto reader = std::async(std::launch::async, [&] {
+      std::string back;
+      const auto end = std::chrono::steady_clock::now() + limit;
+      while (back.size() < payload.size() && !failed && std::chrono::steady_clock::now() < end) {
+        try {
+          back += link.read(100ms).toString();
+        } catch (const UartLink::Error&) {
+          break;
+        }
+      }
+      return back;
+    });
+    try {
+      for (size_t at = 0; at < payload.size(); at += 4096)
+        link.send(Data::fromString(payload.substr(at, 4096)));
+    } catch (const UartLink::Error& e) {
+      failed = true;
+      ADD_FAILURE() << "send: " << e.what();
+    }
+    return reader.get();
+  }
+  e2e::Sim sim;
+  UartLink::Options options = test::linkOptions(5s, QLT_BLEManager::create(sim.backend()));
+  test::LogCapture log;
+};
+
+TEST_F(AUartLinkSession, CarriesAMegabyteExactlyOnceAcrossADropEveryFifthOfASecond) {
+  sim::AirFaults faults;
+  faults.dropAfterSeconds = 0.2;  // several drops in the transfer, each mid-stream
+  faults.lostNotifications = 0.002;
+  faults.lostWritesWithoutResponse = 0.002;
+  sim.radio->setFaults(faults);
+  UartLink link(options);
+  link.connect("QLT-Echo");
+  const std::string payload = e2e::pattern(1 << 20);
+  const std::string back = echo(link, payload, 60s);
+  ASSERT_EQ(back.size(), payload.size()) << link.lastError();
+  EXPECT_TRUE(back == payload) << "every byte once, in order";
+  const auto counters = link.counters();
+  EXPECT_GE(counters.drops, 3u);
+  EXPECT_EQ(counters.sessionsResumed, counters.reconnects);
+  EXPECT_EQ(counters.sessionsLost, 0u);
+  EXPECT_EQ(counters.bytesInDoubt, 0u);
+  EXPECT_EQ(counters.bytesDiscarded, 0u);
+  EXPECT_TRUE(link.flush(10s));
+}
+
+// A device removed and added again between links has forgotten the session: the link
+// comes back with a new one, and what was in flight is named as in doubt.
+TEST_F(AUartLinkSession, ReportsTheBytesInDoubtWhenTheDeviceRestarted) {
+  sim::AirFaults faults;
+  faults.connectionInterval = 0.02;  // segments are still in the air at the drop
+  sim.radio->setFaults(faults);
+  UartLink link(options);
+  std::promise<std::string> told;
+  link.connect("QLT-Echo");
+  link.onStateChange(
+      [&told, once = false](UartLink::State state, const std::string& error) mutable {
+        if (state == UartLink::State::Connected && !error.empty() && !once) {
+          once = true;
+          told.set_value(error);
+        }
+      });
+  const auto echoDevice = *sim.radio->device(sim.id("QLT-Echo"));
+  link.send(Data::fromString(e2e::pattern(20000)));
+  ASSERT_GT(link.unacknowledged(), 0u);
+  auto flushing = std::async(std::launch::async, [&] { return link.flush(30s); });
+  sim.radio->removeDevice(echoDevice.identifier);
+  ASSERT_TRUE(test::eventually([&] { return link.state() == UartLink::State::Reconnecting; }));
+  EXPECT_GT(link.unacknowledged(), 0u) << "kept for the next link";
+  sim.radio->addDevice(echoDevice);
+  auto future = told.get_future();
+  ASSERT_EQ(future.wait_for(20s), std::future_status::ready);
+  const std::string error = future.get();
+  const auto counters = link.counters();
+  EXPECT_EQ(counters.sessionsLost, 1u);
+  EXPECT_EQ(counters.sessionsResumed, 0u);
+  EXPECT_GT(counters.bytesInDoubt, 0u);
+  EXPECT_EQ(counters.bytesDiscarded, 0u);
+  EXPECT_NE(
+      error.find(std::to_string(counters.bytesInDoubt) + " bytes sent were never acknowledged"),
+      std::string::npos)
+      << error;
+  EXPECT_EQ(link.lastError(), error);
+  EXPECT_THROW(flushing.get(), UartLink::Error) << "a flush waiting through it is no success";
+}
+
+}  // namespace
+}  // namespace qlt
