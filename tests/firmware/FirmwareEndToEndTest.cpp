@@ -3,25 +3,70 @@
 // started for every link or kept running across links (link events on its serial line).
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
+#include <sstream>
+#include <thread>
 
-#include "FirmwareUnderTest.h"
 #include "QueltLibrary/UartLink.h"
-#include "qlt_slip.h"
 #include "support/SimWorld.h"
 
 namespace qlt {
 namespace {
 
 using namespace std::chrono_literals;
-using firmware::device;
-using firmware::Firmware;
-using firmware::firmwares;
+
+struct Firmware {
+  std::string name;
+  std::vector<std::string> command;         // the echo device
+  std::vector<std::string> restartCommand;  // one that restarts after 20,000 bytes received
+  bool keepRunning = false;                 // one run across links, link events on the line
+};
+
+void PrintTo(const Firmware& firmware, std::ostream* os) { *os << firmware.name; }
+
+#ifdef QLT_FW_MICROBIT
+std::vector<std::string> qemu(const std::string& image) {
+  std::istringstream words(
+      "-M microbit -nodefaults -display none -monitor none -no-reboot "
+      "-chardev stdio,id=uart,signal=off -serial chardev:uart -kernel");
+  std::vector<std::string> command{QLT_QEMU_SYSTEM_ARM};
+  for (std::string w; words >> w;) command.push_back(w);
+  command.push_back(image);
+  return command;
+}
+#endif
+
+std::vector<Firmware> firmwares(bool keptRunningOnly = false) {
+  const char* events = "--link-events";
+  std::vector<Firmware> list{{"HostKeptRunning",
+                              {QLT_FW_HOST_ECHO, events},
+                              {QLT_FW_HOST_ECHO, events, "--restart-after", "20000"},
+                              true}};
+  if (!keptRunningOnly) {
+    list.push_back({"Host", {QLT_FW_HOST_ECHO}, {QLT_FW_HOST_ECHO, "--restart-after", "20000"}});
+  }
+#ifdef QLT_FW_MICROBIT
+  list.push_back({"ChipKeptRunning", qemu(QLT_FW_MICROBIT_EVENTS),
+                  qemu(QLT_FW_MICROBIT_EVENTS_RESTART), true});
+  if (!keptRunningOnly) {
+    list.push_back({"Chip", qemu(QLT_FW_MICROBIT), qemu(QLT_FW_MICROBIT_RESTART)});
+  }
+#endif
+  return list;
+}
+
+sim::SimDeviceConfig device(const std::vector<std::string>& command, bool keepRunning = false) {
+  sim::SimDeviceConfig d;
+  d.identifier = *UUID::fromString("51D0E001-0000-4000-8000-0000000000F1");
+  d.localName = "QLT-FW";
+  d.behaviour = sim::SimBehaviour::External;
+  d.command = command;
+  d.keepRunning = keepRunning;
+  return d;
+}
 
 struct TheFirmware : testing::TestWithParam<Firmware> {
   // What came back of `message` until all did, the link ended or nothing came for 10 s.
@@ -81,6 +126,7 @@ TEST_P(TheFirmware, RestartingMidTransferIsALostLinkNotData) {
   EXPECT_EQ(error.rfind("the link to QLT-FW was lost", 0), 0u) << error;
   EXPECT_LE(got.size(), 20000u + 4 * 120) << "no more than the device echoed before it restarted";
   EXPECT_TRUE(got == message.substr(0, got.size())) << "what came is the start, in order";
+  if (GetParam().keepRunning) EXPECT_EQ(echo(sim, "again"), "again") << "the next link restarts it";
 }
 
 INSTANTIATE_TEST_SUITE_P(, TheFirmware, testing::ValuesIn(firmwares()),
@@ -111,100 +157,66 @@ TEST(TheHostFirmware, LosesNoSegmentWhenTheStackRefusesNotifications) {
   EXPECT_LT(resent, 10u) << report << ": the air loses nothing, so a resend is a frame let go";
 }
 
-// A program that keeps running across links, made of the shell: it notes each start, records
-// every frame it hears and writes what the test puts in a FIFO.
-struct KeptProgram {
-  KeptProgram() {
-    ::mkfifo(fifo.c_str(), 0600);
-    toProgram = ::open(fifo.c_str(), O_RDWR | O_CLOEXEC);  // never blocks, keeps cat reading
-  }
-  ~KeptProgram() {
-    ::close(toProgram);  // cat's end of input
-    for (const auto& path : {fifo, heard, starts}) std::remove(path.c_str());
-    ::rmdir(dir.c_str());
-  }
-  KeptProgram(const KeptProgram&) = delete;
-  KeptProgram& operator=(const KeptProgram&) = delete;
-
-  sim::SimDeviceConfig config() const {
-    return device({"sh", "-c", R"(echo $$ >> "$1"; cat "$2" & exec tee -a "$3" >/dev/null)", "sh",
-                   starts, fifo, heard},
-                  true);
-  }
-  void say(const std::string& frame) const {
-    std::vector<uint8_t> out(QLT_SLIP_ENCODED_MAX(frame.size()));
-    const size_t n = qlt_slip_encode(reinterpret_cast<const uint8_t*>(frame.data()), frame.size(),
-                                     out.data(), out.size());
-    ASSERT_EQ(::write(toProgram, out.data(), n), static_cast<ssize_t>(n));
-  }
-  // The frames the program heard so far, each as text.
-  std::vector<std::string> frames() const {
-    std::ifstream in(heard, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
-    std::vector<uint8_t> buffer(600);
-    qlt_slip_decoder decoder;
-    qlt_slip_decoder_init(&decoder, buffer.data(), buffer.size());
-    std::vector<std::string> frames;
-    for (char c : bytes) {
-      if (size_t n = qlt_slip_decode_byte(&decoder, static_cast<uint8_t>(c)))
-        frames.emplace_back(reinterpret_cast<const char*>(buffer.data()), n);
-    }
-    return frames;
-  }
-  size_t startCount() const {
-    std::ifstream in(starts);
-    size_t lines = 0;
-    for (std::string line; std::getline(in, line);) ++lines;
-    return lines;
-  }
-
-  std::string dir = [] {
-    char name[] = "/tmp/qlt-kept-XXXXXX";
-    return std::string(::mkdtemp(name));
-  }();
-  std::string fifo = dir + "/out", heard = dir + "/heard", starts = dir + "/starts";
-  int toProgram = -1;
-};
-
-const std::string kUp("\x01", 1), kDown("\x02", 1), kValue("\x00", 1);
-
-TEST(AnExternalDeviceKeptRunning, HearsEachLinkBeginAndEndInOrderAndNotifiesOnlyWhileOneIsUp) {
-  KeptProgram program;
+// A program kept running, made of the shell: it notes its start, then echoes every frame and
+// records it.
+TEST(AnExternalDeviceKeptRunning, HearsEachLinkBeginAndEndInOrderAndNotifiesOnlyValues) {
+  char heard[] = "/tmp/qlt-fw-heard-XXXXXX";
+  ::close(::mkstemp(heard));
   e2e::Sim sim(false);
-  const auto config = program.config();
-  sim.radio->addDevice(config);
-  auto options = test::linkOptions(5s, QLT_BLEManager::create(sim.backend()), false);
-  auto heardUpTo = [&](size_t n) {
-    return test::eventually([&] { return program.frames().size() >= n; });
-  };
-  {
-    UartLink link(options);
+  sim.radio->addDevice(
+      device({"sh", "-c", R"(echo run >> "$1"; exec tee -a "$1")", "sh", heard}, true));
+  for (const std::string round : {"1", "2"}) {
+    UartLink link(test::linkOptions(5s, QLT_BLEManager::create(sim.backend()), false));
     link.connect("QLT-FW");
-    link.send("one");
-    ASSERT_TRUE(heardUpTo(2));
-    program.say(kValue + "back");
-    EXPECT_EQ(link.read(5s).toString(), "back");
-    sim.radio->dropLink(config.identifier);
-    ASSERT_TRUE(heardUpTo(3));
+    link.send(round);
+    EXPECT_EQ(link.read(5s).toString(), round) << "the value back; a link event is no value";
   }
-  program.say(kValue + "while no link is up");
-  ASSERT_TRUE(test::eventually(
-      [&] { return sim.radio->stats(config.identifier).notificationsUnlinked == 1; }));
-  program.say(std::string(1, '\x07') + "not a value");
-  {
-    UartLink link(options);
-    link.connect("QLT-FW");
-    link.send("two");
-    program.say(kValue + "again");
-    EXPECT_EQ(link.read(5s).toString(), "again") << "nothing held from before, no other type";
-    link.disconnect();
-  }
-  ASSERT_TRUE(heardUpTo(6));
-  EXPECT_EQ(program.frames(),
-            (std::vector<std::string>{kUp, kValue + "one", kDown, kUp, kValue + "two", kDown}));
-  EXPECT_EQ(program.startCount(), 1u) << "one run for both links";
-  EXPECT_EQ(sim.radio->stats(config.identifier).notificationsUnlinked, 1u);
+  // One run; SLIP frames (END, type, value, END) of a link up, a value, a link down, twice.
+  const char frames[] =
+      "run\n\xC0\x01\xC0\xC0\x00"
+      "1\xC0\xC0\x02\xC0\xC0\x01\xC0\xC0\x00"
+      "2\xC0\xC0\x02\xC0";
+  const std::string expected(frames, sizeof frames - 1);
+  std::string bytes;
+  EXPECT_TRUE(test::eventually([&] {
+    std::getline(std::ifstream(heard, std::ios::binary), bytes, '\xFF');
+    return bytes == expected;
+  })) << testing::PrintToString(bytes);
+  std::remove(heard);
 }
+
+// The echo of `message` through `link` that reconnects, sent from a thread of its own: what
+// came back until all did or nothing came for 10 s.
+std::string echoReconnecting(UartLink& link, const std::string& message) {
+  std::thread sender([&] { EXPECT_NO_THROW(link.send(message)); });
+  std::string got;
+  for (Data d; got.size() < message.size() && !(d = link.read(10s)).empty();) got += d.toString();
+  sender.join();
+  return got;
+}
+
+using TheKeptFirmware = TheFirmware;
+
+// The link drops every 2.5 s; the central resumes the session with the device each time.
+TEST_P(TheKeptFirmware, ResumesItsSessionAtEveryDropOfTheLink) {
+  e2e::Sim sim(false);
+  auto config = device(GetParam().command, true);
+  config.faults.emplace().dropAfterSeconds = 2.5;
+  sim.radio->addDevice(config);
+  auto options = test::linkOptions(5s, QLT_BLEManager::create(sim.backend()));
+  options.reconnect.enabled = true;
+  UartLink link(options);
+  link.connect("QLT-FW");
+  // About 10 s of echo: 1 MiB through the host build, 512 KiB through the chip.
+  const std::string message = e2e::pattern(size_t{GetParam().name[0] == 'H' ? 1024u : 512u} << 10);
+  EXPECT_TRUE(echoReconnecting(link, message) == message) << "exactly once, in order";
+  const auto counters = link.counters();
+  EXPECT_GE(counters.drops, 2u);
+  EXPECT_EQ(counters.sessionsResumed, counters.drops) << "the device resumed every time";
+}
+
+INSTANTIATE_TEST_SUITE_P(, TheKeptFirmware, testing::ValuesIn(firmwares(true)),
+                         [](const auto& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace qlt
