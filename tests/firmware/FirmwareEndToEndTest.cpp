@@ -126,7 +126,9 @@ TEST_P(TheFirmware, RestartingMidTransferIsALostLinkNotData) {
   EXPECT_EQ(error.rfind("the link to QLT-FW was lost", 0), 0u) << error;
   EXPECT_LE(got.size(), 20000u + 4 * 120) << "no more than the device echoed before it restarted";
   EXPECT_TRUE(got == message.substr(0, got.size())) << "what came is the start, in order";
-  if (GetParam().keepRunning) EXPECT_EQ(echo(sim, "again"), "again") << "the next link restarts it";
+  if (GetParam().keepRunning) {
+    EXPECT_EQ(echo(sim, "again"), "again") << "the next link starts it again";
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(, TheFirmware, testing::ValuesIn(firmwares()),
