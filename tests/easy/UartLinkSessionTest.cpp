@@ -50,9 +50,9 @@ struct AUartLinkSession : testing::Test {
   test::LogCapture log;
 };
 
-TEST_F(AUartLinkSession, CarriesAMegabyteExactlyOnceAcrossADropEveryFifthOfASecond) {
+TEST_F(AUartLinkSession, CarriesAMegabyteExactlyOnceAcrossADropEveryFewThousandPackets) {
   sim::AirFaults faults;
-  faults.dropAfterSeconds = 0.2;  // several drops in the transfer, each mid-stream
+  faults.dropAfterPackets = 3000;  // a drop every 250 kB or so each way, mid-stream
   faults.lostNotifications = 0.002;
   faults.lostWritesWithoutResponse = 0.002;
   sim.radio->setFaults(faults);

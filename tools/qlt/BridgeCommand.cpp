@@ -188,14 +188,22 @@ struct Outgoing {
 
 // The connection to the device, made again after a drop when asked. "Owed" bytes have been
 // handed to the transport and not yet acknowledged (sliding window) or not yet written
-// (chunks): the transport's unacknowledged().
+// (chunks): the transport's unacknowledged(). With the extended window the peripheral keeps
+// the transport, and the session in it, across a drop: what is owed then waits for the next
+// link, which resumes the stream, or begins a new session with the bytes sent and never
+// acknowledged in doubt (the transport's bytesInDoubt()).
 class Link {
  public:
   Link(Session& session, std::shared_ptr<QLT_Peripheral> peripheral, TransportKind kind,
        Inbox& inbox, int wakeFd)
-      : session_(session), peripheral_(std::move(peripheral)), kind_(kind), wakeFd_(wakeFd) {
+      : session_(session),
+        peripheral_(std::move(peripheral)),
+        kind_(kind),
+        keepsSession_(kind == TransportKind::SlidingWindow && !session.options().classicWindow),
+        wakeFd_(wakeFd) {
     events_.onData = [&inbox](const Data& d, bool) { inbox.add(d); };
-    events_.onState = [wakeFd](int32_t, const std::string&) { wake(wakeFd); };
+    // Once the state is recorded, so that the woken loop sees a drop.
+    events_.onRecorded = [wakeFd] { wake(wakeFd); };
   }
   ~Link() { detach(); }
   Link(const Link&) = delete;
@@ -211,7 +219,12 @@ class Link {
       connection_.reset();
       throw;
     }
-    transport_ = peripheral_->transport();
+    const auto transport = peripheral_->transport();
+    if (transport == transport_) return;  // the session's, kept across the drop
+    if (transport_) lost_ += transport_->unacknowledged() + takeDoubt();  // gone with it
+    detach();
+    transport_ = transport;
+    doubt_ = transport_ ? transport_->bytesInDoubt() : 0;
     if (transport_) transport_->setAllAcknowledgedHandler([fd = wakeFd_] { wake(fd); });
   }
   bool up() const { return connection_ && !connection_->dropped(); }
@@ -228,23 +241,35 @@ class Link {
   }
   // Bytes owed to the device now (the transport of a dropped link keeps its count).
   uint64_t owed() const { return transport_ ? transport_->unacknowledged() : 0; }
-  // After a drop: what was owed is gone with the transport. Returns that count.
-  uint64_t forget() {
-    const uint64_t lost = owed();
-    detach();
+  bool keepsSession() const { return keepsSession_; }
+  // After a drop: what was owed is gone with the transport, unless `keep`: the session
+  // keeps it for the next link.
+  void forget(bool keep) {
     connection_.reset();
-    return lost;
+    if (!keep) detach();
   }
+  // Bytes found in doubt since the last call: a new session began where the last one could
+  // not resume (the device restarted, or the session was held too long), and they were sent
+  // on it and never acknowledged. Counted before they leave owed().
+  uint64_t takeDoubt() {
+    if (!transport_) return 0;
+    const uint64_t now = transport_->bytesInDoubt();
+    return now - std::exchange(doubt_, now);
+  }
+  // Lost when the transport changed under a held session (another peripheral's link).
+  uint64_t takeLost() { return std::exchange(lost_, 0); }
   uint64_t handed() const { return handed_; }
-  void close() {  // disconnects if still connected
+  void close() {  // disconnects if still connected, and ends a session held
     detach();
     connection_.reset();
+    peripheral_->endSession();
   }
 
  private:
   Session& session_;
   const std::shared_ptr<QLT_Peripheral> peripheral_;
   const TransportKind kind_;
+  const bool keepsSession_;  // the extended window: the peripheral keeps its transport
   ConnectionEvents events_;
   void detach() {
     if (transport_) transport_->setAllAcknowledgedHandler(nullptr);
@@ -253,7 +278,9 @@ class Link {
 
   const int wakeFd_;
   std::unique_ptr<Connection> connection_;
-  std::shared_ptr<BaseTransport> transport_;  // the current link's
+  std::shared_ptr<BaseTransport> transport_;  // the current link's (or the session's)
+  uint64_t doubt_ = 0;                        // transport_->bytesInDoubt() taken so far
+  uint64_t lost_ = 0;                         // of a session's transport that was replaced
   uint64_t handed_ = 0;                       // all links
 };
 
@@ -279,7 +306,15 @@ int runBridge(const BridgeOptions& o) {
              (local->where().empty() ? "stdin/stdout" : local->where()) + "; Ctrl-C to stop");
 
   Outgoing out;
-  uint64_t lost = 0;  // owed to the device when a link dropped
+  uint64_t lost = 0;  // owed to the device when a link dropped, or in doubt in a lost session
+  // A new session where the last could not resume: its bytes in doubt are named at once.
+  const auto countDoubt = [&] {
+    if (const uint64_t doubt = link.takeDoubt() + link.takeLost()) {
+      lost += doubt;
+      printError("qlt bridge: a new session began with '" + name + "': " + std::to_string(doubt) +
+                 " bytes sent were never confirmed (the device may or may not have had them)");
+    }
+  };
   bool paused = false;
   bool interrupted = false;
   std::string failure;
@@ -294,11 +329,18 @@ int runBridge(const BridgeOptions& o) {
       break;
     }
     const auto now = Clock::now();
+    countDoubt();
     if (!link.up() && retryAt == Clock::time_point{}) {
-      const uint64_t gone = link.forget();
-      lost += gone;
-      const std::string what = "the link to '" + name + "' was lost" +
-                               (gone ? " with " + std::to_string(gone) + " bytes unconfirmed" : "");
+      const uint64_t owedNow = link.owed();
+      // With the session kept, what is owed waits in it for the next link.
+      const bool kept = o.reconnect && link.keepsSession();
+      link.forget(kept);
+      if (!kept) lost += owedNow;
+      const std::string what =
+          "the link to '" + name + "' was lost" +
+          (owedNow ? " with " + std::to_string(owedNow) + " bytes unconfirmed" +
+                         (kept ? ", kept for the next link" : "")
+                   : "");
       if (!o.reconnect) {
         failure = what;
         break;
@@ -377,7 +419,8 @@ int runBridge(const BridgeOptions& o) {
     }
   }
 
-  const uint64_t owedAtEnd = link.up() ? link.owed() : 0;
+  countDoubt();
+  const uint64_t owedAtEnd = link.owed();  // a session held while down still owes its bytes
   if (o.common.verbose && kind == TransportKind::SlidingWindow && !link.window().empty())
     printError("qlt bridge: the " + link.window() + " window");
   link.close();
@@ -453,9 +496,12 @@ CommandAction addBridgeCommand(CLI::App& app) {
       "  qlt bridge 51D0E001-0000-4000-8000-0000000000C1 --transport nus --pty --reconnect\n"
       "Reading stops while 64 KiB are owed to the device and resumes at 16 KiB, so memory stays\n"
       "bounded; the device's bytes wait (up to 1 MiB) until someone reads them. After a drop\n"
-      "with --reconnect, bytes the old link had not confirmed are counted, not resent (the\n"
-      "device may have had them). Exit: 0 at the end of stdin with every byte confirmed, 1 on a\n"
-      "lost link (or unconfirmed bytes), 130 on Ctrl-C.");
+      "with --reconnect and the extended window (the default), the next link resumes the\n"
+      "stream where the device has it: nothing lost, nothing twice. A device that cannot\n"
+      "resume (restarted, or down past its 30 s hold) begins a new session: the bytes it may\n"
+      "or may not have had are counted as unconfirmed, not resent; so are those the old link\n"
+      "had not confirmed with --classic-window or nus. Exit: 0 at the end of stdin with every\n"
+      "byte confirmed, 1 on a lost link (or unconfirmed bytes), 130 on Ctrl-C.");
   return [o] { return runBridge(*o); };
 }
 

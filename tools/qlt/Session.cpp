@@ -415,6 +415,7 @@ struct Connection::Delegate : QLT_PeripheralDidChangeState,
           (s == QLT_PeripheralStateDisconnected || s == QLT_PeripheralStateFailedToConnect))
         dropped = true;
     });
+    if (events.onRecorded) events.onRecorded();
   }
   void QLT_Peripheral_didReceivedTCPData(const std::shared_ptr<QLT_Peripheral>&,
                                          const Data& d) override {

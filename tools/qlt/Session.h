@@ -171,6 +171,8 @@ class Session {
 struct ConnectionEvents {
   // Each peripheral state as it is announced: its number and display string.
   std::function<void(int32_t state, const std::string& text)> onState;
+  // After each state is recorded: ready() and dropped() see it (onState runs before).
+  std::function<void()> onRecorded;
   // Each received payload ("TCP" segment or "UDP" datagram), in order.
   std::function<void(const Data& payload, bool datagram)> onData;
 };

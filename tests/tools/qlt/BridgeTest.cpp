@@ -78,6 +78,34 @@ TEST_F(ABridge, CarriesAFileFromStdinToStdoutAndEndsWithTheInput) {
       << run.err;
 }
 
+// A link that drops after every 5000 packets (about a fifth of the megabyte each way, with
+// tens of kilobytes in flight): with --reconnect the session resumes on each new link, and
+// the whole megabyte comes back once, in order.
+TEST_F(ABridge, CarriesAMegabyteExactlyOnceThroughLinksThatKeepDropping) {
+  std::ofstream(radio_) << R"({"faults": {"seed": 7, "lostWritesWithoutResponse": 0.01,
+      "lostNotifications": 0.01, "dropAfterPackets": 5000}, "devices": [{"identifier":
+      "B21D0E00-0000-4000-8000-000000000001", "name": "Echo", "behaviour": "sw-echo"}]})";
+  std::string data;
+  while (data.size() < (size_t{1} << 20)) data += data_;
+  data.resize(size_t{1} << 20);
+  const auto run =
+      qlt({"bridge", "Echo", "--sim-config", radio_, "--reconnect"}, 120, withStdin(data));
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_TRUE(run.out == data) << run.out.size() << " bytes came back";
+  size_t reconnects = 0;
+  for (size_t at = 0;
+       (at = run.err.find("qlt bridge: reconnected to 'Echo'", at)) != std::string::npos; ++at)
+    ++reconnects;
+  EXPECT_GE(reconnects, 3u) << run.err;
+  EXPECT_NE(run.err.find("bytes unconfirmed, kept for the next link; reconnecting in"),
+            std::string::npos)
+      << run.err;
+  EXPECT_EQ(run.err.find("new session"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("1048576 bytes to the device (1048576 acknowledged), 1048576 bytes"),
+            std::string::npos)
+      << run.err;
+}
+
 TEST_F(ABridge, CarriesAFileThroughARawPseudoTerminalThatMayBeReopened) {
   const std::string link = store_.path() + "/ttyBLE";
   const auto run = bridge(
