@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "QueltLibrary/UartLink.h"
+#include "RunTool.h"
 #include "support/SimWorld.h"
 
 namespace qlt {
@@ -187,34 +187,28 @@ TEST(AnExternalDeviceKeptRunning, HearsEachLinkBeginAndEndInOrderAndNotifiesOnly
   std::remove(heard);
 }
 
-// The echo of `message` through `link` that reconnects, sent from a thread of its own: what
-// came back until all did or nothing came for 10 s.
-std::string echoReconnecting(UartLink& link, const std::string& message) {
-  std::thread sender([&] { EXPECT_NO_THROW(link.send(message)); });
-  std::string got;
-  for (Data d; got.size() < message.size() && !(d = link.read(10s)).empty();) got += d.toString();
-  sender.join();
-  return got;
-}
-
 using TheKeptFirmware = TheFirmware;
 
-// The link drops every 2.5 s; the central resumes the session with the device each time.
-TEST_P(TheKeptFirmware, ResumesItsSessionAtEveryDropOfTheLink) {
-  e2e::Sim sim(false);
-  auto config = device(GetParam().command, true);
-  config.faults.emplace().dropAfterSeconds = 2.5;
-  sim.radio->addDevice(config);
-  auto options = test::linkOptions(5s, QLT_BLEManager::create(sim.backend()));
-  options.reconnect.enabled = true;
-  UartLink link(options);
-  link.connect("QLT-FW");
+// `qlt bridge --reconnect` to the device while its link drops every 2.5 s: the session
+// resumes at every drop (no new one), and everything comes back exactly once, in order.
+TEST_P(TheKeptFirmware, CarriesATransferThroughQltBridgeResumingAtEveryDrop) {
+  test::TempDir dir;
+  std::string command;
+  for (const auto& word : GetParam().command)
+    command += (command.empty() ? "\"" : ", \"") + word + "\"";
+  std::ofstream(dir.path() + "/radio.json") << R"({"devices": [{"name": "QLT-FW",
+      "identifier": "51D0E001-0000-4000-8000-0000000000F1", "behaviour": "external",
+      "keepRunning": true, "faults": {"dropAfterSeconds": 2.5}, "command": [)"
+                                            << command << "]}]}";
   // About 10 s of echo: 1 MiB through the host build, 512 KiB through the chip.
   const std::string message = e2e::pattern(size_t{GetParam().name[0] == 'H' ? 1024u : 512u} << 10);
-  EXPECT_TRUE(echoReconnecting(link, message) == message) << "exactly once, in order";
-  const auto counters = link.counters();
-  EXPECT_GE(counters.drops, 2u);
-  EXPECT_EQ(counters.sessionsResumed, counters.drops) << "the device resumed every time";
+  const auto run =
+      test::runTool({"bridge", "QLT-FW", "--sim-config", dir.path() + "/radio.json", "--reconnect"},
+                    dir.path(), 120, test::withStdin(message));
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_TRUE(run.out == message) << run.out.size() << " bytes came back";
+  EXPECT_NE(run.err.find("reconnected to 'QLT-FW'"), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.find("new session"), std::string::npos) << run.err;
 }
 
 INSTANTIATE_TEST_SUITE_P(, TheKeptFirmware, testing::ValuesIn(firmwares(true)),
