@@ -58,8 +58,12 @@ QLT_Peripheral::~QLT_Peripheral() {
   // A started transport is kept alive by its own worker thread; without this it would run
   // on after its peripheral is gone.
   if (auto transport = connection()->transport) transport->stop();
-  std::lock_guard lock(mutex_);
-  if (session_) session_->stop();
+  std::shared_ptr<SWTransport> held;
+  {
+    std::lock_guard lock(mutex_);
+    held = session_;
+  }
+  if (held) held->stop();
 }
 
 int32_t QLT_Peripheral::convertState(int64_t platformState) {

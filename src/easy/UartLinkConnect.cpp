@@ -108,13 +108,15 @@ void UartLink::Impl::opened(uint64_t attempt, const LinkOpener::Result& r) {
 
 // On queue_, before the opener connects: the link's transport and delegate.
 void UartLink::Impl::found(uint64_t attempt, const std::shared_ptr<QLT_Peripheral>& p) {
+  std::shared_ptr<QLT_Peripheral> other;
   {
     std::lock_guard lock(mutex_);
     if (attempt != attempt_ || !inAttempt()) return;
     if (p == peripheral_) return;  // the one that holds our session: still our delegate
-    if (peripheral_) previous_.push_back(peripheral_);  // its session ends with it
-    peripheral_ = p;
+    other = std::exchange(peripheral_, p);
+    if (other) previous_.push_back(other);
   }
+  if (other) other->endSession();  // another peripheral answered: the session stays behind
   p->setTransportType(options_.slidingWindow ? 1 : 0);
   p->setExtendedWindow(options_.extendedWindow);
   p->addDelegate(shared_from_this(), queue_);

@@ -62,18 +62,21 @@ size_t UartLink::Impl::send(const Data& bytes, SteadyClock::time_point deadline,
 bool UartLink::Impl::flush(std::chrono::milliseconds timeout) {
   const auto deadline = deadlineAfter(timeout);
   std::unique_lock lock(mutex_);
-  waitUntil(changed_, lock, deadline, [&] { return state_ != State::Reconnecting; });
-  throwUnlessConnectedOrBack();
-  if (state_ != State::Connected) return false;  // still reconnecting at the deadline
+  // Losses from here on end the flush, also while it waits for the link to come back. A
+  // lost session drops its bytes in doubt from the count at once; its report follows.
   const uint64_t losses = losses_;
-  // A lost session drops its bytes in doubt from the count at once; its report follows.
   const auto transport = transport_;
   const uint64_t doubt = transport ? transport->bytesInDoubt() : 0;
+  const auto bytesLost = [&] { return losses_ != losses && lostAtLast_ > 0; };
+  waitUntil(changed_, lock, deadline, [&] { return state_ != State::Reconnecting || bytesLost(); });
+  if (bytesLost()) throw Error(Reason::LinkLost, lossText_);
+  throwUnlessConnectedOrBack();
+  if (state_ != State::Connected) return false;  // still reconnecting at the deadline
   waitUntil(changed_, lock, deadline, [&] {
     return losses_ != losses || !carriesOn() ||
            (state_ == State::Connected && unacknowledgedLocked() == 0);
   });
-  if (losses_ != losses && lostAtLast_ > 0) throw Error(Reason::LinkLost, lossText_);
+  if (bytesLost()) throw Error(Reason::LinkLost, lossText_);
   if (losses_ == losses && transport && transport == transport_ &&
       transport->bytesInDoubt() != doubt) {
     throw Error(Reason::LinkLost, sessionLossText(transport->bytesInDoubt() - doubt));

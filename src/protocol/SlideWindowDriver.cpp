@@ -372,17 +372,21 @@ SlideWindowDriver::Snapshot SlideWindowDriver::snapshot() const {
 void SlideWindowDriver::settle(const Snapshot& before) {
   const Snapshot now = snapshot();
   const uint64_t doubt = now.inDoubt - before.inDoubt;
+  // Counted before they leave unacknowledged() and before the session output hears of
+  // them: whoever sees either sees why.
+  if (doubt > 0) inDoubt_.fetch_add(doubt, std::memory_order_acq_rel);
+  bool drained = false;
+  if (now.queued < before.queued) {
+    const uint64_t released = before.queued - now.queued;
+    feed();
+    drained =
+        unacknowledged_.fetch_sub(released, std::memory_order_acq_rel) == released && doubt == 0;
+  }
   if (outputs_.session) {
     if (now.lost != before.lost) outputs_.session(SessionChange{false, doubt});
     if (now.resumed != before.resumed) outputs_.session(SessionChange{true, 0});
   }
-  if (now.queued >= before.queued) return;
-  const uint64_t released = before.queued - now.queued;
-  // Counted before they leave unacknowledged(): whoever sees them go sees why.
-  if (doubt > 0) inDoubt_.fetch_add(doubt, std::memory_order_acq_rel);
-  feed();
-  if (unacknowledged_.fetch_sub(released, std::memory_order_acq_rel) != released || doubt > 0)
-    return;
+  if (!drained) return;
   std::shared_ptr<const std::function<void()>> handler;
   {
     std::lock_guard lock(mutex_);

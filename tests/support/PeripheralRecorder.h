@@ -74,21 +74,18 @@ class EventLog {
   std::vector<Event> events_;  // guarded by mutex_
 };
 
-// kind: state manager (a manager state) tcp udp discover session; waitFor(kind, n) waits for the
-// nth
+// kind: state manager (a manager state) tcp udp discover; waitFor(kind, n) waits for the nth
 struct LibraryEvent {
   std::string kind;
   int32_t state = 0;  // of the peripheral or the manager; for discover, the RSSI
   Data data{};
   std::shared_ptr<QLT_Peripheral> peripheral{};
-  uint64_t count = 0;  // for session: the bytes in doubt (state: 1 resumed)
 };
 
 class PeripheralRecorder : public EventLog<LibraryEvent>,
                            public QLT_PeripheralDidChangeState,
                            public QLT_PeripheralDidReceivedTCPData,
                            public QLT_PeripheralDidReceivedUDPData,
-                           public QLT_PeripheralDidChangeSession,
                            public QLT_BLEManagerDidChangedState,
                            public QLT_BLEManagerDidDiscoveredPeripheral {
  public:
@@ -106,10 +103,6 @@ class PeripheralRecorder : public EventLog<LibraryEvent>,
   void QLT_Peripheral_didReceivedUDPData(const std::shared_ptr<QLT_Peripheral>&,
                                          const Data& d) override {
     record({"udp", 0, d});
-  }
-  void QLT_Peripheral_didChangeSession(const std::shared_ptr<QLT_Peripheral>& p,
-                                       const SessionChange& change) override {
-    record({"session", change.resumed ? 1 : 0, {}, p, change.bytesInDoubt});
   }
   void manager_didChangedState(const std::shared_ptr<QLT_BLEManager>&, int32_t state) override {
     record({"manager", state});
