@@ -17,6 +17,7 @@ namespace qlt {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 struct Firmware {
   std::string name;
@@ -167,18 +168,15 @@ TEST(AnExternalDeviceKeptRunning, HearsEachLinkBeginAndEndInOrderAndNotifiesOnly
   e2e::Sim sim(false);
   sim.radio->addDevice(
       device({"sh", "-c", R"(echo run >> "$1"; exec tee -a "$1")", "sh", heard}, true));
-  for (const std::string round : {"1", "2"}) {
+  for (const std::string round : {"x", "y"}) {
     UartLink link(test::linkOptions(5s, QLT_BLEManager::create(sim.backend()), false));
     link.connect("QLT-FW");
     link.send(round);
     EXPECT_EQ(link.read(5s).toString(), round) << "the value back; a link event is no value";
   }
   // One run; SLIP frames (END, type, value, END) of a link up, a value, a link down, twice.
-  const char frames[] =
-      "run\n\xC0\x01\xC0\xC0\x00"
-      "1\xC0\xC0\x02\xC0\xC0\x01\xC0\xC0\x00"
-      "2\xC0\xC0\x02\xC0";
-  const std::string expected(frames, sizeof frames - 1);
+  const std::string expected =
+      "run\n\xC0\x01\xC0\xC0\x00x\xC0\xC0\x02\xC0\xC0\x01\xC0\xC0\x00y\xC0\xC0\x02\xC0"s;
   std::string bytes;
   EXPECT_TRUE(test::eventually([&] {
     std::getline(std::ifstream(heard, std::ios::binary), bytes, '\xFF');
@@ -190,7 +188,8 @@ TEST(AnExternalDeviceKeptRunning, HearsEachLinkBeginAndEndInOrderAndNotifiesOnly
 using TheKeptFirmware = TheFirmware;
 
 // `qlt bridge --reconnect` to the device while its link drops every 2.5 s: the session
-// resumes at every drop (no new one), and everything comes back exactly once, in order.
+// resumes at every drop (no new one), and everything comes back exactly once, in order
+// (about 10 s of echo: 1 MiB through the host build, 512 KiB through the chip).
 TEST_P(TheKeptFirmware, CarriesATransferThroughQltBridgeResumingAtEveryDrop) {
   test::TempDir dir;
   std::string command;
@@ -200,7 +199,6 @@ TEST_P(TheKeptFirmware, CarriesATransferThroughQltBridgeResumingAtEveryDrop) {
       "identifier": "51D0E001-0000-4000-8000-0000000000F1", "behaviour": "external",
       "keepRunning": true, "faults": {"dropAfterSeconds": 2.5}, "command": [)"
                                             << command << "]}]}";
-  // About 10 s of echo: 1 MiB through the host build, 512 KiB through the chip.
   const std::string message = e2e::pattern(size_t{GetParam().name[0] == 'H' ? 1024u : 512u} << 10);
   const auto run =
       test::runTool({"bridge", "QLT-FW", "--sim-config", dir.path() + "/radio.json", "--reconnect"},
@@ -209,6 +207,21 @@ TEST_P(TheKeptFirmware, CarriesATransferThroughQltBridgeResumingAtEveryDrop) {
   EXPECT_TRUE(run.out == message) << run.out.size() << " bytes came back";
   EXPECT_NE(run.err.find("reconnected to 'QLT-FW'"), std::string::npos) << run.err;
   EXPECT_EQ(run.err.find("new session"), std::string::npos) << run.err;
+}
+
+// Restarted (a new run), the device cannot resume: a new session begins, and the central says so.
+TEST_P(TheKeptFirmware, BeginsANewSessionWhenItRestarts) {
+  e2e::Sim sim(false);
+  sim.radio->addDevice(device(GetParam().restartCommand, true));  // after 20,000 bytes
+  auto options = test::linkOptions(5s, QLT_BLEManager::create(sim.backend()));
+  options.reconnect.enabled = true;
+  UartLink link(options);
+  link.connect("QLT-FW");
+  link.send(e2e::pattern(30000));  // taken at once (64 KiB of send buffer): one restart
+  std::string got;
+  for (Data d; !(d = link.read(2s)).empty();) got += d.toString();
+  EXPECT_GT(got.size(), 20000u + 4 * 120) << "the next run echoes the bytes never sent";
+  EXPECT_EQ(link.lastError().rfind("a new session began with QLT-FW", 0), 0u) << link.lastError();
 }
 
 INSTANTIATE_TEST_SUITE_P(, TheKeptFirmware, testing::ValuesIn(firmwares(true)),
