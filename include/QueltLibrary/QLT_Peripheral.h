@@ -237,8 +237,9 @@ class QLT_EXPORT QLT_Peripheral : public QLT_Object,
   // For tools: the counters of the current transport (sliding window only; empty with the
   // chunking transport or none), and a hook that sees every frame the transport writes
   // (outgoing) and every value it receives (incoming), on the thread doing it. The hook
-  // is handed to the current transport and to every transport built later; it must be
-  // quick and must not call back into the peripheral. An empty function turns it off.
+  // is handed to the current transport (or the one a session holds between links) and to
+  // every transport built later; it must be quick and must not call back into the
+  // peripheral. An empty function turns it off.
   std::optional<SlideWindowCounters> transportCounters() const;
   void setFrameTrace(FrameTrace trace);
 

@@ -276,6 +276,7 @@ void QLT_Peripheral::setFrameTrace(FrameTrace trace) {
     std::lock_guard lock(mutex_);
     frameTrace_ = trace;
     transport = connection_->transport;
+    if (!transport) transport = session_;  // held between links
   }
   if (transport) transport->setFrameTrace(std::move(trace));
 }
