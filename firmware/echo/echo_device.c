@@ -20,8 +20,9 @@ static echo_device_options options;
 static qlt_nus nus;
 static uint8_t slots[QLT_NUS_SLOTS_BYTES(SEND_SLOTS)];
 static qlt_slip_decoder decoder;
-static uint8_t frame_in[QLT_NUS_VALUE_MAX];
-static uint8_t frame_out[QLT_SLIP_ENCODED_MAX(QLT_NUS_VALUE_MAX)];
+static uint8_t frame_in[QLT_NUS_VALUE_MAX + 1u]; /* a type byte and a value */
+static uint8_t frame_out[QLT_SLIP_ENCODED_MAX(QLT_NUS_VALUE_MAX + 1u)];
+static uint32_t unknown_frames;
 
 static uint8_t ring[ECHO_RING];
 static uint32_t ring_start, ring_used;
@@ -50,8 +51,17 @@ static int notify(void* context, const uint8_t* value, size_t length) {
   refill(clock_ms);
   if (credits == 0) return 1;
   credits--;
-  n = qlt_slip_encode(value, length, frame_out, sizeof frame_out);
-  options.serial_write(frame_out, n);
+  if (!options.link_events) {
+    n = qlt_slip_encode(value, length, frame_out, sizeof frame_out);
+    options.serial_write(frame_out, n);
+    return 0;
+  }
+  /* The value encoded one byte on, then its leading END becomes END and the type byte (which
+   * needs no escape): the frame [type, value...] without copying the value. */
+  n = qlt_slip_encode(value, length, frame_out + 1, sizeof frame_out - 1u);
+  frame_out[0] = QLT_SLIP_END;
+  frame_out[1] = ECHO_FRAME_VALUE;
+  options.serial_write(frame_out, n + 1u);
   return 0;
 }
 
@@ -95,7 +105,7 @@ void echo_device_init(const echo_device_options* opts, uint32_t now_ms) {
   credits = options.stack_buffers;
   credit_at = now_ms;
   clock_ms = now_ms;
-  ring_start = ring_used = received = 0;
+  ring_start = ring_used = received = unknown_frames = 0;
   cfg.notify = notify;
   cfg.on_bytes = on_bytes;
   cfg.on_datagram = on_datagram;
@@ -113,14 +123,39 @@ void echo_device_init(const echo_device_options* opts, uint32_t now_ms) {
   cfg.nonce = options.nonce != 0 ? options.nonce : 1u;
 #endif
   (void)qlt_nus_init(&nus, &cfg);
-  qlt_slip_decoder_init(&decoder, frame_in, sizeof frame_in);
+  /* With link events, nothing is connected until the first link is up. */
+  if (options.link_events) qlt_nus_disconnected(&nus);
+  qlt_slip_decoder_init(&decoder, frame_in,
+                        options.link_events ? sizeof frame_in : QLT_NUS_VALUE_MAX);
+}
+
+/* A frame from a line with link events: a value, or a connection's start or end. */
+static void typed_frame(size_t n, uint32_t now_ms) {
+  switch (frame_in[0]) {
+    case ECHO_FRAME_VALUE:
+      qlt_nus_written(&nus, frame_in + 1, n - 1u, now_ms);
+      break;
+    case ECHO_FRAME_LINK_UP:
+      qlt_nus_connected(&nus);
+      break;
+    case ECHO_FRAME_LINK_DOWN:
+      qlt_nus_disconnected(&nus);
+      break;
+    default:
+      unknown_frames++;
+      break;
+  }
 }
 
 void echo_device_serial_byte(uint8_t byte, uint32_t now_ms) {
   const size_t n = qlt_slip_decode_byte(&decoder, byte);
   clock_ms = now_ms;
   if (n == 0) return;
-  qlt_nus_written(&nus, frame_in, n, now_ms);
+  if (options.link_events) {
+    typed_frame(n, now_ms);
+  } else {
+    qlt_nus_written(&nus, frame_in, n, now_ms);
+  }
   pump(); /* an acknowledgement may have made room in the send queue */
 }
 
@@ -136,4 +171,4 @@ int echo_device_restart_due(void) {
 
 const qlt_nus* echo_device_layer(void) { return &nus; }
 
-uint32_t echo_device_bad_frames(void) { return decoder.dropped; }
+uint32_t echo_device_bad_frames(void) { return decoder.dropped + unknown_frames; }

@@ -2,10 +2,13 @@
  * frames on stdin and stdout, so any peer (the simulated radio's external device, a test, a
  * serial bridge) can talk to the same firmware sources that run on the chip.
  *
- *   qlt-fw-echo [--buffers N] [--buffer-free-ms MS] [--restart-after BYTES]
+ *   qlt-fw-echo [--buffers N] [--buffer-free-ms MS] [--restart-after BYTES] [--link-events]
  *
  * Ends at the end of stdin (exit 0), printing its counters on stderr; --restart-after ends it
- * with exit status 3 after that many received bytes, as a device that reboots drops its link. */
+ * with exit status 3 after that many received bytes, as a device that reboots drops its link.
+ * --link-events: every frame begins with a type byte and the connections' starts and ends come
+ * on the line too (echo_device.h), so one run serves many connections and keeps its session
+ * across them (the simulated radio's external devices with keepRunning). */
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
 #include <poll.h>
@@ -45,22 +48,28 @@ static void report(void) {
   const qlt_sw_counters* p = qlt_nus_protocol_counters(echo_device_layer());
   fprintf(stderr,
           "qlt-fw-echo: %lu values written, %lu notifications, %lu refused by the stack, "
-          "%lu bytes received, %lu left unread, %lu segments resent, %lu bad SLIP frames\n",
+          "%lu bytes received, %lu left unread, %lu segments resent, %lu bad SLIP frames, "
+          "%lu sessions resumed, %lu sessions lost\n",
           (unsigned long)c->values_written, (unsigned long)c->notifications,
           (unsigned long)c->notify_refused, (unsigned long)c->bytes_received,
           (unsigned long)c->values_left_unread, (unsigned long)p->segments_resent,
-          (unsigned long)echo_device_bad_frames());
+          (unsigned long)echo_device_bad_frames(), (unsigned long)p->sessions_resumed,
+          (unsigned long)p->sessions_lost);
 }
 
 int main(int argc, char** argv) {
   /* A new nonce every run: a restarted device begins a new session. */
   echo_device_options options = {serial_write, 4, 1, 0,
-                                 (uint32_t)getpid() * 2654435761u ^ now_ms() ^ 1u};
+                                 (uint32_t)getpid() * 2654435761u ^ now_ms() ^ 1u, 0};
   unsigned long v;
   int i;
   for (i = 1; i < argc; ++i) {
     const char* arg = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : "";
+    if (strcmp(arg, "--link-events") == 0) {
+      options.link_events = 1;
+      continue;
+    }
     if (strcmp(arg, "--buffers") == 0 && number(value, 255, &v) && v > 0) {
       options.stack_buffers = (uint8_t)v;
     } else if (strcmp(arg, "--buffer-free-ms") == 0 && number(value, 60000, &v)) {
@@ -69,7 +78,8 @@ int main(int argc, char** argv) {
       options.restart_after = (uint32_t)v;
     } else {
       fprintf(stderr,
-              "usage: %s [--buffers 1-255] [--buffer-free-ms MS] [--restart-after BYTES]\n",
+              "usage: %s [--buffers 1-255] [--buffer-free-ms MS] [--restart-after BYTES] "
+              "[--link-events]\n",
               argv[0]);
       return 2;
     }

@@ -3,12 +3,17 @@
  * QEMU (`-M microbit`), the UART is the machine's first serial port.
  *
  * QLT_FW_RESTART_AFTER (a build option for tests) restarts the chip after that many received
- * bytes: the host sees a device that reboots in the middle of a transfer. */
+ * bytes: the host sees a device that reboots in the middle of a transfer. QLT_FW_LINK_EVENTS=1
+ * (the -events image) makes the UART carry the connections' starts and ends as well
+ * (echo_device.h): one run of the chip serves many connections and keeps its session. */
 #include "board.h"
 #include "echo_device.h"
 
 #ifndef QLT_FW_RESTART_AFTER
 #define QLT_FW_RESTART_AFTER 0u
+#endif
+#ifndef QLT_FW_LINK_EVENTS
+#define QLT_FW_LINK_EVENTS 0u
 #endif
 
 /* Milliseconds that keep counting across the microsecond clock's wrap. */
@@ -24,7 +29,8 @@ static uint32_t now_ms(void) {
 
 int main(void) {
   /* A small stack: 2 notification buffers, one freed every 2 ms, so a busy link sees it full. */
-  echo_device_options options = {board_uart_write, 2, 2, QLT_FW_RESTART_AFTER, 0};
+  echo_device_options options = {board_uart_write, 2, 2, QLT_FW_RESTART_AFTER, 0,
+                                 QLT_FW_LINK_EVENTS};
   board_init();
   /* The session's nonce from the time since reset; a product takes it from the chip's RNG. */
   options.nonce = board_now_us() * 2654435761u | 1u;

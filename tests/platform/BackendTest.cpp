@@ -688,6 +688,8 @@ TEST_F(OnTheSimulatedRadio, LoadsItsConfigurationAllOrNothing) {
       {R"({"devices": [{"identifier": "180D", "link": {"dataLength": 300}}]})",
        "devices[0].link.dataLength: 300 is out of range (27 to 251)"},
       {R"({"link": {"mtu": 10}})", "link.mtu: 10 is out of range (23 to 517)"},
+      {R"({"devices": [{"identifier": "180D", "keepRunning": true}]})",
+       "devices[0].keepRunning: goes only with \"behaviour\": \"external\""},
   };
   const size_t devices = side.radio->devices().size();
   for (const auto& [json, expected] : bad) {

@@ -31,9 +31,10 @@ enum class SimBehaviour {
               // sends nothing back: the far end of a one-way stream
   Source,     // while notifications are on, streams a known pattern (byte i is i mod 251)
               // through the sliding window: sourceBytes in all, or without end (0)
-  External,   // another process serves the service: `command` runs once per link, each
-              // value written reaches its stdin as one SLIP frame, each SLIP frame on its
-              // stdout is notified; its end while linked is a lost link
+  External,   // another process serves the service: `command` runs once per link (or,
+              // with keepRunning, across links), each value written reaches its stdin as
+              // one SLIP frame, each SLIP frame on its stdout is notified; its end while
+              // linked is a lost link
 };
 
 // "none", "sw-echo", "chunk-echo", "sink", "sw-sink", "source", "external"; nullopt for any
@@ -87,6 +88,12 @@ struct QLT_EXPORT SimDeviceConfig {
   // offer is ignored).
   bool classicWindow = false;
   std::vector<std::string> command;  // for SimBehaviour::External: program and arguments
+  // For SimBehaviour::External: the process starts with the device's first link and runs
+  // until the device is removed or the radio ends (it is started again for the next link if
+  // it ended), and every frame on its serial line carries a type byte: a value, a link's
+  // start, a link's end (docs/simulated-radio.md, "A process that outlives its links").
+  // false: one process per link, frames are bare values.
+  bool keepRunning = false;
   // Faults for this device's links; empty: the radio's.
   std::optional<AirFaults> faults;
   // Link parameters for this device's links; empty: the radio's.

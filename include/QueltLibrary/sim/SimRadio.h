@@ -44,6 +44,9 @@ struct QLT_EXPORT SimDeviceStats {
   uint64_t segmentNotificationsLost = 0;  // of the notifications lost, sliding-window segments
   uint64_t payloadBytesReceived = 0;      // sliding-window payload bytes delivered to the device
   uint64_t payloadBytesSent = 0;          // sliding-window payload bytes the device queued
+  // Notifications an external device that outlives its links sent while none was up:
+  // dropped, as a stack refuses to notify without a connection.
+  uint64_t notificationsUnlinked = 0;
 };
 
 class QLT_EXPORT SimRadio : public std::enable_shared_from_this<SimRadio> {

@@ -74,32 +74,60 @@ std::string describeStatus(int status) {
   return "ended";
 }
 
-class ExternalDevice final : public DeviceBehaviour,
-                             public std::enable_shared_from_this<ExternalDevice> {
- public:
-  ExternalDevice(std::vector<std::string> command, std::string name, std::weak_ptr<SimLink> link)
-      : command_(std::move(command)), name_(std::move(name)), link_(std::move(link)) {}
-  ~ExternalDevice() override { stop(); }
+// The leading byte of every frame on the serial line of a process that outlives its links.
+enum FrameType : uint8_t { kValue = 0x00, kLinkUp = 0x01, kLinkDown = 0x02 };
 
-  void connected() override {
-    if (io_.joinable()) return;
-    std::string error;
+// One run of the command: its pipes, the I/O thread that moves its bytes and ends it, and the
+// link its notifications go to. `typed`: every frame carries a FrameType first (a process
+// that outlives its links); otherwise frames are bare values.
+class ExternalProcess final : public std::enable_shared_from_this<ExternalProcess> {
+ public:
+  ExternalProcess(std::vector<std::string> command, std::string name, bool typed,
+                  std::shared_ptr<DeviceCounters> counters)
+      : command_(std::move(command)),
+        name_(std::move(name)),
+        typed_(typed),
+        counters_(std::move(counters)) {}
+  ~ExternalProcess() { stop(); }
+  ExternalProcess(const ExternalProcess&) = delete;
+  ExternalProcess& operator=(const ExternalProcess&) = delete;
+
+  // Makes the pipes and the I/O thread, which starts the command. Called once; false, with
+  // the reason for a lost link in `error`, when it cannot.
+  bool start(std::string& error) {
     if (!makePipes(error)) {
-      fail(error);
-      return;
+      error = "external device \"" + name_ + "\": " + error;
+      finish();
+      return false;
     }
-    // The thread holds the device: the last reference may drop on it (see stop()).
+    // The thread holds the process: the last reference may drop on it (see stop()).
     io_ = std::thread([self = shared_from_this()] { self->run(); });
+    return true;
   }
 
-  void written(const Data& value) override {
-    if (!io_.joinable()) return;
-    std::vector<uint8_t> frame(QLT_SLIP_ENCODED_MAX(value.length()));
-    frame.resize(qlt_slip_encode(value.bytes(), value.length(), frame.data(), frame.size()));
+  // Where notifications go, and whom the process's end loses (none: nothing is up).
+  void setLink(std::weak_ptr<SimLink> link) {
+    std::lock_guard lock(mutex_);
+    link_ = std::move(link);
+  }
+
+  // True once the process has ended (or could not be started).
+  bool ended() const { return ended_.load(); }
+
+  // Queues one frame for the process's stdin: `type` (if typed) then `value`. A process that
+  // does not read loses it (counted), as a device's full receive buffer would.
+  void send(FrameType type, const Data& value = {}) {
+    std::vector<uint8_t> bytes;
+    bytes.reserve(value.length() + 1);
+    if (typed_) bytes.push_back(type);
+    bytes.insert(bytes.end(), value.bytes(), value.bytes() + value.length());
+    std::vector<uint8_t> frame(QLT_SLIP_ENCODED_MAX(bytes.size()));
+    frame.resize(qlt_slip_encode(bytes.data(), bytes.size(), frame.data(), frame.size()));
     {
       std::lock_guard lock(mutex_);
-      if (input_.size() + frame.size() > kInputLimit) {
-        if (auto link = link_.lock()) link->counters().writesLost.fetch_add(1);
+      if (ended_.load()) return;
+      if (type == kValue && input_.size() + frame.size() > kInputLimit) {
+        counters_->writesLost.fetch_add(1);  // a link's start or end is never lost
         return;
       }
       input_.insert(input_.end(), frame.begin(), frame.end());
@@ -107,11 +135,36 @@ class ExternalDevice final : public DeviceBehaviour,
     wake();
   }
 
-  void disconnected() override { stop(); }
+  // Ends the I/O thread (which ends the process) and joins it; on the I/O thread itself (the
+  // last reference dropped there), a pool task joins it once it returns.
+  void stop() {
+    if (!io_.joinable()) return;
+    stopping_.store(true);
+    wake();
+    if (io_.get_id() == std::this_thread::get_id()) {
+      auto finishing = std::make_shared<std::thread>(std::move(io_));
+      static const auto* reaper =
+          // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): out of memory ends the process
+          new std::shared_ptr<DispatchQueue>(DispatchQueue::create("qlt.sim.external.reaper"));
+      (*reaper)->async([finishing] { finishing->join(); });
+    } else {
+      io_.join();
+    }
+  }
 
  private:
-  void fail(const std::string& error) {
-    if (auto link = link_.lock()) link->lose("external device \"" + name_ + "\": " + error);
+  std::shared_ptr<SimLink> link() {
+    std::lock_guard lock(mutex_);
+    return link_.lock();
+  }
+
+  // Loses the link that is up, naming the device and `what` happened.
+  void loseLink(const std::string& what) {
+    if (auto up = link()) {
+      up->lose("external device \"" + name_ + "\" " + what);
+    } else {
+      QLTLog("Simulated radio: external device \"%s\" %s while no link was up", name_, what);
+    }
   }
 
   bool makePipes(std::string& error) {
@@ -175,23 +228,6 @@ class ExternalDevice final : public DeviceBehaviour,
     [[maybe_unused]] auto n = ::write(wakeWrite_.get(), &byte, 1);  // full: a wake-up is pending
   }
 
-  // Ends the I/O thread (which ends the process) and joins it; on the I/O thread itself (the
-  // link's last reference dropped there), a pool task joins it once it returns.
-  void stop() {
-    if (!io_.joinable()) return;
-    stopping_.store(true);
-    wake();
-    if (io_.get_id() == std::this_thread::get_id()) {
-      auto finishing = std::make_shared<std::thread>(std::move(io_));
-      static const auto* reaper =
-          // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): out of memory ends the process
-          new std::shared_ptr<DispatchQueue>(DispatchQueue::create("qlt.sim.external.reaper"));
-      (*reaper)->async([finishing] { finishing->join(); });
-    } else {
-      io_.join();
-    }
-  }
-
   // The I/O thread: the process's stdout to notifications, queued writes to its stdin.
   void run() {
     sigset_t pipe;
@@ -200,11 +236,12 @@ class ExternalDevice final : public DeviceBehaviour,
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);  // a write to a process gone fails with EPIPE
     std::string error;
     if (!spawn(error)) {
-      fail(error);
+      finish();
+      if (auto up = link()) up->lose("external device \"" + name_ + "\": " + error);
       return;
     }
 
-    std::vector<uint8_t> frameBuffer(kFrameLimit);
+    std::vector<uint8_t> frameBuffer(kFrameLimit + (typed_ ? 1 : 0));
     qlt_slip_decoder decoder;
     qlt_slip_decoder_init(&decoder, frameBuffer.data(), frameBuffer.size());
     std::vector<uint8_t> pending;  // bytes taken from input_, not yet written
@@ -230,9 +267,15 @@ class ExternalDevice final : public DeviceBehaviour,
       if (count == 3 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP))) writeInput(pending);
     }
     const std::string ending = endProcess();
-    if (!stopping_.load()) {
-      if (auto link = link_.lock()) link->lose("external device \"" + name_ + "\" " + ending);
-    }
+    finish();
+    if (!stopping_.load()) loseLink(ending);
+  }
+
+  // The process has ended (or never started): nothing more is queued for it.
+  void finish() {
+    std::lock_guard lock(mutex_);
+    ended_.store(true);
+    input_.clear();
   }
 
   // Reads what the process wrote and notifies each whole frame; false at its end.
@@ -241,7 +284,6 @@ class ExternalDevice final : public DeviceBehaviour,
     const ssize_t n = ::read(fromChild_.get(), buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) return true;
     if (n <= 0) return false;
-    auto link = link_.lock();
     for (ssize_t i = 0; i < n; ++i) {
       const uint32_t dropped = decoder.dropped;
       const size_t length = qlt_slip_decode_byte(&decoder, buffer[i]);
@@ -249,11 +291,35 @@ class ExternalDevice final : public DeviceBehaviour,
         QLTLog(
             "Simulated radio: external device \"%s\": a frame over %d bytes or with a bad "
             "escape was dropped",
-            name_, static_cast<int>(kFrameLimit));
+            name_, static_cast<int>(decoder.capacity));
       }
-      if (length > 0 && link) link->notify(Data(decoder.buffer, length));
+      if (length > 0) notify(decoder.buffer, length);
     }
     return true;
+  }
+
+  // One frame the process wrote: a notification on the link that is up.
+  void notify(const uint8_t* frame, size_t length) {
+    if (typed_) {
+      if (frame[0] != kValue) {
+        if (!warnedType_) {
+          QLTLog(
+              "Simulated radio: external device \"%s\": frames of type 0x%02x are not values; "
+              "dropped (logged once)",
+              name_, static_cast<unsigned>(frame[0]));
+        }
+        warnedType_ = true;
+        return;
+      }
+      ++frame;
+      --length;
+    }
+    auto up = link();
+    if (up && up->isUp()) {
+      up->notify(Data(frame, length));
+    } else if (typed_) {
+      counters_->notificationsUnlinked.fetch_add(1);  // a stack notifies only on a connection
+    }
   }
 
   void writeInput(std::vector<uint8_t>& pending) {
@@ -296,24 +362,142 @@ class ExternalDevice final : public DeviceBehaviour,
 
   std::vector<std::string> command_;
   const std::string name_;
-  const std::weak_ptr<SimLink> link_;
+  const bool typed_;
+  const std::shared_ptr<DeviceCounters> counters_;
 
-  pid_t pid_ = -1;         // set before the I/O thread starts, then the I/O thread's
+  pid_t pid_ = -1;         // the I/O thread's
   Fd childIn_, childOut_;  // the child's ends, closed once it has them
   Fd toChild_, fromChild_, wakeRead_, wakeWrite_;
-  std::thread io_;  // device queue only (or the destructor)
+  std::thread io_;  // the owner's (start, stop)
   std::atomic<bool> stopping_{false};
+  std::atomic<bool> ended_{false};  // set under mutex_
+  bool warnedType_ = false;         // the I/O thread's
 
   std::mutex mutex_;
-  std::vector<uint8_t> input_;  // SLIP bytes for the process's stdin; guarded by mutex_
+  std::vector<uint8_t> input_;   // SLIP bytes for the process's stdin; guarded by mutex_
+  std::weak_ptr<SimLink> link_;  // guarded by mutex_
+};
+
+std::string nameOf(const SimDeviceConfig& config) { return config.localName.value_or("unnamed"); }
+
+// One process per link: started when the link connects, ended when it ends.
+class ProcessPerLink final : public DeviceBehaviour {
+ public:
+  ProcessPerLink(const SimDeviceConfig& config, const std::shared_ptr<SimLink>& link)
+      : process_(std::make_shared<ExternalProcess>(config.command, nameOf(config), false,
+                                                   link->deviceCounters())),
+        link_(link) {}
+  ~ProcessPerLink() override { process_->stop(); }
+  ProcessPerLink(const ProcessPerLink&) = delete;
+  ProcessPerLink& operator=(const ProcessPerLink&) = delete;
+
+  void connected() override {
+    if (started_) return;
+    started_ = true;
+    process_->setLink(link_);
+    std::string error;
+    if (!process_->start(error)) {
+      if (auto link = link_.lock()) link->lose(error);
+    }
+  }
+  void written(const Data& value) override {
+    if (started_) process_->send(kValue, value);
+  }
+  void disconnected() override { process_->stop(); }
+
+ private:
+  const std::shared_ptr<ExternalProcess> process_;
+  const std::weak_ptr<SimLink> link_;
+  bool started_ = false;  // device queue only
+};
+
+// What a device whose process outlives its links keeps from one link to the next (the
+// radio's device state, released when the device is removed or the radio ends, which ends
+// the process): the process, started again for a link when it has ended, and which link is
+// up. Each link's start and end reach the process in order, even when the next link's start
+// (on its own device queue) comes before the last link's end.
+class KeptProcess {
+ public:
+  KeptProcess(const SimDeviceConfig& config, std::shared_ptr<DeviceCounters> counters)
+      : command_(config.command), name_(nameOf(config)), counters_(std::move(counters)) {}
+  ~KeptProcess() {
+    if (process_) process_->stop();
+  }
+  KeptProcess(const KeptProcess&) = delete;
+  KeptProcess& operator=(const KeptProcess&) = delete;
+
+  // The link of `owner` (its behaviour) is up; false (with `error`) when no process runs.
+  bool linkUp(const void* owner, const std::shared_ptr<SimLink>& link, std::string& error) {
+    std::shared_ptr<ExternalProcess> ended;  // joined outside the lock
+    std::lock_guard lock(mutex_);
+    if (up_ && process_) process_->send(kLinkDown);
+    up_ = owner;
+    if (!process_ || process_->ended()) {
+      ended = std::exchange(process_,
+                            std::make_shared<ExternalProcess>(command_, name_, true, counters_));
+      process_->setLink(link);
+      if (!process_->start(error)) return false;
+    } else {
+      process_->setLink(link);
+    }
+    process_->send(kLinkUp);
+    return true;
+  }
+  void written(const void* owner, const Data& value) {
+    std::lock_guard lock(mutex_);
+    if (up_ == owner && process_) process_->send(kValue, value);
+  }
+  void linkDown(const void* owner) {
+    std::lock_guard lock(mutex_);
+    if (up_ != owner) return;
+    up_ = nullptr;
+    process_->setLink({});
+    process_->send(kLinkDown);
+  }
+
+ private:
+  const std::vector<std::string> command_;
+  const std::string name_;
+  const std::shared_ptr<DeviceCounters> counters_;
+  std::mutex mutex_;
+  std::shared_ptr<ExternalProcess> process_;  // guarded by mutex_
+  const void* up_ = nullptr;                  // the behaviour whose link is up; guarded by mutex_
+};
+
+// One link of a device whose process outlives its links.
+class KeptProcessLink final : public DeviceBehaviour {
+ public:
+  explicit KeptProcessLink(const std::shared_ptr<SimLink>& link) : link_(link) {}
+  ~KeptProcessLink() override { disconnected(); }
+  KeptProcessLink(const KeptProcessLink&) = delete;
+  KeptProcessLink& operator=(const KeptProcessLink&) = delete;
+
+  void connected() override {
+    auto link = link_.lock();
+    if (!link || kept_) return;
+    kept_ = std::static_pointer_cast<KeptProcess>(link->deviceState(
+        [&] { return std::make_shared<KeptProcess>(link->config(), link->deviceCounters()); }));
+    std::string error;
+    if (!kept_->linkUp(this, link, error)) link->lose(error);
+  }
+  void written(const Data& value) override {
+    if (kept_) kept_->written(this, value);
+  }
+  void disconnected() override {
+    if (kept_) std::exchange(kept_, nullptr)->linkDown(this);
+  }
+
+ private:
+  const std::weak_ptr<SimLink> link_;
+  std::shared_ptr<KeptProcess> kept_;  // device queue only (or the destructor)
 };
 
 }  // namespace
 
 std::shared_ptr<DeviceBehaviour> makeExternalDevice(const SimDeviceConfig& config,
                                                     const std::shared_ptr<SimLink>& link) {
-  return std::make_shared<ExternalDevice>(config.command, config.localName.value_or("unnamed"),
-                                          link);
+  if (config.keepRunning) return std::make_shared<KeptProcessLink>(link);
+  return std::make_shared<ProcessPerLink>(config, link);
 }
 
 }  // namespace qlt::sim

@@ -269,7 +269,8 @@ SimDeviceConfig device(const json& j, const std::string& path, const LinkParamet
       j, path,
       {"identifier", "name", "address", "manufacturerData", "serviceData", "txPower", "connectable",
        "rssi", "rssiVariation", "advertisingIntervalMs", "advertisedServices", "connectDelayMs",
-       "mtu", "services", "behaviour", "sourceBytes", "command", "faults", "link", "window"});
+       "mtu", "services", "behaviour", "sourceBytes", "command", "keepRunning", "faults", "link",
+       "window"});
   // clang-format on
   if (!j.contains("identifier")) fail(path, "missing \"identifier\"");
   SimDeviceConfig d;
@@ -361,6 +362,13 @@ SimDeviceConfig device(const json& j, const std::string& path, const LinkParamet
   }
   if ((d.behaviour == SimBehaviour::External) != !d.command.empty()) {
     fail(path, "\"command\" goes with, and only with, \"behaviour\": \"external\"");
+  }
+  if (j.contains("keepRunning")) {
+    if (!j["keepRunning"].is_boolean()) fail(join(path, "keepRunning"), "expected true or false");
+    if (d.behaviour != SimBehaviour::External) {
+      fail(join(path, "keepRunning"), "goes only with \"behaviour\": \"external\"");
+    }
+    d.keepRunning = j["keepRunning"].get<bool>();
   }
   if (j.contains("faults")) d.faults = faults(j["faults"], join(path, "faults"));
   if (j.contains("link")) d.link = linkParameters(j["link"], join(path, "link"), radioLink);

@@ -105,6 +105,8 @@ class SimLink : public std::enable_shared_from_this<SimLink> {
   // The largest value one write or notification carries (ATT MTU - 3).
   size_t maxValueLength() const;
   DeviceCounters& counters() { return *counters_; }
+  // The device's counters, which outlive the link.
+  const std::shared_ptr<DeviceCounters>& deviceCounters() const { return counters_; }
   // What the device's behaviour keeps across its links (SimRadio::Impl::deviceState).
   std::shared_ptr<void> deviceState(const std::function<std::shared_ptr<void>()>& make) const {
     return radio_->deviceState(config_.identifier, make);

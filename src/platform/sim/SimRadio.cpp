@@ -29,6 +29,7 @@ SimDeviceStats DeviceCounters::snapshot() const {
   s.notificationsDropped = notificationsDropped.load();
   s.payloadBytesReceived = payloadBytesReceived.load();
   s.payloadBytesSent = payloadBytesSent.load();
+  s.notificationsUnlinked = notificationsUnlinked.load();
   return s;
 }
 
@@ -91,7 +92,7 @@ std::shared_ptr<void> SimRadio::Impl::deviceState(
   auto state = make();  // outside the lock: it may start queues
   std::lock_guard lock(mutex);
   auto it = devices.find(identifier);
-  if (it == devices.end()) return state;
+  if (it == devices.end() || ended) return state;
   if (!it->second.state) it->second.state = std::move(state);
   return it->second.state;
 }
@@ -153,7 +154,16 @@ void SimRadio::flushDevices() {
 }
 
 SimRadio::~SimRadio() {
-  // Links end with the radio that carried them.
+  // Links end with the radio that carried them, and so does what the devices keep across
+  // links (a window's session, an external device's process), released outside the lock.
+  std::vector<std::shared_ptr<void>> states;
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->ended = true;
+    for (auto& [identifier, record] : impl_->devices) {
+      if (record.state) states.push_back(std::move(record.state));
+    }
+  }
   for (const auto& link : impl_->liveLinks()) link->lose("the simulated radio was destroyed");
 }
 

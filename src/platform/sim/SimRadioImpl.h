@@ -36,6 +36,7 @@ struct DeviceCounters {
   std::atomic<uint64_t> segmentNotificationsLost{0};
   std::atomic<uint64_t> payloadBytesReceived{0};
   std::atomic<uint64_t> payloadBytesSent{0};
+  std::atomic<uint64_t> notificationsUnlinked{0};
 
   SimDeviceStats snapshot() const;
 };
@@ -71,6 +72,7 @@ struct QLT_HIDDEN SimRadio::Impl {
   LinkParameters link;                              // guarded by mutex
   std::map<UUID, DeviceRecord> devices;             // guarded by mutex
   std::vector<std::weak_ptr<SimCentral>> centrals;  // guarded by mutex
+  bool ended = false;  // the SimRadio is gone: devices keep nothing across links; guarded by mutex
 
   bool isPowered() const;
   std::optional<DeviceView> view(const UUID& identifier) const;
@@ -82,7 +84,8 @@ struct QLT_HIDDEN SimRadio::Impl {
   void release(const UUID& identifier, const SimLink* link);
   // What the device's behaviour keeps across its links (its window's session): `make`'s on
   // the first call, then the same until the device is removed (a device added again starts
-  // afresh). A device no longer present gets a fresh one, kept nowhere.
+  // afresh). A device no longer present, or on a radio that has ended, gets a fresh one, kept
+  // nowhere.
   std::shared_ptr<void> deviceState(const UUID& identifier,
                                     const std::function<std::shared_ptr<void>()>& make);
   void addCentral(const std::shared_ptr<SimCentral>& central);
