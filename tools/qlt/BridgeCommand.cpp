@@ -336,6 +336,9 @@ int runBridge(const BridgeOptions& o) {
       const bool kept = o.reconnect && link.keepsSession();
       link.forget(kept);
       if (!kept) lost += owedNow;
+      // The device's answers go quiet from the next link on, not from before the drop: it
+      // may still have a resumed stream to send.
+      drainedAt = {};
       const std::string what =
           "the link to '" + name + "' was lost" +
           (owedNow ? " with " + std::to_string(owedNow) + " bytes unconfirmed" +
