@@ -408,7 +408,10 @@ typedef struct qlt_sw_wide_info {
 void qlt_sw_get_wide_info(const qlt_sw* sw, qlt_sw_wide_info* info);
 
 /* The link's value limit (ATT_MTU - 3) changed: taken until the negotiation has fixed its
- * terms (the OFFER or ANSWER written); returns 0, or -1 once too late or below 20. */
+ * terms (the OFFER or ANSWER written); returns 0, or -1 once too late or below 20. Each link
+ * negotiates afresh: between qlt_sw_link_up and its first round a resumed session takes
+ * the new link's limit, and its unacknowledged bytes are cut again to the size agreed. The
+ * buffers stay: a limit above wide_segment + 3 only reaches wide_segment. */
 int qlt_sw_set_value_limit(qlt_sw* sw, uint16_t limit);
 
 /* The longest frame qlt_sw_poll_frame may write: an `out` this big always fits. */

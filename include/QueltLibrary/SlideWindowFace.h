@@ -51,9 +51,13 @@ class QLT_EXPORT SlideWindowFace {
   // by default) without a link is forgotten, as is one forgetSession() ends while the link
   // is down; its bytes in doubt are reported then. Without the extension a link that comes
   // up reports what the last one had in flight the same way. Any thread; linkLost with the
-  // number of a link that is no longer the current one changes nothing.
+  // number of a link that is no longer the current one changes nothing. linkUp(link) hands
+  // the window the new link's facts first: a link with a smaller ATT MTU gets frames that
+  // fit it (what the last link left unacknowledged is cut again to the new size), within the
+  // buffers sized when the window was configured; linkUp() keeps the last link's facts.
   void linkLost(uint64_t link);
   uint64_t linkUp();
+  uint64_t linkUp(const WindowLink& link);
   uint64_t link() const;
   void forgetSession();
   void setSessionHoldTime(double seconds);

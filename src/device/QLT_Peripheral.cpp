@@ -500,18 +500,22 @@ void QLT_Peripheral::peripheral_didWriteValueForDescriptor_error(
 
 // ---- data path ----
 
+namespace {
+// What the extended window sizes itself by, from what the backend knows of the link.
+WindowLink windowLinkOf(const platform::LinkInfo& info) {
+  WindowLink link;
+  link.valueLimit = info.maxWriteLength;
+  link.intervalMs = info.connectionIntervalMs.value_or(0);
+  if (info.phy) link.phyMbps = *info.phy == "2M" ? 2 : *info.phy == "1M" ? 1 : 0;
+  link.dataLength = static_cast<size_t>(std::max(info.dataLength.value_or(0), 0));
+  return link;
+}
+}  // namespace
+
 std::shared_ptr<BaseTransport> QLT_Peripheral::createTransport() {
   if (transportType() == 0) return NUSTransport::create();
   auto transport = SWTransport::create();
-  if (extendedWindow()) {
-    const platform::LinkInfo info = linkInfo();
-    WindowLink link;
-    link.valueLimit = info.maxWriteLength;
-    link.intervalMs = info.connectionIntervalMs.value_or(0);
-    if (info.phy) link.phyMbps = *info.phy == "2M" ? 2 : *info.phy == "1M" ? 1 : 0;
-    link.dataLength = static_cast<size_t>(std::max(info.dataLength.value_or(0), 0));
-    transport->setExtendedWindow(true, link);
-  }
+  if (extendedWindow()) transport->setExtendedWindow(true, windowLinkOf(linkInfo()));
   return transport;
 }
 
@@ -529,7 +533,9 @@ void QLT_Peripheral::startTransport() {
   std::shared_ptr<BaseTransport> transport = held;
   uint64_t windowLink = 0;
   if (held) {
-    windowLink = held->linkUp();  // the session resumes on this link, or a new one begins
+    // The session resumes on this link, or a new one begins; either way its frames fit
+    // this link's MTU, which may be smaller than the one the window was built on.
+    windowLink = held->linkUp(windowLinkOf(linkInfo()));
   } else {
     transport = createTransport();
     FrameTrace trace;

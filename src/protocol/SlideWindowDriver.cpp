@@ -44,10 +44,7 @@ void SlideWindowDriver::configure(const ExtendedWindowSettings& settings) {
         std::max(slotCount, (window + parameters_.segmentSize - 1) / parameters_.segmentSize);
     wideStorage_.assign(QLT_SW_WIDE_STORAGE(size.segment, size.slots, size.slots), 0);
     cfg.wide_storage = wideStorage_.data();
-    cfg.value_limit = static_cast<uint16_t>(
-        std::clamp<size_t>(settings.link.valueLimit > 0 ? settings.link.valueLimit
-                                                        : ExtendedWindowSizing::kDefaultValueLimit,
-                           ExtendedWindowSizing::kDefaultValueLimit, kFrameCapacity));
+    cfg.value_limit = valueLimitOf(settings.link);
     cfg.nonce = randomNonce();
     extendedAckDelayMicros_ =
         static_cast<uint32_t>(ExtendedWindowSizing::ackDelaySeconds(settings.link) * 1e6);
@@ -59,6 +56,12 @@ void SlideWindowDriver::configure(const ExtendedWindowSettings& settings) {
   cfg.slot_count = static_cast<uint16_t>(slotCount);
   qlt_sw_init(&core_, &cfg);
   qlt_sw_set_trace(&core_, &SlideWindowDriver::coreEvent, this);
+}
+
+uint16_t SlideWindowDriver::valueLimitOf(const WindowLink& link) {
+  return static_cast<uint16_t>(std::clamp<size_t>(
+      link.valueLimit > 0 ? link.valueLimit : ExtendedWindowSizing::kDefaultValueLimit,
+      ExtendedWindowSizing::kDefaultValueLimit, kFrameCapacity));
 }
 
 uint32_t SlideWindowDriver::randomNonce() {
@@ -306,20 +309,40 @@ void SlideWindowDriver::loseOnStrand() {
 }
 
 uint64_t SlideWindowDriver::linkUp() {
-  return onStrandSync([this] {
-    if (!down_) qlt_sw_link_lost(&core_);
-    // A late timer (a busy host) does not stretch the hold time.
-    if (clock_->now() - lostAt_ >= holdTime()) forgetOnStrand();
-    const Snapshot before = snapshot();
-    qlt_sw_link_up(&core_, randomNonce());
-    down_ = false;
-    ++link_;
-    ackDelayWidened_ = false;
-    qlt_sw_set_ack_delay(&core_, kAckDelayMicros);
-    settle(before);
-    schedule();
-    return link_;
-  });
+  return onStrandSync([this] { return linkUpOnStrand(nullptr); });
+}
+
+uint64_t SlideWindowDriver::linkUp(const WindowLink& link) {
+  return onStrandSync([this, &link] { return linkUpOnStrand(&link); });
+}
+
+uint64_t SlideWindowDriver::linkUpOnStrand(const WindowLink* link) {
+  if (!down_) qlt_sw_link_lost(&core_);
+  // A late timer (a busy host) does not stretch the hold time.
+  if (clock_->now() - lostAt_ >= holdTime()) forgetOnStrand();
+  const Snapshot before = snapshot();
+  qlt_sw_link_up(&core_, randomNonce());
+  if (link != nullptr && wideOn_) {
+    // The new link's negotiation has not begun (its first round writes the OFFER or
+    // waits for one), so the core takes the new value limit: the segments it offers and
+    // sends fit it, and a larger one is held to the buffers (the segment configured).
+    // Bytes the last link left unacknowledged are cut again from the stream at the size
+    // this link negotiates.
+    if (qlt_sw_set_value_limit(&core_, valueLimitOf(*link)) != 0)
+      QLTLog("Slide window: this link's value limit (%d B) came too late; the last one's stays",
+             static_cast<int>(link->valueLimit));
+    extendedAckDelayMicros_ =
+        static_cast<uint32_t>(ExtendedWindowSizing::ackDelaySeconds(*link) * 1e6);
+    std::lock_guard lock(mutex_);
+    extended_.link = *link;
+  }
+  down_ = false;
+  ++link_;
+  ackDelayWidened_ = false;
+  qlt_sw_set_ack_delay(&core_, kAckDelayMicros);
+  settle(before);
+  schedule();
+  return link_;
 }
 
 uint64_t SlideWindowDriver::link() const {

@@ -125,7 +125,12 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   void linkLost();
   void linkLost(uint64_t link);
   // The next link is up (a new nonce for a session that begins on it); returns its number.
+  // With the link's facts, the extended window takes them before the link's negotiation:
+  // its value limit (the segments it offers and sends shrink to it; a larger one is held to
+  // the buffers configured on the first link, which are never reallocated) and its
+  // acknowledgement delay. Without them the last link's facts stay.
   uint64_t linkUp();
+  uint64_t linkUp(const WindowLink& link);
   uint64_t link() const;
   // Forgets the session held now, as when the hold time passes (only while the link is down).
   void forgetSession();
@@ -166,6 +171,8 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   // Strand only, all of them.
   uint32_t nowMicros() const;
   void configure(const ExtendedWindowSettings& settings);
+  uint64_t linkUpOnStrand(const WindowLink* link);
+  static uint16_t valueLimitOf(const WindowLink& link);
   static uint32_t randomNonce();
   static void coreEvent(void* context, qlt_sw_event event, uint32_t a, uint32_t b);
   WindowFormat formatOnStrand() const;

@@ -29,6 +29,7 @@ WindowFormat SlideWindowFace::windowFormat() const { return driver_->format(); }
 
 void SlideWindowFace::linkLost(uint64_t link) { driver_->linkLost(link); }
 uint64_t SlideWindowFace::linkUp() { return driver_->linkUp(); }
+uint64_t SlideWindowFace::linkUp(const WindowLink& link) { return driver_->linkUp(link); }
 uint64_t SlideWindowFace::link() const { return driver_->link(); }
 void SlideWindowFace::forgetSession() { driver_->forgetSession(); }
 void SlideWindowFace::setSessionHoldTime(double seconds) { driver_->setHoldTime(seconds); }

@@ -9,7 +9,8 @@ namespace {
 
 TEST(APeripheralWithTheExtendedWindow, KeepsItsWindowAcrossADropUntilTheApplicationDisconnects) {
   e2e::SimWorld w;
-  const auto device = e2e::device("QLT-Echo", sim::SimBehaviour::SwEcho);
+  auto device = e2e::device("QLT-Echo", sim::SimBehaviour::SwEcho);
+  device.mtu = 247;  // the first link's; the next one has a smaller MTU
   auto p = w.find(device);
   ASSERT_TRUE(p);
   w.follow(p);
@@ -22,6 +23,7 @@ TEST(APeripheralWithTheExtendedWindow, KeepsItsWindowAcrossADropUntilTheApplicat
   w.radio->dropLink(device.identifier);
   ASSERT_TRUE(w.app->waitForState(QLT_PeripheralStateDisconnected));
   p->writeTCPData(Data::fromString(text.substr(3000)));  // between links: waits for the next
+  w.radio->setLink({.mtu = 160});  // the radio refuses a write longer than 157 bytes
   ASSERT_TRUE(w.connectReady(p));
   EXPECT_EQ(p->transport(), first);
   ASSERT_TRUE(w.app->waitForTcpBytes(text.size()));

@@ -2,6 +2,9 @@
 // resumes, or ends with its bytes in doubt named and nothing delivered twice.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
+
 #include "support/LinkHarness.h"
 
 namespace qlt::test {
@@ -19,6 +22,7 @@ struct SessionEnd final : LinkEndpoint {
         transportParameters(), clock, DispatchQueue::create("SessionEnd"),
         {.write =
              [this](const uint8_t* b, size_t n) {
+               longest[wire] = std::max(longest[wire], n);
                std::vector<uint8_t> v{static_cast<uint8_t>(wire)};
                v.insert(v.end(), b, b + n);
                output(Data(v.data(), v.size()));
@@ -42,6 +46,7 @@ struct SessionEnd final : LinkEndpoint {
   uint64_t wire = 0;  // the link this end writes on
   std::vector<SessionChange> changes;
   int drained = 0;
+  std::map<uint64_t, size_t> longest;  // the longest frame written on each link
 };
 
 std::vector<uint8_t> bytes(size_t n, uint32_t seed) {
@@ -61,16 +66,18 @@ TEST(ASession, ResumesAcrossDropsAndEndsWithItsBytesInDoubtNamedAndNeverAcknowle
     return std::make_unique<SessionEnd>(s, std::move(c));
   });
   SessionEnd* ends[] = {&static_cast<SessionEnd&>(h.a()), &static_cast<SessionEnd&>(h.b())};
-  const auto drop = [&](double down, bool restart) {
+  const auto drop = [&](double down, bool restart, size_t valueLimit = 244) {
     for (auto* e : ends) e->d->linkLost();
     h.runFor(down);
     if (restart) ends[1]->restart();
-    for (auto* e : ends) e->wire = e->d->linkUp();
+    for (auto* e : ends) e->wire = e->d->linkUp({.valueLimit = valueLimit});
   };
   const auto a = bytes(200000, 1), b = bytes(150000, 2);
   h.a().sendTCP(a);
   h.b().sendTCP(b);
-  for (int i = 0; i < 5; ++i, drop(0.05, false)) h.runFor(0.23);
+  // The window was built for 244-byte values; every other link takes 64, the rest 400 (more
+  // than its buffers hold): what each link resumes is cut again to fit it.
+  for (int i = 0; i < 5; ++i, drop(0.05, false, i % 2 ? 64 : 400)) h.runFor(0.23);
   ASSERT_TRUE(h.runUntilDrained(60));
   h.runFor(0.3);  // the last link's negotiation settles
   EXPECT_EQ(joined(h.b().delivered()), a);
@@ -79,6 +86,7 @@ TEST(ASession, ResumesAcrossDropsAndEndsWithItsBytesInDoubtNamedAndNeverAcknowle
     EXPECT_EQ(e->counters().sessionsResumed, 5u);
     EXPECT_EQ(e->changes.size(), 5u);
     EXPECT_EQ(e->drained, 1);
+    for (uint64_t k = 1; k <= 5; ++k) EXPECT_EQ(e->longest[k], k % 2 ? 64u : 244u) << "link " << k;
   }
 
   // Bytes on the air when the device restarts, or when the central's hold time passes
