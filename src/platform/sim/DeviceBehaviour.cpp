@@ -75,7 +75,8 @@ class SlidingWindow final : public DeviceBehaviour,
     state_->strand->sync([&] {
       state_->current = weak_from_this();
       if (state_->driver) {
-        linkNumber_ = state_->driver->linkUp();  // the session goes on, or a new one begins
+        // The session goes on, or a new one begins, sized by this link.
+        linkNumber_ = state_->driver->linkUp(factsOf(*owner));
         return;
       }
       state_->driver = makeDriver(*owner);
@@ -125,15 +126,19 @@ class SlidingWindow final : public DeviceBehaviour,
          .session = nullptr});
     if (extended_) {
       // The device's end: it answers the central's offer, sized by the same link.
-      const LinkParameters& air = owner.parameters();
-      WindowLink facts;
-      facts.valueLimit = owner.maxValueLength();
-      facts.intervalMs = air.intervalMs;
-      facts.phyMbps = air.phy == Phy::LE2M ? 2 : 1;
-      facts.dataLength = air.dataLength;
-      driver->setExtended({.enabled = true, .role = WindowRole::Device, .link = facts});
+      driver->setExtended({.enabled = true, .role = WindowRole::Device, .link = factsOf(owner)});
     }
     return driver;
+  }
+  // What the window needs to know of a link: its value limit, interval, PHY, data length.
+  static WindowLink factsOf(SimLink& owner) {
+    const LinkParameters& air = owner.parameters();
+    WindowLink facts;
+    facts.valueLimit = owner.maxValueLength();
+    facts.intervalMs = air.intervalMs;
+    facts.phyMbps = air.phy == Phy::LE2M ? 2 : 1;
+    facts.dataLength = air.dataLength;
+    return facts;
   }
   // On the strand: the behaviour of the link that is up.
   static std::shared_ptr<SlidingWindow> current(const std::weak_ptr<WindowState>& weak) {
