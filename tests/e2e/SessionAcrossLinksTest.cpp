@@ -18,6 +18,12 @@ TEST(APeripheralWithTheExtendedWindow, KeepsItsWindowAcrossADropUntilTheApplicat
   p->setExtendedWindow(true);
   ASSERT_TRUE(w.connectReady(p));
   const auto first = p->transport();
+  // A session exists once the extended window is agreed; a link lost before that has none
+  // to resume, and what it had in flight is in doubt.
+  ASSERT_TRUE(test::eventually([&] {
+    const auto c = p->transportCounters();
+    return c && c->format == WindowFormat::Extended;
+  }));
   const std::string text = e2e::pattern(6000);
   p->writeTCPData(Data::fromString(text.substr(0, 3000)));
   w.radio->dropLink(device.identifier);
@@ -26,7 +32,9 @@ TEST(APeripheralWithTheExtendedWindow, KeepsItsWindowAcrossADropUntilTheApplicat
   w.radio->setLink({.mtu = 160});  // the radio refuses a write longer than 157 bytes
   ASSERT_TRUE(w.connectReady(p));
   EXPECT_EQ(p->transport(), first);
-  ASSERT_TRUE(w.app->waitForTcpBytes(text.size()));
+  ASSERT_TRUE(w.app->waitForTcpBytes(text.size()))
+      << "resumed " << p->transportCounters()->sessionsResumed << ", lost "
+      << p->transportCounters()->sessionsLost;
   EXPECT_EQ(w.app->tcpJoined(), text) << "every byte once, in order";
   EXPECT_EQ(p->transportCounters()->sessionsResumed, 1u);
 
