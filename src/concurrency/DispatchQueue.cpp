@@ -55,14 +55,19 @@ size_t QueueImpl::drain() {
   FrameScope frame(this);
   size_t ran = 0;
   for (;;) {
-    std::unique_lock lock(mutex);
-    if (entries.empty()) {
-      entries.release();
-      active = false;
-      return ran;
+    if (running.empty()) {
+      std::unique_lock lock(mutex);
+      if (entries.empty()) {
+        entries.release();
+        running.release();
+        active = false;
+        return ran;
+      }
+      // Every task queued so far at once: the threads adding tasks and the worker running
+      // them meet on the mutex once per take, not once per task.
+      running.swap(entries);
     }
     if (ran == kBatch) {
-      lock.unlock();
       // Stays active; another turn later, after the queues that wait.
       if (isMain) {
         MainLoop::shared().schedule(self());
@@ -71,24 +76,24 @@ size_t QueueImpl::drain() {
       }
       return ran;
     }
-    Entry entry = entries.pop();
-    lock.unlock();
+    Entry entry = running.pop();
     if (entry.handoff) {
       entry.handoff->give();  // the queue now belongs to the waiting sync() caller
       return ran;
     }
-    const int64_t outer = ThreadPool::taskBegins();
+    const bool began = ThreadPool::taskBegins();
     runContained(entry.task, label);
-    ThreadPool::taskEnds(outer);
+    ThreadPool::taskEnds(began);
     ++ran;
   }
 }
 
 void QueueImpl::release() {
-  {
+  if (running.empty()) {
     std::lock_guard lock(mutex);
     if (entries.empty()) {
       entries.release();
+      running.release();
       active = false;
       return;
     }

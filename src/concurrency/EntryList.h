@@ -60,6 +60,13 @@ class EntryList {
   Entry pop();
   // Gives the block back; only when empty.
   void release();
+  // Exchanges the two lists' entries (and blocks).
+  void swap(EntryList& other) noexcept {
+    std::swap(head_, other.head_);
+    std::swap(tail_, other.tail_);
+    std::swap(headIndex_, other.headIndex_);
+    std::swap(tailIndex_, other.tailIndex_);
+  }
 
  private:
   EntryBlock* head_ = nullptr;  // pops here

@@ -64,7 +64,10 @@ class QueueImpl final : public DispatchQueue {
 
   const std::string label;
   mutable std::mutex mutex;
-  EntryList entries;    // guarded by mutex
+  EntryList entries;  // guarded by mutex
+  // The tasks taken from `entries` to run, in order; only whoever holds the queue active
+  // touches it, without the mutex. Empty while the queue is not active.
+  EntryList running;
   bool active = false;  // guarded by mutex
   const bool isMain;
   std::pair<const void*, void*> firstSpecific{nullptr, nullptr};              // guarded by mutex

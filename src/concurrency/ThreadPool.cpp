@@ -48,15 +48,6 @@ int currentCpu() {
 #endif
 }
 
-// One step of a spin-wait: tells the CPU (and a hyperthread sibling) that we only wait.
-inline void cpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#elif defined(__aarch64__)
-  asm volatile("yield");
-#endif
-}
-
 // How many of `tids` the kernel has asleep.
 size_t countAsleep(const std::vector<pid_t>& tids) {
   return static_cast<size_t>(std::count_if(tids.begin(), tids.end(), threadIsAsleep));
@@ -130,19 +121,20 @@ std::shared_ptr<ThreadPool::Worker> ThreadPool::wakeLocked(int cpu) {
   return worker->sleeping ? worker : nullptr;
 }
 
-int64_t ThreadPool::taskBegins() {
+bool ThreadPool::taskBegins() {
   Worker* worker = tWorker;
-  if (worker == nullptr) return 0;
-  const int64_t outer = worker->taskSince.load(std::memory_order_relaxed);
-  if (outer == 0) {
-    const int64_t now = std::chrono::steady_clock::now().time_since_epoch().count();
-    worker->taskSince.store(std::max<int64_t>(1, now), std::memory_order_relaxed);
-  }
-  return outer;
+  if (worker == nullptr) return false;
+  const uint64_t count = worker->taskCount.load(std::memory_order_relaxed);
+  if (count % 2 == 1) return false;  // inside an outer task
+  worker->taskCount.store(count + 1, std::memory_order_relaxed);
+  return true;
 }
 
-void ThreadPool::taskEnds(int64_t outer) {
-  if (Worker* worker = tWorker) worker->taskSince.store(outer, std::memory_order_relaxed);
+void ThreadPool::taskEnds(bool began) {
+  if (!began) return;
+  Worker* worker = tWorker;
+  worker->taskCount.store(worker->taskCount.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
 }
 
 void ThreadPool::markBlocked(bool blocked) {
@@ -185,22 +177,33 @@ void ThreadPool::monitor() {
       monitorCv_.wait(lock);
       continue;
     }
+    // The workers' task counts now: one still in the same task after kStallAfter has been
+    // in it at least that long.
     const uint64_t before = taken_;
-    monitorCv_.wait_for(lock, kStallAfter);
+    std::vector<std::pair<std::shared_ptr<Worker>, uint64_t>> counts;
+    counts.reserve(workers_.size());
+    for (const auto& worker : workers_) {
+      counts.emplace_back(worker, worker->taskCount.load(std::memory_order_relaxed));
+    }
     const auto stalled = [&] { return !ready_.empty() && taken_ == before; };
+    // The whole period, however often schedule() notifies meanwhile.
+    monitorCv_.wait_for(lock, kStallAfter, [&] { return !stalled(); });
     if (!stalled()) continue;
     // Workers not idle and not in a library wait; of them, those in one task for at least
     // kStallAfter may be blocked where the library cannot see.
-    size_t busy = 0;
+    const auto isBusy = [](const Worker& w) {
+      return !w.retired && !w.idle && !w.blocked && w.tid != 0;
+    };
+    const size_t busy = static_cast<size_t>(
+        std::count_if(workers_.begin(), workers_.end(), [&](const auto& w) { return isBusy(*w); }));
     std::vector<pid_t> longTasks;
-    const int64_t longSince =
-        (std::chrono::steady_clock::now() - kStallAfter).time_since_epoch().count();
-    for (const auto& worker : workers_) {
-      if (worker->idle || worker->blocked || worker->tid == 0) continue;
-      ++busy;
-      const int64_t since = worker->taskSince.load(std::memory_order_relaxed);
-      if (since != 0 && since <= longSince) longTasks.push_back(worker->tid);
+    for (const auto& [worker, count] : counts) {
+      if (isBusy(*worker) && count % 2 == 1 &&
+          worker->taskCount.load(std::memory_order_relaxed) == count) {
+        longTasks.push_back(worker->tid);
+      }
     }
+    counts.clear();
     // Without mutex_: a worker waiting for it would otherwise look blocked.
     lock.unlock();
     const size_t asleep = countAsleep(longTasks);
@@ -245,6 +248,7 @@ void ThreadPool::work(const std::shared_ptr<Worker>& worker) {
     if (!waitForWork(worker, lock)) {
       // Retire: a worker that stays (or the next schedule()) joins our thread.
       --threads_;
+      self.retired = true;
       tWorker = nullptr;
       retired_.push_back(std::move(self.thread));
       workers_.erase(std::find_if(workers_.begin(), workers_.end(),
@@ -269,16 +273,18 @@ bool ThreadPool::waitForWork(const std::shared_ptr<Worker>& worker,
   Worker& self = *worker;
   self.idle = true;
   idle_.push_back(worker);
-  if (spinner_ == nullptr) {
+  if (spinner_ == nullptr && spinGate_.shouldSpin()) {
     spinner_ = &self;
     lock.unlock();
     const auto until = std::chrono::steady_clock::now() + kSpin;
-    while (!self.hasWork.load(std::memory_order_acquire) &&
-           std::chrono::steady_clock::now() < until) {
+    // The clock every 32 steps: reading it costs more than a step.
+    for (unsigned step = 1; !self.hasWork.load(std::memory_order_acquire); ++step) {
+      if (step % 32 == 0 && std::chrono::steady_clock::now() >= until) break;
       cpuRelax();
     }
     lock.lock();
     if (spinner_ == &self) spinner_ = nullptr;  // else schedule() took us and cleared it
+    spinGate_.spun(self.woken);
   }
   self.slept = {currentCpu(), self.slept.last};
   while (!self.woken) {

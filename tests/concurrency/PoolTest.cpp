@@ -8,6 +8,7 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -187,4 +188,26 @@ TEST(APool, WakesTheLatestWorkerThatSleptOnTheCallersCpu) {
   EXPECT_EQ(woken(idle, -1, 6), 5);  // unknown is no CPU, not the never-slept worker's
   idle = stack({{1, 0}, {1, 0}, {0, 1}});
   EXPECT_EQ(woken(idle, 1, 3), 1);  // of those once on the CPU, the latest
+}
+
+// An idle worker spins while spins catch tasks; after each miss in a row it skips twice as
+// many idle spells (at most 64), and the first catch opens the gate again.
+TEST(APool, SpinsLessWhileItsSpinsMissAndAgainOnceOneCatches) {
+  detail::SpinGate gate;
+  const auto spinsOf = [&](int spells) {
+    std::string seen;
+    for (int i = 0; i < spells; ++i) seen += gate.shouldSpin() ? 'S' : '.';
+    return seen;
+  };
+  EXPECT_EQ(spinsOf(3), "SSS");  // nothing missed yet
+  gate.spun(false);
+  EXPECT_EQ(spinsOf(2), ".S");
+  gate.spun(false);
+  EXPECT_EQ(spinsOf(3), "..S");
+  gate.spun(false);
+  EXPECT_EQ(spinsOf(5), "....S");
+  for (int i = 0; i < 20; ++i) gate.spun(false);
+  EXPECT_EQ(spinsOf(65), std::string(64, '.') + "S");  // never more than 64 skipped
+  gate.spun(true);
+  EXPECT_EQ(spinsOf(3), "SSS");
 }
