@@ -1,15 +1,12 @@
 // Foundation benchmarks: serial-queue throughput and latency (beside a plain mutex and
 // condition-variable queue thread in the same run; the latency also counts the starts on
 // the submitter's CPU and the threads that ran them), the bytes of an idle queue and of a
-// timer, how soon a fresh task starts beside CPU-bound, event-waiting and blocked tasks
-// (beside an idle pool), and the cost of an idle transport worker beside a bare thread that
-// only sleeps 1 ms per round.
+// timer, and how soon a fresh task starts beside CPU-bound, event-waiting and blocked tasks
+// (beside an idle pool). What an idle connection costs: bench/idle.cpp.
 //
 //   build/default/bench/qlt_foundation
 #include <benchmark/benchmark.h>
-#include <pthread.h>
 #include <sched.h>
-#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -22,27 +19,15 @@
 #include <thread>
 #include <vector>
 
-#include "QueltLibrary/BaseTransport.h"
 #include "QueltLibrary/ComTimer.h"
 #include "QueltLibrary/DispatchQueue.h"
 #include "QueltLibrary/HANDLE.h"
 #include "support/AllocationCounter.h"
-#include "support/SimDevices.h"
 
 using namespace qlt;
 using namespace std::chrono_literals;
 
 namespace {
-
-using bench::osThreads;
-
-double threadCpuSeconds(pthread_t t) {
-  clockid_t id;
-  if (pthread_getcpuclockid(t, &id) != 0) return 0;
-  timespec ts{};
-  clock_gettime(id, &ts);
-  return ts.tv_sec + ts.tv_nsec / 1e9;
-}
 
 // Bursts of 20,000 empty tasks handed over by `submit(i, task)`, each burst waited for.
 template <class Submit>
@@ -268,63 +253,6 @@ void BM_StartDelayBeside600Blocked(benchmark::State& state) {
       [&] { done = true; });
 }
 
-class IdleTransport : public BaseTransport {
- public:
-  static std::shared_ptr<IdleTransport> create() {
-    return std::shared_ptr<IdleTransport>(new IdleTransport);
-  }
-  void run(const std::shared_ptr<ThreadBase>& t) override {
-    native.store(pthread_self());
-    while (!t->isClosing()) rounds.fetch_add(1, std::memory_order_relaxed);
-  }
-  std::atomic<pthread_t> native{};
-  std::atomic<long> rounds{0};
-
- private:
-  IdleTransport() : BaseTransport("IdleTransport") {}
-};
-
-// CPU per idle worker per second and wake-ups per second: a started transport whose loop
-// only polls isClosing, beside a bare thread sleeping 1 ms per round, in the same run.
-void BM_IdleWorkerCost(benchmark::State& state) {
-  for (auto _ : state) {
-    const size_t threadsBefore = osThreads();
-    auto transport = IdleTransport::create();
-    transport->start();
-    while (transport->native.load() == pthread_t{}) std::this_thread::sleep_for(1ms);
-    const size_t threadsPerTransport = osThreads() - threadsBefore;
-
-    std::atomic<bool> stop{false};
-    std::atomic<long> bareRounds{0};
-    std::thread bare([&] {
-      while (!stop) {
-        std::this_thread::sleep_for(1ms);
-        bareRounds.fetch_add(1, std::memory_order_relaxed);
-      }
-    });
-    const double seconds = 2.0;
-    const double w0 = threadCpuSeconds(transport->native),
-                 b0 = threadCpuSeconds(bare.native_handle());
-    const long wr0 = transport->rounds, br0 = bareRounds;
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    const double w1 = threadCpuSeconds(transport->native),
-                 b1 = threadCpuSeconds(bare.native_handle());
-    const long wr1 = transport->rounds, br1 = bareRounds;
-    stop = true;
-    bare.join();
-    transport->stop();
-    while (transport->thread()) std::this_thread::sleep_for(1ms);
-
-    const double workerCpu = (w1 - w0) / seconds, bareCpu = (b1 - b0) / seconds;
-    state.counters["worker_cpu_pct"] = 100 * workerCpu;
-    state.counters["bare_cpu_pct"] = 100 * bareCpu;
-    state.counters["ratio"] = bareCpu > 0 ? workerCpu / bareCpu : 0;
-    state.counters["worker_wakeups_per_s"] = (wr1 - wr0) / seconds;
-    state.counters["bare_wakeups_per_s"] = (br1 - br0) / seconds;
-    state.counters["os_threads_per_transport"] = static_cast<double>(threadsPerTransport);
-  }
-}
-
 }  // namespace
 
 BENCHMARK(BM_PlainThreadThroughput)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -344,5 +272,4 @@ BENCHMARK(BM_StartDelayBeside600Blocked)
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
-BENCHMARK(BM_IdleWorkerCost)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK_MAIN();

@@ -25,8 +25,8 @@
 //   (for work submitted from outside the pool, the one of them that last slept on the
 //   submitter's CPU, so it wakes without a cross-CPU wake-up; the one on top spins for up
 //   to 50 µs before it sleeps, so work that follows work starts without a kernel
-//   wake-up), and those at the bottom, idle for two seconds, retire down to a reserve of
-//   two.
+//   wake-up, and spins less while its spins miss), and those at the bottom, idle for two
+//   seconds, retire down to a reserve of two.
 //
 // The bound that follows: workers are only started while none is idle, so under any mix
 // of short tasks (however many queues, links or timers) the pool holds at most `running`
@@ -43,6 +43,8 @@
 // - sync(f): runs f on the calling thread once the queue has finished everything submitted
 //   before it, and returns after f. When the caller is already running on this queue (also
 //   through nested sync calls), f runs at once, inline, so re-entrant code cannot deadlock.
+// - syncIfIdle(f): as sync(f) when that would not wait (the queue idle, or current);
+//   otherwise returns false at once, f not run.
 // - isCurrent(): whether the calling thread is running a task of this queue right now.
 //
 // Exceptions: a task run by async or asyncAfter that throws (an application callback, a
@@ -89,6 +91,8 @@ class QLT_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQue
   // dropped).
   void asyncAfter(std::chrono::nanoseconds delay, Task task, Clock& clock);
   void sync(const Task& task);
+  // For a caller that must not wait: it queues the task itself when this returns false.
+  bool syncIfIdle(const Task& task);
   bool isCurrent() const;
 
   // Queue-specific values: a key (any address) and an opaque value attached to this queue.

@@ -116,6 +116,22 @@ void* QueueImpl::specific(const void* key) const {
 
 using detail::QueueImpl;
 
+namespace {
+
+// Runs `task` on the calling thread, which holds `q` active, then hands the queue on.
+void runHolding(QueueImpl& q, const DispatchQueue::Task& task) {
+  try {
+    detail::FrameScope frame(&q);
+    task();
+  } catch (...) {
+    q.release();  // the queue goes on; the caller gets the exception
+    throw;
+  }
+  q.release();
+}
+
+}  // namespace
+
 std::shared_ptr<DispatchQueue> DispatchQueue::create(std::string label) {
   return std::make_shared<QueueImpl>(std::move(label), false);
 }
@@ -173,14 +189,22 @@ void DispatchQueue::sync(const Task& task) {
     }
   }
   if (wait) handoff.wait();
-  try {
-    detail::FrameScope frame(&q);
+  runHolding(q, task);
+}
+
+bool DispatchQueue::syncIfIdle(const Task& task) {
+  if (isCurrent()) {
     task();
-  } catch (...) {
-    q.release();  // the queue goes on; the caller gets the exception
-    throw;
+    return true;
   }
-  q.release();
+  QueueImpl& q = QueueImpl::of(*this);
+  {
+    std::lock_guard lock(q.mutex);
+    if (q.active) return false;
+    q.active = true;
+  }
+  runHolding(q, task);
+  return true;
 }
 
 bool DispatchQueue::isCurrent() const {
