@@ -29,7 +29,9 @@
 #      resumed device that stops asking after three ANSWERs)
 #
 # Exit status 0 means every check reached its expected verdict.
-# Set KEEP_TMP=1 to keep the work directory (pan sources and trails).
+# Set KEEP_TMP=1 to keep the work directory (pan sources and trails). The checks run
+# MODEL_JOBS at a time (default: the CPUs), each in a directory of its own; their reports
+# come in the order above once all have ended.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -52,17 +54,26 @@ cd "$work"
 memlim=4096
 failures=0
 
+jobs=${MODEL_JOBS:-$(nproc 2>/dev/null || echo 1)}
+
 # run_check NAME EXPECT MODE MODEL_DEFINES...
 #   EXPECT: pass (no error allowed) or a pattern the error report must match
 #   MODE:   safety or progress
 #   opt=-O0 before it: compile pan unoptimised (seconds less for a search of a few
 #   hundred thousand states or fewer)
+# Starts the check in the background once fewer than $jobs run; its report goes to
+# check<N>/report, and check<N>/failed marks a wrong verdict.
 run_check() {
-    local name=$1 expect=$2 mode=$3
-    shift 3
     local dir="check$((++count))"
     mkdir "$dir"
     cp "$model" "$dir/"
+    while (($(jobs -rp | wc -l) >= jobs)); do wait -n || true; done
+    check_in "$dir" "$@" >"$dir/report" 2>&1 &
+}
+
+check_in() {
+    local dir=$1 name=$2 expect=$3 mode=$4
+    shift 4
     local cflags=("${opt:--O2}" "-DMEMLIM=$memlim" ${extra_cflags:-}) runflags=(-m2000000)
     if [[ $mode == safety ]]; then
         cflags+=(-DSAFETY)
@@ -74,9 +85,9 @@ run_check() {
     local start out status=0 verdict detail
     start=$(date +%s%N)
     (cd "$dir" && spin "$@" -a "$model" >spin.log 2>&1) \
-        || { echo "FAIL  $name: spin -a failed:"; cat "$dir/spin.log"; failures=$((failures + 1)); return; }
+        || { echo "FAIL  $name: spin -a failed:"; cat "$dir/spin.log"; touch "$dir/failed"; return; }
     (cd "$dir" && gcc "${cflags[@]}" -o pan pan.c >gcc.log 2>&1) \
-        || { echo "FAIL  $name: pan did not compile:"; cat "$dir/gcc.log"; failures=$((failures + 1)); return; }
+        || { echo "FAIL  $name: pan did not compile:"; cat "$dir/gcc.log"; touch "$dir/failed"; return; }
     out=$(cd "$dir" && ./pan "${runflags[@]}" 2>&1) || status=$?
     printf '%s\n' "$out" >"$dir/pan.log"
     local ms=$((($(date +%s%N) - start) / 1000000))
@@ -115,7 +126,7 @@ run_check() {
     printf '%-4s  %s: %s; %s states stored; %d.%01d s\n' \
         "$verdict" "$name" "$detail" "$states" $((ms / 1000)) $((ms % 1000 / 100))
     if [[ $verdict != PASS ]]; then
-        failures=$((failures + 1))
+        touch "$dir/failed"
         tail -n 40 "$dir/pan.log"
         echo "      replay (with KEEP_TMP=1): cd $work/$dir && spin $* -t -p $model"
     fi
@@ -198,6 +209,12 @@ opt=-O0 run_check "session, the core's old rule: offsets counted from the sessio
 opt=-O0 run_check "session, the core's old rule: a resumed device stops asking after its repeats" \
     'assertion violated .*nseg\[0\]' safety "${session[@]}" -DNSEG0=0 -DNSEG1=1 -DLOSS=2 -DDROPS=1 \
     -DANSWER_REPEATS_BOUNDED
+
+wait
+for ((i = 1; i <= count; i++)); do
+    cat "check$i/report"
+    if [[ -e "check$i/failed" ]]; then failures=$((failures + 1)); fi
+done
 
 if ((failures > 0)); then
     echo "check.sh: $failures check(s) did not reach the expected verdict"
