@@ -43,8 +43,6 @@
 // - sync(f): runs f on the calling thread once the queue has finished everything submitted
 //   before it, and returns after f. When the caller is already running on this queue (also
 //   through nested sync calls), f runs at once, inline, so re-entrant code cannot deadlock.
-// - syncIfIdle(f): as sync(f) when that would not wait (the queue idle, or current);
-//   otherwise returns false at once, f not run.
 // - isCurrent(): whether the calling thread is running a task of this queue right now.
 //
 // Exceptions: a task run by async or asyncAfter that throws (an application callback, a
@@ -91,8 +89,6 @@ class QLT_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQue
   // dropped).
   void asyncAfter(std::chrono::nanoseconds delay, Task task, Clock& clock);
   void sync(const Task& task);
-  // For a caller that must not wait: it queues the task itself when this returns false.
-  bool syncIfIdle(const Task& task);
   bool isCurrent() const;
 
   // Queue-specific values: a key (any address) and an opaque value attached to this queue.

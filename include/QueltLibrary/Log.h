@@ -11,7 +11,9 @@
 // so once). There it writes "2026-11-23 08:21:25.123 QueltLibrary[pid:tid] text". QLT_LOG is
 // read once, when the first line is logged. setLogSink replaces the default sink (an empty
 // function restores it); the sink may be called from any thread, never while the library
-// holds a lock.
+// holds a lock. setLogSink returns once the sink it replaced has no call left running on
+// another thread, so whatever that sink used may go then (a sink must therefore not wait
+// for the thread that replaces it).
 #pragma once
 
 #include <concepts>

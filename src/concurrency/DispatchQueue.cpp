@@ -116,22 +116,6 @@ void* QueueImpl::specific(const void* key) const {
 
 using detail::QueueImpl;
 
-namespace {
-
-// Runs `task` on the calling thread, which holds `q` active, then hands the queue on.
-void runHolding(QueueImpl& q, const DispatchQueue::Task& task) {
-  try {
-    detail::FrameScope frame(&q);
-    task();
-  } catch (...) {
-    q.release();  // the queue goes on; the caller gets the exception
-    throw;
-  }
-  q.release();
-}
-
-}  // namespace
-
 std::shared_ptr<DispatchQueue> DispatchQueue::create(std::string label) {
   return std::make_shared<QueueImpl>(std::move(label), false);
 }
@@ -189,22 +173,14 @@ void DispatchQueue::sync(const Task& task) {
     }
   }
   if (wait) handoff.wait();
-  runHolding(q, task);
-}
-
-bool DispatchQueue::syncIfIdle(const Task& task) {
-  if (isCurrent()) {
+  try {
+    detail::FrameScope frame(&q);
     task();
-    return true;
+  } catch (...) {
+    q.release();  // the queue goes on; the caller gets the exception
+    throw;
   }
-  QueueImpl& q = QueueImpl::of(*this);
-  {
-    std::lock_guard lock(q.mutex);
-    if (q.active) return false;
-    q.active = true;
-  }
-  runHolding(q, task);
-  return true;
+  q.release();
 }
 
 bool DispatchQueue::isCurrent() const {

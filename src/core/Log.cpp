@@ -6,19 +6,32 @@
 #include <cerrno>
 #include <chrono>
 #include <cinttypes>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <mutex>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace qlt {
 
 namespace {
 
+// The installed sink and how many threads are inside it now: setLogSink returns only once
+// the sink it replaced has no call left in flight (other than the caller's own, when a
+// sink replaces itself), so the caller may destroy what that sink used.
+struct InstalledSink {
+  explicit InstalledSink(LogSink f) : fn(std::move(f)) {}
+  const LogSink fn;
+  int calls = 0;  // guarded by gSinkMutex
+};
 std::mutex gSinkMutex;
-std::shared_ptr<const LogSink> gSink;  // guarded by gSinkMutex; empty = default sink
+std::condition_variable gSinkIdle;          // a call of a replaced sink ended
+std::shared_ptr<InstalledSink> gSink;       // guarded by gSinkMutex; empty = default sink
+thread_local const InstalledSink* tInSink;  // the sink this thread is calling, if any
+thread_local int tInSinkDepth;              // and how many calls deep
 
 std::string errorText(int error) { return std::generic_category().message(error); }
 
@@ -82,25 +95,52 @@ void defaultSink(std::string_view line) {
 
 }  // namespace
 
-LogSink setLogSink(LogSink sink) {
-  std::shared_ptr<const LogSink> next;
-  if (sink) next = std::make_shared<const LogSink>(std::move(sink));
+namespace {
+
+void endCall(InstalledSink& sink) {
   std::lock_guard lock(gSinkMutex);
-  std::swap(gSink, next);
-  return next ? *next : LogSink();
+  --sink.calls;
+  if (gSink.get() != &sink) gSinkIdle.notify_all();  // a setLogSink may wait for it
+}
+
+}  // namespace
+
+LogSink setLogSink(LogSink sink) {
+  std::shared_ptr<InstalledSink> replaced;
+  if (sink) replaced = std::make_shared<InstalledSink>(std::move(sink));
+  std::unique_lock lock(gSinkMutex);
+  std::swap(gSink, replaced);
+  if (!replaced) return LogSink();
+  const int own = tInSink == replaced.get() ? tInSinkDepth : 0;
+  gSinkIdle.wait(lock, [&] { return replaced->calls <= own; });
+  return replaced->fn;
 }
 
 void logLine(std::string_view line) {
-  std::shared_ptr<const LogSink> sink;
+  std::shared_ptr<InstalledSink> sink;
   {
     std::lock_guard lock(gSinkMutex);
     sink = gSink;
+    if (sink) ++sink->calls;
   }
-  if (sink) {
-    (*sink)(line);
-  } else {
+  if (!sink) {
     defaultSink(line);
+    return;
   }
+  const InstalledSink* outer = std::exchange(tInSink, sink.get());
+  const int outerDepth = std::exchange(tInSinkDepth, outer == sink.get() ? tInSinkDepth + 1 : 1);
+  const auto leave = [&] {
+    tInSink = outer;
+    tInSinkDepth = outerDepth;
+    endCall(*sink);
+  };
+  try {
+    sink->fn(line);
+  } catch (...) {
+    leave();
+    throw;
+  }
+  leave();
 }
 
 void failLoudly(std::string_view message) {

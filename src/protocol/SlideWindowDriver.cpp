@@ -243,18 +243,16 @@ bool SlideWindowDriver::sendUDP(const uint8_t* bytes, uint64_t length) {
   return true;
 }
 
-void SlideWindowDriver::receive(const Data& value) { receive(value, kAnyLink); }
+void SlideWindowDriver::receive(const Data& value) {
+  // Run on the strand in a sync(): on the caller's thread when the strand is free (most of
+  // the time), without a hop through the pool, and in order with everything posted before.
+  strand_->sync([this, &value] { receiveOnStrand(value); });
+}
 
 void SlideWindowDriver::receive(const Data& value, uint64_t link) {
-  // On the caller's thread when the strand is free (most of the time), without a hop
-  // through the pool; else queued behind what the strand is doing, never waited for: a
-  // pool worker that waited here would count as blocked and have the pool start another.
-  // Either way in order with everything posted before.
-  const auto onStrand = [this, link](const Data& v) {
-    if (link == kAnyLink || link == link_) receiveOnStrand(v);
-  };
-  if (strand_->syncIfIdle([&] { onStrand(value); })) return;
-  strand_->async([self = shared_from_this(), onStrand, value] { onStrand(value); });
+  strand_->sync([this, &value, link] {
+    if (link == link_) receiveOnStrand(value);
+  });
 }
 
 void SlideWindowDriver::receiveOnStrand(const Data& value) {

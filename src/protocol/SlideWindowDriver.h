@@ -3,11 +3,10 @@
 //
 // Everything that touches the core happens on the strand, one task at a time, so the core
 // needs no lock: sendTCP is posted there (run at once when the caller already is on it),
-// a received frame runs there on the receiving thread when the strand is free (no hop
-// through the pool for every notification) and is queued behind it otherwise (never waited
-// for: a pool worker waiting there would count as blocked), and the rounds run there when
-// the core's next deadline comes (a RoundPacer on the strand, as the chunker's rounds) or at once
-// when a received acknowledgement lets segments go. Received segments owe an answer after the ack
+// a received frame runs there in a sync() (on the receiving thread, once the strand is
+// free: no hop through the pool for every notification), and the rounds run there when the core's
+// next deadline comes (a RoundPacer on the strand, as the chunker's rounds) or at once when a
+// received acknowledgement lets segments go. Received segments owe an answer after the ack
 // delay (1 ms), so segments arriving together draw one acknowledgement. Between rounds
 // nothing runs: an idle link costs no thread and no wake-up.
 //
@@ -216,11 +215,10 @@ class SlideWindowDriver : public std::enable_shared_from_this<SlideWindowDriver>
   std::deque<Data> backlog_;  // messages (or their tails) waiting for the core's queue
   size_t backlogHead_ = 0;    // bytes of backlog_.front() already in the core
   uint64_t backlogBytes_ = 0;
-  std::shared_ptr<RoundPacer> pacer_;               // rounds at the core's deadlines, on the strand
-  bool down_ = false;                               // between linkLost and linkUp
-  static constexpr uint64_t kAnyLink = UINT64_MAX;  // receive(value): whichever link is up
-  uint64_t link_ = 0;                               // the current link's number
-  double lostAt_ = 0;                               // when the link went down (clock_)
+  std::shared_ptr<RoundPacer> pacer_;  // rounds at the core's deadlines, on the strand
+  bool down_ = false;                  // between linkLost and linkUp
+  uint64_t link_ = 0;                  // the current link's number
+  double lostAt_ = 0;                  // when the link went down (clock_)
 
   std::atomic<uint64_t> unacknowledged_{0};
   std::atomic<uint64_t> inDoubt_{0};

@@ -113,27 +113,6 @@ TEST(ASerialQueue, RunsSyncAfterEverythingBeforeInlineWhenNestedWithItsLabelAndS
   EXPECT_FALSE(a->isCurrent());
 }
 
-// syncIfIdle runs on the caller's thread only when that cannot wait: the queue idle, or
-// the caller already on it; a busy queue answers false at once, the task not run.
-TEST(ASerialQueue, RunsSyncIfIdleOnlyWhenItWouldNotWait) {
-  auto q = DispatchQueue::create("q");
-  std::thread::id ranOn;
-  EXPECT_TRUE(q->syncIfIdle([&] { ranOn = std::this_thread::get_id(); }));
-  EXPECT_EQ(ranOn, std::this_thread::get_id());
-  std::promise<void> started, release;
-  q->async([&] {
-    started.set_value();
-    release.get_future().wait();
-  });
-  started.get_future().wait();
-  bool ran = false;
-  EXPECT_FALSE(q->syncIfIdle([&] { ran = true; }));
-  EXPECT_FALSE(ran);
-  release.set_value();
-  q->sync([&] { EXPECT_TRUE(q->syncIfIdle([&] { ran = true; })); });
-  EXPECT_TRUE(ran);
-}
-
 TEST(ASerialQueue, RunsDelayedTasksNoSoonerThanAskedInDeadlineOrderAndAZeroDelayFirst) {
   auto q = DispatchQueue::create("later");
   std::vector<std::pair<int, double>> ran;  // written on q only

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
 #include <unordered_set>
 
 #include "QueltLibrary/Data.h"
@@ -50,4 +53,20 @@ TEST(TheLog, FormatsEachArgumentByItsOwnType) {
   EXPECT_EQ(log.lines(), (std::vector<std::string>{
                              "P state = 8", "---> t-rcv : l=2, <6869>", "Connected to : (null)",
                              "text and 7 and 0.500000%", "missing (missing)"}));
+}
+
+// Once setLogSink returns, the sink it replaced has no call left running on another thread,
+// so what that sink used may go (a test's log capture, an application's object).
+TEST(TheLog, ReplacesASinkOnlyOnceItsCallsHaveEnded) {
+  std::atomic<bool> inside{false}, done{false};
+  const LogSink previous = setLogSink([&](std::string_view) {
+    inside = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // still running meanwhile
+    done = true;
+  });
+  std::thread logger([] { logLine("from another thread"); });
+  while (!inside) std::this_thread::yield();
+  setLogSink(previous);
+  EXPECT_TRUE(done) << "returned while the replaced sink still ran";
+  logger.join();
 }
