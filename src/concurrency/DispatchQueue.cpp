@@ -58,9 +58,7 @@ size_t QueueImpl::drain() {
     if (running.empty()) {
       std::unique_lock lock(mutex);
       if (entries.empty()) {
-        entries.release();
-        running.release();
-        active = false;
+        goIdleLocked();
         return ran;
       }
       // Every task queued so far at once: the threads adding tasks and the worker running
@@ -88,13 +86,17 @@ size_t QueueImpl::drain() {
   }
 }
 
+void QueueImpl::goIdleLocked() {
+  entries.release();
+  running.release();
+  active = false;
+}
+
 void QueueImpl::release() {
   if (running.empty()) {
     std::lock_guard lock(mutex);
     if (entries.empty()) {
-      entries.release();
-      running.release();
-      active = false;
+      goIdleLocked();
       return;
     }
   }

@@ -58,6 +58,8 @@ class QueueImpl final : public DispatchQueue {
   size_t drain();
   // Gives up ownership after a sync() caller ran its task.
   void release();
+  // With both task lists empty and `mutex` held: the queue goes idle, its blocks given back.
+  void goIdleLocked();
   // Hands the active queue to its executor: the main loop or the pool.
   void schedule();
   void* specific(const void* key) const;

@@ -100,17 +100,16 @@ class SpinGate {
   // The spin caught a task (true) or timed out (false).
   void spun(bool caught) {
     if (caught) {
-      misses_ = 0;
+      nextSkip_ = 1;
       return;
     }
-    misses_ = std::min(misses_ + 1, kMaxShift);
-    skip_ = std::min(kMaxSkip, 1u << (misses_ - 1));
+    skip_ = nextSkip_;
+    nextSkip_ = std::min(kMaxSkip, 2 * nextSkip_);
   }
 
  private:
-  static constexpr unsigned kMaxShift = 7;
-  unsigned misses_ = 0;  // spins in a row that timed out
-  unsigned skip_ = 0;    // idle spells left to pass without a spin
+  unsigned nextSkip_ = 1;  // idle spells to skip after the next miss
+  unsigned skip_ = 0;      // idle spells left to pass without a spin
 };
 
 class ThreadPool {
